@@ -1,0 +1,18 @@
+# Warnings and shared build options live on one interface target that every
+# project target links, so they are enforced everywhere rather than by habit.
+add_library(tamsel_options INTERFACE)
+target_compile_options(tamsel_options INTERFACE
+  -Wall -Wextra -Wpedantic
+  # g++ 12 reports coroutine frames as mismatched new/delete.
+  -Wno-mismatched-new-delete)
+target_compile_definitions(tamsel_options INTERFACE
+  BOOST_ASIO_SEPARATE_COMPILATION
+  BOOST_BEAST_SEPARATE_COMPILATION
+  BOOST_ASIO_NO_DEPRECATED)
+target_link_libraries(tamsel_options INTERFACE Threads::Threads)
+
+set(TAMSEL_SANITIZE "" CACHE STRING "Sanitizers to build with, e.g. address,undefined")
+if(TAMSEL_SANITIZE)
+  target_compile_options(tamsel_options INTERFACE -fsanitize=${TAMSEL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(tamsel_options INTERFACE -fsanitize=${TAMSEL_SANITIZE})
+endif()

@@ -1,0 +1,18 @@
+#pragma once
+#include <filesystem>
+#include <string_view>
+
+namespace tamsel::base {
+
+// Writes `contents` to `path` so that readers see either the old file or the whole new one:
+// a temporary file in the same folder, fsync, rename, then fsync of the folder.
+// `mode` is applied to the new file (0600 for files that hold secrets or user data).
+// Throws std::system_error on failure; the old file is left untouched then.
+void writeFileAtomically(const std::filesystem::path& path, std::string_view contents,
+                         unsigned mode = 0600);
+
+// Reads a whole file; std::nullopt-like empty result is not used so callers can tell
+// "missing" from "empty": returns false when the file cannot be opened.
+bool readFile(const std::filesystem::path& path, std::string& out);
+
+}  // namespace tamsel::base

@@ -1,0 +1,36 @@
+#include "tamsel/base/env.hpp"
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <mutex>
+
+namespace tamsel::base::env {
+
+namespace {
+std::mutex& envMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+}  // namespace
+
+std::optional<std::string> get(const char* name) {
+  std::lock_guard lock(envMutex());
+  const char* value = std::getenv(name);
+  if (!value) return std::nullopt;
+  return std::string(value);
+}
+
+void set(const char* name, const std::string& value) {
+  std::lock_guard lock(envMutex());
+  ::setenv(name, value.c_str(), 1);
+}
+
+std::string homeDirectory() {
+  if (auto home = get("HOME"); home && !home->empty()) return *home;
+  if (const passwd* entry = ::getpwuid(::getuid()); entry && entry->pw_dir) return entry->pw_dir;
+  return "/";
+}
+
+}  // namespace tamsel::base::env

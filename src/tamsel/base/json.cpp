@@ -1,0 +1,115 @@
+#include "tamsel/base/json.hpp"
+
+#include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
+#include <charconv>
+#include <cmath>
+
+namespace tamsel::base::json {
+
+bj::value parse(std::string_view text) {
+  boost::system::error_code ec;
+  bj::value value = bj::parse(text, ec);
+  if (ec) throw DecodeError("invalid JSON: " + ec.message());
+  return value;
+}
+
+namespace {
+
+void serializeInto(std::string& out, const bj::value& value) {
+  switch (value.kind()) {
+    case bj::kind::double_: {
+      const double d = value.get_double();
+      if (!std::isfinite(d)) {
+        out += "null";
+        return;
+      }
+      char buffer[32];
+      auto result = std::to_chars(buffer, buffer + sizeof buffer, d);
+      std::string_view text(buffer, static_cast<size_t>(result.ptr - buffer));
+      out += text;
+      // Keep a double recognisable as one when a peer reads it back.
+      if (text.find_first_of(".eEn") == std::string_view::npos) out += ".0";
+      return;
+    }
+    case bj::kind::array: {
+      out += '[';
+      bool first = true;
+      for (const auto& item : value.get_array()) {
+        if (!first) out += ',';
+        first = false;
+        serializeInto(out, item);
+      }
+      out += ']';
+      return;
+    }
+    case bj::kind::object: {
+      out += '{';
+      bool first = true;
+      for (const auto& entry : value.get_object()) {
+        if (!first) out += ',';
+        first = false;
+        out += bj::serialize(bj::string_view(entry.key()));
+        out += ':';
+        serializeInto(out, entry.value());
+      }
+      out += '}';
+      return;
+    }
+    default:
+      out += bj::serialize(value);
+  }
+}
+
+}  // namespace
+
+std::string serialize(const bj::value& value) {
+  std::string out;
+  serializeInto(out, value);
+  return out;
+}
+
+void typeMismatch(std::string_view path, std::string_view expected) {
+  throw DecodeError("expected " + std::string(expected) + " at " + std::string(path));
+}
+
+void decodeFrom(const bj::value& in, bool& out, std::string_view path) {
+  if (!in.is_bool()) typeMismatch(path, "a bool");
+  out = in.get_bool();
+}
+
+void decodeFrom(const bj::value& in, std::string& out, std::string_view path) {
+  if (!in.is_string()) typeMismatch(path, "a string");
+  out.assign(in.get_string().data(), in.get_string().size());
+}
+
+void decodeFrom(const bj::value& in, double& out, std::string_view path) {
+  if (in.is_double()) out = in.get_double();
+  else if (in.is_int64()) out = static_cast<double>(in.get_int64());
+  else if (in.is_uint64()) out = static_cast<double>(in.get_uint64());
+  else typeMismatch(path, "a number");
+}
+
+void decodeFrom(const bj::value& in, std::int64_t& out, std::string_view path) {
+  if (in.is_int64()) out = in.get_int64();
+  else if (in.is_uint64() && in.get_uint64() <= static_cast<std::uint64_t>(INT64_MAX))
+    out = static_cast<std::int64_t>(in.get_uint64());
+  else if (in.is_double() && in.get_double() == static_cast<double>(static_cast<std::int64_t>(in.get_double())))
+    out = static_cast<std::int64_t>(in.get_double());
+  else typeMismatch(path, "an integer");
+}
+
+void decodeFrom(const bj::value& in, Timestamp& out, std::string_view path) {
+  if (!in.is_string()) typeMismatch(path, "a date string");
+  const auto& s = in.get_string();
+  auto parsed = parseISO8601(std::string_view(s.data(), s.size()));
+  if (!parsed) throw DecodeError("invalid date \"" + std::string(s.data(), s.size()) + "\" at " + std::string(path));
+  out = *parsed;
+}
+
+void decodeFrom(const bj::value& in, bj::object& out, std::string_view path) {
+  if (!in.is_object()) typeMismatch(path, "an object");
+  out = in.get_object();
+}
+
+}  // namespace tamsel::base::json

@@ -1,0 +1,98 @@
+#pragma once
+// The desktop's only door to the engine's HTTP API on 127.0.0.1.
+//
+// Every call carries the presence header; the calls that start or stream work also carry the
+// device identifier and the consumer capabilities. Replies are checked and decoded into their
+// records; a status of 400 or more becomes a DaemonClientException (see DaemonClientError), a
+// transport failure a TransportError. The client keeps no error state and never retries.
+//
+// Operations run on the caller's executor; any number may be in flight at once, each on the
+// shared HTTP session of its kind, so a long reply stream never holds up a control call.
+#include <boost/asio/awaitable.hpp>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "tamsel/bridge/daemon_records.hpp"
+#include "tamsel/bridge/http_transport.hpp"
+
+namespace tamsel::bridge {
+
+class DaemonClient {
+ public:
+  static constexpr std::uint16_t defaultPort = 7533;
+
+  struct Config {
+    std::uint16_t port = defaultPort;
+    std::string presenceToken;  // secret: never logged
+    std::string deviceID;
+    std::vector<std::string> consumerCapabilities;
+  };
+
+  using Query = std::vector<std::pair<std::string, std::string>>;
+
+  explicit DaemonClient(Config config);
+
+  std::uint16_t port() const { return config_.port; }
+  std::string baseURL() const { return "http://127.0.0.1:" + std::to_string(config_.port); }
+
+  // Liveness: true when "/health" answers below 400. Outside the other sessions' limits.
+  boost::asio::awaitable<bool> health();
+  boost::asio::awaitable<DaemonStatus> status();
+  boost::asio::awaitable<void> shutdown();
+
+  boost::asio::awaitable<std::vector<DaemonAgent>> agents();
+  boost::asio::awaitable<std::vector<DaemonSession>> sessions(const SessionListQuery& query = {});
+  boost::asio::awaitable<SessionPage> sessionPage(const SessionPageQuery& query);
+  boost::asio::awaitable<SessionPage> searchSessions(const SessionSearchQuery& query);
+  boost::asio::awaitable<SessionDetail> sessionDetail(const std::string& sessionId,
+                                                      const std::optional<std::string>& agent);
+
+  // Streamed replies; the caller reads the event stream. Fails before the stream starts with
+  // the mapped error of the response.
+  boost::asio::awaitable<std::unique_ptr<HttpStream>> sendMessage(const SendMessageRequest& request);
+  boost::asio::awaitable<std::unique_ptr<HttpStream>> editAndResend(const std::string& sessionId,
+                                                                    const EditMessageRequest& request);
+
+  // A reply without a message id fails with "enqueue: missing message_id" unless "deduped".
+  boost::asio::awaitable<QueueEnqueueReply> enqueue(const QueueEnqueueRequest& request);
+  boost::asio::awaitable<void> cancel(const CancelRequest& request);
+  boost::asio::awaitable<void> answerApproval(const ApprovalResponseBody& body);
+  boost::asio::awaitable<void> answerQuestion(const QuestionResponseBody& body);
+
+  boost::asio::awaitable<JSON> permissions();
+  boost::asio::awaitable<JSON> requestPermission(const JSON& body);
+  boost::asio::awaitable<JSON> alwaysAllow(const std::string& method, const std::optional<JSON>& body);
+
+  // Any endpoint with a generic JSON body and reply (the configuration, skills, schedules,
+  // projects, account, pairing and computer-use endpoints). `segments` are appended to the base
+  // address one by one, each percent-encoded: {"skills", "install", id}. The session is chosen
+  // from the path unless given.
+  boost::asio::awaitable<JSON> call(std::string method, const std::vector<std::string>& segments,
+                                    const std::optional<JSON>& body = std::nullopt,
+                                    const Query& query = {},
+                                    std::optional<HttpSessionKind> session = std::nullopt);
+  // A skill package upload: a multipart body with one "application/zip" part.
+  boost::asio::awaitable<JSON> uploadSkillPackage(const std::string& filename, std::string zipBytes);
+
+  // "/path/seg%20ment?x=1" from segments and query items.
+  static std::string buildTarget(const std::vector<std::string>& segments, const Query& query);
+  static HttpSessionKind sessionFor(const std::vector<std::string>& segments);
+  // The response check: below 400 returns the body; otherwise throws the mapped error.
+  static const std::string& check(const HttpResponse& response);
+
+ private:
+  HttpRequest makeRequest(std::string method, std::string target, bool identifiesWork) const;
+  boost::asio::awaitable<HttpResponse> exchange(HttpSessionKind kind, HttpRequest request);
+  template <class Reply>
+  boost::asio::awaitable<Reply> getJSON(std::string target, HttpSessionKind kind);
+  boost::asio::awaitable<std::unique_ptr<HttpStream>> openStream(std::string target, std::string body);
+
+  Config config_;
+};
+
+}  // namespace tamsel::bridge

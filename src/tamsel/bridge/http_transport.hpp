@@ -1,0 +1,86 @@
+#pragma once
+// HTTP/1.1 to the engine on 127.0.0.1, behind a plain interface so that only one source file
+// pays for Beast. Each request opens its own loopback connection, which keeps a slow streamed
+// reply from ever holding up a short control call.
+#include <boost/asio/awaitable.hpp>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace tamsel::bridge {
+
+enum class HttpSessionKind {
+  longLived,  // streamed replies: one day, at most 64 connections at once
+  control,    // short control calls: 5 s
+  capture,    // screen-capture transfers: 25 s
+  config,     // configuration reads and writes: 20 s
+  liveness,   // the "/health" probe: outside the limits of the others, 5 s
+};
+
+struct HttpSessionConfig {
+  std::chrono::seconds timeLimit;
+  std::size_t maxConnections;  // 0: unlimited
+};
+
+struct HttpRequest {
+  std::string method = "GET";
+  std::string target = "/";  // path and query, already encoded
+  std::vector<std::pair<std::string, std::string>> headers;
+  std::string body;
+  std::string contentType;  // sent when not empty
+};
+
+struct HttpResponse {
+  int status = 0;
+  std::string contentType;
+  std::string body;
+};
+
+// A response whose body is read as it arrives (chunked or close-delimited), with no size limit.
+// Destroying it closes the connection, which is how a consumer cancels the request.
+class HttpStream {
+ public:
+  virtual ~HttpStream() = default;
+  virtual int status() const = 0;
+  virtual const std::string& contentType() const = 0;
+  // The next bytes of the body, or nothing at its end. Throws TransportError.
+  // The view is valid until the next call.
+  virtual boost::asio::awaitable<std::optional<std::string_view>> readSome() = 0;
+  // The remaining body as one text (for error bodies of failed stream requests).
+  boost::asio::awaitable<std::string> readAll();
+};
+
+class ConnectionLimiter;
+
+// One per kind for the whole process, shared by every client. Operations run on the caller's
+// executor and may be used from several at once.
+class HttpSession {
+ public:
+  static HttpSession& shared(HttpSessionKind kind);
+  static HttpSessionConfig defaultConfig(HttpSessionKind kind);
+
+  explicit HttpSession(HttpSessionConfig config);
+  ~HttpSession();
+  HttpSession(const HttpSession&) = delete;
+  HttpSession& operator=(const HttpSession&) = delete;
+
+  const HttpSessionConfig& config() const { return config_; }
+  std::size_t activeConnections() const;
+
+  // Sends the request and reads the whole response. Throws TransportError.
+  boost::asio::awaitable<HttpResponse> send(std::uint16_t port, HttpRequest request);
+  // Sends the request and returns once the response header has arrived.
+  boost::asio::awaitable<std::unique_ptr<HttpStream>> open(std::uint16_t port, HttpRequest request);
+
+ private:
+  HttpSessionConfig config_;
+  std::shared_ptr<ConnectionLimiter> limiter_;
+};
+
+}  // namespace tamsel::bridge

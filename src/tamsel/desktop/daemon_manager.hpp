@@ -1,0 +1,171 @@
+#pragma once
+// The engine supervisor: finds the engine, takes it over from a legacy user service, reuses an
+// engine left running when it speaks our protocol, otherwise starts one as a child process, waits
+// for it to answer, watches it and restarts it a bounded number of times after a crash.
+//
+// Lives on the main executor: every method must be called there, and every change of the
+// observable state is published there, in order, through `changed`.
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "tamsel/base/main_executor.hpp"
+#include "tamsel/base/signal.hpp"
+#include "tamsel/bridge/daemon_client.hpp"
+#include "tamsel/bridge/daemon_reconciler.hpp"
+#include "tamsel/platform/child_process.hpp"
+
+namespace tamsel::desktop {
+
+struct DaemonManagerError {
+  struct ProcessFailed {
+    std::int32_t status = 0;
+  };
+  struct BinaryNotFound {};
+  std::variant<ProcessFailed, BinaryNotFound> value;
+  std::string description() const;
+};
+
+class DaemonManagerException : public std::runtime_error {
+ public:
+  explicit DaemonManagerException(DaemonManagerError error)
+      : std::runtime_error(error.description()), error_(std::move(error)) {}
+  const DaemonManagerError& error() const { return error_; }
+
+ private:
+  DaemonManagerError error_;
+};
+
+class DaemonManager {
+ public:
+  struct State {
+    enum class Kind { running, failed, unknown, notInstalled, starting };
+    Kind kind = Kind::unknown;
+    std::string message;  // for `failed`
+
+    static State running() { return {Kind::running, {}}; }
+    static State failed(std::string message) { return {Kind::failed, std::move(message)}; }
+    static State unknown() { return {Kind::unknown, {}}; }
+    static State notInstalled() { return {Kind::notInstalled, {}}; }
+    static State starting() { return {Kind::starting, {}}; }
+
+    bool operator==(const State&) const = default;
+    // What the user sees.
+    std::string displayText() const;
+    // "running", "failed", "unknown", "not_installed", "starting".
+    std::string name() const;
+  };
+
+  enum class LocalEndpointHealth { unknown, ready, reconnecting, down };
+  static std::string name(LocalEndpointHealth health);
+
+  struct DaemonCapabilityState {
+    bool hasObservedSuccessfulStatus = false;
+    std::set<std::string> tokens;
+    bool operator==(const DaemonCapabilityState&) const = default;
+  };
+
+  static constexpr std::int64_t maxRestarts = 5;
+
+  struct Config {
+    std::uint16_t port = bridge::DaemonClient::defaultPort;
+    // The engine's daemon-mode arguments, before the RPC options; "{port}" becomes the port.
+    std::vector<std::string> daemonArguments{"daemon", "--port", "{port}"};
+    std::optional<std::filesystem::path> axServerBundleOverride;
+    std::string deviceID;
+    double restartDelaySeconds = 5;
+    int readinessPolls = 10;
+    double readinessIntervalSeconds = 0.5;
+    double healthIntervalSeconds = 5;
+    int healthFailuresBeforeFailed = 3;
+    double terminateGraceSeconds = 3;
+    double killGraceSeconds = 2;
+    double reconcilePollSeconds = 0.1;
+    // After this long running without a crash, the restart budget is whole again.
+    double stableRunSeconds = 600;
+  };
+
+  // The effects the manager relies on, replaceable in tests.
+  struct Hooks {
+    std::function<std::optional<std::filesystem::path>()> locateEngine;
+    std::function<std::unique_ptr<platform::Process>(const platform::LaunchOptions&)> launch;
+    std::function<std::unique_ptr<platform::Process>(std::int32_t pid)> adopt;
+    bridge::DaemonReconciler::SignalFunction sendSignal;
+    // Asks a running engine which protocol version it speaks.
+    bridge::DaemonReconciler::Probe probe;
+    // Turns off the legacy user service that may keep its own engine alive.
+    std::function<void()> claimLegacyService;
+  };
+
+  DaemonManager(base::MainExecutor executor, Config config);
+  // Replaces the default effects; call before start().
+  void setHooks(Hooks hooks);
+  ~DaemonManager();
+
+  // Observable state.
+  const State& state() const { return state_; }
+  LocalEndpointHealth localEndpoint() const { return localEndpoint_; }
+  const DaemonCapabilityState& capabilityState() const { return capabilityState_; }
+  const std::optional<std::string>& installedVersion() const { return installedVersion_; }
+  const std::optional<std::string>& activeAgent() const { return activeAgent_; }
+  std::int64_t restartCount() const { return restartCount_; }
+  bool isBootstrapping() const { return isBootstrapping_; }
+  std::optional<std::int32_t> enginePID() const;
+  // True when the engine was started by this process (not reused).
+  bool ownsEngineProcess() const;
+  const std::optional<std::filesystem::path>& enginePath() const { return enginePath_; }
+  // The arguments the engine was last started with.
+  const std::vector<std::string>& lastLaunchArguments() const { return lastLaunchArguments_; }
+  base::Signal<>& changed() { return changed_; }
+
+  bridge::DaemonClient& client() { return *client_; }
+
+  // Runs the start sequence unless one is running. A start the user asks for also gives back
+  // the whole restart budget.
+  void start();
+  // Completes the start sequence and calls `done` on the main executor afterwards.
+  void start(std::function<void()> done);
+  void restart();
+  // Asks the engine to shut down ("/shutdown"); an engine this process started that does not
+  // go within `graceSeconds` is terminated. Calls `done` when it is gone or given up on.
+  void stop(std::function<void()> done, double graceSeconds = 5);
+
+  // Runs an executable; returns its standard output when `collectOutput`; throws
+  // DaemonManagerException(processFailed) for a non-zero exit status.
+  static std::optional<std::string> runCommand(const std::filesystem::path& executable,
+                                               const std::vector<std::string>& arguments,
+                                               bool collectOutput);
+
+  // The child's arguments: the daemon-mode arguments, then the RPC options unless switched off.
+  static std::vector<std::string> engineArguments(const std::vector<std::string>& daemonArguments,
+                                                  std::uint16_t port, bool rpcEnabled,
+                                                  const std::filesystem::path& socketPath,
+                                                  const std::filesystem::path& pidfilePath);
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+
+  State state_;
+  LocalEndpointHealth localEndpoint_ = LocalEndpointHealth::unknown;
+  DaemonCapabilityState capabilityState_;
+  std::optional<std::string> installedVersion_;
+  std::optional<std::string> activeAgent_;
+  std::int64_t restartCount_ = 0;
+  bool isBootstrapping_ = false;
+  bool hasClaimedOwnership_ = false;
+  std::optional<std::filesystem::path> enginePath_;
+  std::vector<std::string> lastLaunchArguments_;
+  std::unique_ptr<bridge::DaemonClient> client_;
+  base::Signal<> changed_;
+
+  friend struct DaemonManagerAccess;
+};
+
+}  // namespace tamsel::desktop

@@ -1,0 +1,232 @@
+#include "tamsel/platform/child_process.hpp"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <boost/asio/posix/stream_descriptor.hpp>
+#include <boost/asio/this_coro.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <system_error>
+#include <thread>
+
+extern char** environ;
+
+namespace tamsel::platform {
+
+namespace asio = boost::asio;
+namespace fs = std::filesystem;
+
+namespace {
+
+int pidfdOpen(pid_t pid) { return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)); }
+
+ExitStatus fromWaitStatus(int status) {
+  if (WIFSIGNALED(status)) return {true, WTERMSIG(status), true};
+  return {false, WEXITSTATUS(status), true};
+}
+
+std::vector<char*> cStrings(std::vector<std::string>& strings) {
+  std::vector<char*> out;
+  out.reserve(strings.size() + 1);
+  for (auto& s : strings) out.push_back(s.data());
+  out.push_back(nullptr);
+  return out;
+}
+
+// posix_spawn with the given file actions; throws with the spawn error.
+pid_t spawn(const fs::path& executable, std::vector<std::string> argv, std::vector<std::string> envp,
+            posix_spawn_file_actions_t* actions, bool newSession) {
+  posix_spawnattr_t attr;
+  posix_spawnattr_init(&attr);
+  short flags = POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;
+  if (newSession) flags |= POSIX_SPAWN_SETSID;
+  posix_spawnattr_setflags(&attr, flags);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigmask(&attr, &none);
+  sigset_t defaults;
+  sigemptyset(&defaults);
+  sigaddset(&defaults, SIGPIPE);
+  sigaddset(&defaults, SIGINT);
+  sigaddset(&defaults, SIGTERM);
+  posix_spawnattr_setsigdefault(&attr, &defaults);
+  auto args = cStrings(argv);
+  auto env = cStrings(envp);
+  pid_t pid = 0;
+  const int rc = ::posix_spawn(&pid, executable.c_str(), actions, &attr, args.data(), env.data());
+  posix_spawnattr_destroy(&attr);
+  if (rc != 0) throw std::system_error(rc, std::generic_category(), "cannot start " + executable.string());
+  return pid;
+}
+
+}  // namespace
+
+std::string ExitStatus::describe() const {
+  if (!known) return "ended";
+  if (signaled) return "killed by signal " + std::to_string(code);
+  return "exited with status " + std::to_string(code);
+}
+
+Process::Process(std::int32_t pid, int pidfd, bool isChild) : pid_(pid), pidfd_(pidfd), isChild_(isChild) {}
+
+Process::~Process() {
+  if (pidfd_ >= 0) ::close(pidfd_);
+}
+
+std::unique_ptr<Process> Process::launch(const LaunchOptions& options) {
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  if (options.outputFile) {
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, options.outputFile->c_str(),
+                                     O_WRONLY | O_CREAT | O_APPEND, 0600);
+    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+  }
+  std::vector<std::string> argv{options.executable.string()};
+  argv.insert(argv.end(), options.arguments.begin(), options.arguments.end());
+  pid_t pid = 0;
+  try {
+    pid = spawn(options.executable, std::move(argv), options.environment, &actions, options.newSession);
+  } catch (...) {
+    posix_spawn_file_actions_destroy(&actions);
+    throw;
+  }
+  posix_spawn_file_actions_destroy(&actions);
+  return std::unique_ptr<Process>(new Process(pid, pidfdOpen(pid), true));
+}
+
+std::unique_ptr<Process> Process::adopt(std::int32_t pid) {
+  const int fd = pidfdOpen(pid);
+  if (fd < 0) return nullptr;
+  return std::unique_ptr<Process>(new Process(pid, fd, false));
+}
+
+bool Process::isRunning() const {
+  if (exited_) return false;
+  if (pidfd_ >= 0) {
+    pollfd p{pidfd_, POLLIN, 0};
+    return ::poll(&p, 1, 0) == 0;
+  }
+  return ::kill(pid_, 0) == 0 || errno == EPERM;
+}
+
+void Process::signal(int signalNumber) const {
+  if (!exited_) ::kill(pid_, signalNumber);
+}
+
+asio::awaitable<ExitStatus> Process::waitForExit() {
+  if (exited_) co_return *exited_;
+  if (pidfd_ >= 0) {
+    // Wait on a duplicate so the descriptor object can own and close it.
+    asio::posix::stream_descriptor descriptor(co_await asio::this_coro::executor, ::dup(pidfd_));
+    co_await descriptor.async_wait(asio::posix::stream_descriptor::wait_read, asio::use_awaitable);
+    // Another waiter may have reaped it meanwhile.
+    if (exited_) co_return *exited_;
+  }
+  if (isChild_) {
+    int status = 0;
+    pid_t got;
+    do {
+      got = ::waitpid(pid_, &status, 0);
+    } while (got < 0 && errno == EINTR);
+    exited_ = got == pid_ ? fromWaitStatus(status) : ExitStatus{false, 0, false};
+  } else {
+    exited_ = ExitStatus{false, 0, false};
+  }
+  co_return *exited_;
+}
+
+CommandResult runToCompletion(const fs::path& executable, const std::vector<std::string>& arguments,
+                              bool collectOutput, double timeLimitSeconds) {
+  int pipeFds[2] = {-1, -1};
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  if (collectOutput) {
+    if (::pipe2(pipeFds, O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
+    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
+  } else {
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  }
+  std::vector<std::string> argv{executable.string()};
+  argv.insert(argv.end(), arguments.begin(), arguments.end());
+  pid_t pid = 0;
+  try {
+    pid = spawn(executable, std::move(argv), currentEnvironment(), &actions, false);
+  } catch (...) {
+    posix_spawn_file_actions_destroy(&actions);
+    if (collectOutput) {
+      ::close(pipeFds[0]);
+      ::close(pipeFds[1]);
+    }
+    throw;
+  }
+  posix_spawn_file_actions_destroy(&actions);
+
+  CommandResult result;
+  const auto deadline = std::chrono::steady_clock::now() +
+                        std::chrono::milliseconds(static_cast<long long>(timeLimitSeconds * 1000));
+  bool killed = false;
+  if (collectOutput) {
+    ::close(pipeFds[1]);
+    char buffer[4096];
+    while (true) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+      pollfd p{pipeFds[0], POLLIN, 0};
+      const int ready = ::poll(&p, 1, static_cast<int>(std::max<long long>(0, left.count())));
+      if (ready == 0) {
+        ::kill(pid, SIGKILL);
+        killed = true;
+        break;
+      }
+      if (ready < 0 && errno == EINTR) continue;
+      const ssize_t n = ::read(pipeFds[0], buffer, sizeof buffer);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      result.output.append(buffer, static_cast<size_t>(n));
+    }
+    ::close(pipeFds[0]);
+  }
+  int status = 0;
+  while (true) {
+    const pid_t got = ::waitpid(pid, &status, killed ? 0 : WNOHANG);
+    if (got == pid) break;
+    if (got < 0 && errno != EINTR) break;
+    if (got == 0) {
+      if (std::chrono::steady_clock::now() >= deadline) {
+        ::kill(pid, SIGKILL);
+        killed = true;
+        continue;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  }
+  result.status = fromWaitStatus(status);
+  return result;
+}
+
+std::vector<std::string> currentEnvironment() {
+  std::vector<std::string> out;
+  for (char** entry = environ; entry && *entry; ++entry) out.emplace_back(*entry);
+  return out;
+}
+
+bool isExecutableFile(const fs::path& path) {
+  std::error_code ec;
+  return !path.empty() && fs::is_regular_file(path, ec) && ::access(path.c_str(), X_OK) == 0;
+}
+
+fs::path executableDirectory() {
+  std::error_code ec;
+  auto self = fs::read_symlink("/proc/self/exe", ec);
+  return ec ? fs::path() : self.parent_path();
+}
+
+}  // namespace tamsel::platform
