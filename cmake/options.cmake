@@ -4,7 +4,9 @@ add_library(tamsel_options INTERFACE)
 target_compile_options(tamsel_options INTERFACE
   -Wall -Wextra -Wpedantic
   # g++ 12 reports coroutine frames as mismatched new/delete.
-  -Wno-mismatched-new-delete)
+  -Wno-mismatched-new-delete
+  # g++ 12 reports std::optional members as maybe-uninitialized after inlining.
+  -Wno-maybe-uninitialized)
 target_compile_definitions(tamsel_options INTERFACE
   BOOST_ASIO_SEPARATE_COMPILATION
   BOOST_BEAST_SEPARATE_COMPILATION

@@ -1,1 +1,84 @@
-int main(){}
+// tamsel: the command-line desktop client.
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdlib>
+#include <iostream>
+#include <sstream>
+
+#include "cli.hpp"
+#include "tamsel/base/env.hpp"
+
+namespace {
+
+std::vector<std::string> splitWords(const std::string& text) {
+  std::istringstream in(text);
+  std::vector<std::string> words;
+  for (std::string word; in >> word;) words.push_back(word);
+  return words;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  using namespace tamsel;
+  // A closed pipe on our output is reported by write errors, not by dying.
+  std::signal(SIGPIPE, SIG_IGN);
+  CLI::App app{"Tamsel Desktop: supervise and talk to the local agent engine"};
+  app.set_version_flag("--version", std::string("tamsel ") + TAMSEL_VERSION);
+  app.require_subcommand(1);
+
+  cli::GlobalOptions options;
+  options.engineHome = std::filesystem::path(base::env::homeDirectory()) / ".verdane";
+  std::string engineArgs = "daemon --port {port}";
+  app.add_option("--engine-port", options.enginePort, "Engine HTTP port on 127.0.0.1")
+      ->envname("TAMSEL_ENGINE_PORT")
+      ->capture_default_str();
+  app.add_option("--engine-home", options.engineHome, "The engine's home folder (session files)")
+      ->capture_default_str();
+  app.add_option("--engine-args", engineArgs,
+                 "The engine's daemon-mode arguments; {port} becomes the port")
+      ->envname("TAMSEL_ENGINE_ARGS")
+      ->capture_default_str();
+
+  auto* engine = app.add_subcommand("engine", "Start, inspect or stop the engine");
+  engine->require_subcommand(1);
+  auto* engineStart = engine->add_subcommand("start", "Start the engine, or reuse a running one");
+  auto* engineStatus = engine->add_subcommand("status", "Show the engine's state; starts nothing");
+  bool statusJSON = false;
+  engineStatus->add_flag("--json", statusJSON, "Print one JSON object");
+  auto* engineStop = engine->add_subcommand("stop", "Ask the engine to shut down");
+
+  auto* run = app.add_subcommand("run", "Run headless: supervise the engine until interrupted");
+  bool runJSON = false;
+  run->add_flag("--json", runJSON, "Print each state change as one JSON object per line");
+
+  auto* agents = app.add_subcommand("agents", "List the engine's agents");
+  bool agentsJSON = false;
+  agents->add_flag("--json", agentsJSON, "Print JSON");
+
+  auto* sessions = app.add_subcommand("sessions", "List chat sessions");
+  bool sessionsJSON = false;
+  std::optional<std::string> sessionsAgent;
+  sessions->add_option("--agent", sessionsAgent, "Only this agent's sessions");
+  sessions->add_flag("--json", sessionsJSON, "Print JSON");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e);
+  }
+  options.engineArguments = splitWords(engineArgs);
+
+  try {
+    if (*engineStart) return cli::engineStart(options);
+    if (*engineStatus) return cli::engineStatus(options, statusJSON);
+    if (*engineStop) return cli::engineStop(options);
+    if (*run) return cli::runHeadless(options, runJSON);
+    if (*agents) return cli::listAgents(options, agentsJSON);
+    if (*sessions) return cli::listSessions(options, sessionsAgent, sessionsJSON);
+  } catch (const std::exception& e) {
+    cli::printError(e.what());
+    return cli::kExitFailure;
+  }
+  return cli::kExitUsage;
+}

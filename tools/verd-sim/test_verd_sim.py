@@ -279,6 +279,9 @@ class Conversation(unittest.TestCase):
         self.assertEqual((resp.status, body["code"]), (409, "idempotent_request_in_progress"))
         _, listed = sim.request("GET", "/sessions")
         self.assertTrue(next(s for s in listed if s["id"] == "s_2b81d4e7")["in_progress"])
+        # While held, keepalive comments keep flowing so the client's idle timer stays quiet.
+        while b": keepalive" not in received.split(b"event: tool", 1)[1]:
+            received += sock.recv(4096)
         self.assertEqual(sim.request("POST", "/cancel", {"session_id": "s_2b81d4e7"})[1],
                          {"ok": True, "cancelled": True})
 

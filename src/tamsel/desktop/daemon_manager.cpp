@@ -101,11 +101,12 @@ struct DaemonManager::Impl {
   std::uint64_t generation = 0;
   std::chrono::steady_clock::time_point runningSince{};
   std::vector<std::function<void()>> startWaiters;
+  bool publishPending = false;
   std::unique_ptr<asio::steady_timer> monitorTimer;
 };
 
 DaemonManager::DaemonManager(base::MainExecutor executor, Config config)
-    : impl_(std::make_unique<Impl>(Impl{executor, std::move(config), {}, {}, false, false, 0, {}, {}, {}})) {
+    : impl_(std::make_unique<Impl>(Impl{executor, std::move(config), {}, {}, false, false, 0, {}, {}, false, {}})) {
   auto& cfg = impl_->config;
   client_ = std::make_unique<bridge::DaemonClient>(bridge::DaemonClient::Config{
       cfg.port, bridge::DaemonLocalPresence::token(), cfg.deviceID,
@@ -188,7 +189,17 @@ struct DaemonManagerAccess {
   DaemonManager& m;
   DaemonManager::Impl& impl;
 
-  void publish() { m.changed_.emit(); }
+  // Changes made in one turn of the main executor reach observers as one notification,
+  // posted after them, so observers always read a consistent state.
+  void publish() {
+    if (impl.publishPending) return;
+    impl.publishPending = true;
+    DaemonManager* manager = &m;
+    impl.executor.post([manager] {
+      manager->impl_->publishPending = false;
+      manager->changed_.emit();
+    });
+  }
 
   void setState(DaemonManager::State state) {
     if (m.state_ == state) return;

@@ -1,0 +1,39 @@
+#pragma once
+// Shared pieces of the command-line front end. Commands run on the main thread's io_context,
+// which is the main executor of the core's controllers.
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tamsel/desktop/daemon_manager.hpp"
+
+namespace tamsel::cli {
+
+struct GlobalOptions {
+  std::uint16_t enginePort = 7533;
+  std::filesystem::path engineHome;          // the engine's home for session files
+  std::vector<std::string> engineArguments;  // daemon-mode arguments; "{port}" is replaced
+};
+
+// Exit codes.
+inline constexpr int kExitOK = 0;
+inline constexpr int kExitFailure = 1;
+inline constexpr int kExitUsage = 2;
+inline constexpr int kExitNotRunning = 3;
+
+desktop::DaemonManager::Config managerConfig(const GlobalOptions& options);
+
+int engineStart(const GlobalOptions& options);
+int engineStatus(const GlobalOptions& options, bool asJSON);
+int engineStop(const GlobalOptions& options);
+int runHeadless(const GlobalOptions& options, bool asJSON);
+int listAgents(const GlobalOptions& options, bool asJSON);
+int listSessions(const GlobalOptions& options, const std::optional<std::string>& agent, bool asJSON);
+
+// Prints an error the way every command does: "tamsel: <text>" on stderr.
+void printError(const std::string& text);
+
+}  // namespace tamsel::cli

@@ -1,0 +1,218 @@
+// tamsel engine start | status | stop, and tamsel run.
+#include <signal.h>
+
+#include <boost/asio/signal_set.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <iostream>
+
+#include "cli.hpp"
+#include "runtime.hpp"
+#include "tamsel/base/dates.hpp"
+#include "tamsel/base/env.hpp"
+#include "tamsel/base/json.hpp"
+#include "tamsel/base/main_executor.hpp"
+#include "tamsel/bridge/daemon_local_presence.hpp"
+#include "tamsel/bridge/daemon_paths.hpp"
+#include "tamsel/bridge/device_identity.hpp"
+#include "tamsel/bridge/pidfile_reader.hpp"
+#include "tamsel/desktop/engine_locator.hpp"
+
+namespace tamsel::cli {
+
+namespace asio = boost::asio;
+namespace bj = boost::json;
+using desktop::DaemonManager;
+
+void printError(const std::string& text) { std::cerr << "tamsel: " << text << std::endl; }
+
+DaemonManager::Config managerConfig(const GlobalOptions& options) {
+  DaemonManager::Config config;
+  config.port = options.enginePort;
+  if (!options.engineArguments.empty()) config.daemonArguments = options.engineArguments;
+  config.deviceID = bridge::desktopDeviceID();
+  if (auto ax = base::env::get("TAMSEL_AX_SERVER_BUNDLE_PATH"); ax && !ax->empty())
+    config.axServerBundleOverride = *ax;
+  return config;
+}
+
+namespace {
+
+bool pidAlive(std::int32_t pid) { return ::kill(pid, 0) == 0 || errno == EPERM; }
+
+// Ends an engine this command started but could not bring up: nobody asked to keep it.
+void abandonOwnedEngine(asio::io_context& io, DaemonManager& manager) {
+  if (!manager.ownsEngineProcess()) return;
+  manager.stop([&io] { io.stop(); }, 1);
+  io.restart();
+  io.run();
+}
+
+}  // namespace
+
+int engineStart(const GlobalOptions& options) {
+  asio::io_context io;
+  DaemonManager manager(base::MainExecutor(io), managerConfig(options));
+  manager.start([&io] { io.stop(); });
+  io.run();
+  const auto& state = manager.state();
+  if (state.kind == DaemonManager::State::Kind::running) {
+    std::cout << state.displayText();
+    if (auto pid = manager.enginePID()) std::cout << " (PID " << *pid << ", port " << options.enginePort << ")";
+    std::cout << std::endl;
+    return kExitOK;
+  }
+  printError(state.displayText());
+  abandonOwnedEngine(io, manager);
+  return kExitFailure;
+}
+
+int engineStatus(const GlobalOptions& options, bool asJSON) {
+  asio::io_context io;
+  bridge::DaemonClient client({options.enginePort, bridge::DaemonLocalPresence::token(), bridge::desktopDeviceID(), {}});
+
+  struct Report {
+    bool healthy = false;
+    std::optional<bridge::DaemonStatus> status;
+    std::string error;
+  };
+  auto report = runToEnd(io, [&]() -> asio::awaitable<Report> {
+    Report r;
+    try {
+      r.healthy = co_await client.health();
+    } catch (const std::exception& e) {
+      r.error = e.what();
+    }
+    try {
+      r.status = co_await client.status();
+    } catch (const std::exception& e) {
+      if (r.error.empty()) r.error = e.what();
+    }
+    co_return r;
+  }());
+
+  auto pid = bridge::PidfileReader::read(bridge::DaemonPaths::pidfilePath());
+  if (pid && !pidAlive(*pid)) pid.reset();
+  const bool running = report.status.has_value();
+  const std::string state = running ? "running" : pid ? "not_responding" : "stopped";
+  const std::string endpoint = report.healthy ? "ready" : pid ? "reconnecting" : "down";
+  const auto enginePath = desktop::EngineLocator::locate(desktop::EngineLocator::current());
+  const auto installed = enginePath ? desktop::EngineLocator::bundledVersion(*enginePath) : std::nullopt;
+
+  if (asJSON) {
+    bj::object out;
+    out["state"] = state;
+    out["pid"] = pid ? bj::value(*pid) : bj::value(nullptr);
+    out["port"] = options.enginePort;
+    out["local_endpoint"] = endpoint;
+    out["version"] = running && report.status->version ? bj::value(*report.status->version) : bj::value(nullptr);
+    bj::array caps;
+    if (running && report.status->capabilities)
+      for (const auto& c : *report.status->capabilities) caps.emplace_back(c);
+    out["capabilities"] = std::move(caps);
+    out["active_agent"] =
+        running && report.status->activeAgent ? bj::value(*report.status->activeAgent) : bj::value(nullptr);
+    out["engine_path"] = enginePath ? bj::value(enginePath->string()) : bj::value(nullptr);
+    out["installed_version"] = installed ? bj::value(*installed) : bj::value(nullptr);
+    out["error"] = running ? bj::value(nullptr) : bj::value(report.error);
+    std::cout << base::json::serialize(out) << std::endl;
+  } else {
+    std::cout << "Engine:        " << (running ? "Tamsel Engine is running" : pid ? "Engine not responding" : "Tamsel Engine is not running") << "\n";
+    std::cout << "PID:           " << (pid ? std::to_string(*pid) : "-") << "\n";
+    std::cout << "Endpoint:      http://127.0.0.1:" << options.enginePort << " (" << endpoint << ")\n";
+    if (running) {
+      std::cout << "Version:       " << report.status->version.value_or("-") << "\n";
+      std::cout << "Active agent:  " << report.status->activeAgent.value_or("-") << "\n";
+      std::string caps;
+      if (report.status->capabilities) caps = base::join(*report.status->capabilities, ", ");
+      std::cout << "Capabilities:  " << (caps.empty() ? "-" : caps) << "\n";
+    } else if (!report.error.empty()) {
+      std::cout << "Error:         " << report.error << "\n";
+    }
+    std::cout << "Executable:    " << (enginePath ? enginePath->string() : "not found");
+    if (installed) std::cout << " (version " << *installed << ")";
+    std::cout << std::endl;
+  }
+  return running ? kExitOK : kExitNotRunning;
+}
+
+int engineStop(const GlobalOptions& options) {
+  auto pid = bridge::PidfileReader::read(bridge::DaemonPaths::pidfilePath());
+  if (pid && !pidAlive(*pid)) pid.reset();
+  asio::io_context io;
+  DaemonManager manager(base::MainExecutor(io), managerConfig(options));
+  bool reachable = false;
+  try {
+    reachable = runToEnd(io, manager.client().health());
+  } catch (const std::exception&) {
+  }
+  if (!reachable && !pid) {
+    std::cout << "Tamsel Engine is not running" << std::endl;
+    return kExitOK;
+  }
+  manager.stop([&io] { io.stop(); }, 5);
+  io.restart();
+  io.run();
+  if (pid && pidAlive(*pid)) {
+    printError("Tamsel Engine (PID " + std::to_string(*pid) + ") did not shut down");
+    return kExitFailure;
+  }
+  std::cout << "Tamsel Engine stopped" << std::endl;
+  return kExitOK;
+}
+
+int runHeadless(const GlobalOptions& options, bool asJSON) {
+  asio::io_context io;
+  DaemonManager manager(base::MainExecutor(io), managerConfig(options));
+
+  struct Shown {
+    DaemonManager::State state;
+    DaemonManager::LocalEndpointHealth endpoint;
+    std::int64_t restarts;
+    std::optional<std::int32_t> pid;
+    bool operator==(const Shown& o) const {
+      return state == o.state && endpoint == o.endpoint && restarts == o.restarts && pid == o.pid;
+    }
+  };
+  std::optional<Shown> last;
+  auto show = [&] {
+    Shown now{manager.state(), manager.localEndpoint(), manager.restartCount(), manager.enginePID()};
+    if (last == now) return;
+    last = now;
+    const auto stamp = base::formatISO8601(
+        std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now()));
+    if (asJSON) {
+      bj::object line;
+      line["time"] = stamp;
+      line["state"] = now.state.name();
+      line["text"] = now.state.displayText();
+      line["local_endpoint"] = DaemonManager::name(now.endpoint);
+      line["pid"] = now.pid ? bj::value(*now.pid) : bj::value(nullptr);
+      line["restart_count"] = now.restarts;
+      std::cout << base::json::serialize(line) << std::endl;
+    } else {
+      std::cout << stamp << "  " << now.state.displayText() << "  [endpoint " << DaemonManager::name(now.endpoint);
+      if (now.pid) std::cout << ", PID " << *now.pid;
+      if (now.restarts) std::cout << ", restarts " << now.restarts;
+      std::cout << "]" << std::endl;
+    }
+  };
+  manager.changed().connect(show);
+
+  asio::signal_set signals(io, SIGINT, SIGTERM);
+  signals.async_wait([&](const boost::system::error_code& ec, int) {
+    if (ec) return;
+    if (!asJSON) std::cout << "Shutting down the engine…" << std::endl;
+    manager.stop([&io] { io.stop(); }, 5);
+    // A second signal ends at once.
+    signals.async_wait([&io](const boost::system::error_code& again, int) {
+      if (!again) io.stop();
+    });
+  });
+  manager.start();
+  io.run();
+  return kExitOK;
+}
+
+}  // namespace tamsel::cli
