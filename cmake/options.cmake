@@ -6,7 +6,9 @@ target_compile_options(tamsel_options INTERFACE
   # g++ 12 reports coroutine frames as mismatched new/delete.
   -Wno-mismatched-new-delete
   # g++ 12 reports std::optional members as maybe-uninitialized after inlining.
-  -Wno-maybe-uninitialized)
+  -Wno-maybe-uninitialized
+  # Designated initializers that leave members at their defaults are intended.
+  -Wno-missing-field-initializers)
 target_compile_definitions(tamsel_options INTERFACE
   BOOST_ASIO_SEPARATE_COMPILATION
   BOOST_BEAST_SEPARATE_COMPILATION

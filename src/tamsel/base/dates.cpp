@@ -37,7 +37,11 @@ std::optional<Timestamp> parseISO8601(std::string_view text) {
   std::string s = normaliseZone(text);
   s[10] = 'T';
   // With fractional seconds: a '.' must follow the seconds field.
-  if (s.size() > 19 && s[19] == '.') return parseWith<std::chrono::nanoseconds>(s);
+  if (s.size() > 19 && s[19] == '.') {
+    // The parser would take "02." as whole seconds; a fraction needs a digit.
+    if (s.size() < 21 || s[20] < '0' || s[20] > '9') return std::nullopt;
+    return parseWith<std::chrono::nanoseconds>(s);
+  }
   return parseWith<std::chrono::seconds>(s);
 }
 

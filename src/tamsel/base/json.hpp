@@ -216,5 +216,9 @@ template <class T>
 T decode(std::string_view text) {
   return decode<T>(parse(text));
 }
+template <class T>
+T decode(const char* text) {
+  return decode<T>(std::string_view(text));
+}
 
 }  // namespace tamsel::base::json

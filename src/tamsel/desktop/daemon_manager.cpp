@@ -400,6 +400,7 @@ struct DaemonManagerAccess {
     spawn([](DaemonManagerAccess self, std::uint64_t generation) -> asio::awaitable<void> {
       co_await sleepFor(self.impl.config.restartDelaySeconds);
       if (generation != self.impl.generation || self.m.isBootstrapping_ || self.impl.terminationRequested) co_return;
+      self.m.isBootstrapping_ = true;
       co_await self.startSequence();
     }(*this, impl.generation));
   }
@@ -478,6 +479,8 @@ void DaemonManager::start() { start(nullptr); }
 void DaemonManager::start(std::function<void()> done) {
   if (done) impl_->startWaiters.push_back(std::move(done));
   if (isBootstrapping_) return;
+  // Set before the sequence is scheduled so a second start in the same turn is ignored.
+  isBootstrapping_ = true;
   restartCount_ = 0;
   impl_->terminationRequested = false;
   DaemonManagerAccess access{*this, *impl_};

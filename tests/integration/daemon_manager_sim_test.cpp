@@ -1,0 +1,175 @@
+// DaemonManager supervising the engine simulator as a real child process, with short delays.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <fstream>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include "sim_harness.hpp"
+#include "tamsel/base/env.hpp"
+#include "tamsel/bridge/daemon_paths.hpp"
+#include "tamsel/bridge/pidfile_reader.hpp"
+#include "tamsel/desktop/daemon_manager.hpp"
+
+namespace tamsel::desktop {
+namespace {
+
+namespace asio = boost::asio;
+using State = DaemonManager::State;
+
+class DaemonManagerSim : public ::testing::Test {
+ protected:
+  void SetUp() override { base::env::set("XDG_DATA_HOME", dir.path().string()); }
+
+  DaemonManager::Config config(std::vector<std::string> extra = {}) {
+    DaemonManager::Config c;
+    c.port = test::freePort();
+    c.daemonArguments = {"daemon", "--port", "{port}"};
+    c.daemonArguments.insert(c.daemonArguments.end(), extra.begin(), extra.end());
+    c.restartDelaySeconds = 0.1;
+    c.readinessIntervalSeconds = 0.1;
+    c.healthIntervalSeconds = 0.2;
+    return c;
+  }
+
+  // Counts launches and keeps the real launcher.
+  DaemonManager::Hooks hooks() {
+    DaemonManager::Hooks h;
+    h.locateEngine = [] { return std::optional<std::filesystem::path>(test::simPath()); };
+    h.launch = [this](const platform::LaunchOptions& options) {
+      ++launches;
+      launchedArguments = options.arguments;
+      return platform::Process::launch(options);
+    };
+    h.claimLegacyService = [] {};
+    return h;
+  }
+
+  // Runs the loop until `done` holds or the limit passes.
+  void runUntil(asio::io_context& io, const std::function<bool()>& done, std::chrono::seconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!done() && std::chrono::steady_clock::now() < deadline) {
+      // A loop that ran out of work stays stopped until restarted.
+      if (io.stopped()) io.restart();
+      io.run_for(std::chrono::milliseconds(20));
+    }
+  }
+
+  void stopAndDrain(asio::io_context& io, DaemonManager& manager) {
+    bool stopped = false;
+    manager.stop([&] { stopped = true; }, 2);
+    runUntil(io, [&] { return stopped; }, std::chrono::seconds(10));
+  }
+
+  test::TempDir dir;
+  int launches = 0;
+  std::vector<std::string> launchedArguments;
+};
+
+TEST_F(DaemonManagerSim, CrashesAreRestartedFiveTimesThenGivenUp) {
+  asio::io_context io;
+  DaemonManager manager(base::MainExecutor(io), config({"--crash-after", "0.3"}));
+  manager.setHooks(hooks());
+  std::vector<State::Kind> seen;
+  manager.changed().connect([&] {
+    if (seen.empty() || seen.back() != manager.state().kind) seen.push_back(manager.state().kind);
+  });
+  manager.start();
+  runUntil(io, [&] { return manager.state().kind == State::Kind::failed; }, std::chrono::seconds(40));
+  EXPECT_EQ(manager.state(), State::failed("Engine crashed 5 times, stopped restarting"));
+  EXPECT_EQ(manager.restartCount(), 5);
+  EXPECT_EQ(manager.localEndpoint(), DaemonManager::LocalEndpointHealth::down);
+  EXPECT_EQ(launches, 6);
+  // Each life was seen: starting, running, ..., failed.
+  EXPECT_GE(std::count(seen.begin(), seen.end(), State::Kind::running), 2);
+  runUntil(io, [] { return false; }, std::chrono::seconds(1));
+  EXPECT_EQ(launches, 6) << "nothing starts after the limit";
+
+  // A start the user asks for gives back the whole budget.
+  manager.start();
+  runUntil(io, [&] { return launches == 7 && manager.state().kind == State::Kind::running; }, std::chrono::seconds(10));
+  EXPECT_EQ(manager.restartCount(), 0);
+  stopAndDrain(io, manager);
+}
+
+TEST_F(DaemonManagerSim, StartsReusesAndStops) {
+  asio::io_context io;
+  auto cfg = config();
+  {
+    DaemonManager manager(base::MainExecutor(io), cfg);
+    manager.setHooks(hooks());
+    manager.start();
+    runUntil(io, [&] { return !manager.isBootstrapping() && manager.state().kind != State::Kind::starting; },
+             std::chrono::seconds(10));
+    ASSERT_EQ(manager.state(), State::running());
+    EXPECT_EQ(manager.localEndpoint(), DaemonManager::LocalEndpointHealth::ready);
+    EXPECT_TRUE(manager.capabilityState().hasObservedSuccessfulStatus);
+    EXPECT_TRUE(manager.capabilityState().tokens.count("sessions"));
+    EXPECT_TRUE(manager.ownsEngineProcess());
+    EXPECT_EQ(launchedArguments,
+              (std::vector<std::string>{"daemon", "--port", std::to_string(cfg.port), "--rpc-socket",
+                                        bridge::DaemonPaths::socketPath().string(), "--rpc-pidfile",
+                                        bridge::DaemonPaths::pidfilePath().string()}));
+  }
+  const auto enginePid = bridge::PidfileReader::read(bridge::DaemonPaths::pidfilePath());
+  ASSERT_TRUE(enginePid);
+  ASSERT_EQ(::kill(*enginePid, 0), 0) << "the engine outlives the manager that started it";
+
+  // A second manager (a later desktop process) reuses it: no launch, same PID.
+  DaemonManager second(base::MainExecutor(io), cfg);
+  second.setHooks(hooks());
+  second.start();
+  runUntil(io, [&] { return !second.isBootstrapping() && second.state().kind != State::Kind::starting; },
+           std::chrono::seconds(10));
+  EXPECT_EQ(second.state(), State::running());
+  EXPECT_EQ(launches, 1);
+  EXPECT_EQ(second.enginePID(), enginePid);
+  EXPECT_FALSE(second.ownsEngineProcess());
+
+  stopAndDrain(io, second);
+  EXPECT_NE(::kill(*enginePid, 0), 0) << "stop ends the engine";
+  EXPECT_FALSE(std::filesystem::exists(bridge::DaemonPaths::tokenFilePath()));
+  EXPECT_EQ(second.state(), State::unknown());
+}
+
+TEST_F(DaemonManagerSim, AnEngineThatNeverAnswersFails) {
+  asio::io_context io;
+  auto cfg = config({"--scenario", (dir.path() / "s.json").string()});
+  std::ofstream(dir.path() / "s.json") << R"({"status_status": 503})";
+  DaemonManager manager(base::MainExecutor(io), cfg);
+  manager.setHooks(hooks());
+  manager.start();
+  runUntil(io, [&] { return !manager.isBootstrapping() && manager.state().kind != State::Kind::starting; },
+           std::chrono::seconds(10));
+  EXPECT_EQ(manager.state(), State::failed("Engine not responding"));
+  // The child still runs, so the endpoint is reconnecting rather than down.
+  EXPECT_EQ(manager.localEndpoint(), DaemonManager::LocalEndpointHealth::reconnecting);
+  stopAndDrain(io, manager);
+}
+
+TEST_F(DaemonManagerSim, LaunchFailureAndMissingEngine) {
+  asio::io_context io;
+  DaemonManager manager(base::MainExecutor(io), config());
+  auto h = hooks();
+  h.locateEngine = [] { return std::optional<std::filesystem::path>("/nonexistent/verd"); };
+  manager.setHooks(h);
+  manager.start();
+  runUntil(io, [&] { return !manager.isBootstrapping() && manager.state().kind != State::Kind::starting; },
+           std::chrono::seconds(10));
+  EXPECT_EQ(manager.state().kind, State::Kind::failed);
+  EXPECT_EQ(manager.state().message.rfind("Failed to start: ", 0), 0u) << manager.state().message;
+  EXPECT_EQ(manager.localEndpoint(), DaemonManager::LocalEndpointHealth::down);
+
+  h.locateEngine = [] { return std::optional<std::filesystem::path>(); };
+  manager.setHooks(h);
+  manager.start();
+  runUntil(io, [&] { return !manager.isBootstrapping() && manager.state().kind != State::Kind::starting; },
+           std::chrono::seconds(10));
+  EXPECT_EQ(manager.state(), State::notInstalled());
+  EXPECT_EQ(manager.state().displayText(), "Engine not found — update Tamsel Desktop to reinstall");
+}
+
+}  // namespace
+}  // namespace tamsel::desktop

@@ -1,0 +1,71 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <set>
+
+#include "tamsel/base/atomic_file.hpp"
+#include "tamsel/base/strings.hpp"
+#include "tamsel/base/uuid.hpp"
+
+namespace tamsel::base {
+namespace {
+
+namespace fs = std::filesystem;
+
+class TempDir {
+ public:
+  TempDir() : path_(fs::temp_directory_path() / ("tamsel-test-" + newUUIDString())) { fs::create_directories(path_); }
+  ~TempDir() { fs::remove_all(path_); }
+  const fs::path& path() const { return path_; }
+
+ private:
+  fs::path path_;
+};
+
+TEST(AtomicFile, ReplacesContentsWithOwnerOnlyModeAndLeavesNoTemporaries) {
+  TempDir dir;
+  const auto file = dir.path() / "drafts.json";
+  writeFileAtomically(file, "first", 0644);
+  writeFileAtomically(file, "second");
+  std::string text;
+  ASSERT_TRUE(readFile(file, text));
+  EXPECT_EQ(text, "second");
+  struct stat st {};
+  ASSERT_EQ(::stat(file.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 1);
+}
+
+TEST(AtomicFile, FailureLeavesNothingBehind) {
+  TempDir dir;
+  EXPECT_THROW(writeFileAtomically(dir.path() / "missing" / "x.json", "data"), std::system_error);
+  // A folder in the way of the rename: the temporary file must be cleaned up.
+  fs::create_directories(dir.path() / "taken" / "inner");
+  EXPECT_THROW(writeFileAtomically(dir.path() / "taken", "data"), std::system_error);
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 1);
+  std::string text;
+  EXPECT_FALSE(readFile(dir.path() / "absent", text));
+}
+
+TEST(Text, TrimRemovesBlanksAndLineEndsOnly) {
+  EXPECT_EQ(trim(" \t\r\n x y \n"), "x y");
+  EXPECT_EQ(trim("   "), "");
+  EXPECT_EQ(join({"a", "b", "c"}, ","), "a,b,c");
+  EXPECT_EQ(join({}, ","), "");
+}
+
+TEST(UUID, CanonicalUpperCaseAndUnique) {
+  std::set<std::string> seen;
+  for (int i = 0; i < 1000; ++i) {
+    const auto id = newUUIDString();
+    ASSERT_EQ(id.size(), 36u);
+    ASSERT_EQ(id[14], '4');  // version 4
+    for (char c : id) ASSERT_TRUE((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F') || c == '-') << id;
+    seen.insert(id);
+  }
+  EXPECT_EQ(seen.size(), 1000u);
+}
+
+}  // namespace
+}  // namespace tamsel::base

@@ -1,0 +1,136 @@
+#include "tamsel/bridge/daemon_reconciler.hpp"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <cerrno>
+#include <fstream>
+
+#include "../test_support.hpp"
+
+namespace tamsel::bridge {
+namespace {
+
+namespace asio = boost::asio;
+
+// A process table of one: answers signal 0 as the process's state and records every signal.
+struct FakeProcess {
+  bool alive = true;
+  bool ownedByOtherUser = false;
+  bool diesOnTerm = true;
+  bool diesOnKill = true;
+  std::vector<int> signalsSent;  // not counting signal 0
+  int probes = 0;
+
+  int send(std::int32_t, int sig) {
+    if (sig != 0) {
+      signalsSent.push_back(sig);
+      if ((sig == SIGTERM && diesOnTerm) || (sig == SIGKILL && diesOnKill)) alive = false;
+      return alive || !ownedByOtherUser ? 0 : ESRCH;
+    }
+    if (!alive) return ESRCH;
+    return ownedByOtherUser ? EPERM : 0;
+  }
+};
+
+class ReconcilerTest : public ::testing::Test {
+ protected:
+  void writePidfile(const std::string& text) { std::ofstream(pidfile()) << text; }
+  std::filesystem::path pidfile() const { return dir.path() / "daemon.pid"; }
+
+  ReconcileDecision run(std::function<std::string()> probeResult) {
+    DaemonReconciler::Inputs inputs;
+    inputs.pidfile = pidfile();
+    inputs.expectedProtocolVersion = "1.0.0";
+    inputs.probe = [this, probeResult]() -> asio::awaitable<std::string> {
+      ++process.probes;
+      co_return probeResult();
+    };
+    inputs.sendSignal = [this](std::int32_t pid, int sig) { return process.send(pid, sig); };
+    inputs.terminateGraceSeconds = 0.05;
+    inputs.killGraceSeconds = 0.05;
+    inputs.pollIntervalSeconds = 0.01;
+    return test::runAsync(DaemonReconciler(inputs).reconcile());
+  }
+
+  static std::string reason(const ReconcileDecision& d) {
+    if (auto* r = std::get_if<ReconcileDecision::Respawn>(&d.value)) return r->reason;
+    if (auto* f = std::get_if<ReconcileDecision::Fatal>(&d.value)) return f->message;
+    return "reuse";
+  }
+
+  test::TempDir dir;
+  FakeProcess process;
+};
+
+TEST_F(ReconcilerTest, NoOrBadPidfileRespawnsWithoutProbing) {
+  auto d = run([] { return "1.0.0"; });
+  EXPECT_EQ(reason(d), "no pidfile or unparseable content at " + pidfile().string());
+  writePidfile("12a4");
+  EXPECT_TRUE(run([] { return "1.0.0"; }).isRespawn());
+  EXPECT_EQ(process.probes, 0);
+  EXPECT_TRUE(process.signalsSent.empty());
+}
+
+TEST_F(ReconcilerTest, StalePidRespawns) {
+  writePidfile("4242\n");
+  process.alive = false;
+  auto d = run([] { return "1.0.0"; });
+  EXPECT_EQ(reason(d), "pidfile points to stale PID 4242 (process not running)");
+  EXPECT_EQ(process.probes, 0);
+}
+
+TEST_F(ReconcilerTest, MatchingEngineIsReusedWithoutAnySignal) {
+  writePidfile("4242");
+  EXPECT_TRUE(run([] { return "1.0.0"; }).isReuse());
+  EXPECT_TRUE(process.signalsSent.empty());
+}
+
+TEST_F(ReconcilerTest, AnotherUsersProcessCountsAsAliveAndIsProbed) {
+  writePidfile("4242");
+  process.ownedByOtherUser = true;
+  EXPECT_TRUE(run([] { return "1.0.0"; }).isReuse());
+  EXPECT_EQ(process.probes, 1);
+}
+
+TEST_F(ReconcilerTest, ProbeFailureRespawnsAndSendsNoSignal) {
+  writePidfile("4242");
+  auto d = run([]() -> std::string { throw std::runtime_error("connection refused"); });
+  EXPECT_EQ(reason(d), "system.capabilities probe failed: connection refused");
+  EXPECT_TRUE(process.signalsSent.empty());
+}
+
+TEST_F(ReconcilerTest, VersionMismatchEscalatesFromTermToKillToFatal) {
+  writePidfile("4242");
+  const std::string mismatch = "protocol version mismatch (expected 1.0.0, got 0.9.0)";
+
+  auto d = run([] { return "0.9.0"; });
+  EXPECT_EQ(reason(d), mismatch + "; old daemon exited on SIGTERM");
+  EXPECT_EQ(process.signalsSent, std::vector<int>{SIGTERM});
+
+  process = FakeProcess{};
+  process.diesOnTerm = false;
+  d = run([] { return "0.9.0"; });
+  EXPECT_EQ(reason(d), mismatch + "; old daemon exited on SIGKILL");
+  EXPECT_EQ(process.signalsSent, (std::vector<int>{SIGTERM, SIGKILL}));
+
+  process = FakeProcess{};
+  process.diesOnTerm = process.diesOnKill = false;
+  process.ownedByOtherUser = true;  // EPERM in the polls still means alive
+  d = run([] { return "0.9.0"; });
+  ASSERT_TRUE(d.isFatal());
+  EXPECT_EQ(reason(d),
+            "Failed to terminate residual Tamsel Engine process (PID 4242) after SIGTERM + SIGKILL. "
+            "Please restart your computer.");
+}
+
+TEST(ReconcilerSystemSignal, ReportsErrnoOfKill) {
+  EXPECT_EQ(DaemonReconciler::systemSignal(::getpid(), 0), 0);
+  // PID 1 belongs to someone else unless we are root; either way it exists.
+  const int init = DaemonReconciler::systemSignal(1, 0);
+  EXPECT_TRUE(init == 0 || init == EPERM);
+  EXPECT_EQ(DaemonReconciler::systemSignal(0x3fffffff, 0), ESRCH);
+}
+
+}  // namespace
+}  // namespace tamsel::bridge
