@@ -2,47 +2,73 @@
 
 #include <date/date.h>
 
-#include <sstream>
-
 namespace tamsel::base {
 
 namespace {
 
-// `date` wants the offset as "+00:00"; the engine also writes "Z".
-std::string normaliseZone(std::string_view text) {
-  std::string s(text);
-  if (!s.empty() && (s.back() == 'Z' || s.back() == 'z')) {
-    s.pop_back();
-    s += "+00:00";
+// Reads `count` digits at `at`; false when any is not a digit.
+bool digits(std::string_view text, size_t at, size_t count, int& out) {
+  if (at + count > text.size()) return false;
+  out = 0;
+  for (size_t i = at; i < at + count; ++i) {
+    const char c = text[i];
+    if (c < '0' || c > '9') return false;
+    out = out * 10 + (c - '0');
   }
-  return s;
+  return true;
 }
 
-template <class Duration>
-std::optional<Timestamp> parseWith(const std::string& text) {
-  std::istringstream in(text);
-  date::sys_time<Duration> when;
-  in >> date::parse("%FT%T%Ez", when);
-  if (in.fail()) return std::nullopt;
-  // Trailing bytes mean the form did not match the whole text.
-  if (in.peek() != std::char_traits<char>::eof()) return std::nullopt;
+// The fixed-layout fields are scanned by hand (this runs for every date of every session file);
+// the calendar arithmetic is the date library's.
+std::optional<Timestamp> parse(std::string_view s, bool withFraction) {
+  int year, month, day, hour, minute, second;
+  if (!digits(s, 0, 4, year) || s.size() < 20 || s[4] != '-' || !digits(s, 5, 2, month) || s[7] != '-' ||
+      !digits(s, 8, 2, day) || (s[10] != 'T' && s[10] != 't') || !digits(s, 11, 2, hour) || s[13] != ':' ||
+      !digits(s, 14, 2, minute) || s[16] != ':' || !digits(s, 17, 2, second))
+    return std::nullopt;
+  size_t at = 19;
+  std::int64_t micros = 0;
+  if (withFraction) {
+    if (at >= s.size() || s[at] != '.') return std::nullopt;
+    ++at;
+    const size_t first = at;
+    std::int64_t scale = 100000;
+    while (at < s.size() && s[at] >= '0' && s[at] <= '9') {
+      micros += (s[at] - '0') * scale;
+      scale /= 10;
+      ++at;
+    }
+    if (at == first) return std::nullopt;
+  }
+  if (at >= s.size()) return std::nullopt;
+  std::chrono::minutes offset{0};
+  if (s[at] == 'Z' || s[at] == 'z') {
+    ++at;
+  } else if (s[at] == '+' || s[at] == '-') {
+    int oh, om;
+    if (!digits(s, at + 1, 2, oh) || at + 3 >= s.size() || s[at + 3] != ':' || !digits(s, at + 4, 2, om) || oh > 23 ||
+        om > 59)
+      return std::nullopt;
+    offset = std::chrono::hours(oh) + std::chrono::minutes(om);
+    if (s[at] == '-') offset = -offset;
+    at += 6;
+  } else {
+    return std::nullopt;
+  }
+  if (at != s.size()) return std::nullopt;
+  const date::year_month_day ymd{date::year(year), date::month(static_cast<unsigned>(month)),
+                                 date::day(static_cast<unsigned>(day))};
+  if (!ymd.ok() || hour > 23 || minute > 59 || second > 60) return std::nullopt;
+  const auto when = date::sys_days(ymd) + std::chrono::hours(hour) + std::chrono::minutes(minute) +
+                    std::chrono::seconds(second) + std::chrono::microseconds(micros) - offset;
   return std::chrono::time_point_cast<std::chrono::microseconds>(when);
 }
 
 }  // namespace
 
 std::optional<Timestamp> parseISO8601(std::string_view text) {
-  if (text.size() < 20 || text.size() > 40) return std::nullopt;
-  if (text[10] != 'T' && text[10] != 't') return std::nullopt;
-  std::string s = normaliseZone(text);
-  s[10] = 'T';
-  // With fractional seconds: a '.' must follow the seconds field.
-  if (s.size() > 19 && s[19] == '.') {
-    // The parser would take "02." as whole seconds; a fraction needs a digit.
-    if (s.size() < 21 || s[20] < '0' || s[20] > '9') return std::nullopt;
-    return parseWith<std::chrono::nanoseconds>(s);
-  }
-  return parseWith<std::chrono::seconds>(s);
+  if (auto withFraction = parse(text, true)) return withFraction;
+  return parse(text, false);
 }
 
 std::string formatISO8601(Timestamp when) {

@@ -69,28 +69,40 @@ std::string serialize(const bj::value& value) {
   return out;
 }
 
-void typeMismatch(std::string_view path, std::string_view expected) {
-  throw DecodeError("expected " + std::string(expected) + " at " + std::string(path));
+std::string Path::text() const {
+  if (!parent) return "$";
+  std::string out = parent->text();
+  if (key.empty()) out += "[" + std::to_string(index) + "]";
+  else out.append(".").append(key);
+  return out;
 }
 
-void decodeFrom(const bj::value& in, bool& out, std::string_view path) {
+void typeMismatch(const Path& path, std::string_view expected) {
+  throw DecodeError("expected " + std::string(expected) + " at " + path.text());
+}
+
+void invalidValue(const Path& path, std::string_view what) {
+  throw DecodeError(std::string(what) + " at " + path.text());
+}
+
+void decodeFrom(const bj::value& in, bool& out, const Path& path) {
   if (!in.is_bool()) typeMismatch(path, "a bool");
   out = in.get_bool();
 }
 
-void decodeFrom(const bj::value& in, std::string& out, std::string_view path) {
+void decodeFrom(const bj::value& in, std::string& out, const Path& path) {
   if (!in.is_string()) typeMismatch(path, "a string");
   out.assign(in.get_string().data(), in.get_string().size());
 }
 
-void decodeFrom(const bj::value& in, double& out, std::string_view path) {
+void decodeFrom(const bj::value& in, double& out, const Path& path) {
   if (in.is_double()) out = in.get_double();
   else if (in.is_int64()) out = static_cast<double>(in.get_int64());
   else if (in.is_uint64()) out = static_cast<double>(in.get_uint64());
   else typeMismatch(path, "a number");
 }
 
-void decodeFrom(const bj::value& in, std::int64_t& out, std::string_view path) {
+void decodeFrom(const bj::value& in, std::int64_t& out, const Path& path) {
   if (in.is_int64()) out = in.get_int64();
   else if (in.is_uint64() && in.get_uint64() <= static_cast<std::uint64_t>(INT64_MAX))
     out = static_cast<std::int64_t>(in.get_uint64());
@@ -99,15 +111,15 @@ void decodeFrom(const bj::value& in, std::int64_t& out, std::string_view path) {
   else typeMismatch(path, "an integer");
 }
 
-void decodeFrom(const bj::value& in, Timestamp& out, std::string_view path) {
+void decodeFrom(const bj::value& in, Timestamp& out, const Path& path) {
   if (!in.is_string()) typeMismatch(path, "a date string");
   const auto& s = in.get_string();
   auto parsed = parseISO8601(std::string_view(s.data(), s.size()));
-  if (!parsed) throw DecodeError("invalid date \"" + std::string(s.data(), s.size()) + "\" at " + std::string(path));
+  if (!parsed) invalidValue(path, "invalid date \"" + std::string(s.data(), s.size()) + "\"");
   out = *parsed;
 }
 
-void decodeFrom(const bj::value& in, bj::object& out, std::string_view path) {
+void decodeFrom(const bj::value& in, bj::object& out, const Path& path) {
   if (!in.is_object()) typeMismatch(path, "an object");
   out = in.get_object();
 }

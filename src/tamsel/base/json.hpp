@@ -41,6 +41,18 @@ struct IsOptional : std::false_type {};
 template <class T>
 struct IsOptional<std::optional<T>> : std::true_type {};
 
+// The snake-case keys of a record's members, computed once per type.
+template <class T>
+const std::vector<std::string>& memberKeys() {
+  static const std::vector<std::string> keys = [] {
+    std::vector<std::string> out;
+    using Members = boost::describe::describe_members<T, boost::describe::mod_public>;
+    boost::mp11::mp_for_each<Members>([&](auto member) { out.push_back(snakeCase(member.name)); });
+    return out;
+  }();
+  return keys;
+}
+
 // ---- encoding ----
 
 inline void encodeInto(bj::value& out, bool v) { out = v; }
@@ -94,8 +106,11 @@ template <class T>
   requires boost::describe::has_describe_members<T>::value
 void encodeInto(bj::value& out, const T& record) {
   bj::object object;
+  const auto& keys = memberKeys<T>();
+  std::size_t next = 0;
   using Members = boost::describe::describe_members<T, boost::describe::mod_public>;
   boost::mp11::mp_for_each<Members>([&](auto member) {
+    const std::size_t i = next++;
     const auto& field = record.*member.pointer;
     using Field = std::remove_cvref_t<decltype(field)>;
     if constexpr (IsOptional<Field>::value) {
@@ -103,7 +118,7 @@ void encodeInto(bj::value& out, const T& record) {
     }
     bj::value element;
     encodeInto(element, field);
-    object[snakeCase(member.name)] = std::move(element);
+    object[keys[i]] = std::move(element);
   });
   out = std::move(object);
 }
@@ -117,18 +132,30 @@ bj::value encode(const T& value) {
 
 // ---- decoding ----
 
-[[noreturn]] void typeMismatch(std::string_view path, std::string_view expected);
+// Where a value sits in the document, built on the stack while decoding and turned into text
+// ("$.sessions[3].updated_at") only when something fails.
+struct Path {
+  const Path* parent = nullptr;
+  std::string_view key;        // member name, or empty for an array element
+  std::size_t index = 0;
+  std::string text() const;
+};
+inline const Path rootPath{};
 
-void decodeFrom(const bj::value& in, bool& out, std::string_view path);
-void decodeFrom(const bj::value& in, std::string& out, std::string_view path);
-void decodeFrom(const bj::value& in, double& out, std::string_view path);
-void decodeFrom(const bj::value& in, std::int64_t& out, std::string_view path);
-void decodeFrom(const bj::value& in, Timestamp& out, std::string_view path);
-inline void decodeFrom(const bj::value& in, bj::value& out, std::string_view) { out = in; }
-void decodeFrom(const bj::value& in, bj::object& out, std::string_view path);
+[[noreturn]] void typeMismatch(const Path& path, std::string_view expected);
+[[noreturn]] void invalidValue(const Path& path, std::string_view what);
+
+
+void decodeFrom(const bj::value& in, bool& out, const Path& path);
+void decodeFrom(const bj::value& in, std::string& out, const Path& path);
+void decodeFrom(const bj::value& in, double& out, const Path& path);
+void decodeFrom(const bj::value& in, std::int64_t& out, const Path& path);
+void decodeFrom(const bj::value& in, Timestamp& out, const Path& path);
+inline void decodeFrom(const bj::value& in, bj::value& out, const Path&) { out = in; }
+void decodeFrom(const bj::value& in, bj::object& out, const Path& path);
 template <class T>
   requires(std::is_integral_v<T> && !std::is_same_v<T, bool> && !std::is_same_v<T, std::int64_t>)
-void decodeFrom(const bj::value& in, T& out, std::string_view path) {
+void decodeFrom(const bj::value& in, T& out, const Path& path) {
   std::int64_t wide = 0;
   decodeFrom(in, wide, path);
   if (wide < static_cast<std::int64_t>(std::numeric_limits<T>::min()) ||
@@ -137,17 +164,17 @@ void decodeFrom(const bj::value& in, T& out, std::string_view path) {
   out = static_cast<T>(wide);
 }
 template <class T>
-void decodeFrom(const bj::value& in, std::optional<T>& out, std::string_view path);
+void decodeFrom(const bj::value& in, std::optional<T>& out, const Path& path);
 template <class T>
-void decodeFrom(const bj::value& in, std::vector<T>& out, std::string_view path);
+void decodeFrom(const bj::value& in, std::vector<T>& out, const Path& path);
 template <class T>
-void decodeFrom(const bj::value& in, std::map<std::string, T>& out, std::string_view path);
+void decodeFrom(const bj::value& in, std::map<std::string, T>& out, const Path& path);
 template <class T>
   requires boost::describe::has_describe_members<T>::value
-void decodeFrom(const bj::value& in, T& out, std::string_view path);
+void decodeFrom(const bj::value& in, T& out, const Path& path);
 
 template <class T>
-void decodeFrom(const bj::value& in, std::optional<T>& out, std::string_view path) {
+void decodeFrom(const bj::value& in, std::optional<T>& out, const Path& path) {
   if (in.is_null()) {
     out.reset();
     return;
@@ -157,58 +184,58 @@ void decodeFrom(const bj::value& in, std::optional<T>& out, std::string_view pat
   out = std::move(value);
 }
 template <class T>
-void decodeFrom(const bj::value& in, std::vector<T>& out, std::string_view path) {
+void decodeFrom(const bj::value& in, std::vector<T>& out, const Path& path) {
   const auto* array = in.if_array();
   if (!array) typeMismatch(path, "an array");
   out.clear();
   out.reserve(array->size());
-  std::string itemPath;
   for (size_t i = 0; i < array->size(); ++i) {
-    itemPath.assign(path).append("[").append(std::to_string(i)).append("]");
+    const Path itemPath{&path, {}, i};
     T item{};
     decodeFrom((*array)[i], item, itemPath);
     out.push_back(std::move(item));
   }
 }
 template <class T>
-void decodeFrom(const bj::value& in, std::map<std::string, T>& out, std::string_view path) {
+void decodeFrom(const bj::value& in, std::map<std::string, T>& out, const Path& path) {
   const auto* object = in.if_object();
   if (!object) typeMismatch(path, "an object");
   out.clear();
   for (const auto& entry : *object) {
     T item{};
-    decodeFrom(entry.value(), item, std::string(path) + "." + std::string(entry.key()));
+    decodeFrom(entry.value(), item, Path{&path, entry.key(), 0});
     out.emplace(std::string(entry.key()), std::move(item));
   }
 }
 template <class T>
   requires boost::describe::has_describe_members<T>::value
-void decodeFrom(const bj::value& in, T& out, std::string_view path) {
+void decodeFrom(const bj::value& in, T& out, const Path& path) {
   const auto* object = in.if_object();
   if (!object) typeMismatch(path, "an object");
+  const auto& keys = memberKeys<T>();
+  std::size_t next = 0;
   using Members = boost::describe::describe_members<T, boost::describe::mod_public>;
   boost::mp11::mp_for_each<Members>([&](auto member) {
+    const std::string& key = keys[next++];
     auto& field = out.*member.pointer;
     using Field = std::remove_cvref_t<decltype(field)>;
-    const std::string key = snakeCase(member.name);
-    const std::string memberPath = std::string(path) + "." + key;
     const auto* found = object->if_contains(key);
     if (!found) {
       if constexpr (IsOptional<Field>::value) {
         field.reset();
         return;
       } else {
-        throw DecodeError("missing key \"" + key + "\" at " + std::string(path));
+        invalidValue(path, "missing key \"" + key + "\"");
       }
     }
-    decodeFrom(*found, field, memberPath);
+    decodeFrom(*found, field, Path{&path, key, 0});
   });
 }
 
 template <class T>
 T decode(const bj::value& value) {
   T out{};
-  decodeFrom(value, out, "$");
+  decodeFrom(value, out, rootPath);
   return out;
 }
 

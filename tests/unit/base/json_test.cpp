@@ -79,8 +79,10 @@ TEST(DateRule, AcceptsBothFormsAndFailsTheWholeDecodeOtherwise) {
   ASSERT_TRUE(offset);
   EXPECT_EQ(*offset, *without);
   EXPECT_TRUE(parseISO8601("2026-11-20T09:15:02.123456789Z"));
+  EXPECT_EQ(*parseISO8601("2026-11-20T09:15:02.5-02:30") - *without, std::chrono::minutes(150) + std::chrono::milliseconds(500));
   for (const char* bad : {"2026-11-20", "2026-11-20 09:15:02Z", "2026-11-20T09:15:02", "2026-11-20T09:15:02.Z",
-                          "2026-11-20T09:15:02Zjunk", "yesterday", ""}) {
+                          "2026-11-20T09:15:02Zjunk", "yesterday", "", "2026-02-30T09:15:02Z", "2026-11-20T24:00:00Z",
+                          "2026-11-20T09:15:02+0100", "2026-11-20T09:15:02.12.3Z", "2026-11-20T09:15Z"}) {
     EXPECT_FALSE(parseISO8601(bad)) << bad;
   }
   EXPECT_THROW(decode<Record>(R"({"session_id":"s","is_connected":false,"msg_count":0,"items":[],"counters":{},"updated_at":"2026-11-20"})"),
