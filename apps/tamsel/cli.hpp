@@ -16,6 +16,7 @@ struct GlobalOptions {
   std::uint16_t enginePort = 7533;
   std::filesystem::path engineHome;          // the engine's home for session files
   std::vector<std::string> engineArguments;  // daemon-mode arguments; "{port}" is replaced
+  std::optional<std::filesystem::path> axServerBundle;
 };
 
 // Exit codes.

@@ -32,7 +32,8 @@ DaemonManager::Config managerConfig(const GlobalOptions& options) {
   config.port = options.enginePort;
   if (!options.engineArguments.empty()) config.daemonArguments = options.engineArguments;
   config.deviceID = bridge::desktopDeviceID();
-  if (auto ax = base::env::get("TAMSEL_AX_SERVER_BUNDLE_PATH"); ax && !ax->empty())
+  config.axServerBundleOverride = options.axServerBundle;
+  if (auto ax = base::env::get("TAMSEL_AX_SERVER_BUNDLE_PATH"); !config.axServerBundleOverride && ax && !ax->empty())
     config.axServerBundleOverride = *ax;
   return config;
 }

@@ -40,6 +40,10 @@ int main(int argc, char** argv) {
       ->envname("TAMSEL_ENGINE_ARGS")
       ->capture_default_str();
 
+  std::string axServerBundle;
+  app.add_option("--ax-server-bundle", axServerBundle,
+                 "Accessibility-server bundle handed to the engine (TAMSEL_AX_SERVER_BUNDLE_PATH)");
+
   auto* engine = app.add_subcommand("engine", "Start, inspect or stop the engine");
   engine->require_subcommand(1);
   auto* engineStart = engine->add_subcommand("start", "Start the engine, or reuse a running one");
@@ -68,6 +72,7 @@ int main(int argc, char** argv) {
     return app.exit(e);
   }
   options.engineArguments = splitWords(engineArgs);
+  if (!axServerBundle.empty()) options.axServerBundle = axServerBundle;
 
   try {
     if (*engineStart) return cli::engineStart(options);

@@ -335,8 +335,11 @@ struct DaemonManagerAccess {
     // Our environment already holds the presence token.
     const std::string& token = bridge::DaemonLocalPresence::token();
     options.environment = platform::currentEnvironment();
-    if (impl.config.axServerBundleOverride)
-      options.environment.push_back("TAMSEL_AX_SERVER_BUNDLE_PATH=" + impl.config.axServerBundleOverride->string());
+    if (impl.config.axServerBundleOverride) {
+      constexpr std::string_view key = "TAMSEL_AX_SERVER_BUNDLE_PATH=";
+      std::erase_if(options.environment, [&](const std::string& entry) { return entry.starts_with(key); });
+      options.environment.push_back(std::string(key) + impl.config.axServerBundleOverride->string());
+    }
     options.outputFile = DaemonPaths::engineLogPath();
     try {
       impl.process = impl.hooks.launch(options);
