@@ -6,7 +6,7 @@ target_compile_options(tamsel_options INTERFACE
   # g++ 12 reports coroutine frames as mismatched new/delete.
   -Wno-mismatched-new-delete
   # g++ 12 reports std::optional members as maybe-uninitialized after inlining.
-  -Wno-maybe-uninitialized
+  $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>
   # Designated initializers that leave members at their defaults are intended.
   -Wno-missing-field-initializers)
 target_compile_definitions(tamsel_options INTERFACE
