@@ -179,7 +179,7 @@ TEST(DaemonClientSim, LivenessAnswersWhileEveryLongSlotIsBusy) {
   };
   auto outcome = runAsync([&]() -> asio::awaitable<Outcome> {
     Outcome o;
-    std::vector<std::unique_ptr<HttpStream>> streams;
+    std::vector<ReplyStream> streams;
     SendMessageRequest request;
     request.text = "hold this";
     request.sessionId = "s_7f3a9c01";

@@ -4,6 +4,7 @@
 #include <boost/url/url.hpp>
 
 #include "tamsel/base/json.hpp"
+#include "tamsel/base/log.hpp"
 #include "tamsel/base/strings.hpp"
 #include "tamsel/base/uuid.hpp"
 #include "tamsel/bridge/daemon_client_error.hpp"
@@ -142,7 +143,7 @@ asio::awaitable<SessionDetail> DaemonClient::sessionDetail(const std::string& se
   co_return co_await getJSON<SessionDetail>(std::move(target), HttpSessionKind::control);
 }
 
-asio::awaitable<std::unique_ptr<HttpStream>> DaemonClient::openStream(std::string target, std::string body) {
+asio::awaitable<ReplyStream> DaemonClient::openStream(std::string target, std::string body, const char* failureText) {
   auto request = makeRequest("POST", std::move(target), true);
   request.headers.emplace_back("Accept", "text/event-stream");
   request.contentType = kJSONType;
@@ -151,20 +152,50 @@ asio::awaitable<std::unique_ptr<HttpStream>> DaemonClient::openStream(std::strin
   if (stream->status() >= 400) {
     const int status = stream->status();
     const std::string errorBody = co_await stream->readAll();
-    throw DaemonClientException(DaemonClientError::fromResponse(status, errorBody));
+    auto mapped = DaemonClientError::fromResponse(status, errorBody);
+    if (mapped.is<DaemonClientError::ServerError>()) {
+      const auto body = DaemonClientError::parseErrorBody(errorBody);
+      base::log::info("DaemonClient", "{} ({}): {}", failureText, status,
+                      body && !body->error.empty() ? body->error : std::string("no details"));
+      mapped = {DaemonClientError::ServerError{status, failureText}};
+    }
+    throw DaemonClientException(std::move(mapped));
   }
-  co_return stream;
+  co_return ReplyStream(std::move(stream));
 }
 
-asio::awaitable<std::unique_ptr<HttpStream>> DaemonClient::sendMessage(const SendMessageRequest& request) {
-  co_return co_await openStream("/message", json::serialize(json::encode(request)));
+asio::awaitable<ReplyStream> DaemonClient::sendMessage(const SendMessageRequest& request) {
+  co_return co_await openStream("/message", json::serialize(json::encode(request)), "SSE request failed");
 }
 
-asio::awaitable<std::unique_ptr<HttpStream>> DaemonClient::editAndResend(const std::string& sessionId,
-                                                                         const EditMessageRequest& request) {
+asio::awaitable<ReplyStream> DaemonClient::editAndResend(const std::string& sessionId, const EditMessageRequest& request) {
   std::string target =
       buildTarget(std::vector<std::string>{std::string("sessions"), sessionId, std::string("edit")}, {});
-  co_return co_await openStream(std::move(target), json::serialize(json::encode(request)));
+  co_return co_await openStream(std::move(target), json::serialize(json::encode(request)), "Edit request failed");
+}
+
+asio::awaitable<ReplyStream> DaemonClient::inject(const InjectRequest& request) {
+  InjectRequest withId = request;
+  if (!withId.clientMessageId) withId.clientMessageId = base::newUUIDString();
+  co_return co_await openStream("/inject", json::serialize(json::encode(withId)), "inject request failed");
+}
+
+asio::awaitable<InjectRetractOutcome> DaemonClient::retractInjected(const std::string& messageId) {
+  std::string target = buildTarget(std::vector<std::string>{std::string("inject"), messageId}, {});
+  auto response = co_await exchange(HttpSessionKind::control, makeRequest("DELETE", std::move(target), false));
+  if (response.status < 400) {
+    try {
+      const auto reply = json::parse(response.body);
+      if (const auto* outcome = reply.is_object() ? reply.as_object().if_contains("outcome") : nullptr;
+          outcome && outcome->is_string() && outcome->as_string() == "retracted")
+        co_return InjectRetractOutcome::retracted;
+    } catch (const json::DecodeError&) {
+    }
+    co_return InjectRetractOutcome::unknown;
+  }
+  const auto body = DaemonClientError::parseErrorBody(response.body);
+  if (body && body->code == "already_committed") co_return InjectRetractOutcome::alreadyCommitted;
+  co_return InjectRetractOutcome::unknown;
 }
 
 asio::awaitable<QueueEnqueueReply> DaemonClient::enqueue(const QueueEnqueueRequest& body) {

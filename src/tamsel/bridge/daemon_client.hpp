@@ -19,6 +19,7 @@
 
 #include "tamsel/bridge/daemon_records.hpp"
 #include "tamsel/bridge/http_transport.hpp"
+#include "tamsel/bridge/reply_stream.hpp"
 
 namespace tamsel::bridge {
 
@@ -52,11 +53,15 @@ class DaemonClient {
   boost::asio::awaitable<SessionDetail> sessionDetail(const std::string& sessionId,
                                                       const std::optional<std::string>& agent);
 
-  // Streamed replies; the caller reads the event stream. Fails before the stream starts with
-  // the mapped error of the response.
-  boost::asio::awaitable<std::unique_ptr<HttpStream>> sendMessage(const SendMessageRequest& request);
-  boost::asio::awaitable<std::unique_ptr<HttpStream>> editAndResend(const std::string& sessionId,
-                                                                    const EditMessageRequest& request);
+  // Streamed replies. A request that fails before its stream starts throws the mapped error
+  // ("SSE request failed", "Edit request failed", "inject request failed" for plain failures).
+  boost::asio::awaitable<ReplyStream> sendMessage(const SendMessageRequest& request);
+  boost::asio::awaitable<ReplyStream> editAndResend(const std::string& sessionId, const EditMessageRequest& request);
+  // Sends text into the reply running in a session; its stream reports "injected", then
+  // "injected_committed" once the running turn took it.
+  boost::asio::awaitable<ReplyStream> inject(const InjectRequest& request);
+  // Withdraws an injected message the running turn has not taken yet.
+  boost::asio::awaitable<InjectRetractOutcome> retractInjected(const std::string& messageId);
 
   // A reply without a message id fails with "enqueue: missing message_id" unless "deduped".
   boost::asio::awaitable<QueueEnqueueReply> enqueue(const QueueEnqueueRequest& request);
@@ -90,7 +95,7 @@ class DaemonClient {
   boost::asio::awaitable<HttpResponse> exchange(HttpSessionKind kind, HttpRequest request);
   template <class Reply>
   boost::asio::awaitable<Reply> getJSON(std::string target, HttpSessionKind kind);
-  boost::asio::awaitable<std::unique_ptr<HttpStream>> openStream(std::string target, std::string body);
+  boost::asio::awaitable<ReplyStream> openStream(std::string target, std::string body, const char* failureText);
 
   Config config_;
 };

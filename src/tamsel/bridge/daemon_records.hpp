@@ -157,6 +157,15 @@ struct EditMessageRequest {
 };
 BOOST_DESCRIBE_STRUCT(EditMessageRequest, (), (messageIndex, newContent, channel, source, agent, clientMessageId))
 
+struct InjectRequest {
+  std::string text;  // already carries the injected-message prefix
+  std::optional<std::string> sessionId;
+  std::optional<std::string> agent;
+  std::optional<std::string> routeKey;
+  std::optional<std::string> clientMessageId;
+};
+BOOST_DESCRIBE_STRUCT(InjectRequest, (), (text, sessionId, agent, routeKey, clientMessageId))
+
 struct QueueEnqueueRequest {
   std::string text;
   std::string source = "desktop";
