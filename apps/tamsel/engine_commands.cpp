@@ -93,7 +93,7 @@ int engineStatus(const GlobalOptions& options, bool asJSON) {
     co_return r;
   }());
 
-  auto pid = bridge::PidfileReader::read(bridge::DaemonPaths::pidfilePath());
+  auto pid = bridge::PidfileReader::readProcessID(bridge::DaemonPaths::pidfilePath());
   if (pid && !pidAlive(*pid)) pid.reset();
   const bool running = report.status.has_value();
   const std::string state = running ? "running" : pid ? "not_responding" : "stopped";
@@ -139,7 +139,7 @@ int engineStatus(const GlobalOptions& options, bool asJSON) {
 }
 
 int engineStop(const GlobalOptions& options) {
-  auto pid = bridge::PidfileReader::read(bridge::DaemonPaths::pidfilePath());
+  auto pid = bridge::PidfileReader::readProcessID(bridge::DaemonPaths::pidfilePath());
   if (pid && !pidAlive(*pid)) pid.reset();
   asio::io_context io;
   DaemonManager manager(base::MainExecutor(io), managerConfig(options));
@@ -205,7 +205,12 @@ int runHeadless(const GlobalOptions& options, bool asJSON) {
   signals.async_wait([&](const boost::system::error_code& ec, int) {
     if (ec) return;
     if (!asJSON) std::cout << "Shutting down the engine…" << std::endl;
-    manager.stop([&io] { io.stop(); }, 5);
+    manager.stop(
+        [&] {
+          show();
+          io.stop();
+        },
+        5);
     // A second signal ends at once.
     signals.async_wait([&io](const boost::system::error_code& again, int) {
       if (!again) io.stop();

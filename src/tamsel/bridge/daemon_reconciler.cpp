@@ -40,7 +40,7 @@ asio::awaitable<bool> DaemonReconciler::waitUntilGone(std::int32_t pid, double g
 }
 
 asio::awaitable<ReconcileDecision> DaemonReconciler::reconcile() const {
-  const auto pid = PidfileReader::read(inputs_.pidfile);
+  const auto pid = PidfileReader::readProcessID(inputs_.pidfile);
   if (!pid) {
     co_return ReconcileDecision{
         ReconcileDecision::Respawn{"no pidfile or unparseable content at " + inputs_.pidfile.string()}};

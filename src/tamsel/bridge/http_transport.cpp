@@ -158,14 +158,22 @@ class BeastHttpStream final : public HttpStream {
   int status() const override { return status_; }
   const std::string& contentType() const override { return contentType_; }
 
+  void setIdleTimeout(std::chrono::steady_clock::duration idle) override { idle_ = idle; }
+  void cancel() override {
+    boost::system::error_code ignored;
+    stream_.socket().cancel(ignored);
+  }
+
   asio::awaitable<std::optional<std::string_view>> readSome() override {
     while (!parser_.is_done()) {
+      if (idle_) stream_.expires_after(*idle_);
       parser_.get().body().data = chunk_;
       parser_.get().body().size = sizeof chunk_;
       auto [ec, n] =
           co_await http::async_read_some(stream_, buffer_, parser_, asio::as_tuple(asio::use_awaitable));
       (void)n;
       if (ec == http::error::need_buffer) ec = {};
+      if (ec == beast::error::timeout && idle_) throw TransportError("The stream went silent");
       if (ec == http::error::end_of_stream) {
         // A close-delimited body ends with the connection.
         if (parser_.is_done()) break;
@@ -186,6 +194,7 @@ class BeastHttpStream final : public HttpStream {
   http::response_parser<http::buffer_body> parser_;
   int status_ = 0;
   std::string contentType_;
+  std::optional<std::chrono::steady_clock::duration> idle_;
   char chunk_[16384];
 };
 

@@ -52,6 +52,10 @@ class HttpStream {
   // The next bytes of the body, or nothing at its end. Throws TransportError.
   // The view is valid until the next call.
   virtual boost::asio::awaitable<std::optional<std::string_view>> readSome() = 0;
+  // From now on each read fails with a TransportError when no bytes arrive for `idle`.
+  virtual void setIdleTimeout(std::chrono::steady_clock::duration idle) = 0;
+  // Ends a pending read at once (it throws TransportError); used to stop a stream from outside.
+  virtual void cancel() = 0;
   // The remaining body as one text (for error bodies of failed stream requests).
   boost::asio::awaitable<std::string> readAll();
 };

@@ -287,10 +287,21 @@ struct DaemonManagerAccess {
       co_return;
     }
 
+    bool reuse = decision.isReuse();
+    if (!reuse && !bridge::DesktopRPCSwitch::isEnabled()) {
+      // Without its RPC options the engine writes no pidfile, so an engine of ours may be
+      // running unseen; one that answers our authenticated status call is reused rather than
+      // doubled by a second engine that could not bind the port anyway.
+      try {
+        co_await m.client_->status();
+        reuse = true;
+      } catch (const std::exception&) {
+      }
+    }
     ++impl.generation;
-    if (decision.isReuse()) {
+    if (reuse) {
       base::log::info(kSource, "reusing the running engine");
-      auto pid = bridge::PidfileReader::read(DaemonPaths::pidfilePath());
+      auto pid = bridge::PidfileReader::readProcessID(DaemonPaths::pidfilePath());
       impl.process = pid ? impl.hooks.adopt(*pid) : nullptr;
       impl.processIsOurs = false;
     } else {
@@ -362,6 +373,9 @@ struct DaemonManagerAccess {
   asio::awaitable<bool> waitForReadiness() {
     for (int poll = 0; poll < impl.config.readinessPolls; ++poll) {
       if (poll > 0) co_await sleepFor(impl.config.readinessIntervalSeconds);
+      // An engine we started that has already exited will not answer; whatever does answer on
+      // the port is not it.
+      if (impl.processIsOurs && !processRunning()) co_return false;
       try {
         observeStatus(co_await m.client_->status());
         co_return true;
@@ -452,7 +466,7 @@ struct DaemonManagerAccess {
     }
     // Wait for the engine to go: our handle when we have one, else the pidfile's PID.
     std::optional<std::int32_t> pid = m.enginePID();
-    if (!pid) pid = bridge::PidfileReader::read(DaemonPaths::pidfilePath());
+    if (!pid) pid = bridge::PidfileReader::readProcessID(DaemonPaths::pidfilePath());
     auto alive = [&] {
       if (impl.process) return impl.process->isRunning();
       return pid && (::kill(*pid, 0) == 0 || errno == EPERM);
@@ -464,7 +478,11 @@ struct DaemonManagerAccess {
       impl.process->signal(SIGTERM);
       const auto killAt = std::chrono::steady_clock::now() + std::chrono::seconds(2);
       while (alive() && std::chrono::steady_clock::now() < killAt) co_await sleepFor(0.05);
-      if (alive()) impl.process->signal(SIGKILL);
+      if (alive()) {
+        impl.process->signal(SIGKILL);
+        const auto goneBy = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+        while (alive() && std::chrono::steady_clock::now() < goneBy) co_await sleepFor(0.02);
+      }
     }
     if (impl.process && impl.process->isChild() && !impl.process->isRunning()) co_await impl.process->waitForExit();
     if (!alive()) {

@@ -68,6 +68,11 @@ TEST_F(ReconcilerTest, NoOrBadPidfileRespawnsWithoutProbing) {
   EXPECT_EQ(reason(d), "no pidfile or unparseable content at " + pidfile().string());
   writePidfile("12a4");
   EXPECT_TRUE(run([] { return "1.0.0"; }).isRespawn());
+  // 0 and -1 would signal process groups: never a PID to test or terminate.
+  for (const char* groupish : {"0", "-1", "-4242"}) {
+    writePidfile(groupish);
+    EXPECT_EQ(reason(run([] { return "0.9.0"; })), "no pidfile or unparseable content at " + pidfile().string());
+  }
   EXPECT_EQ(process.probes, 0);
   EXPECT_TRUE(process.signalsSent.empty());
 }
