@@ -34,6 +34,20 @@ int runHeadless(const GlobalOptions& options, bool asJSON);
 int listAgents(const GlobalOptions& options, bool asJSON);
 int listSessions(const GlobalOptions& options, const std::optional<std::string>& agent, bool asJSON);
 
+struct ChatOptions {
+  std::string message;
+  std::optional<std::string> agent;
+  std::optional<std::string> sessionID;
+  bool asJSON = false;
+  std::optional<std::string> autoApprove;  // "once", "session" or "always"
+  bool deny = false;
+};
+int chatOnce(const GlobalOptions& options, const ChatOptions& chat);
+
+// Runs the engine start sequence for a command that needs the engine; prints the failure and
+// returns false when it does not reach running.
+bool ensureEngine(const GlobalOptions& options);
+
 // Prints an error the way every command does: "tamsel: <text>" on stderr.
 void printError(const std::string& text);
 

@@ -52,22 +52,34 @@ void abandonOwnedEngine(asio::io_context& io, DaemonManager& manager) {
 
 }  // namespace
 
-int engineStart(const GlobalOptions& options) {
+namespace {
+// The start sequence; true when the engine runs. `announce` prints the running line.
+bool startEngine(const GlobalOptions& options, bool announce) {
   asio::io_context io;
-  DaemonManager manager(base::MainExecutor(io), managerConfig(options));
+  auto config = managerConfig(options);
+  // A command that only needs the engine up has no use for the event stream.
+  config.connectEventStream = false;
+  DaemonManager manager(base::MainExecutor(io), config);
   manager.start([&io] { io.stop(); });
   io.run();
   const auto& state = manager.state();
   if (state.kind == DaemonManager::State::Kind::running) {
-    std::cout << state.displayText();
-    if (auto pid = manager.enginePID()) std::cout << " (PID " << *pid << ", port " << options.enginePort << ")";
-    std::cout << std::endl;
-    return kExitOK;
+    if (announce) {
+      std::cout << state.displayText();
+      if (auto pid = manager.enginePID()) std::cout << " (PID " << *pid << ", port " << options.enginePort << ")";
+      std::cout << std::endl;
+    }
+    return true;
   }
   printError(state.displayText());
   abandonOwnedEngine(io, manager);
-  return kExitFailure;
+  return false;
 }
+}  // namespace
+
+bool ensureEngine(const GlobalOptions& options) { return startEngine(options, false); }
+
+int engineStart(const GlobalOptions& options) { return startEngine(options, true) ? kExitOK : kExitFailure; }
 
 int engineStatus(const GlobalOptions& options, bool asJSON) {
   asio::io_context io;

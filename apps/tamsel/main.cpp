@@ -66,6 +66,17 @@ int main(int argc, char** argv) {
   sessions->add_option("--agent", sessionsAgent, "Only this agent's sessions");
   sessions->add_flag("--json", sessionsJSON, "Print JSON");
 
+  auto* chat = app.add_subcommand("chat", "Send a message and watch the reply");
+  cli::ChatOptions chatOptions;
+  std::string approve;
+  chat->add_option("-m,--message", chatOptions.message, "The message")->required();
+  chat->add_option("--agent", chatOptions.agent, "The agent to talk to");
+  chat->add_option("--session", chatOptions.sessionID, "Continue this session (default: a new one)");
+  chat->add_flag("--json", chatOptions.asJSON, "One JSON object per reply event");
+  auto* approveOption = chat->add_option("--approve", approve, "Answer approvals without asking")
+                            ->check(CLI::IsMember({"once", "session", "always"}));
+  chat->add_flag("--deny", chatOptions.deny, "Deny approvals without asking")->excludes(approveOption);
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -81,6 +92,10 @@ int main(int argc, char** argv) {
     if (*run) return cli::runHeadless(options, runJSON);
     if (*agents) return cli::listAgents(options, agentsJSON);
     if (*sessions) return cli::listSessions(options, sessionsAgent, sessionsJSON);
+    if (*chat) {
+      if (!approve.empty()) chatOptions.autoApprove = approve;
+      return cli::chatOnce(options, chatOptions);
+    }
   } catch (const std::exception& e) {
     cli::printError(e.what());
     return cli::kExitFailure;

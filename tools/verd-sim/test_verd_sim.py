@@ -114,6 +114,111 @@ class Sim:
         return resp, (json.loads(raw) if is_json else raw.decode())
 
 
+class SseStream:
+    """Reads a server-sent event stream as it arrives, over a raw socket so a
+    body that ends without its closing chunk can be told from a clean end."""
+
+    def __init__(self, sim, method, path, body=None, headers=None, timeout=5.0):
+        self.sock = socket.create_connection(("127.0.0.1", sim.port), timeout=timeout)
+        # Keepalives would keep a stuck stream "alive" forever; fail instead of hanging.
+        self.deadline = time.monotonic() + 2 * timeout
+        data = json.dumps(body).encode() if body is not None else b""
+        lines = ["%s %s HTTP/1.1" % (method, path), "Host: x", "X-Tamsel-Local-Presence: " + sim.token,
+                 "Content-Type: application/json", "Content-Length: %d" % len(data)]
+        lines += ["%s: %s" % kv for kv in (headers or {}).items()]
+        self.sock.sendall(("\r\n".join(lines) + "\r\n\r\n").encode() + data)
+        self.raw = b""
+        while b"\r\n\r\n" not in self.raw:
+            self._recv()
+        head, self.raw = self.raw.split(b"\r\n\r\n", 1)
+        head = head.decode()
+        self.status = int(head.split()[1])
+        self.head = head.lower()
+        self.chunked = "transfer-encoding: chunked" in self.head
+        self.body = b""
+        self.ending = None  # "clean" (closing chunk or EOF of a close-framed body) or "cut"
+
+    def close(self):
+        self.sock.close()
+
+    def _recv(self):
+        if time.monotonic() > self.deadline:
+            raise AssertionError("stream still going at its deadline; body so far: %r" % self.body[-300:])
+        data = self.sock.recv(65536)
+        if not data:
+            raise EOFError
+        self.raw += data
+
+    def _decode(self):
+        """Moves complete chunks from raw into body; True if it got anywhere."""
+        before = (len(self.body), self.ending)
+        if not self.chunked:
+            self.body, self.raw = self.body + self.raw, b""
+        while self.chunked and self.ending is None and b"\r\n" in self.raw:
+            size_line, rest = self.raw.split(b"\r\n", 1)
+            size = int(size_line, 16)
+            if size == 0:
+                self.ending = "clean"
+            elif len(rest) < size + 2:
+                break
+            else:
+                self.body += rest[:size]
+                self.raw = rest[size + 2:]
+        return (len(self.body), self.ending) != before
+
+    def _more(self):
+        if self._decode():
+            return
+        try:
+            self._recv()
+        except EOFError:
+            self.ending = "cut" if self.chunked else "clean"
+        except ConnectionResetError:
+            self.ending = "cut"
+        self._decode()
+
+    def next(self):
+        """(event, data, id) or ("#", comment, None); None once the body has ended."""
+        while b"\n\n" not in self.body:
+            if self.ending:
+                return None
+            self._more()
+        block, self.body = self.body.split(b"\n\n", 1)
+        event, event_id, data = None, None, []
+        for line in block.decode().split("\n"):
+            if line.startswith(":"):
+                return ("#", line[1:].strip(), None)
+            key, _, value = line.partition(": ")
+            if key == "event":
+                event = value
+            elif key == "id":
+                event_id = int(value)
+            elif key == "data":
+                data.append(value)
+        return (event, json.loads("\n".join(data)), event_id)
+
+    def until(self, name):
+        """Events up to and including the first named one; fails if the body ends first."""
+        seen = []
+        while True:
+            item = self.next()
+            if item is None:
+                raise AssertionError("stream ended before %r; got %r" % (name, [e[0] for e in seen]))
+            seen.append(item)
+            if item[0] == name:
+                return seen
+
+    def rest(self):
+        seen = []
+        while (item := self.next()) is not None:
+            seen.append(item)
+        return seen
+
+    def events(self):
+        """The remaining named events (comments left out) up to the end of the body."""
+        return [e for e in self.rest() if e[0] != "#"]
+
+
 class PresenceAndRecording(unittest.TestCase):
     def test_token_enforced_everywhere_and_never_recorded(self):
         sim = Sim(self)
@@ -323,6 +428,330 @@ class Conversation(unittest.TestCase):
         self.assertEqual(resp.status, 200)
         self.assertLess(time.monotonic() - started, 1)
 
+
+# Unpaced replies and a silent event stream, for tests that do not time anything.
+QUICK = {"event_delay_seconds": 0, "events_keepalive_seconds": 0}
+
+
+def named(events, name):
+    return [data for event, data, _ in events if event == name]
+
+
+class EventStream(unittest.TestCase):
+    def open_events(self, sim, query="", **kw):
+        stream = SseStream(sim, "GET", "/events" + query, **kw)
+        self.addCleanup(stream.close)
+        self.assertEqual(stream.status, 200)
+        self.assertIn("content-type: text/event-stream", stream.head)
+        return stream
+
+    def emit(self, sim, name, data=None):
+        resp, body = sim.request("POST", "/debug/emit", {"event": name, "data": data or {}})
+        self.assertEqual(resp.status, 200, body)
+        return body["id"]
+
+    def test_ids_replay_and_live_events(self):
+        sim = Sim(self)
+        live = self.open_events(sim, headers={"X-Tamsel-Desktop-Device-ID": "dev-9"})
+        ids = [self.emit(sim, "notification", {"title": "t%d" % i}) for i in range(3)]
+        self.assertEqual(ids, [1, 2, 3])
+        # Unknown event names go through untouched, so clients can be tested on them.
+        self.assertEqual(self.emit(sim, "brand_new_kind", {"x": 1}), 4)
+        got = [live.next() for _ in range(4)]
+        self.assertEqual([(e, i) for e, _, i in got],
+                         [("notification", 1), ("notification", 2), ("notification", 3), ("brand_new_kind", 4)])
+        self.assertEqual(got[0][1], {"title": "t0"})
+
+        resumed = self.open_events(sim, "?last_event_id=2")
+        fresh = self.open_events(sim)
+        self.assertEqual(self.emit(sim, "notification"), 5)
+        self.assertEqual([resumed.next()[2] for _ in range(3)], [3, 4, 5])
+        self.assertEqual(fresh.next()[2], 5)  # no last_event_id: live events only
+
+        resp, body = sim.request("GET", "/events?last_event_id=abc")
+        self.assertEqual((resp.status, body["code"]), (400, "invalid_request"))
+        with open(sim.record) as f:
+            records = [json.loads(line) for line in f if '"/events"' in line]
+        self.assertEqual(records[0]["device_id"], "dev-9")
+        self.assertEqual(records[1]["query"], {"last_event_id": "2"})
+
+    def test_ring_keeps_the_last_thousand(self):
+        sim = Sim(self)
+        resp, body = sim.request("POST", "/debug/emit-burst", {"event": "tick", "data": {}, "count": 1500})
+        self.assertEqual(body, {"ok": True, "first_id": 1, "last_id": 1500, "count": 1500})
+        stream = self.open_events(sim, "?last_event_id=0")
+        self.emit(sim, "tock")
+        got = [stream.next() for _ in range(1001)]
+        self.assertEqual([i for _, _, i in got], list(range(501, 1502)))
+        self.assertEqual(got[-1][0], "tock")
+        resp, body = sim.request("POST", "/debug/emit-burst", {"event": "tick", "count": 0})
+        self.assertEqual(resp.status, 400)
+
+    def test_keepalive_period_and_switched_off(self):
+        sim = Sim(self, scenario={"events_keepalive_seconds": 0.1})
+        stream = self.open_events(sim)
+        started = time.monotonic()
+        self.assertEqual(stream.next(), ("#", "keepalive", None))
+        self.assertEqual(stream.next(), ("#", "keepalive", None))
+        self.assertLess(time.monotonic() - started, 0.8)
+
+        quiet = Sim(self, scenario={"events_keepalive_seconds": 0})
+        stream = self.open_events(quiet)
+        stream.sock.settimeout(0.3)
+        with self.assertRaises(socket.timeout):
+            stream.next()
+
+    def test_drop_streams_cuts_and_client_resumes(self):
+        sim = Sim(self, scenario={"events_keepalive_seconds": 0})
+        first, second = self.open_events(sim), self.open_events(sim)
+        self.emit(sim, "notification")
+        self.assertEqual(first.next()[2], 1)
+        self.assertEqual(second.next()[2], 1)
+        self.assertEqual(sim.request("POST", "/debug/drop-streams")[1], {"ok": True, "dropped": 2})
+        for stream in (first, second):
+            self.assertEqual(stream.rest(), [])
+            self.assertEqual(stream.ending, "cut")
+        self.emit(sim, "notification", {"n": 2})  # published while nobody listens
+        again = self.open_events(sim, "?last_event_id=1")
+        self.assertEqual(again.next()[1:], ({"n": 2}, 2))
+        self.assertEqual(sim.request("POST", "/debug/drop-streams")[1]["dropped"], 1)
+
+        timed = Sim(self, scenario={"events_drop_after_seconds": 0.2, "events_keepalive_seconds": 0})
+        stream = self.open_events(timed)
+        started = time.monotonic()
+        self.assertEqual(stream.rest(), [])
+        self.assertEqual(stream.ending, "cut")
+        self.assertTrue(0.15 < time.monotonic() - started < 2)
+
+    def test_a_message_is_told_on_the_bus(self):
+        sim = Sim(self, scenario={"events_keepalive_seconds": 0, "event_delay_seconds": 0})
+        bus = self.open_events(sim)
+        reply = SseStream(sim, "POST", "/message", {"text": "sum up the week", "new_session": True})
+        self.addCleanup(reply.close)
+        done = named(reply.events(), "done")[0]
+        events = bus.until("session_title_updated")
+        names = [e for e, _, _ in events]
+        self.assertEqual(names, ["message_received", "tool_status", "tool_status", "assistant_text",
+                                 "usage", "agent_reply", "session_title_updated"])
+        self.assertEqual([i for _, _, i in events], list(range(1, 8)))
+        received = events[0][1]
+        self.assertEqual((received["text"], received["session_id"], received["queued"], received["agent"]),
+                         ("sum up the week", done["session_id"], False, "main"))
+        self.assertEqual([d["status"] for d in named(events, "tool_status")], ["running", "done"])
+        self.assertTrue(all(d["session_id"] == done["session_id"] for _, d, _ in events))
+        agent_reply = named(events, "agent_reply")[0]
+        self.assertEqual((agent_reply["text"], agent_reply["partial"], agent_reply["failure_code"]),
+                         (done["reply"], False, None))
+        self.assertEqual(named(events, "usage")[0]["output_tokens"], done["usage"]["output_tokens"])
+
+
+class Interactions(unittest.TestCase):
+    def start(self, sim, text, **body):
+        stream = SseStream(sim, "POST", "/message", dict(body, text=text))
+        self.addCleanup(stream.close)
+        self.assertEqual(stream.status, 200)
+        return stream
+
+    def test_approval_allow_and_deny(self):
+        sim = Sim(self, scenario=QUICK)
+        bus = SseStream(sim, "GET", "/events")
+        self.addCleanup(bus.close)
+
+        reply = self.start(sim, "tidy the folder [approval]")
+        before = reply.until("approval")
+        self.assertEqual([d["status"] for d in named(before, "tool")], ["running"])
+        ask = before[-1][1]
+        self.assertTrue(ask["request_id"].startswith("apr_"))
+        self.assertEqual((ask["tool"], ask["args"], ask["flags"]), ("bash", {"command": "ls -la"}, ["writes_files"]))
+        resp, body = sim.request("POST", "/approval", {"request_id": ask["request_id"], "decision": "maybe"})
+        self.assertEqual((resp.status, body), (400, {"error": "unknown decision", "code": "invalid_request"}))
+        resp, body = sim.request("POST", "/approval", {"request_id": "apr_nope", "decision": "once"})
+        self.assertEqual((resp.status, body), (404, {"error": "approval not found", "code": "approval_not_found"}))
+        resp, _ = sim.request("POST", "/approval", {"request_id": ask["request_id"], "decision": "allow_session"})
+        self.assertEqual(resp.status, 200)
+        after = reply.events()
+        self.assertEqual(named(after, "tool")[0]["status"], "done")
+        self.assertNotIn("not run", named(after, "done")[0]["reply"])
+        resp, _ = sim.request("POST", "/approval", {"request_id": ask["request_id"], "decision": "once"})
+        self.assertEqual(resp.status, 404)  # answered once, gone
+
+        reply = self.start(sim, "tidy again [approval]")
+        ask = reply.until("approval")[-1][1]
+        sim.request("POST", "/approval", {"request_id": ask["request_id"], "decision": "deny"})
+        after = reply.events()
+        tool = named(after, "tool")[0]
+        self.assertEqual((tool["status"], tool["is_error"]), ("denied", True))
+        self.assertIn("was not run", named(after, "done")[0]["reply"])
+
+        seen = bus.until("agent_reply") + bus.until("agent_reply")
+        requests, resolutions = named(seen, "approval_request"), named(seen, "approval_resolved")
+        self.assertEqual([r["tool"] for r in requests], ["bash", "bash"])
+        self.assertEqual([(r["decision"], r["resolved_by"]) for r in resolutions],
+                         [("session", "desktop"), ("deny", "desktop")])
+        names = [e for e, _, _ in seen]
+        self.assertLess(names.index("approval_request"), names.index("approval_resolved"))
+
+    def test_approval_wait_ends_on_timeout_or_cancel(self):
+        sim = Sim(self, scenario=dict(QUICK, approval_timeout_seconds=0.2))
+        reply = self.start(sim, "anything [approval]")
+        reply.until("approval")
+        rest = reply.events()
+        self.assertEqual(named(rest, "error"), [{"error": "approval timed out", "code": "approval_timeout"}])
+        self.assertEqual(named(rest, "done"), [])
+        self.assertEqual(reply.ending, "clean")
+
+        sim = Sim(self, scenario=QUICK)  # default timeout: only the cancel can end this wait
+        reply = self.start(sim, "anything [approval]", session_id="s_2b81d4e7")
+        ask = reply.until("approval")[-1][1]
+        started = time.monotonic()
+        self.assertTrue(sim.request("POST", "/cancel", {"session_id": "s_2b81d4e7"})[1]["cancelled"])
+        done = named(reply.events(), "done")
+        self.assertEqual([(d["partial"], d["failure_code"]) for d in done], [(True, "cancelled")])
+        self.assertLess(time.monotonic() - started, 1)
+        self.assertEqual(sim.request("POST", "/approval", {"request_id": ask["request_id"],
+                                                           "decision": "once"})[0].status, 404)
+
+    def test_question_answer_and_decline(self):
+        sim = Sim(self, scenario=QUICK)
+        bus = SseStream(sim, "GET", "/events")
+        self.addCleanup(bus.close)
+        reply = self.start(sim, "summarise it [question]", new_session=True)
+        ask = reply.until("question")[-1][1]
+        self.assertTrue(ask["request_id"].startswith("q_"))
+        self.assertEqual([o["label"] for o in ask["questions"][0]["options"]], ["Bullets", "Prose"])
+        self.assertEqual((ask["source"], ask["thread_id"], ask["auto_resolution_ms"]), ("desktop", None, None))
+        resp, body = sim.request("POST", "/question", {"request_id": ask["request_id"], "action": "shrug"})
+        self.assertEqual((resp.status, body["code"]), (400, "invalid_request"))
+        resp, body = sim.request("POST", "/question", {"request_id": "q_nope", "action": "decline"})
+        self.assertEqual((resp.status, body["code"]), (404, "question_not_found"))
+        sim.request("POST", "/question", {"request_id": ask["request_id"], "action": "answer",
+                                          "answers": [{"id": "q1", "values": ["Prose"]}]})
+        self.assertIn("You chose Prose", named(reply.events(), "done")[0]["reply"])
+        seen = bus.until("agent_reply")
+        self.assertEqual(named(seen, "question_request")[0]["request_id"], ask["request_id"])
+        self.assertEqual([(r["action"], r["resolved_by"]) for r in named(seen, "question_resolved")],
+                         [("answer", "desktop")])
+
+        reply = self.start(sim, "again [question]")
+        ask = reply.until("question")[-1][1]
+        sim.request("POST", "/question", {"request_id": ask["request_id"], "action": "decline"})
+        self.assertIn("declined", named(reply.events(), "done")[0]["reply"])
+
+    def test_stream_errors(self):
+        sim = Sim(self, scenario=QUICK)
+        for marker, code, extra in (("[error:credits]", "credits_exhausted", "retry_after_seconds"),
+                                    ("[error:quota]", "quota_exceeded", "reset_at")):
+            events = self.start(sim, "hello " + marker).events()
+            self.assertEqual(named(events, "done"), [], marker)
+            [error] = named(events, "error")
+            self.assertEqual(error["code"], code)
+            self.assertIn(extra, error)
+        self.assertEqual(named(events, "error")[0]["current_plan"], "free")
+
+        events = self.start(sim, "hello [error:plain]").events()
+        names = [e for e, _, _ in events]
+        self.assertLess(names.index("error"), names.index("done"))
+        self.assertEqual(named(events, "error"), [{"error": "tool crashed", "code": "internal"}])
+        self.assertFalse(named(events, "done")[0]["partial"])
+
+        reply = self.start(sim, "hello [cut]")
+        events = reply.events()
+        self.assertEqual(reply.ending, "cut")
+        self.assertEqual(([e for e, _, _ in events][-1], named(events, "done")), ("delta", []))
+
+        scripted = Sim(self, scenario=dict(QUICK, message_markers=["error:credits"]))
+        events = self.start(scripted, "no marker in the text").events()
+        self.assertEqual(named(events, "error")[0]["code"], "credits_exhausted")
+
+
+class Injection(unittest.TestCase):
+    def inject(self, sim, **body):
+        stream = SseStream(sim, "POST", "/inject", dict({"session_id": "s_2b81d4e7"}, **body))
+        self.addCleanup(stream.close)
+        self.assertEqual(stream.status, 200)
+        return stream
+
+    def held_reply(self, sim):
+        """A running reply parked on an approval: it takes nothing in until answered."""
+        reply = SseStream(sim, "POST", "/message", {"text": "check it [approval]", "session_id": "s_2b81d4e7"})
+        self.addCleanup(reply.close)
+        return reply, reply.until("approval")[-1][1]["request_id"]
+
+    def test_commit_retract_and_repeat(self):
+        sim = Sim(self, scenario=QUICK)
+        reply, approval = self.held_reply(sim)
+        kept = self.inject(sim, text="  also look at drafts ", client_message_id="i1")
+        kept_id = kept.until("injected")[0][1]["message_id"]
+        self.assertTrue(kept_id.startswith("inj_"))
+        dropped = self.inject(sim, text="never mind that")
+        dropped_id = dropped.until("injected")[0][1]["message_id"]
+        time.sleep(0.3)  # old enough to be taken: only the reply waiting on the user holds it back
+        self.assertEqual(sim.request("DELETE", "/inject/" + dropped_id)[1], {"ok": True, "outcome": "retracted"})
+        done = named(dropped.events(), "done")[0]
+        self.assertEqual((done["partial"], done["failure_code"]), (True, "retracted"))
+        resp, body = sim.request("POST", "/inject", {"text": "x", "session_id": "s_2b81d4e7",
+                                                     "client_message_id": "i1"})
+        self.assertEqual((resp.status, body["code"]), (409, "idempotent_request_in_progress"))
+
+        sim.request("POST", "/approval", {"request_id": approval, "decision": "once"})
+        events = reply.events()
+        committed = named(events, "injected_committed")
+        self.assertEqual(committed, [{"message_id": kept_id, "text": "  also look at drafts "}])
+        final = named(events, "done")[0]["reply"]
+        self.assertIn("also look at drafts", final)
+        self.assertNotIn("never mind", final)
+        self.assertEqual(named(events, "assistant_text")[0]["text"], final)
+        rest = kept.events()
+        self.assertEqual(named(rest, "injected_committed"), committed)
+        done = named(rest, "done")[0]
+        self.assertEqual((done["partial"], done["failure_code"], done["session_id"]), (False, None, "s_2b81d4e7"))
+
+        resp, body = sim.request("DELETE", "/inject/" + kept_id)
+        self.assertEqual((resp.status, body["code"]), (409, "already_committed"))
+        resp, body = sim.request("DELETE", "/inject/inj_unknown")
+        self.assertEqual((resp.status, body["code"]), (404, "inject_not_found"))
+        _, detail = sim.request("GET", "/sessions/s_2b81d4e7")
+        self.assertEqual([m["content"] for m in detail["messages"]][-3:],
+                         ["check it [approval]", "  also look at drafts ", final])
+
+        # The turn is over now.
+        resp, body = sim.request("POST", "/inject", {"text": "late", "session_id": "s_2b81d4e7"})
+        self.assertEqual((resp.status, body["code"]), (409, "no_active_turn"))
+        resp, body = sim.request("POST", "/inject", {"text": "late", "session_id": "s_2b81d4e7",
+                                                     "client_message_id": "i1"})
+        self.assertEqual((resp.status, body["code"]), (409, "idempotent_request_failed"))
+        resp, body = sim.request("POST", "/inject", {"text": "late", "session_id": "s_nope"})
+        self.assertEqual((resp.status, body["code"]), (404, "session_not_found"))
+
+    def test_cancelled_turn_does_not_take_a_waiting_injection(self):
+        sim = Sim(self, scenario=QUICK)
+        reply, _ = self.held_reply(sim)
+        waiting = self.inject(sim, text="and this")
+        waiting.until("injected")
+        sim.request("POST", "/cancel", {"session_id": "s_2b81d4e7"})
+        self.assertEqual(named(reply.events(), "injected_committed"), [])
+        done = named(waiting.events(), "done")[0]
+        self.assertEqual((done["partial"], done["failure_code"]), (True, "not_taken"))
+
+    def test_taken_at_a_boundary_no_sooner_than_its_delay(self):
+        sim = Sim(self, scenario={"event_delay_seconds": 0.05})
+        for text, latest in (("go", 0.45), ("go [slow]", 1.2)):
+            reply = SseStream(sim, "POST", "/message", {"text": text, "session_id": "s_2b81d4e7"})
+            self.addCleanup(reply.close)
+            reply.until("tool")
+            sent = time.monotonic()
+            self.inject(sim, text="one more thing").until("injected")
+            reply.until("injected_committed")
+            waited = time.monotonic() - sent
+            # Events 0.05 s apart still wait out the 0.2 s; [slow] events 0.5 s apart add up to one more.
+            self.assertTrue(0.2 <= waited < latest, (text, waited))
+            if "slow" in text:
+                sim.request("POST", "/cancel", {"session_id": "s_2b81d4e7"})
+                self.assertEqual(named(reply.events(), "done")[0]["failure_code"], "cancelled")
+            else:
+                rest = [e for e, _, _ in reply.events()]
+                self.assertIn("delta", rest)  # taken mid-reply, not tacked on after it
+                self.assertEqual(rest[-1], "done")
 
 if __name__ == "__main__":
     unittest.main()

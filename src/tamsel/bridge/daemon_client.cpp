@@ -15,6 +15,9 @@ namespace tamsel::bridge {
 namespace asio = boost::asio;
 namespace json = base::json;
 
+// g++ 12 can destroy a temporary inside a co_await expression twice; every argument of an
+// awaited call in this project is therefore a named local, never a temporary.
+
 namespace {
 constexpr const char* kJSONType = "application/json";
 
@@ -84,12 +87,14 @@ asio::awaitable<HttpResponse> DaemonClient::exchange(HttpSessionKind kind, HttpR
 
 template <class Reply>
 asio::awaitable<Reply> DaemonClient::getJSON(std::string target, HttpSessionKind kind) {
-  auto response = co_await exchange(kind, makeRequest("GET", std::move(target), false));
+  auto request = makeRequest("GET", std::move(target), false);
+  auto response = co_await exchange(kind, std::move(request));
   co_return decodeReply<Reply>(check(response));
 }
 
 asio::awaitable<bool> DaemonClient::health() {
-  auto response = co_await exchange(HttpSessionKind::liveness, makeRequest("GET", "/health", false));
+  auto request = makeRequest("GET", "/health", false);
+  auto response = co_await exchange(HttpSessionKind::liveness, std::move(request));
   co_return response.status < 400;
 }
 
@@ -98,7 +103,8 @@ asio::awaitable<DaemonStatus> DaemonClient::status() {
 }
 
 asio::awaitable<void> DaemonClient::shutdown() {
-  auto response = co_await exchange(HttpSessionKind::control, makeRequest("POST", "/shutdown", false));
+  auto request = makeRequest("POST", "/shutdown", false);
+  auto response = co_await exchange(HttpSessionKind::control, std::move(request));
   check(response);
 }
 
@@ -106,7 +112,7 @@ asio::awaitable<std::vector<DaemonAgent>> DaemonClient::agents() {
   co_return co_await getJSON<std::vector<DaemonAgent>>("/agents", HttpSessionKind::control);
 }
 
-asio::awaitable<std::vector<DaemonSession>> DaemonClient::sessions(const SessionListQuery& q) {
+asio::awaitable<std::vector<DaemonSession>> DaemonClient::sessions(SessionListQuery q) {
   Query query;
   if (q.agent) query.emplace_back("agent", *q.agent);
   if (q.projectCwd) query.emplace_back("project_cwd", *q.projectCwd);
@@ -116,7 +122,7 @@ asio::awaitable<std::vector<DaemonSession>> DaemonClient::sessions(const Session
   co_return co_await getJSON<std::vector<DaemonSession>>(std::move(target), HttpSessionKind::control);
 }
 
-asio::awaitable<SessionPage> DaemonClient::sessionPage(const SessionPageQuery& q) {
+asio::awaitable<SessionPage> DaemonClient::sessionPage(SessionPageQuery q) {
   Query query;
   if (q.scope) query.emplace_back("scope", *q.scope);
   if (q.limit) query.emplace_back("limit", std::to_string(*q.limit));
@@ -127,7 +133,7 @@ asio::awaitable<SessionPage> DaemonClient::sessionPage(const SessionPageQuery& q
   co_return co_await getJSON<SessionPage>(std::move(target), HttpSessionKind::control);
 }
 
-asio::awaitable<SessionPage> DaemonClient::searchSessions(const SessionSearchQuery& q) {
+asio::awaitable<SessionPage> DaemonClient::searchSessions(SessionSearchQuery q) {
   Query query{{"q", q.query}};
   if (q.limit) query.emplace_back("limit", std::to_string(*q.limit));
   if (q.offset) query.emplace_back("offset", std::to_string(*q.offset));
@@ -135,8 +141,7 @@ asio::awaitable<SessionPage> DaemonClient::searchSessions(const SessionSearchQue
   co_return co_await getJSON<SessionPage>(std::move(target), HttpSessionKind::control);
 }
 
-asio::awaitable<SessionDetail> DaemonClient::sessionDetail(const std::string& sessionId,
-                                                           const std::optional<std::string>& agent) {
+asio::awaitable<SessionDetail> DaemonClient::sessionDetail(std::string sessionId, std::optional<std::string> agent) {
   Query query;
   if (agent) query.emplace_back("agent", *agent);
   std::string target = buildTarget(std::vector<std::string>{std::string("sessions"), sessionId}, query);
@@ -164,25 +169,31 @@ asio::awaitable<ReplyStream> DaemonClient::openStream(std::string target, std::s
   co_return ReplyStream(std::move(stream));
 }
 
-asio::awaitable<ReplyStream> DaemonClient::sendMessage(const SendMessageRequest& request) {
-  co_return co_await openStream("/message", json::serialize(json::encode(request)), "SSE request failed");
+asio::awaitable<ReplyStream> DaemonClient::sendMessage(SendMessageRequest request) {
+  std::string target = "/message";
+  std::string body = json::serialize(json::encode(request));
+  co_return co_await openStream(std::move(target), std::move(body), "SSE request failed");
 }
 
-asio::awaitable<ReplyStream> DaemonClient::editAndResend(const std::string& sessionId, const EditMessageRequest& request) {
+asio::awaitable<ReplyStream> DaemonClient::editAndResend(std::string sessionId, EditMessageRequest request) {
   std::string target =
       buildTarget(std::vector<std::string>{std::string("sessions"), sessionId, std::string("edit")}, {});
-  co_return co_await openStream(std::move(target), json::serialize(json::encode(request)), "Edit request failed");
+  std::string body = json::serialize(json::encode(request));
+  co_return co_await openStream(std::move(target), std::move(body), "Edit request failed");
 }
 
-asio::awaitable<ReplyStream> DaemonClient::inject(const InjectRequest& request) {
+asio::awaitable<ReplyStream> DaemonClient::inject(InjectRequest request) {
   InjectRequest withId = request;
   if (!withId.clientMessageId) withId.clientMessageId = base::newUUIDString();
-  co_return co_await openStream("/inject", json::serialize(json::encode(withId)), "inject request failed");
+  std::string target = "/inject";
+  std::string body = json::serialize(json::encode(withId));
+  co_return co_await openStream(std::move(target), std::move(body), "inject request failed");
 }
 
-asio::awaitable<InjectRetractOutcome> DaemonClient::retractInjected(const std::string& messageId) {
+asio::awaitable<InjectRetractOutcome> DaemonClient::retractInjected(std::string messageId) {
   std::string target = buildTarget(std::vector<std::string>{std::string("inject"), messageId}, {});
-  auto response = co_await exchange(HttpSessionKind::control, makeRequest("DELETE", std::move(target), false));
+  auto request = makeRequest("DELETE", std::move(target), false);
+  auto response = co_await exchange(HttpSessionKind::control, std::move(request));
   if (response.status < 400) {
     try {
       const auto reply = json::parse(response.body);
@@ -198,7 +209,7 @@ asio::awaitable<InjectRetractOutcome> DaemonClient::retractInjected(const std::s
   co_return InjectRetractOutcome::unknown;
 }
 
-asio::awaitable<QueueEnqueueReply> DaemonClient::enqueue(const QueueEnqueueRequest& body) {
+asio::awaitable<QueueEnqueueReply> DaemonClient::enqueue(QueueEnqueueRequest body) {
   QueueEnqueueRequest withId = body;
   // The engine dedupes a repeated enqueue by this id, so a retry never queues twice.
   if (!withId.clientMessageId) withId.clientMessageId = base::newUUIDString();
@@ -213,36 +224,47 @@ asio::awaitable<QueueEnqueueReply> DaemonClient::enqueue(const QueueEnqueueReque
   co_return reply;
 }
 
-asio::awaitable<void> DaemonClient::cancel(const CancelRequest& body) {
+asio::awaitable<void> DaemonClient::cancel(CancelRequest body) {
   const std::vector<std::string> path{std::string("cancel")};
-  co_await call("POST", path, json::encode(body));
+  const std::optional<JSON> encoded = json::encode(body);
+  const std::string method = "POST";
+  co_await call(method, path, encoded);
 }
 
-asio::awaitable<void> DaemonClient::answerApproval(const ApprovalResponseBody& body) {
+asio::awaitable<void> DaemonClient::answerApproval(ApprovalResponseBody body) {
   const std::vector<std::string> path{std::string("approval")};
-  co_await call("POST", path, json::encode(body));
+  const std::optional<JSON> encoded = json::encode(body);
+  const std::string method = "POST";
+  co_await call(method, path, encoded);
 }
 
-asio::awaitable<void> DaemonClient::answerQuestion(const QuestionResponseBody& body) {
+asio::awaitable<void> DaemonClient::answerQuestion(QuestionResponseBody body) {
   const std::vector<std::string> path{std::string("question")};
-  co_await call("POST", path, json::encode(body));
+  const std::optional<JSON> encoded = json::encode(body);
+  const std::string method = "POST";
+  co_await call(method, path, encoded);
 }
 
-asio::awaitable<JSON> DaemonClient::permissions() { const std::vector<std::string> path{std::string("permissions")};
-  co_return co_await call("GET", path); }
+asio::awaitable<JSON> DaemonClient::permissions() {
+  std::vector<std::string> path{std::string("permissions")};
+  std::string method = "GET";
+  co_return co_await call(std::move(method), std::move(path));
+}
 
-asio::awaitable<JSON> DaemonClient::requestPermission(const JSON& body) {
+asio::awaitable<JSON> DaemonClient::requestPermission(JSON body) {
   const std::vector<std::string> path{std::string("permissions"), std::string("request")};
-  co_return co_await call("POST", path, body);
+  const std::optional<JSON> encoded = body;
+  const std::string method = "POST";
+  co_return co_await call(method, path, encoded);
 }
 
-asio::awaitable<JSON> DaemonClient::alwaysAllow(const std::string& method, const std::optional<JSON>& body) {
+asio::awaitable<JSON> DaemonClient::alwaysAllow(std::string method, std::optional<JSON> body) {
   const std::vector<std::string> path{std::string("permissions"), std::string("always-allow")};
   co_return co_await call(method, path, body);
 }
 
-asio::awaitable<JSON> DaemonClient::call(std::string method, const std::vector<std::string>& segments,
-                                         const std::optional<JSON>& body, const Query& query,
+asio::awaitable<JSON> DaemonClient::call(std::string method, std::vector<std::string> segments,
+                                         std::optional<JSON> body, Query query,
                                          std::optional<HttpSessionKind> session) {
   auto request = makeRequest(std::move(method), buildTarget(segments, query), false);
   if (body) {
@@ -253,7 +275,7 @@ asio::awaitable<JSON> DaemonClient::call(std::string method, const std::vector<s
   co_return decodeGeneric(check(response));
 }
 
-asio::awaitable<JSON> DaemonClient::uploadSkillPackage(const std::string& filename, std::string zipBytes) {
+asio::awaitable<JSON> DaemonClient::uploadSkillPackage(std::string filename, std::string zipBytes) {
   const std::string boundary = "tamsel-" + base::newUUIDString();
   std::string body;
   body.reserve(zipBytes.size() + 256);

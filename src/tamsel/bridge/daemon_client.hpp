@@ -47,42 +47,40 @@ class DaemonClient {
   boost::asio::awaitable<void> shutdown();
 
   boost::asio::awaitable<std::vector<DaemonAgent>> agents();
-  boost::asio::awaitable<std::vector<DaemonSession>> sessions(const SessionListQuery& query = {});
-  boost::asio::awaitable<SessionPage> sessionPage(const SessionPageQuery& query);
-  boost::asio::awaitable<SessionPage> searchSessions(const SessionSearchQuery& query);
-  boost::asio::awaitable<SessionDetail> sessionDetail(const std::string& sessionId,
-                                                      const std::optional<std::string>& agent);
+  boost::asio::awaitable<std::vector<DaemonSession>> sessions(SessionListQuery query = {});
+  boost::asio::awaitable<SessionPage> sessionPage(SessionPageQuery query);
+  boost::asio::awaitable<SessionPage> searchSessions(SessionSearchQuery query);
+  boost::asio::awaitable<SessionDetail> sessionDetail(std::string sessionId, std::optional<std::string> agent);
 
   // Streamed replies. A request that fails before its stream starts throws the mapped error
   // ("SSE request failed", "Edit request failed", "inject request failed" for plain failures).
-  boost::asio::awaitable<ReplyStream> sendMessage(const SendMessageRequest& request);
-  boost::asio::awaitable<ReplyStream> editAndResend(const std::string& sessionId, const EditMessageRequest& request);
+  boost::asio::awaitable<ReplyStream> sendMessage(SendMessageRequest request);
+  boost::asio::awaitable<ReplyStream> editAndResend(std::string sessionId, EditMessageRequest request);
   // Sends text into the reply running in a session; its stream reports "injected", then
   // "injected_committed" once the running turn took it.
-  boost::asio::awaitable<ReplyStream> inject(const InjectRequest& request);
+  boost::asio::awaitable<ReplyStream> inject(InjectRequest request);
   // Withdraws an injected message the running turn has not taken yet.
-  boost::asio::awaitable<InjectRetractOutcome> retractInjected(const std::string& messageId);
+  boost::asio::awaitable<InjectRetractOutcome> retractInjected(std::string messageId);
 
   // A reply without a message id fails with "enqueue: missing message_id" unless "deduped".
-  boost::asio::awaitable<QueueEnqueueReply> enqueue(const QueueEnqueueRequest& request);
-  boost::asio::awaitable<void> cancel(const CancelRequest& request);
-  boost::asio::awaitable<void> answerApproval(const ApprovalResponseBody& body);
-  boost::asio::awaitable<void> answerQuestion(const QuestionResponseBody& body);
+  boost::asio::awaitable<QueueEnqueueReply> enqueue(QueueEnqueueRequest request);
+  boost::asio::awaitable<void> cancel(CancelRequest request);
+  boost::asio::awaitable<void> answerApproval(ApprovalResponseBody body);
+  boost::asio::awaitable<void> answerQuestion(QuestionResponseBody body);
 
   boost::asio::awaitable<JSON> permissions();
-  boost::asio::awaitable<JSON> requestPermission(const JSON& body);
-  boost::asio::awaitable<JSON> alwaysAllow(const std::string& method, const std::optional<JSON>& body);
+  boost::asio::awaitable<JSON> requestPermission(JSON body);
+  boost::asio::awaitable<JSON> alwaysAllow(std::string method, std::optional<JSON> body);
 
   // Any endpoint with a generic JSON body and reply (the configuration, skills, schedules,
   // projects, account, pairing and computer-use endpoints). `segments` are appended to the base
   // address one by one, each percent-encoded: {"skills", "install", id}. The session is chosen
   // from the path unless given.
-  boost::asio::awaitable<JSON> call(std::string method, const std::vector<std::string>& segments,
-                                    const std::optional<JSON>& body = std::nullopt,
-                                    const Query& query = {},
+  boost::asio::awaitable<JSON> call(std::string method, std::vector<std::string> segments,
+                                    std::optional<JSON> body = std::nullopt, Query query = {},
                                     std::optional<HttpSessionKind> session = std::nullopt);
   // A skill package upload: a multipart body with one "application/zip" part.
-  boost::asio::awaitable<JSON> uploadSkillPackage(const std::string& filename, std::string zipBytes);
+  boost::asio::awaitable<JSON> uploadSkillPackage(std::string filename, std::string zipBytes);
 
   // "/path/seg%20ment?x=1" from segments and query items.
   static std::string buildTarget(const std::vector<std::string>& segments, const Query& query);

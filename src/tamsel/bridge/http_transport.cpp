@@ -174,7 +174,7 @@ class BeastHttpStream final : public HttpStream {
       (void)n;
       if (ec == http::error::need_buffer) ec = {};
       if (ec == beast::error::timeout && idle_) throw TransportError("The stream went silent");
-      if (ec == http::error::end_of_stream) {
+      if (ec == http::error::end_of_stream || ec == http::error::partial_message) {
         // A close-delimited body ends with the connection.
         if (parser_.is_done()) break;
         throw TransportError("The engine closed the stream unexpectedly");

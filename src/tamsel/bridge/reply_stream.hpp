@@ -27,6 +27,11 @@ class ReplyStream {
 
   boost::asio::awaitable<std::optional<SSEEvent>> next();
 
+  // Ends a pending next() at once with a TransportError; the request is closed.
+  void cancel() {
+    if (body_) body_->cancel();
+  }
+
   bool sawDone() const { return sawDone_; }
   bool endedPrematurely() const { return ended_ && !sawDone_; }
 

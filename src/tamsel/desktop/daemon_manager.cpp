@@ -112,6 +112,10 @@ DaemonManager::DaemonManager(base::MainExecutor executor, Config config)
       cfg.port, bridge::DaemonLocalPresence::token(), cfg.deviceID,
       {"approvals", "questions", "inject", "queue", "session_started", "deliverables"}});
 
+  eventStream_ = std::make_unique<bridge::EventStreamClient>(
+      executor.context().get_executor(),
+      bridge::EventStreamClient::Config{cfg.port, bridge::DaemonLocalPresence::token(), cfg.deviceID});
+
   Hooks defaults;
   defaults.locateEngine = [] { return EngineLocator::locate(EngineLocator::current()); };
   defaults.launch = [](const platform::LaunchOptions& options) { return platform::Process::launch(options); };
@@ -317,7 +321,7 @@ struct DaemonManagerAccess {
       impl.runningSince = std::chrono::steady_clock::now();
       setEndpoint(DaemonManager::LocalEndpointHealth::ready);
       setState(DaemonManager::State::running());
-      // The event stream connects here once the event bus is in place.
+      if (impl.config.connectEventStream) m.eventStream_->start();
     } else {
       setEndpoint(processRunning() ? DaemonManager::LocalEndpointHealth::reconnecting
                                    : DaemonManager::LocalEndpointHealth::down);
@@ -458,6 +462,7 @@ struct DaemonManagerAccess {
   asio::awaitable<void> stopSequence(double graceSeconds) {
     impl.terminationRequested = true;
     ++impl.generation;
+    m.eventStream_->stop();
     if (impl.monitorTimer) impl.monitorTimer->cancel();
     try {
       co_await m.client_->shutdown();

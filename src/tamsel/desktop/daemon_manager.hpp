@@ -19,6 +19,7 @@
 #include "tamsel/base/signal.hpp"
 #include "tamsel/bridge/daemon_client.hpp"
 #include "tamsel/bridge/daemon_reconciler.hpp"
+#include "tamsel/bridge/event_stream_client.hpp"
 #include "tamsel/platform/child_process.hpp"
 
 namespace tamsel::desktop {
@@ -89,6 +90,8 @@ class DaemonManager {
     double reconcilePollSeconds = 0.1;
     // After this long running without a crash, the restart budget is whole again.
     double stableRunSeconds = 600;
+    // Connect the engine-wide event stream once the engine answers.
+    bool connectEventStream = true;
   };
 
   // The effects the manager relies on, replaceable in tests.
@@ -125,6 +128,7 @@ class DaemonManager {
   base::Signal<>& changed() { return changed_; }
 
   bridge::DaemonClient& client() { return *client_; }
+  bridge::EventStreamClient& eventStream() { return *eventStream_; }
 
   // Runs the start sequence unless one is running. A start the user asks for also gives back
   // the whole restart budget.
@@ -163,6 +167,7 @@ class DaemonManager {
   std::optional<std::filesystem::path> enginePath_;
   std::vector<std::string> lastLaunchArguments_;
   std::unique_ptr<bridge::DaemonClient> client_;
+  std::unique_ptr<bridge::EventStreamClient> eventStream_;
   base::Signal<> changed_;
 
   friend struct DaemonManagerAccess;

@@ -1,0 +1,253 @@
+// tamsel chat -m TEXT: send one message and show the reply as it is written.
+#include <signal.h>
+#include <unistd.h>
+
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/signal_set.hpp>
+#include <iostream>
+#include <sstream>
+
+#include "cli.hpp"
+#include "tamsel/base/json.hpp"
+#include "tamsel/base/log.hpp"
+#include "tamsel/base/uuid.hpp"
+#include "tamsel/bridge/daemon_client_error.hpp"
+#include "tamsel/bridge/daemon_local_presence.hpp"
+#include "tamsel/bridge/device_identity.hpp"
+
+namespace tamsel::cli {
+
+namespace asio = boost::asio;
+namespace json = base::json;
+using bridge::SSEEvent;
+
+namespace {
+
+constexpr int kExitInterrupted = 130;
+
+std::string compact(const std::optional<bridge::JSON>& value, std::size_t limit = 80) {
+  if (!value || value->is_null()) return {};
+  std::string text = json::serialize(*value);
+  if (text.size() > limit) text = text.substr(0, limit - 3) + "...";
+  return text;
+}
+
+std::optional<std::string> readLine(const std::string& prompt) {
+  std::cout << prompt << std::flush;
+  std::string line;
+  if (!std::getline(std::cin, line)) return std::nullopt;
+  return line;
+}
+
+// Renders a reply for a person: text as it grows, one line per tool call, the cards.
+class ChatPrinter {
+ public:
+  explicit ChatPrinter(bool asJSON) : asJSON_(asJSON) {}
+
+  void show(const SSEEvent& event) {
+    if (asJSON_) {
+      boost::json::object line;
+      line["event"] = event.wireName;
+      line["data"] = event.data;
+      std::cout << json::serialize(line) << std::endl;
+      return;
+    }
+    if (const auto* delta = event.get<SSEEvent::Delta>()) {
+      std::cout << delta->value.text << std::flush;
+      midLine_ = !delta->value.text.empty() && delta->value.text.back() != '\n';
+      sawDelta_ = true;
+    } else if (const auto* text = event.get<SSEEvent::AssistantText>()) {
+      // Deltas already showed this text; print whole blocks only when the engine sent no deltas.
+      if (!sawDelta_) {
+        std::cout << text->value.text << std::flush;
+        midLine_ = !text->value.text.empty() && text->value.text.back() != '\n';
+      }
+    } else if (const auto* tool = event.get<SSEEvent::Tool>()) {
+      line("[tool] " + tool->value.tool + " " + compact(tool->value.args) + " " + tool->value.status.value_or("") +
+           (tool->value.isError.value_or(false) ? " (error)" : ""));
+    } else if (const auto* error = event.get<SSEEvent::Error>()) {
+      line("[error] " + error->value.error);
+    } else if (const auto* started = event.get<SSEEvent::SessionStarted>()) {
+      sessionID = started->value.sessionId;
+    } else if (const auto* done = event.get<SSEEvent::Done>()) {
+      if (!sawDelta_ && done->value.reply && !done->value.reply->empty() && !printedAnyText_) {
+        std::cout << *done->value.reply;
+        midLine_ = done->value.reply->back() != '\n';
+      }
+      if (midLine_) std::cout << "\n";
+      midLine_ = false;
+      std::cout << std::flush;
+    }
+  }
+
+  void line(const std::string& text) {
+    if (asJSON_) return;
+    if (midLine_) std::cout << "\n";
+    std::cout << text << std::endl;
+    midLine_ = false;
+  }
+
+  std::optional<std::string> sessionID;
+
+ private:
+  bool asJSON_;
+  bool midLine_ = false;
+  bool sawDelta_ = false;
+  bool printedAnyText_ = false;
+};
+
+struct ChatRun {
+  const GlobalOptions& options;
+  const ChatOptions& chat;
+  bridge::DaemonClient& client;
+  ChatPrinter printer;
+  bool interactive;
+  std::optional<bridge::ReplyStream> stream;
+  int exitCode = kExitOK;
+
+  asio::awaitable<void> answerApproval(const bridge::ApprovalEvent& approval) {
+    std::optional<std::string> decision;
+    if (chat.deny) decision = "deny";
+    else if (chat.autoApprove) decision = chat.autoApprove;
+    else if (interactive) {
+      printer.line("Approval needed: " + approval.tool.value_or("a tool") + " " + compact(approval.args, 200));
+      while (!decision) {
+        auto answer = readLine("Allow? [o]nce, [s]ession, [a]lways, [d]eny: ");
+        if (!answer) break;
+        const char c = answer->empty() ? ' ' : static_cast<char>(std::tolower(static_cast<unsigned char>((*answer)[0])));
+        if (c == 'o') decision = "once";
+        else if (c == 's') decision = "session";
+        else if (c == 'a') decision = "always";
+        else if (c == 'd') decision = "deny";
+      }
+    }
+    if (!decision) {
+      printer.line("Approval for " + approval.tool.value_or("a tool") + " (request " + approval.requestId +
+                   ") is waiting for another client to answer it.");
+      co_return;
+    }
+    const bridge::ApprovalResponseBody body{approval.requestId, *decision};
+    co_await client.answerApproval(body);
+    printer.line(*decision == "deny" ? "Denied." : "Approved (" + *decision + ").");
+  }
+
+  asio::awaitable<void> answerQuestion(const bridge::QuestionRequestPayload& question) {
+    if (!interactive || chat.asJSON) {
+      printer.line("A question (request " + question.requestId + ") is waiting for another client to answer it.");
+      co_return;
+    }
+    std::vector<bridge::AnswerBody> answers;
+    for (const auto& entry : question.questions) {
+      printer.line((entry.header ? "[" + *entry.header + "] " : std::string()) + entry.question);
+      const auto& options = entry.options ? *entry.options : std::vector<bridge::QuestionOptionPayload>{};
+      for (std::size_t i = 0; i < options.size(); ++i) {
+        std::cout << "  " << (i + 1) << ". " << options[i].label;
+        if (options[i].description) std::cout << " — " << *options[i].description;
+        if (options[i].recommended.value_or(false)) std::cout << " (recommended)";
+        std::cout << "\n";
+      }
+      const bool multi = entry.multiSelect.value_or(false);
+      auto reply = readLine(std::string(multi ? "Numbers separated by spaces" : "Number") +
+                            (entry.allowOther.value_or(false) ? " or your own answer" : "") +
+                            ", empty to decline: ");
+      if (!reply || reply->empty()) {
+        const bridge::QuestionResponseBody body{question.requestId, std::string("decline"), std::nullopt};
+        co_await client.answerQuestion(body);
+        printer.line("Declined.");
+        co_return;
+      }
+      bridge::AnswerBody answer{entry.id, {}};
+      std::istringstream words(*reply);
+      bool allNumbers = true;
+      std::vector<std::string> picked;
+      for (std::string word; words >> word;) {
+        char* end = nullptr;
+        const long n = std::strtol(word.c_str(), &end, 10);
+        if (*end != '\0' || n < 1 || static_cast<std::size_t>(n) > options.size()) {
+          allNumbers = false;
+          break;
+        }
+        picked.push_back(options[static_cast<std::size_t>(n - 1)].label);
+      }
+      answer.values = allNumbers ? picked : std::vector<std::string>{*reply};
+      answers.push_back(std::move(answer));
+    }
+    const bridge::QuestionResponseBody body{question.requestId, std::string("answer"), answers};
+    co_await client.answerQuestion(body);
+  }
+
+  asio::awaitable<void> run() {
+    bridge::SendMessageRequest request;
+    request.text = chat.message;
+    request.agent = chat.agent;
+    if (chat.sessionID) request.sessionId = chat.sessionID;
+    else request.newSession = true;
+    request.clientMessageId = base::newUUIDString();
+    stream = co_await client.sendMessage(request);
+    while (auto event = co_await stream->next()) {
+      printer.show(*event);
+      if (const auto* approval = event->get<SSEEvent::Approval>()) co_await answerApproval(approval->value);
+      if (const auto* question = event->get<SSEEvent::Question>()) co_await answerQuestion(question->value);
+      if (const auto* failure = event->get<SSEEvent::Failure>()) {
+        printError(failure->value.error.description());
+        exitCode = kExitFailure;
+      }
+    }
+    if (stream->endedPrematurely() && exitCode == kExitOK) {
+      printError("The reply ended before it was complete");
+      exitCode = kExitFailure;
+    }
+  }
+};
+
+}  // namespace
+
+int chatOnce(const GlobalOptions& options, const ChatOptions& chat) {
+  if (!ensureEngine(options)) return kExitFailure;
+  asio::io_context io;
+  bridge::DaemonClient client({options.enginePort, bridge::DaemonLocalPresence::token(), bridge::desktopDeviceID(),
+                               {"approvals", "questions", "inject", "session_started"}});
+  ChatRun run{options, chat, client, ChatPrinter(chat.asJSON), static_cast<bool>(::isatty(STDIN_FILENO)), {}};
+
+  bool interrupted = false;
+  asio::signal_set signals(io, SIGINT, SIGTERM);
+  signals.async_wait([&](const boost::system::error_code& ec, int) {
+    if (ec) return;
+    interrupted = true;
+    // Dropping the stream closes the request; the engine is also asked to stop the run.
+    asio::co_spawn(io, [&]() -> asio::awaitable<void> {
+      if (run.stream) run.stream->cancel();
+      try {
+        const bridge::CancelRequest body{run.printer.sessionID ? run.printer.sessionID : chat.sessionID, chat.agent,
+                                         std::nullopt};
+        co_await client.cancel(body);
+      } catch (const std::exception&) {
+      }
+      io.stop();
+    }, asio::detached);
+  });
+
+  std::exception_ptr failure;
+  asio::co_spawn(io, run.run(), [&](std::exception_ptr e) {
+    failure = e;
+    signals.cancel();
+  });
+  io.run();
+  if (interrupted) {
+    printError("Cancelled");
+    return kExitInterrupted;
+  }
+  if (failure) {
+    try {
+      std::rethrow_exception(failure);
+    } catch (const std::exception& e) {
+      printError(e.what());
+    }
+    return kExitFailure;
+  }
+  return run.exitCode;
+}
+
+}  // namespace tamsel::cli
