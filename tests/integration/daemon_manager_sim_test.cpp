@@ -43,7 +43,7 @@ class DaemonManagerSim : public ::testing::Test {
       launchedArguments = options.arguments;
       return platform::Process::launch(options);
     };
-    h.claimLegacyService = [] {};
+    h.claimLegacyService = [this] { ++claims; };
     return h;
   }
 
@@ -65,6 +65,7 @@ class DaemonManagerSim : public ::testing::Test {
 
   test::TempDir dir;
   int launches = 0;
+  int claims = 0;
   std::vector<std::string> launchedArguments;
 };
 
@@ -91,6 +92,7 @@ TEST_F(DaemonManagerSim, CrashesAreRestartedFiveTimesThenGivenUp) {
   manager.start();
   runUntil(io, [&] { return launches == 7 && manager.state().kind == State::Kind::running; }, std::chrono::seconds(10));
   EXPECT_EQ(manager.restartCount(), 0);
+  EXPECT_EQ(claims, 1) << "the legacy service is claimed once per launch, not per start";
   stopAndDrain(io, manager);
 }
 
