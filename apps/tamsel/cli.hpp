@@ -44,6 +44,9 @@ struct ChatOptions {
 };
 int chatOnce(const GlobalOptions& options, const ChatOptions& chat);
 
+int showHistory(const GlobalOptions& options, const std::string& sessionID, const std::optional<std::string>& agent,
+                bool asJSON);
+
 // Runs the engine start sequence for a command that needs the engine; prints the failure and
 // returns false when it does not reach running.
 bool ensureEngine(const GlobalOptions& options);

@@ -77,6 +77,14 @@ int main(int argc, char** argv) {
                             ->check(CLI::IsMember({"once", "session", "always"}));
   chat->add_flag("--deny", chatOptions.deny, "Deny approvals without asking")->excludes(approveOption);
 
+  auto* history = app.add_subcommand("history", "Show a session's messages from the engine's files");
+  std::string historySession;
+  std::optional<std::string> historyAgent;
+  bool historyJSON = false;
+  history->add_option("session", historySession, "The session id")->required();
+  history->add_option("--agent", historyAgent, "The agent the session belongs to");
+  history->add_flag("--json", historyJSON, "Print a JSON array of the displayed messages");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -92,6 +100,7 @@ int main(int argc, char** argv) {
     if (*run) return cli::runHeadless(options, runJSON);
     if (*agents) return cli::listAgents(options, agentsJSON);
     if (*sessions) return cli::listSessions(options, sessionsAgent, sessionsJSON);
+    if (*history) return cli::showHistory(options, historySession, historyAgent, historyJSON);
     if (*chat) {
       if (!approve.empty()) chatOptions.autoApprove = approve;
       return cli::chatOnce(options, chatOptions);
