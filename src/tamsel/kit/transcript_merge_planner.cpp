@@ -50,21 +50,32 @@ void planByTable(const std::vector<std::string>& S, std::size_t s0, std::size_t 
 // disk messages come last.
 void planByMap(const std::vector<std::string>& S, std::size_t s0, std::size_t s1, const std::vector<std::string>& D,
                std::size_t d0, std::size_t d1, std::vector<Op>& out) {
-  std::unordered_map<std::string_view, std::vector<std::size_t>> positions;
-  positions.reserve(d1 - d0);
-  for (std::size_t j = d0; j < d1; ++j) positions[D[j]].push_back(j);
-  std::unordered_map<std::string_view, std::size_t> nextUse;
+  constexpr std::size_t none = static_cast<std::size_t>(-1);
+  // Per key, the next unused disk position; later copies are chained through `nextSame`.
+  std::unordered_map<std::string_view, std::size_t> nextOf;
+  nextOf.reserve((d1 - d0) * 2);
+  std::vector<std::size_t> nextSame(d1 - d0, none);
+  for (std::size_t j = d1; j-- > d0;) {
+    auto [it, inserted] = nextOf.try_emplace(D[j], j);
+    if (!inserted) {
+      nextSame[j - d0] = it->second;
+      it->second = j;
+    }
+  }
   std::size_t cursor = d0;  // every disk index below it has been emitted
   for (std::size_t i = s0; i < s1; ++i) {
-    auto found = positions.find(S[i]);
-    std::size_t match = d1;
-    if (found != positions.end()) {
-      auto& use = nextUse[S[i]];
-      const auto& list = found->second;
-      while (use < list.size() && list[use] < cursor) ++use;
-      if (use < list.size()) match = list[use++];
+    std::size_t match = none;
+    if (auto found = nextOf.find(S[i]); found != nextOf.end()) {
+      std::size_t j = found->second;
+      while (j != none && j < cursor) j = nextSame[j - d0];
+      if (j != none) {
+        match = j;
+        found->second = nextSame[j - d0];
+      } else {
+        found->second = none;
+      }
     }
-    if (match == d1) {
+    if (match == none) {
       out.push_back(Op::takeState(i));
       continue;
     }
