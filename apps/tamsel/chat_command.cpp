@@ -47,6 +47,8 @@ class ChatPrinter {
   explicit ChatPrinter(bool asJSON) : asJSON_(asJSON) {}
 
   void show(const SSEEvent& event) {
+    // The session is needed to cancel the run, whatever the output format.
+    if (const auto* started = event.get<SSEEvent::SessionStarted>()) sessionID = started->value.sessionId;
     if (asJSON_) {
       boost::json::object line;
       line["event"] = event.wireName;
@@ -62,6 +64,7 @@ class ChatPrinter {
       // Deltas already showed this text; print whole blocks only when the engine sent no deltas.
       if (!sawDelta_) {
         std::cout << text->value.text << std::flush;
+        printedAnyText_ = !text->value.text.empty() || printedAnyText_;
         midLine_ = !text->value.text.empty() && text->value.text.back() != '\n';
       }
     } else if (const auto* tool = event.get<SSEEvent::Tool>()) {
@@ -69,8 +72,6 @@ class ChatPrinter {
            (tool->value.isError.value_or(false) ? " (error)" : ""));
     } else if (const auto* error = event.get<SSEEvent::Error>()) {
       line("[error] " + error->value.error);
-    } else if (const auto* started = event.get<SSEEvent::SessionStarted>()) {
-      sessionID = started->value.sessionId;
     } else if (const auto* done = event.get<SSEEvent::Done>()) {
       if (!sawDelta_ && done->value.reply && !done->value.reply->empty() && !printedAnyText_) {
         std::cout << *done->value.reply;
@@ -80,6 +81,12 @@ class ChatPrinter {
       midLine_ = false;
       std::cout << std::flush;
     }
+  }
+
+  // Ends a line the reply left open, so what follows starts on its own line.
+  void finish() {
+    if (midLine_) std::cout << std::endl;
+    midLine_ = false;
   }
 
   void line(const std::string& text) {
@@ -195,6 +202,7 @@ struct ChatRun {
         exitCode = kExitFailure;
       }
     }
+    printer.finish();
     if (stream->endedPrematurely() && exitCode == kExitOK) {
       printError("The reply ended before it was complete");
       exitCode = kExitFailure;
@@ -235,6 +243,7 @@ int chatOnce(const GlobalOptions& options, const ChatOptions& chat) {
     signals.cancel();
   });
   io.run();
+  run.printer.finish();
   if (interrupted) {
     printError("Cancelled");
     return kExitInterrupted;
