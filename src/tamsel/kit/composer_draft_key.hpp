@@ -1,0 +1,29 @@
+#pragma once
+// Keys under which composer drafts are stored: "session:<id>" for a session the engine knows,
+// "pending:<local id>" for a session shown before the engine created it, "new:<agent>" for the
+// new-session composer of an agent. The kind prefix keeps the three id spaces apart.
+#include <optional>
+#include <string>
+
+#include "tamsel/bridge/session_identity_registry.hpp"
+
+namespace tamsel::kit {
+
+struct ComposerDraftKey {
+  static constexpr const char* sessionPrefix = "session:";
+  static constexpr const char* pendingPrefix = "pending:";
+  static constexpr const char* newSessionPrefix = "new:";
+
+  static std::string forSession(const std::string& sessionID);  // an existing (real) session
+  static std::string forPendingSession(const std::string& pendingLocalID);
+  static std::string forNewSession(const std::string& agent);  // the new-session composer of an agent
+
+  // The pending local id a key was built from, when it is a pending key.
+  static std::optional<std::string> pendingLocalID(const std::string& key);
+
+  // A pending key whose session the engine has since created becomes that session's key;
+  // others unchanged.
+  static std::string rekeyed(const std::string& key, const bridge::SessionIdentityRegistry& registry);
+};
+
+}  // namespace tamsel::kit
