@@ -43,6 +43,8 @@ struct ChatOptions {
   bool deny = false;
 };
 int chatOnce(const GlobalOptions& options, const ChatOptions& chat);
+int chatInteractive(const GlobalOptions& options, const std::optional<std::string>& agent,
+                    const std::optional<std::string>& sessionID);
 
 int showHistory(const GlobalOptions& options, const std::string& sessionID, const std::optional<std::string>& agent,
                 bool asJSON);

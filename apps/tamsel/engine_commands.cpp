@@ -16,7 +16,9 @@
 #include "tamsel/bridge/daemon_local_presence.hpp"
 #include "tamsel/bridge/daemon_paths.hpp"
 #include "tamsel/bridge/device_identity.hpp"
+#include "tamsel/bridge/desktop_rpc_switch.hpp"
 #include "tamsel/bridge/pidfile_reader.hpp"
+#include "tamsel/bridge/rpc/desktop_rpc_service.hpp"
 #include "tamsel/desktop/engine_locator.hpp"
 
 namespace tamsel::cli {
@@ -59,6 +61,7 @@ bool startEngine(const GlobalOptions& options, bool announce) {
   auto config = managerConfig(options);
   // A command that only needs the engine up has no use for the event stream.
   config.connectEventStream = false;
+  config.connectRPCChannel = false;
   DaemonManager manager(base::MainExecutor(io), config);
   manager.start([&io] { io.stop(); });
   io.run();
@@ -89,6 +92,8 @@ int engineStatus(const GlobalOptions& options, bool asJSON) {
     bool healthy = false;
     std::optional<bridge::DaemonStatus> status;
     std::string error;
+    std::string rpcChannel = "disabled";  // "online", "offline" or "disabled"
+    std::string rpcDetail;                // the protocol version, or why it does not answer
   };
   auto report = runToEnd(io, [&]() -> asio::awaitable<Report> {
     Report r;
@@ -101,6 +106,19 @@ int engineStatus(const GlobalOptions& options, bool asJSON) {
       r.status = co_await client.status();
     } catch (const std::exception& e) {
       if (r.error.empty()) r.error = e.what();
+    }
+    if (bridge::DesktopRPCSwitch::isEnabled()) {
+      // A one-shot capabilities exchange: the channel answers or it does not.
+      try {
+        const auto socket = bridge::DaemonPaths::socketPath();
+        const double limit = 1.0;
+        const std::string version = co_await bridge::rpc::DesktopRPCService::probeProtocolVersion(socket, limit);
+        r.rpcDetail = "protocol " + version;
+        r.rpcChannel = "online";
+      } catch (const std::exception& e) {
+        r.rpcChannel = "offline";
+        r.rpcDetail = e.what();
+      }
     }
     co_return r;
   }());
@@ -129,6 +147,7 @@ int engineStatus(const GlobalOptions& options, bool asJSON) {
     out["engine_path"] = enginePath ? bj::value(enginePath->string()) : bj::value(nullptr);
     out["installed_version"] = installed ? bj::value(*installed) : bj::value(nullptr);
     out["error"] = running ? bj::value(nullptr) : bj::value(report.error);
+    out["rpc_channel"] = report.rpcChannel;
     std::cout << base::json::serialize(out) << std::endl;
   } else {
     std::cout << "Engine:        " << (running ? "Tamsel Engine is running" : pid ? "Engine not responding" : "Tamsel Engine is not running") << "\n";
@@ -143,6 +162,9 @@ int engineStatus(const GlobalOptions& options, bool asJSON) {
     } else if (!report.error.empty()) {
       std::cout << "Error:         " << report.error << "\n";
     }
+    std::cout << "RPC channel:   " << report.rpcChannel;
+    if (!report.rpcDetail.empty()) std::cout << " (" << report.rpcDetail << ")";
+    std::cout << "\n";
     std::cout << "Executable:    " << (enginePath ? enginePath->string() : "not found");
     if (installed) std::cout << " (version " << *installed << ")";
     std::cout << std::endl;
@@ -184,13 +206,21 @@ int runHeadless(const GlobalOptions& options, bool asJSON) {
     DaemonManager::LocalEndpointHealth endpoint;
     std::int64_t restarts;
     std::optional<std::int32_t> pid;
+    std::optional<bool> rpcOnline;  // none: the channel is switched off
+    std::optional<std::string> rpcError;
     bool operator==(const Shown& o) const {
-      return state == o.state && endpoint == o.endpoint && restarts == o.restarts && pid == o.pid;
+      return state == o.state && endpoint == o.endpoint && restarts == o.restarts && pid == o.pid &&
+             rpcOnline == o.rpcOnline && rpcError == o.rpcError;
     }
   };
   std::optional<Shown> last;
   auto show = [&] {
-    Shown now{manager.state(), manager.localEndpoint(), manager.restartCount(), manager.enginePID()};
+    Shown now{manager.state(), manager.localEndpoint(), manager.restartCount(), manager.enginePID(), {}, {}};
+    if (const auto* rpc = manager.rpcService()) {
+      now.rpcOnline = rpc->isOnline();
+      now.rpcError = rpc->lastError();
+    }
+    const std::string rpcChannel = !now.rpcOnline ? "disabled" : *now.rpcOnline ? "online" : "offline";
     if (last == now) return;
     last = now;
     const auto stamp = base::formatISO8601(
@@ -203,15 +233,20 @@ int runHeadless(const GlobalOptions& options, bool asJSON) {
       line["local_endpoint"] = DaemonManager::name(now.endpoint);
       line["pid"] = now.pid ? bj::value(*now.pid) : bj::value(nullptr);
       line["restart_count"] = now.restarts;
+      line["rpc_channel"] = rpcChannel;
+      line["rpc_error"] = now.rpcError ? bj::value(*now.rpcError) : bj::value(nullptr);
       std::cout << base::json::serialize(line) << std::endl;
     } else {
       std::cout << stamp << "  " << now.state.displayText() << "  [endpoint " << DaemonManager::name(now.endpoint);
       if (now.pid) std::cout << ", PID " << *now.pid;
       if (now.restarts) std::cout << ", restarts " << now.restarts;
+      if (now.rpcOnline) std::cout << ", rpc " << rpcChannel;
+      if (now.rpcError) std::cout << " (" << *now.rpcError << ")";
       std::cout << "]" << std::endl;
     }
   };
   manager.changed().connect(show);
+  if (auto* rpc = manager.rpcService()) rpc->changed().connect(show);
 
   asio::signal_set signals(io, SIGINT, SIGTERM);
   signals.async_wait([&](const boost::system::error_code& ec, int) {

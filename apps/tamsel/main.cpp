@@ -69,7 +69,7 @@ int main(int argc, char** argv) {
   auto* chat = app.add_subcommand("chat", "Send a message and watch the reply");
   cli::ChatOptions chatOptions;
   std::string approve;
-  chat->add_option("-m,--message", chatOptions.message, "The message")->required();
+  chat->add_option("-m,--message", chatOptions.message, "The message (without it: an interactive chat)");
   chat->add_option("--agent", chatOptions.agent, "The agent to talk to");
   chat->add_option("--session", chatOptions.sessionID, "Continue this session (default: a new one)");
   chat->add_flag("--json", chatOptions.asJSON, "One JSON object per reply event");
@@ -102,6 +102,7 @@ int main(int argc, char** argv) {
     if (*sessions) return cli::listSessions(options, sessionsAgent, sessionsJSON);
     if (*history) return cli::showHistory(options, historySession, historyAgent, historyJSON);
     if (*chat) {
+      if (chatOptions.message.empty()) return cli::chatInteractive(options, chatOptions.agent, chatOptions.sessionID);
       if (!approve.empty()) chatOptions.autoApprove = approve;
       return cli::chatOnce(options, chatOptions);
     }

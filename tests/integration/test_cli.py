@@ -24,6 +24,7 @@ import tempfile
 import threading
 import time
 import unittest
+import urllib.request
 
 REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 TAMSEL = os.environ.get("TAMSEL_BIN") or os.path.join(REPO, "build", "apps", "tamsel", "tamsel")
@@ -124,14 +125,15 @@ class Sandbox:
         return cmd + list(args)
 
     def run(self, *args, env=None, engine_args=None, timeout=30):
+        # No terminal on stdin: chat would otherwise prompt and wait for a person.
         return subprocess.run(self.command(args, engine_args), env=self.environment(env), cwd=self.root,
-                              capture_output=True, text=True, timeout=timeout)
+                              stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=timeout)
 
     def popen(self, *args, env=None, engine_args=None):
         # stderr goes to a file: nobody drains a pipe while the test waits on stdout.
         with open(os.path.join(self.root, "tamsel-stderr.log"), "a") as err:
             proc = subprocess.Popen(self.command(args, engine_args), env=self.environment(env), cwd=self.root,
-                                    stdout=subprocess.PIPE, stderr=err, text=True)
+                                    stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=err, text=True)
         self.children.append(proc)
         return proc
 
@@ -342,6 +344,25 @@ class EngineStartTests(CliTestCase):
             self.assertTrue(sb.requests())
             self.assertTrue(all(r["presence_ok"] for r in sb.requests()))
 
+    def test_running_engine_is_reused_only_when_its_channel_speaks_our_version(self):
+        for version, reused in (("1.0.0", True), ("1.0.1", False)):
+            with self.subTest(version=version):
+                sb = Sandbox(self)
+                scenario = sb.write_scenario({"rpc_version": version})
+                left = sb.launch_sim("--rpc-socket", sb.socket_path, "--scenario", scenario)
+                # Reaped at once, as an engine that is not our child would be: a zombie still
+                # answers signal 0 and would look like an engine that survived SIGKILL.
+                reaper = threading.Thread(target=left.wait, daemon=True)
+                reaper.start()
+                pid = sb.start_engine()
+                self.assertEqual(pid == left.pid, reused)
+                if reused:
+                    self.assertIsNone(left.poll())
+                else:
+                    reaper.join(5)
+                    self.assertEqual(left.returncode, 0, "the old engine was not asked to leave")
+                    self.assertTrue(pid_alive(pid))
+
     def test_stale_pidfile_is_replaced(self):
         dead = subprocess.Popen(["/bin/true"])
         dead.wait()
@@ -472,7 +493,7 @@ class EngineSearchTests(CliTestCase):
 
 class EngineStatusAndStopTests(CliTestCase):
     KEYS = {"state", "pid", "port", "local_endpoint", "version", "capabilities", "active_agent", "engine_path",
-            "installed_version", "error"}
+            "installed_version", "error", "rpc_channel"}
 
     def status(self):
         proc = self.sb.run("engine", "status", "--json")
@@ -487,6 +508,7 @@ class EngineStatusAndStopTests(CliTestCase):
         self.assertIsNone(report["pid"])
         self.assertEqual(report["port"], self.sb.port)
         self.assertEqual(report["local_endpoint"], "down")
+        self.assertEqual(report["rpc_channel"], "offline")
         self.assertIsNone(report["version"])
         self.assertEqual(report["capabilities"], [])
         self.assertIsNone(report["active_agent"])
@@ -504,6 +526,7 @@ class EngineStatusAndStopTests(CliTestCase):
         self.assertEqual(report["version"], "7.7.7-test")
         self.assertEqual(report["capabilities"], ["sessions", "queue", "inject", "events", "edit"])
         self.assertEqual(report["active_agent"], "main")
+        self.assertEqual(report["rpc_channel"], "online")
         self.assertIsNone(report["error"])
 
         human = self.sb.run("engine", "status")
@@ -555,7 +578,10 @@ class EngineStatusAndStopTests(CliTestCase):
 class RunTests(CliTestCase):
     def test_killed_engine_restarts_after_delay_and_sigterm_ends_all(self):
         sb = self.sb
-        proc = sb.popen("run", "--json")
+        rpc_record = os.path.join(sb.root, "rpc.jsonl")
+        scenario = sb.write_scenario({"rpc_requests": [{"method": "system.ping", "request_id": "ping-1"}]})
+        proc = sb.popen("run", "--json",
+                        engine_args="daemon --port {port} --scenario %s --rpc-record %s" % (scenario, rpc_record))
         out = LineReader(proc.stdout)
         parse = json.loads
 
@@ -564,9 +590,23 @@ class RunTests(CliTestCase):
         first = parse(hit[1])
         self.assertEqual(first["restart_count"], 0)
         self.assertEqual(first["local_endpoint"], "ready")
-        self.assertEqual(set(first), {"time", "state", "text", "local_endpoint", "pid", "restart_count"})
+        self.assertEqual(set(first), {"time", "state", "text", "local_endpoint", "pid", "restart_count",
+                                      "rpc_channel", "rpc_error"})
         self.assertEqual(first["text"], "Tamsel Engine is running")
         self.assertEqual(first["pid"], sb.pidfile_pid())
+        hit = out.next_matching(lambda l: parse(l)["rpc_channel"] == "online", 10)
+        self.assertIsNotNone(hit, out.seen)
+        self.assertIsNone(parse(hit[1])["rpc_error"])
+        # The engine's scripted ping was answered over the channel.
+        deadline = time.monotonic() + 5
+        while not any(r.get("frame", {}).get("payload", {}).get("request_id") == "ping-1"
+                      for r in read_json_lines(rpc_record)) and time.monotonic() < deadline:
+            time.sleep(0.05)
+        answers = [r["frame"]["payload"] for r in read_json_lines(rpc_record)
+                   if r.get("frame", {}).get("payload", {}).get("request_id") == "ping-1"]
+        self.assertEqual(len(answers), 1, read_json_lines(rpc_record))
+        self.assertTrue(answers[0]["ok"])
+        self.assertEqual(answers[0]["result"]["echo"], "pong")
 
         killed_at = time.monotonic()
         os.kill(first["pid"], signal.SIGKILL)
@@ -586,6 +626,11 @@ class RunTests(CliTestCase):
         self.assertLess(hit[0] - killed_at, 15)
         self.assertEqual([e["pid"] for e in sb.argv_entries()], [first["pid"], second["pid"]])
         self.assertFalse(any(parse(l)["state"] == "failed" for l in out.seen), out.seen)
+        # The channel went down with the engine, saying why, and came back with the new one.
+        self.assertTrue(any(parse(l)["rpc_channel"] == "offline" and
+                            (parse(l)["rpc_error"] or "").startswith("transport error: ") for l in out.seen), out.seen)
+        hit = out.next_matching(lambda l: parse(l)["rpc_channel"] == "online" and parse(l)["pid"] == second["pid"], 10)
+        self.assertIsNotNone(hit, out.seen)
 
         proc.send_signal(signal.SIGTERM)
         self.assertEqual(proc.wait(timeout=15), 0)
@@ -599,7 +644,7 @@ class RunTests(CliTestCase):
         hit = out.next_matching(lambda l: "Tamsel Engine is running" in l, 15)
         self.assertIsNotNone(hit, out.seen)
         pid = sb.pidfile_pid()
-        self.assertIn("[endpoint ready, PID %d]" % pid, hit[1])
+        self.assertIn("[endpoint ready, PID %d, rpc " % pid, hit[1])
         proc.send_signal(signal.SIGINT)
         self.assertEqual(proc.wait(timeout=15), 0)
         self.assertFalse(pid_alive(pid))
@@ -704,6 +749,359 @@ class DataCommandTests(CliTestCase):
                 self.assertIn(str(self.sb.port), proc.stderr)
                 self.assertEqual(proc.stdout, "")
         self.assertEqual(self.sb.argv_entries(), [], "a data command started an engine")
+
+
+def sse(*events):
+    """A reply stream as the engine would write it, from (event, data) pairs."""
+    return "".join("event: %s\ndata: %s\n\n" % (name, json.dumps(data)) for name, data in events)
+
+
+def tool_line(data):
+    return "[tool] %s %s %s" % (data["tool"], json.dumps(data["args"], separators=(",", ":")), data["status"])
+
+
+INCOMPLETE = ("tamsel: The reply ended before it was complete", "tamsel: The engine closed the stream unexpectedly")
+IN_PROGRESS = "tamsel: The engine is still working on this request"
+CREDITS = "tamsel: Credits exhausted; an automatic refill has started"
+SHELL_RUNNING = '[tool] bash {"command":"ls -la"} running'
+
+
+class ChatTests(CliTestCase):
+    """`tamsel chat -m`: what it sends, how it shows the reply, and how it ends."""
+
+    def start_engine(self, scenario=None):
+        args = "daemon --port {port} --record " + self.sb.record
+        if scenario is not None:
+            args += " --scenario " + self.sb.write_scenario(scenario)
+        self.sb.start_engine(engine_args=args)
+
+    def chat(self, *args, **kwargs):
+        return self.sb.run("chat", *args, **kwargs)
+
+    def events(self, proc):
+        """The (event, data) pairs of --json output; every line must be one such object."""
+        pairs = []
+        for line in proc.stdout.splitlines():
+            try:
+                item = json.loads(line)
+            except ValueError:
+                self.fail("not a JSON line: %r\n%s" % (line, describe(proc)))
+            self.assertEqual(set(item), {"event", "data"}, line)
+            pairs.append((item["event"], item["data"]))
+        return pairs
+
+    def requests_to(self, path, since=0):
+        return [r for r in self.sb.requests()[since:] if r["path"] == path]
+
+    def answer_as_another_client(self, path, body):
+        with open(self.sb.token_file, encoding="utf-8") as f:
+            token = f.read()
+        request = urllib.request.Request("http://127.0.0.1:%d%s" % (self.sb.port, path), data=json.dumps(body).encode(),
+                                         headers={"X-Tamsel-Local-Presence": token,
+                                                  "Content-Type": "application/json"})
+        with urllib.request.urlopen(request, timeout=5) as reply:
+            self.assertEqual(reply.status, 200)
+
+    def test_new_conversation_then_continued(self):
+        sb = self.sb
+        text = "Summarise my notes"
+        # No engine yet: chat starts one like `engine start` and leaves it running.
+        first = self.chat("-m", text, "--agent", "researcher", "--json",
+                          engine_args="daemon --port {port} --record " + sb.record)
+        self.assertEqual((first.returncode, first.stderr), (0, ""), describe(first))
+        entries = sb.argv_entries()
+        self.assertEqual(len(entries), 1, entries)
+        self.assertTrue(pid_alive(entries[0]["pid"]), "chat stopped the engine it started")
+        self.assertEqual(sb.pidfile_pid(), entries[0]["pid"])
+
+        events = self.events(first)
+        names = [name for name, _ in events]
+        data = [d for _, d in events]
+        self.assertEqual(names[:3], ["session_started", "tool", "tool"], names)
+        self.assertEqual(names[-2:], ["assistant_text", "done"], names)
+        self.assertGreater(len(names), 6, "expected several deltas: %s" % names)
+        self.assertEqual(set(names[3:-2]), {"delta"}, names)
+        session_id = data[0]["session_id"]
+        self.assertEqual([d["status"] for d in data[1:3]], ["running", "done"])
+        reply = "".join(d["text"] for d in data[3:-2])
+        self.assertEqual(data[-2]["text"], reply)
+        done = data[-1]
+        self.assertEqual((done["reply"], done["session_id"], done["agent"], done["partial"]),
+                         (reply, session_id, "researcher", False))
+
+        [sent] = self.requests_to("/message")
+        self.assertEqual(sent["method"], "POST")
+        self.assertTrue(sent["presence_ok"])
+        self.assertEqual(sent["accept"], "text/event-stream")
+        self.assertRegex(sent["device_id"] or "", "(?i)^%s$" % UUID)
+        # The engine only sends what the client says it can handle.
+        self.assertLessEqual({"approvals", "questions", "session_started"}, set(sent["capabilities"].split(",")))
+        body = dict(sent["body"])
+        first_id = body.pop("client_message_id", None)
+        self.assertRegex(first_id or "", "(?i)^%s$" % UUID)
+        self.assertEqual(body, {"text": text, "channel": "quenlo", "source": "desktop", "agent": "researcher",
+                                "new_session": True})
+
+        with self.subTest("human output shows tools and the reply once"):
+            human = self.chat("-m", text)
+            self.assertEqual((human.returncode, human.stderr), (0, ""), describe(human))
+            self.assertEqual(human.stdout, "%s\n%s\n%s\n" % (tool_line(data[1]), tool_line(data[2]), reply))
+            self.assertNotIn("agent", self.requests_to("/message")[-1]["body"])
+
+        with self.subTest("--session continues the session"):
+            later = self.chat("-m", "And the drafts?", "--session", session_id, "--json")
+            self.assertEqual(later.returncode, 0, describe(later))
+            names = [name for name, _ in self.events(later)]
+            self.assertNotIn("session_started", names)
+            self.assertEqual(names[-1], "done", names)
+            self.assertEqual(self.events(later)[-1][1]["session_id"], session_id)
+            body = self.requests_to("/message")[-1]["body"]
+            self.assertEqual(body["session_id"], session_id)
+            self.assertNotIn("new_session", body)
+            stored = {s["id"]: s for s in json.loads(sb.run("sessions", "--json").stdout)}
+            self.assertEqual((stored[session_id]["agent"], stored[session_id]["msg_count"]), ("researcher", 4))
+
+        sent = self.requests_to("/message")
+        self.assertEqual(len({r["body"]["client_message_id"] for r in sent}), 3, "a message id was reused")
+        self.assertEqual(len({r["device_id"] for r in sent}), 1, "the device id changed between commands")
+        self.assertEqual(len(sb.argv_entries()), 1, "a second engine was launched")
+
+    def test_approvals_answered_by_option(self):
+        sb = self.sb
+        self.start_engine({"approval_timeout_seconds": 1})
+        cases = ((["--approve", "once"], "once", "Approved (once).", "done", "I listed the folder"),
+                 (["--approve", "session"], "session", "Approved (session).", "done", "I listed the folder"),
+                 (["--deny"], "deny", "Denied.", "denied (error)", "was not run"))
+        for flags, decision, said, outcome, in_reply in cases:
+            with self.subTest(flags=flags):
+                before = len(sb.requests())
+                proc = self.chat("-m", "Tidy the folder [approval]", *flags)
+                self.assertEqual((proc.returncode, proc.stderr), (0, ""), describe(proc))
+                lines = proc.stdout.splitlines()
+                self.assertEqual(lines[:3], [SHELL_RUNNING, said, '[tool] bash {"command":"ls -la"} ' + outcome])
+                self.assertEqual(len(lines), 4, lines)
+                self.assertIn(in_reply, lines[3])
+                [answer] = self.requests_to("/approval", before)
+                self.assertRegex(answer["body"].pop("request_id", ""), r"^apr_\w+$")
+                self.assertEqual(answer["body"], {"decision": decision})
+
+        with self.subTest("--json answers too and prints only events"):
+            before = len(sb.requests())
+            proc = self.chat("-m", "Tidy the folder [approval]", "--json", "--approve", "always")
+            self.assertEqual(proc.returncode, 0, describe(proc))
+            events = self.events(proc)
+            self.assertEqual([n for n, _ in events[:4]], ["session_started", "tool", "approval", "tool"], events)
+            self.assertEqual(events[3][1]["status"], "done")
+            self.assertEqual(events[-1][0], "done")
+            [answer] = self.requests_to("/approval", before)
+            self.assertEqual(answer["body"], {"request_id": events[2][1]["request_id"], "decision": "always"})
+
+        # Without a terminal nobody can be asked here: the request is left to other clients.
+        with self.subTest("approval left unanswered"):
+            before = len(sb.requests())
+            proc = self.chat("-m", "Tidy the folder [approval]")
+            self.assertEqual(proc.returncode, 1, describe(proc))
+            lines = proc.stdout.splitlines()
+            self.assertEqual(len(lines), 3, lines)
+            self.assertEqual(lines[0], SHELL_RUNNING)
+            self.assertRegex(lines[1], r"^Approval for bash \(request apr_\w+\) is waiting for another client to "
+                                       r"answer it\.$")
+            self.assertEqual(lines[2], "[error] approval timed out")
+            self.assertEqual(proc.stderr.splitlines(), [INCOMPLETE[0]])
+            self.assertEqual(self.requests_to("/approval", before), [])
+
+        with self.subTest("question left unanswered"):
+            before = len(sb.requests())
+            proc = self.chat("-m", "Summarise the notes [question]")
+            self.assertEqual(proc.returncode, 1, describe(proc))
+            lines = proc.stdout.splitlines()
+            self.assertRegex(lines[-2], r"^A question \(request q_\w+\) is waiting for another client to answer it\.$")
+            self.assertEqual(lines[-1], "[error] question timed out")
+            self.assertEqual(proc.stderr.splitlines(), [INCOMPLETE[0]])
+            self.assertEqual(self.requests_to("/question", before), [])
+
+    def test_reply_goes_on_when_another_client_answers(self):
+        sb = self.sb
+        self.start_engine()
+        proc = sb.popen("chat", "-m", "Tidy up, then summarise [approval] [question]")
+        out = LineReader(proc.stdout)
+
+        hit = out.next_matching(lambda l: l.startswith("Approval for bash (request "), 15)
+        self.assertIsNotNone(hit, out.seen)
+        request_id = re.search(r"\(request (\S+)\)", hit[1]).group(1)
+        self.answer_as_another_client("/approval", {"request_id": request_id, "decision": "once"})
+
+        hit = out.next_matching(lambda l: l.startswith("A question (request "), 15)
+        self.assertIsNotNone(hit, out.seen)
+        request_id = re.search(r"\(request (\S+)\)", hit[1]).group(1)
+        self.answer_as_another_client("/question", {"request_id": request_id, "action": "answer",
+                                                    "answers": [{"id": "q1", "values": ["Prose"]}]})
+
+        self.assertEqual(proc.wait(timeout=15), 0)
+        out.next_matching(lambda l: False, 5)  # drain to end of output
+        self.assertIn('[tool] bash {"command":"ls -la"} done', out.seen)
+        self.assertIn("You chose Prose for the summary.", out.seen[-1])
+        self.assertEqual(len(self.requests_to("/approval")), 1, "the client answered the approval itself")
+        self.assertEqual(len(self.requests_to("/question")), 1, "the client answered the question itself")
+
+    def test_errors_inside_the_reply(self):
+        self.start_engine()
+        with self.subTest("credits"):
+            proc = self.chat("-m", "Go on [error:credits]")
+            self.assertEqual(proc.returncode, 1, describe(proc))
+            self.assertEqual(proc.stderr.splitlines(), [CREDITS])
+            self.assertEqual(proc.stdout, "")
+        with self.subTest("credits, --json"):
+            proc = self.chat("-m", "Go on [error:credits]", "--json")
+            self.assertEqual(proc.returncode, 1, describe(proc))
+            self.assertEqual(proc.stderr.splitlines(), [CREDITS])
+            events = self.events(proc)
+            self.assertEqual([n for n, _ in events], ["session_started", "error"])
+            self.assertEqual(events[1][1]["code"], "credits_exhausted")
+        with self.subTest("quota"):
+            proc = self.chat("-m", "Go on [error:quota]")
+            self.assertEqual(proc.returncode, 1, describe(proc))
+            [line] = proc.stderr.splitlines()
+            self.assertTrue(line.startswith("tamsel: Usage limit reached"), line)
+            self.assertIn("free", line)
+        with self.subTest("an error the reply survives"):
+            proc = self.chat("-m", "Go on [error:plain]")
+            self.assertEqual((proc.returncode, proc.stderr), (0, ""), describe(proc))
+            lines = proc.stdout.splitlines()
+            self.assertEqual(len(lines), 4, lines)
+            self.assertEqual(lines[2], "[error] tool crashed")
+            self.assertTrue(lines[3].startswith('About "Go on [error:plain]": '), lines)
+        with self.subTest("cut before done"):
+            proc = self.chat("-m", "Go on [cut]", "--json")
+            self.assertEqual(proc.returncode, 1, describe(proc))
+            self.assertEqual(len(proc.stderr.splitlines()), 1, describe(proc))
+            self.assertIn(proc.stderr.strip(), INCOMPLETE)
+            self.assertEqual([n for n, _ in self.events(proc)][-1], "delta")
+
+    def test_cut_in_a_close_delimited_reply(self):
+        # The body ends with a clean EOF here, so only the missing done tells the reply is cut.
+        self.start_engine({"stream_framing": "close"})
+        whole = self.chat("-m", "All of it", "--json")
+        self.assertEqual(whole.returncode, 0, describe(whole))
+        self.assertEqual(self.events(whole)[-1][0], "done")
+        cut = self.chat("-m", "Half of it [cut]")
+        self.assertEqual(cut.returncode, 1, describe(cut))
+        self.assertIn(cut.stderr.strip(), INCOMPLETE)
+
+    def test_json_skips_unknown_and_undecodable_events(self):
+        sent = [
+            ("session_started", {"session_id": "s_scripted"}),
+            ("tool", {"tool": "grep", "status": "running", "args": {"pattern": "todo"}}),
+            ("delta", {"text": "Two "}),
+            ("delta", {"text": "matches."}),
+            ("assistant_text", {"text": "Two matches."}),
+            ("done", {"reply": "Two matches.", "session_id": "s_scripted", "agent": "main", "partial": False}),
+        ]
+        script = [{"event": name, "data": data} for name, data in sent]
+        script[2:2] = [{"comment": "keepalive"}, {"event": "future_event", "data": {"x": 1}},
+                       {"event": "delta", "raw_data": "{not json"}, {"event": "tool", "data": "not an object"}]
+        # Anything after done is no part of the reply, and chat must not wait for it.
+        script.append({"event": "delta", "data": {"text": " Late."}, "delay_seconds": 30})
+        self.start_engine({"stream_framing": "close", "stream_events": script})
+        for as_json in (True, False):
+            with self.subTest(json=as_json):
+                try:
+                    proc = self.chat("-m", "Find the todos", *(["--json"] if as_json else []), timeout=15)
+                except subprocess.TimeoutExpired:
+                    self.fail("chat kept waiting after done")
+                self.assertEqual((proc.returncode, proc.stderr), (0, ""), describe(proc))
+                if as_json:
+                    self.assertEqual(self.events(proc), sent)
+                else:
+                    self.assertEqual(proc.stdout, '[tool] grep {"pattern":"todo"} running\nTwo matches.\n')
+
+    def test_reply_text_shown_once_however_it_arrives(self):
+        def stream(*events):
+            return {"method": "POST", "path": "/message", "status": 200, "times": 1,
+                    "content_type": "text/event-stream", "raw_body": sse(*events)}
+        done = ("done", {"reply": "Whole answer.", "session_id": "s_1", "agent": "main", "partial": False})
+        cases = (
+            ("whole text without deltas", stream(("assistant_text", {"text": "Whole answer."}), done),
+             "Whole answer.\n"),
+            ("only done carries it", stream(done), "Whole answer.\n"),
+            ("deltas ending the line", stream(("delta", {"text": "Whole "}), ("delta", {"text": "answer.\n"}),
+                                              ("assistant_text", {"text": "Whole answer.\n"}), done),
+             "Whole answer.\n"),
+        )
+        self.start_engine({"responses": [reply for _, reply, _ in cases]})
+        for label, _, expected in cases:
+            with self.subTest(label):
+                proc = self.chat("-m", "Answer me")
+                self.assertEqual((proc.returncode, proc.stdout), (0, expected), describe(proc))
+
+    def test_engine_errors_around_the_stream(self):
+        def once(status, **reply):
+            return dict(method="POST", path="/message", status=status, times=1, **reply)
+
+        cases = (
+            (once(500, body={"error": "model backend crashed", "code": "internal"}),
+             "tamsel: Engine error 500: SSE request failed"),
+            (once(402, body={"error": "payment required", "code": "credits_exhausted", "auto_refill_started": True}),
+             CREDITS),
+            (once(409, body={"error": "request in progress", "code": "idempotent_request_in_progress"}),
+             IN_PROGRESS),
+            (once(200, content_type="text/event-stream",
+                  raw_body=sse(("delta", {"text": "Working on it"}),
+                               ("error", {"error": "request in progress", "code": "idempotent_request_in_progress"}),
+                               ("done", {"reply": "never shown"}))),
+             IN_PROGRESS),
+        )
+        self.start_engine({"responses": [reply for reply, _ in cases]})
+        for reply, expected in cases:
+            with self.subTest(status=reply["status"], expected=expected):
+                proc = self.chat("-m", "Hello")
+                self.assertErrorLine(proc, expected)
+                if reply["status"] == 200:
+                    # What came before the error is still shown.
+                    self.assertIn("Working on it", proc.stdout)
+                    self.assertNotIn("never shown", proc.stdout)
+                else:
+                    self.assertEqual(proc.stdout, "")
+        # One request per command: a retry would have eaten the next case's answer.
+        self.assertEqual(len(self.requests_to("/message")), len(cases))
+        self.assertEqual(self.chat("-m", "Hello").returncode, 0)
+
+    def test_interrupt_cancels_the_reply(self):
+        sb = self.sb
+        self.start_engine()
+        stderr_log = os.path.join(sb.root, "tamsel-stderr.log")
+        for as_json in (False, True):
+            with self.subTest(json=as_json):
+                text = "Interrupt me %s [slow]" % ("json" if as_json else "human")
+                before = len(sb.requests())
+                err_before = os.path.getsize(stderr_log) if os.path.exists(stderr_log) else 0
+                proc = sb.popen("chat", "-m", text, *(["--json"] if as_json else []))
+                out = LineReader(proc.stdout)
+                started = (lambda l: json.loads(l)["event"] == "tool") if as_json else \
+                    (lambda l: l.startswith("[tool] "))
+                self.assertIsNotNone(out.next_matching(started, 15), out.seen)
+                proc.send_signal(signal.SIGINT)
+                self.assertEqual(proc.wait(timeout=10), 130)
+                with open(stderr_log, encoding="utf-8") as f:
+                    f.seek(err_before)
+                    self.assertEqual(f.read(), "tamsel: Cancelled\n")
+                if as_json:
+                    session_id = json.loads(out.seen[0])["data"]["session_id"]
+                else:
+                    listed = json.loads(sb.run("sessions", "--json").stdout)
+                    [session_id] = [s["id"] for s in listed if s["title"] == text]
+                cancels = self.requests_to("/cancel", before)
+                self.assertEqual(len(cancels), 1, cancels)
+                # The engine finds the run to stop by its session.
+                self.assertEqual(cancels[0]["body"].get("session_id"), session_id, cancels[0])
+
+    def test_approval_choices_are_checked_before_anything_starts(self):
+        for flags in (["--approve", "maybe"], ["--approve", "deny"], ["--approve", "once", "--deny"]):
+            with self.subTest(flags=flags):
+                proc = self.chat("-m", "Tidy [approval]", *flags)
+                self.assertNotEqual(proc.returncode, 0, describe(proc))
+                self.assertEqual(proc.stdout, "")
+        self.assertEqual(self.sb.argv_entries(), [], "an engine was started for a refused command")
 
 
 def setUpModule():

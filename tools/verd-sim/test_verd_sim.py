@@ -753,5 +753,106 @@ class Injection(unittest.TestCase):
                 self.assertIn("delta", rest)  # taken mid-reply, not tacked on after it
                 self.assertEqual(rest[-1], "done")
 
+
+class RpcDesktop:
+    """The desktop's end of the RPC socket, spoken by hand."""
+
+    def __init__(self, test, sim):
+        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.sock.settimeout(5)
+        self.sock.connect(sim.socket_path)
+        test.addCleanup(self.sock.close)
+
+    def send(self, frame):
+        body = json.dumps(frame).encode()
+        self.sock.sendall(len(body).to_bytes(4, "big") + body)
+
+    def read(self):
+        """The next frame, or None once the engine closed the connection."""
+        data = b""
+        while len(data) < 4:
+            chunk = self.sock.recv(4 - len(data))
+            if not chunk:
+                return None
+            data += chunk
+        n, body = int.from_bytes(data, "big"), b""
+        while len(body) < n:
+            body += self.sock.recv(n - len(body))
+        return json.loads(body)
+
+    def handshake(self, request_id="drpc_test"):
+        self.send({"type": "desktop_rpc_request", "payload": {
+            "request_id": request_id, "method": "system.capabilities", "params": {}, "timeout_ms": 5000,
+            "session_id": "sess_reconciliation", "agent": "desktop-rpc-service", "source": "tamsel", "ts": "t"}})
+        return self.read()
+
+    def announce(self):
+        self.send({"type": "desktop_event", "payload": {"event": "desktop_online", "ts": "t",
+                                                        "data": {"version": "1.0.0"}}})
+
+
+class RpcSocket(unittest.TestCase):
+    def test_handshake_variants(self):
+        for scenario, check in (
+                ({}, lambda p: p["ok"] and p["result"]["version"] == "1.0.0"),
+                ({"rpc_version": "2.0.0"}, lambda p: p["result"]["version"] == "2.0.0"),
+                ({"rpc_handshake": "malformed"}, lambda p: p["ok"] and isinstance(p["result"], str)),
+                ({"rpc_handshake": "no_version"}, lambda p: "version" not in p["result"]),
+                ({"rpc_handshake": "error"}, lambda p: not p["ok"] and p["error"]["code"] == "internal_error"),
+                ({"rpc_handshake": "close"}, lambda p: p is None)):
+            with self.subTest(scenario=scenario):
+                sim = Sim(self, scenario=scenario)
+                frame = RpcDesktop(self, sim).handshake("drpc_x")
+                payload = frame and frame["payload"]
+                self.assertTrue(check(payload), frame)
+                if payload is not None:
+                    self.assertEqual(payload["request_id"], "drpc_x")
+
+    def test_scripted_and_hooked_requests_reach_the_online_desktop(self):
+        folder = tempfile.mkdtemp(prefix="verd-sim-rpc-")
+        self.addCleanup(shutil.rmtree, folder, True)
+        record = os.path.join(folder, "rpc.jsonl")
+        sim = Sim(self, "--rpc-record", record,
+                  scenario={"rpc_requests": [{"method": "system.ping", "request_id": "p1"}]})
+        resp, body = sim.request("POST", "/debug/rpc-request", {"method": "system.ping"})
+        self.assertEqual((resp.status, body["code"]), (409, "desktop_not_connected"))
+
+        desktop = RpcDesktop(self, sim)
+        desktop.handshake()
+        desktop.announce()
+        scripted = desktop.read()
+        self.assertEqual((scripted["type"], scripted["payload"]["request_id"]), ("desktop_rpc_request", "p1"))
+        self.assertEqual(scripted["payload"]["method"], "system.ping")
+        desktop.send({"type": "desktop_rpc_result", "payload": {"request_id": "p1", "ok": True,
+                                                                "result": {"echo": "pong"}}})
+
+        answer = {}
+        hook = threading.Thread(target=lambda: answer.update(
+            zip(("resp", "body"), sim.request("POST", "/debug/rpc-request",
+                                              {"method": "calendar.list_sources", "params": {"a": 1}}))))
+        hook.start()
+        request = desktop.read()["payload"]
+        self.assertEqual((request["method"], request["params"]), ("calendar.list_sources", {"a": 1}))
+        desktop.send({"type": "desktop_rpc_result", "payload": {"request_id": request["request_id"], "ok": True,
+                                                                "result": []}})
+        hook.join(5)
+        self.assertEqual(answer["resp"].status, 200)
+        self.assertEqual(answer["body"]["result"]["result"], [])
+
+        with open(record) as f:
+            frames = [json.loads(line)["frame"] for line in f]
+        self.assertEqual([f["type"] for f in frames],
+                         ["desktop_rpc_request", "desktop_event", "desktop_rpc_result", "desktop_rpc_result"])
+
+    def test_framing_errors_end_the_connection(self):
+        sim = Sim(self)
+        for bad in (b"\x00\x40\x00\x01", b"\x00\x00\x00\x00", b"\x00\x00\x00\x02{x"):
+            with self.subTest(bad=bad):
+                desktop = RpcDesktop(self, sim)
+                desktop.sock.sendall(bad)
+                self.assertIsNone(desktop.read())
+        # Another desktop is still served.
+        self.assertTrue(RpcDesktop(self, sim).handshake()["payload"]["ok"])
+
 if __name__ == "__main__":
     unittest.main()

@@ -20,6 +20,7 @@
 #include "tamsel/bridge/desktop_rpc_switch.hpp"
 #include "tamsel/bridge/pidfile_reader.hpp"
 #include "tamsel/bridge/protocol_version.hpp"
+#include "tamsel/bridge/rpc/desktop_rpc_service.hpp"
 #include "tamsel/desktop/engine_locator.hpp"
 
 namespace tamsel::desktop {
@@ -103,6 +104,8 @@ struct DaemonManager::Impl {
   std::vector<std::function<void()>> startWaiters;
   bool publishPending = false;
   std::unique_ptr<asio::steady_timer> monitorTimer;
+  // Created only while the RPC switch is on.
+  std::unique_ptr<bridge::rpc::DesktopRPCService> rpcService;
 };
 
 DaemonManager::DaemonManager(base::MainExecutor executor, Config config)
@@ -127,6 +130,20 @@ DaemonManager::DaemonManager(base::MainExecutor executor, Config config)
     co_await client_->status();
     co_return std::string(bridge::desktopRPCProtocolVersion);
   };
+  if (bridge::DesktopRPCSwitch::isEnabled()) {
+    bridge::rpc::DesktopRPCService::Options rpcOptions;
+    rpcOptions.socketPath = DaemonPaths::socketPath();
+    rpcOptions.pidfilePath = DaemonPaths::pidfilePath();
+    impl_->rpcService = std::make_unique<bridge::rpc::DesktopRPCService>(
+        executor.context().get_executor(),
+        std::make_shared<bridge::rpc::DesktopRPCMethodDispatcher>(bridge::rpc::Platform::current()), rpcOptions);
+    // The engine's own answer over the channel, not the HTTP stand-in above.
+    defaults.probe = []() -> asio::awaitable<std::string> {
+      const fs::path socket = DaemonPaths::socketPath();
+      const double limit = 3.0;
+      co_return co_await bridge::rpc::DesktopRPCService::probeProtocolVersion(socket, limit);
+    };
+  }
   defaults.claimLegacyService = [] {
     const auto unit = DaemonPaths::legacyLaunchAgentPath();
     std::error_code ec;
@@ -160,6 +177,8 @@ std::optional<std::int32_t> DaemonManager::enginePID() const {
 }
 
 bool DaemonManager::ownsEngineProcess() const { return impl_->process && impl_->processIsOurs; }
+
+bridge::rpc::DesktopRPCService* DaemonManager::rpcService() { return impl_->rpcService.get(); }
 
 std::optional<std::string> DaemonManager::runCommand(const fs::path& executable,
                                                      const std::vector<std::string>& arguments,
@@ -322,6 +341,7 @@ struct DaemonManagerAccess {
       setEndpoint(DaemonManager::LocalEndpointHealth::ready);
       setState(DaemonManager::State::running());
       if (impl.config.connectEventStream) m.eventStream_->start();
+      startRPCChannel();
     } else {
       setEndpoint(processRunning() ? DaemonManager::LocalEndpointHealth::reconnecting
                                    : DaemonManager::LocalEndpointHealth::down);
@@ -426,6 +446,27 @@ struct DaemonManagerAccess {
     }(*this, impl.generation));
   }
 
+  // Connects the desktop RPC channel in the background; its outcome shows in the service's own
+  // state. A channel refused for its protocol version is not retried against the same engine.
+  void startRPCChannel() {
+    auto* service = impl.rpcService.get();
+    if (!service || !impl.config.connectRPCChannel || service->isStarting()) return;
+    asio::co_spawn(impl.executor.context(), service->start(), [](std::exception_ptr error) {
+      if (!error) return;
+      try {
+        std::rethrow_exception(error);
+      } catch (const std::exception& e) {
+        base::log::warn(kSource, "desktop RPC channel: {}", e.what());
+      }
+    });
+  }
+
+  bool rpcChannelNeedsRetry() const {
+    const auto* service = impl.rpcService.get();
+    if (!service || service->isOnline() || service->isStarting()) return false;
+    return !service->lastError() || !service->lastError()->starts_with("protocol version mismatch");
+  }
+
   void startMonitoring() {
     if (impl.monitorTimer) impl.monitorTimer->cancel();
     impl.monitorTimer = std::make_unique<asio::steady_timer>(impl.executor.context());
@@ -442,6 +483,10 @@ struct DaemonManagerAccess {
           if (generation != self.impl.generation) co_return;
           failures = 0;
           self.setEndpoint(DaemonManager::LocalEndpointHealth::ready);
+          // The engine answers but the channel dropped (the engine closed it, or it was not
+          // listening yet): connect again.
+          if (self.m.state_.kind == DaemonManager::State::Kind::running && self.rpcChannelNeedsRetry())
+            self.startRPCChannel();
           if (self.m.state_ == DaemonManager::State::failed("Engine not responding")) {
             self.impl.runningSince = std::chrono::steady_clock::now();
             self.setState(DaemonManager::State::running());
@@ -463,6 +508,7 @@ struct DaemonManagerAccess {
     impl.terminationRequested = true;
     ++impl.generation;
     m.eventStream_->stop();
+    if (impl.rpcService) impl.rpcService->stop();
     if (impl.monitorTimer) impl.monitorTimer->cancel();
     try {
       co_await m.client_->shutdown();

@@ -22,6 +22,10 @@
 #include "tamsel/bridge/event_stream_client.hpp"
 #include "tamsel/platform/child_process.hpp"
 
+namespace tamsel::bridge::rpc {
+class DesktopRPCService;
+}
+
 namespace tamsel::desktop {
 
 struct DaemonManagerError {
@@ -92,6 +96,8 @@ class DaemonManager {
     double stableRunSeconds = 600;
     // Connect the engine-wide event stream once the engine answers.
     bool connectEventStream = true;
+    // Bring the desktop RPC channel online once the engine answers (when the RPC switch is on).
+    bool connectRPCChannel = true;
   };
 
   // The effects the manager relies on, replaceable in tests.
@@ -129,6 +135,9 @@ class DaemonManager {
 
   bridge::DaemonClient& client() { return *client_; }
   bridge::EventStreamClient& eventStream() { return *eventStream_; }
+  // The desktop RPC channel; null when TAMSEL_DESKTOP_RPC is "0". Its own `changed` signal
+  // reports isOnline and lastError.
+  bridge::rpc::DesktopRPCService* rpcService();
 
   // Runs the start sequence unless one is running. A start the user asks for also gives back
   // the whole restart budget.

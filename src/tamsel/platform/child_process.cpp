@@ -122,23 +122,28 @@ void Process::signal(int signalNumber) const {
 }
 
 asio::awaitable<ExitStatus> Process::waitForExit() {
-  if (exited_) co_return *exited_;
-  if (pidfd_ >= 0) {
-    // Wait on a duplicate so the descriptor object can own and close it.
-    asio::posix::stream_descriptor descriptor(co_await asio::this_coro::executor, ::dup(pidfd_));
-    co_await descriptor.async_wait(asio::posix::stream_descriptor::wait_read, asio::use_awaitable);
-    // Another waiter may have reaped it meanwhile.
-    if (exited_) co_return *exited_;
-  }
-  if (isChild_) {
-    int status = 0;
-    pid_t got;
-    do {
-      got = ::waitpid(pid_, &status, 0);
-    } while (got < 0 && errno == EINTR);
-    exited_ = got == pid_ ? fromWaitStatus(status) : ExitStatus{false, 0, false};
-  } else {
-    exited_ = ExitStatus{false, 0, false};
+  while (!exited_) {
+    if (pidfd_ >= 0) {
+      // Wait on a duplicate so the descriptor object can own and close it.
+      asio::posix::stream_descriptor descriptor(co_await asio::this_coro::executor, ::dup(pidfd_));
+      co_await descriptor.async_wait(asio::posix::stream_descriptor::wait_read, asio::use_awaitable);
+      // Another waiter may have reaped it meanwhile.
+      if (exited_) break;
+    }
+    if (isChild_) {
+      // Never block the loop: a wake-up that was not the exit (a stale readiness report for a
+      // reused descriptor number) goes back to waiting.
+      int status = 0;
+      pid_t got;
+      do {
+        got = ::waitpid(pid_, &status, WNOHANG);
+      } while (got < 0 && errno == EINTR);
+      if (got == pid_) exited_ = fromWaitStatus(status);
+      else if (got < 0) exited_ = ExitStatus{false, 0, false};
+      else if (pidfd_ < 0) co_return ExitStatus{false, 0, false};
+    } else if (!isRunning() || pidfd_ < 0) {
+      exited_ = ExitStatus{false, 0, false};
+    }
   }
   co_return *exited_;
 }
