@@ -1,9 +1,10 @@
 // tamsel chat (without -m): an interactive chat in the terminal on the chat controller.
 //
-// The line editor runs in libedit's callback mode on the same event loop as the controller, so
+// The line editor (GNU readline) runs in its callback mode on the same event loop as the controller, so
 // replies stream in while the user types: output is printed above the prompt and the line being
 // typed is redrawn after it. The unsent line is kept as the session's draft.
-#include <editline/readline.h>
+#include <readline/history.h>
+#include <readline/readline.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -56,6 +57,7 @@ class ChatTerminal {
     active = this;
     vm_.changed().connect([this] { render(); });
     rl_catch_signals = 0;
+    rl_catch_sigwinch = 1;
     // The editor converts the prompt and the input through the locale: UTF-8 needs it set.
     std::setlocale(LC_CTYPE, "");
     rl_initialize();
@@ -86,14 +88,22 @@ class ChatTerminal {
 
   // Prints above the prompt and redraws the line being typed.
   void print(const std::string& text) {
+    const int point = rl_point;
+    char* line = rl_copy_text(0, rl_end);
+    rl_save_prompt();
+    rl_replace_line("", 0);
+    rl_redisplay();
     std::cout << "\r\033[K" << text << std::endl;
-    rl_forced_update_display();
+    rl_restore_prompt();
+    rl_replace_line(line, 0);
+    rl_point = point;
+    rl_redisplay();
+    std::free(line);
   }
 
-  // Empties the line being edited (the editor's replace call ignores an empty text).
   static void clearLine() {
-    if (rl_end > 0) rl_delete_text(0, rl_end);
-    rl_point = rl_end = 0;
+    rl_replace_line("", 0);
+    rl_point = 0;
   }
 
   void printWholeSession() {
@@ -291,6 +301,10 @@ class ChatTerminal {
 
   void render() {
     if (stopped_) return;
+    if (vm_.currentSessionID() != shownSession_) {
+      shownSession_ = vm_.currentSessionID();
+      if (shownSession_) print("(session " + *shownSession_ + ")");
+    }
     const auto& messages = vm_.messages();
     if (printedMessages_ > messages.size()) printedMessages_ = 0;
     // Finished messages are printed whole; the reply being written is printed as it grows.
@@ -377,6 +391,7 @@ class ChatTerminal {
   std::string lastDraft_;
   std::string promptText_;
   bool lineSubmitted_ = false;
+  std::optional<std::string> shownSession_;
 };
 
 }  // namespace
