@@ -23,6 +23,7 @@
 #include "tamsel/bridge/daemon_paths.hpp"
 #include "tamsel/bridge/device_identity.hpp"
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
+#include "tamsel/desktop/preferences_store.hpp"
 #include "tamsel/kit/draft_storage.hpp"
 
 namespace tamsel::cli {
@@ -411,7 +412,8 @@ int chatInteractive(const GlobalOptions& options, const std::optional<std::strin
   bridge::EventStreamClient events(io.get_executor(), {options.enginePort, token, device});
   bridge::SessionHistory history(options.engineHome, files.get_executor());
   kit::DraftStorage drafts(kit::DraftStorage::defaults());
-  DaemonChatViewModel vm(base::MainExecutor(io), {&client, &events, &history, &drafts, {}});
+  desktop::PreferencesStore preferences(desktop::PreferencesStore::defaultFile());
+  DaemonChatViewModel vm(base::MainExecutor(io), {&client, &events, &history, &drafts, &preferences});
 
   ChatTerminal terminal(io, vm, drafts);
   vm.start();

@@ -6,6 +6,7 @@
 #include "sim_harness.hpp"
 #include "tamsel/base/json.hpp"
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
+#include "tamsel/desktop/preferences_store.hpp"
 
 namespace tamsel::desktop {
 namespace {
@@ -28,9 +29,9 @@ class ChatViewModelSim : public ::testing::Test {
     }
   }
 
-  std::unique_ptr<DaemonChatViewModel> makeViewModel() {
-    auto vm = std::make_unique<DaemonChatViewModel>(base::MainExecutor(io),
-                                                    DaemonChatViewModel::Dependencies{&client, &events, &history, nullptr, {}});
+  std::unique_ptr<DaemonChatViewModel> makeViewModel(PreferencesStore* preferences = nullptr) {
+    auto vm = std::make_unique<DaemonChatViewModel>(
+        base::MainExecutor(io), DaemonChatViewModel::Dependencies{&client, &events, &history, nullptr, preferences});
     vm->start();
     runUntil([&] { return !vm->agents().empty() && !vm->sessions().empty(); });
     return vm;
@@ -147,6 +148,35 @@ TEST_F(ChatViewModelSim, SwitchingRestoresFromTheCacheAndTheCacheIsBounded) {
   EXPECT_TRUE(vm->messages().empty()) << "the first session was the least recently used and left the cache";
   vm->selectAgent("no-such-agent");
   EXPECT_EQ(vm->errorMessage(), "That agent no longer exists.");
+}
+
+TEST_F(ChatViewModelSim, SidebarStateSurvivesARestart) {
+  PreferencesStore preferences(engineHome.path() / "preferences.json");
+  std::string finishedElsewhere;
+  {
+    auto vm = makeViewModel(&preferences);
+    vm->setSessionBrowseScope("all");
+    vm->startNewSession();
+    vm->submit("background work [slow]");
+    runUntil([&] { return vm->currentSessionID().has_value(); });
+    finishedElsewhere = *vm->currentSessionID();
+    std::string elsewhere;
+    for (const auto& session : vm->sessions())
+      if (session.id != finishedElsewhere) elsewhere = session.id;
+    vm->selectSession(elsewhere);  // look elsewhere while it runs
+    EXPECT_TRUE(vm->partialSessions().count(finishedElsewhere));
+    runUntil([&] { return vm->runningSessionIDs().empty(); }, std::chrono::seconds(20));
+    EXPECT_TRUE(vm->runningPendingSessionIDs().empty());
+    EXPECT_TRUE(vm->completedUnreadSessions().count(finishedElsewhere)) << finishedElsewhere << " running=" << vm->runningSessionIDs().size();
+    EXPECT_FALSE(vm->partialSessions().count(finishedElsewhere));
+  }
+  PreferencesStore reopened(engineHome.path() / "preferences.json");
+  auto vm = makeViewModel(&reopened);
+  EXPECT_EQ(vm->sessionBrowseScope(), "all");
+  EXPECT_TRUE(vm->completedUnreadSessions().count(finishedElsewhere));
+  vm->selectSession(finishedElsewhere);
+  EXPECT_FALSE(vm->completedUnreadSessions().count(finishedElsewhere)) << "opening it marks it read";
+  EXPECT_EQ(reopened.value(DaemonChatViewModel::completedUnreadSessionsKey), boost::json::value(boost::json::array{}));
 }
 
 }  // namespace

@@ -67,7 +67,7 @@ DaemonClientError DaemonClientError::fromErrorBody(int status, const DaemonError
   if (base::startsWith(code, "display_name_") || base::startsWith(code, "skill_recommendation_") ||
       base::startsWith(code, "conversation_repl") || code == "agent_not_found") {
     // The longer message explains a validation problem best when the engine gives one.
-    return {Validation{body.message && !body.message->empty() ? *body.message : text}};
+    return {Validation{body.message && !body.message->empty() ? *body.message : text, body.code}};
   }
   if (code == "idempotent_request_failed") return {IdempotentRequestFailed{}};
   if (code == "idempotent_request_in_progress") return {IdempotentRequestInProgress{}};

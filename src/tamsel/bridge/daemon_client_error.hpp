@@ -41,6 +41,7 @@ struct DaemonClientError {
   };
   struct Validation {
     std::string message;
+    std::optional<std::string> code;  // the engine's code, for texts the interface words itself
   };
   struct QuotaExceeded {
     QuotaDetails details;

@@ -14,6 +14,7 @@
 #include "tamsel/kit/desktop_local_echo_suppressor.hpp"
 #include "tamsel/kit/injected_message_prefix.hpp"
 #include "tamsel/kit/transcript_merge_planner.hpp"
+#include "tamsel/desktop/preferences_store.hpp"
 
 namespace tamsel::desktop {
 
@@ -104,6 +105,35 @@ struct DaemonChatViewModel::Impl {
     });
   }
 
+  void saveSidebarState() {
+    if (!deps.preferences) return;
+    auto array = [](const std::set<std::string>& ids) {
+      boost::json::array out;
+      for (const auto& id : ids) out.emplace_back(id);
+      return boost::json::value(std::move(out));
+    };
+    try {
+      deps.preferences->set(sessionBrowseKey, boost::json::value(vm.sessionBrowseScope_));
+      deps.preferences->set(partialSessionsKey, array(vm.partialSessions_));
+      deps.preferences->set(completedUnreadSessionsKey, array(vm.completedUnreadSessions_));
+    } catch (const std::exception& e) {
+      base::log::warn(kSource, "could not keep the sidebar state: {}", e.what());
+    }
+  }
+
+  void loadSidebarState() {
+    if (!deps.preferences) return;
+    if (auto scope = deps.preferences->value(sessionBrowseKey); scope && scope->is_string())
+      vm.sessionBrowseScope_ = std::string(scope->get_string());
+    auto readSet = [&](const char* key, std::set<std::string>& into) {
+      if (auto value = deps.preferences->value(key); value && value->is_array())
+        for (const auto& item : value->get_array())
+          if (item.is_string()) into.insert(std::string(item.get_string()));
+    };
+    readSet(partialSessionsKey, vm.partialSessions_);
+    readSet(completedUnreadSessionsKey, vm.completedUnreadSessions_);
+  }
+
   void showError(const std::exception& e) {
     if (const auto* client = dynamic_cast<const bridge::DaemonClientException*>(&e)) {
       const auto& error = client->error();
@@ -111,6 +141,9 @@ struct DaemonChatViewModel::Impl {
         vm.quotaError_ = quota->details;
       } else if (const auto* credits = std::get_if<bridge::DaemonClientError::CreditsExhausted>(&error.value)) {
         vm.creditsError_ = credits->details;
+      } else if (const auto* validation = std::get_if<bridge::DaemonClientError::Validation>(&error.value);
+                 validation && validation->code) {
+        vm.errorMessage_ = conversationAnnotationErrorText(*validation->code).value_or(validation->message);
       } else {
         vm.errorMessage_ = error.description();
       }
@@ -370,6 +403,12 @@ struct DaemonChatViewModel::Impl {
       vm.streamingStatus_ = StreamingStatus{};
     }
     vm.recentSSEDoneSessions_.set(true, keyOf(sessionKey));
+    if (!isVisible(sessionKey) && !cancelled) {
+      // Finished while the user looked elsewhere: unread, and no longer only partly seen.
+      vm.completedUnreadSessions_.insert(keyOf(sessionKey));
+      vm.partialSessions_.erase(keyOf(sessionKey));
+      saveSidebarState();
+    }
     vm.queuedDraftDrainCoordinator_.markReady(keyOf(sessionKey));
     publish();
     drainQueue(keyOf(sessionKey));
@@ -558,7 +597,9 @@ struct DaemonChatViewModel::Impl {
 // ---------------------------------------------------------------- public
 
 DaemonChatViewModel::DaemonChatViewModel(base::MainExecutor executor, Dependencies dependencies)
-    : impl_(std::make_unique<Impl>(*this, executor, std::move(dependencies))) {}
+    : impl_(std::make_unique<Impl>(*this, executor, std::move(dependencies))) {
+  impl_->loadSidebarState();
+}
 
 DaemonChatViewModel::~DaemonChatViewModel() {
   impl_->alive = false;
@@ -650,6 +691,7 @@ void DaemonChatViewModel::selectSession(std::string sessionID) {
   if (auto leaving = currentSessionKey()) {
     const std::string key = registry_.realID(*leaving);
     if (impl_->isRunning(key)) {
+      partialSessions_.insert(key);
       impl_->flushDeltas();
       inFlightSessionStates_.set(InFlightSessionState{messages_, streamingStatus_, deltaBuffer_, isSending_, isStreamActive_}, key);
     } else {
@@ -660,6 +702,8 @@ void DaemonChatViewModel::selectSession(std::string sessionID) {
   }
   currentSessionID_ = sessionID;
   currentPendingSessionLocalID_ = registry_.pendingIDIfRegistered(sessionID);
+  if (completedUnreadSessions_.erase(sessionID) + (impl_->isRunning(sessionID) ? 0 : partialSessions_.erase(sessionID)))
+    impl_->saveSidebarState();
   currentSessionTitle_.reset();
   for (const auto& s : sessions_)
     if (s.id == sessionID) {
@@ -798,6 +842,32 @@ void DaemonChatViewModel::cancel() {
   if (!token) return;
   streamCancellationTracker_.markCancelling(*token);
   isCancelling_ = true;
+  // A session the engine may not have created yet: decide what becomes of its pending marker.
+  if (currentPendingSessionLocalID_ && !currentSessionID_) {
+    const std::string pending = *currentPendingSessionLocalID_;
+    kit::PendingCancelCleanupPlanner::Input input;
+    input.candidate = {pending, messages_.size() <= 2 && composerText().empty()};
+    input.realSessionID = registry_.realIDIfRegistered(pending);
+    input.isListedPending = std::any_of(pendingSessions_.begin(), pendingSessions_.end(),
+                                        [&](const PendingSession& p) { return p.id == pending; });
+    input.currentPendingSessionLocalID = currentPendingSessionLocalID_;
+    switch (kit::PendingCancelCleanupPlanner::plan(input)) {
+      case kit::PendingCancelCleanupPlan::promoteToReal:
+        currentSessionID_ = input.realSessionID;
+        std::erase_if(pendingSessions_, [&](const PendingSession& p) { return p.id == pending; });
+        break;
+      case kit::PendingCancelCleanupPlan::discardPendingDraft:
+        std::erase_if(pendingSessions_, [&](const PendingSession& p) { return p.id == pending; });
+        if (impl_->deps.drafts) impl_->deps.drafts->set({}, kit::ComposerDraftKey::forPendingSession(pending));
+        break;
+      case kit::PendingCancelCleanupPlan::detachStalePendingMarker:
+        currentPendingSessionLocalID_.reset();
+        break;
+      case kit::PendingCancelCleanupPlan::skip:
+      case kit::PendingCancelCleanupPlan::ignoreStaleOrphan:
+        break;
+    }
+  }
   impl_->publish();
   bridge::CancelRequest request;
   const std::string real = registry_.realID(*key);
@@ -882,5 +952,20 @@ void DaemonChatViewModel::setComposerText(std::string text) {
 }
 
 std::string DaemonChatViewModel::sessionKeyFor(const kit::Message& message) { return mergeKey(message.author, message.content); }
+
+std::optional<std::string> DaemonChatViewModel::conversationAnnotationErrorText(std::string_view code) {
+  if (code == "conversation_reply_quote_too_long") return "A selected passage is too long (max 8,000 characters).";
+  if (code == "conversation_reply_comment_too_long") return "A reply is too long (max 2,000 characters).";
+  if (code == "conversation_replies_too_many") return "Too many annotations — the limit is 100 per message.";
+  if (code == "conversation_replies_malformed") return "The annotations could not be read. Re-select the text and try again.";
+  return std::nullopt;
+}
+
+void DaemonChatViewModel::setSessionBrowseScope(std::string scope) {
+  if (scope == sessionBrowseScope_) return;
+  sessionBrowseScope_ = std::move(scope);
+  impl_->saveSidebarState();
+  impl_->publish();
+}
 
 }  // namespace tamsel::desktop

@@ -120,7 +120,7 @@ class DaemonChatViewModel {
     bridge::EventStreamClient* events = nullptr;  // optional
     bridge::SessionHistory* history = nullptr;
     kit::DraftStorage* drafts = nullptr;          // optional
-    std::optional<std::filesystem::path> preferencesFile;  // sidebar state; optional
+    class PreferencesStore* preferences = nullptr;  // sidebar state; optional
   };
 
   DaemonChatViewModel(base::MainExecutor executor, Dependencies dependencies);
@@ -184,6 +184,17 @@ class DaemonChatViewModel {
   void setComposerText(std::string text);
 
   static std::string sessionKeyFor(const kit::Message& message);
+  // The fixed texts for the engine's annotation error codes; nothing for other codes.
+  static std::optional<std::string> conversationAnnotationErrorText(std::string_view code);
+
+  // Sidebar state kept across restarts.
+  const std::string& sessionBrowseScope() const { return sessionBrowseScope_; }
+  void setSessionBrowseScope(std::string scope);
+  const std::set<std::string>& partialSessions() const { return partialSessions_; }
+  const std::set<std::string>& completedUnreadSessions() const { return completedUnreadSessions_; }
+  static constexpr const char* sessionBrowseKey = "dev.tamsel.desktop.daemonChat.sessionBrowse";
+  static constexpr const char* partialSessionsKey = "dev.tamsel.desktop.daemonChat.partialSessions";
+  static constexpr const char* completedUnreadSessionsKey = "dev.tamsel.desktop.daemonChat.completedUnreadSessions";
 
  private:
   struct Impl;
@@ -224,6 +235,8 @@ class DaemonChatViewModel {
   std::optional<bridge::CreditsDetails> creditsError_;
   bool isRetryingAfterRefill_ = false;
   std::optional<std::string> notice_;
+  std::string sessionBrowseScope_ = "agent";
+  std::set<std::string> partialSessions_, completedUnreadSessions_;
   bridge::SessionIdentityRegistry registry_;
   base::Signal<> changed_;
 };

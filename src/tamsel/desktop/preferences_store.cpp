@@ -1,0 +1,58 @@
+#include "tamsel/desktop/preferences_store.hpp"
+
+#include <boost/json/object.hpp>
+#include <chrono>
+
+#include "tamsel/base/atomic_file.hpp"
+#include "tamsel/base/dates.hpp"
+#include "tamsel/base/json.hpp"
+#include "tamsel/base/log.hpp"
+#include "tamsel/bridge/daemon_paths.hpp"
+
+namespace tamsel::desktop {
+
+namespace fs = std::filesystem;
+constexpr const char* kSource = "Preferences";
+
+PreferencesStore::PreferencesStore(fs::path file) : file_(std::move(file)) {
+  std::string text;
+  if (!base::readFile(file_, text)) return;
+  try {
+    auto parsed = base::json::parse(text);
+    if (!parsed.is_object()) throw base::json::DecodeError("not an object");
+    values_ = std::move(parsed.as_object());
+  } catch (const base::json::DecodeError& e) {
+    auto stamp = base::formatISO8601(std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now()));
+    for (char& c : stamp)
+      if (c == ':') c = '-';
+    const fs::path aside = file_.string() + ".bad-" + stamp;
+    std::error_code ec;
+    fs::rename(file_, aside, ec);
+    if (ec) writable_ = false;  // keep the unreadable file rather than write over it
+    base::log::warn(kSource, "{} could not be read ({}); kept as {}, starting empty", file_.string(), e.what(),
+                    ec ? file_.string() : aside.string());
+  }
+}
+
+fs::path PreferencesStore::defaultFile() { return bridge::DaemonPaths::appSupportDirectory() / "preferences.json"; }
+
+std::optional<boost::json::value> PreferencesStore::value(const std::string& key) const {
+  std::lock_guard lock(mutex_);
+  if (const auto* found = values_.if_contains(key)) return *found;
+  return std::nullopt;
+}
+
+void PreferencesStore::set(const std::string& key, std::optional<boost::json::value> value) {
+  std::lock_guard fileLock(fileMutex_);
+  std::string text;
+  {
+    std::lock_guard lock(mutex_);
+    if (value) values_[key] = std::move(*value);
+    else values_.erase(key);
+    if (!writable_) return;
+    text = base::json::serialize(values_);
+  }
+  base::writeFileAtomically(file_, text, 0600);
+}
+
+}  // namespace tamsel::desktop

@@ -1,0 +1,35 @@
+#pragma once
+// The user's preferences: one JSON object in the app folder ("preferences.json", 0600), written
+// atomically on every change. Keys carry the product's reverse-DNS prefix. A file that does not
+// decode is moved aside (never overwritten silently) and the store starts empty. Thread-safe.
+#include <boost/json/value.hpp>
+#include <filesystem>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace tamsel::desktop {
+
+class PreferencesStore {
+ public:
+  static constexpr const char* keyPrefix = "dev.tamsel.desktop.";
+
+  explicit PreferencesStore(std::filesystem::path file);
+  static std::filesystem::path defaultFile();
+
+  std::optional<boost::json::value> value(const std::string& key) const;
+  // Nothing removes the key. Throws std::system_error when the file cannot be written; the
+  // value is kept in memory either way.
+  void set(const std::string& key, std::optional<boost::json::value> value);
+
+  const std::filesystem::path& file() const { return file_; }
+
+ private:
+  std::filesystem::path file_;
+  mutable std::mutex mutex_;  // the values
+  std::mutex fileMutex_;      // writers, so snapshots reach the file in the order they were taken
+  boost::json::object values_;
+  bool writable_ = true;
+};
+
+}  // namespace tamsel::desktop

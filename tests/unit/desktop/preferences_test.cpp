@@ -1,0 +1,61 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
+
+#include "../test_support.hpp"
+#include "tamsel/base/atomic_file.hpp"
+#include "tamsel/desktop/daemon_chat_view_model.hpp"
+#include "tamsel/desktop/preferences_store.hpp"
+
+namespace tamsel::desktop {
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(PreferencesStore, PersistsOwnerOnlyAndRemovesKeys) {
+  test::TempDir dir;
+  const auto file = dir.path() / "preferences.json";
+  {
+    PreferencesStore store(file);
+    store.set("dev.tamsel.desktop.a", boost::json::value(3));
+    store.set("dev.tamsel.desktop.b", boost::json::value("x"));
+    store.set("dev.tamsel.desktop.a", std::nullopt);
+  }
+  struct stat st {};
+  ASSERT_EQ(::stat(file.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  PreferencesStore again(file);
+  EXPECT_EQ(again.value("dev.tamsel.desktop.a"), std::nullopt);
+  EXPECT_EQ(again.value("dev.tamsel.desktop.b"), boost::json::value("x"));
+}
+
+TEST(PreferencesStore, AFileThatDoesNotDecodeIsKeptAside) {
+  test::TempDir dir;
+  const auto file = dir.path() / "preferences.json";
+  std::ofstream(file) << "{ not json";
+  PreferencesStore store(file);
+  EXPECT_EQ(store.value("anything"), std::nullopt);
+  store.set("dev.tamsel.desktop.k", boost::json::value(true));
+  int aside = 0;
+  for (const auto& entry : fs::directory_iterator(dir.path())) {
+    if (entry.path().filename().string().starts_with("preferences.json.bad-")) {
+      ++aside;
+      std::string text;
+      base::readFile(entry.path(), text);
+      EXPECT_EQ(text, "{ not json") << "the unreadable file is kept as it was";
+    }
+  }
+  EXPECT_EQ(aside, 1);
+}
+
+TEST(ChatTexts, AnnotationErrorsAreWordedByTheInterface) {
+  EXPECT_EQ(DaemonChatViewModel::conversationAnnotationErrorText("conversation_replies_too_many"),
+            "Too many annotations — the limit is 100 per message.");
+  EXPECT_EQ(DaemonChatViewModel::conversationAnnotationErrorText("conversation_reply_quote_too_long"),
+            "A selected passage is too long (max 8,000 characters).");
+  EXPECT_EQ(DaemonChatViewModel::conversationAnnotationErrorText("conversation_repl"), std::nullopt);
+}
+
+}  // namespace
+}  // namespace tamsel::desktop
