@@ -31,6 +31,7 @@ int engineStart(const GlobalOptions& options);
 int engineStatus(const GlobalOptions& options, bool asJSON);
 int engineStop(const GlobalOptions& options);
 int runHeadless(const GlobalOptions& options, bool asJSON);
+int followEvents(const GlobalOptions& options, bool asJSON);
 int listAgents(const GlobalOptions& options, bool asJSON);
 int listSessions(const GlobalOptions& options, const std::optional<std::string>& agent, bool asJSON);
 

@@ -77,6 +77,10 @@ int main(int argc, char** argv) {
                             ->check(CLI::IsMember({"once", "session", "always"}));
   chat->add_flag("--deny", chatOptions.deny, "Deny approvals without asking")->excludes(approveOption);
 
+  auto* eventsCommand = app.add_subcommand("events", "Follow the engine's event stream (survives engine restarts)");
+  bool eventsJSON = false;
+  eventsCommand->add_flag("--json", eventsJSON, "One JSON object per event");
+
   auto* history = app.add_subcommand("history", "Show a session's messages from the engine's files");
   std::string historySession;
   std::optional<std::string> historyAgent;
@@ -100,6 +104,7 @@ int main(int argc, char** argv) {
     if (*run) return cli::runHeadless(options, runJSON);
     if (*agents) return cli::listAgents(options, agentsJSON);
     if (*sessions) return cli::listSessions(options, sessionsAgent, sessionsJSON);
+    if (*eventsCommand) return cli::followEvents(options, eventsJSON);
     if (*history) return cli::showHistory(options, historySession, historyAgent, historyJSON);
     if (*chat) {
       if (chatOptions.message.empty()) return cli::chatInteractive(options, chatOptions.agent, chatOptions.sessionID);
