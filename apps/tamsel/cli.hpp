@@ -50,6 +50,20 @@ int chatInteractive(const GlobalOptions& options, const std::optional<std::strin
 int showHistory(const GlobalOptions& options, const std::string& sessionID, const std::optional<std::string>& agent,
                 bool asJSON);
 
+// `tamsel calendar ...`: the desktop's own calendars and the engine's grant to them.
+struct CalendarCommandOptions {
+  std::string action;                       // "permission", "sources", "events", "add-local"
+  std::string permissionAction = "status";  // "status", "grant", "deny"
+  bool asJSON = false;
+  std::string from, to;
+  std::vector<std::string> calendarIDs;
+  std::optional<std::string> query;
+  std::int64_t limit = 500;
+  std::string name, title, color;
+  bool makeDefault = false;
+};
+int calendarCommand(const GlobalOptions& options, const CalendarCommandOptions& calendar);
+
 // Runs the engine start sequence for a command that needs the engine; prints the failure and
 // returns false when it does not reach running.
 bool ensureEngine(const GlobalOptions& options);

@@ -89,6 +89,28 @@ int main(int argc, char** argv) {
   history->add_option("--agent", historyAgent, "The agent the session belongs to");
   history->add_flag("--json", historyJSON, "Print a JSON array of the displayed messages");
 
+  cli::CalendarCommandOptions calendarOptions;
+  auto* calendarCmd = app.add_subcommand("calendar", "The desktop's calendars and the engine's access to them");
+  calendarCmd->require_subcommand(1);
+  auto* calPermission = calendarCmd->add_subcommand("permission", "Show, grant or deny the engine's calendar access");
+  calPermission->add_option("action", calendarOptions.permissionAction, "status, grant or deny")
+      ->check(CLI::IsMember({"status", "grant", "deny"}));
+  calPermission->add_flag("--json", calendarOptions.asJSON, "Print JSON");
+  auto* calSources = calendarCmd->add_subcommand("sources", "List calendars");
+  calSources->add_flag("--json", calendarOptions.asJSON, "Print JSON");
+  auto* calEvents = calendarCmd->add_subcommand("events", "List events between two times (RFC 3339 with offset)");
+  calEvents->add_option("--from", calendarOptions.from, "Start, e.g. 2026-03-01T00:00:00+01:00")->required();
+  calEvents->add_option("--to", calendarOptions.to, "End")->required();
+  calEvents->add_option("--calendar", calendarOptions.calendarIDs, "Only these calendar ids");
+  calEvents->add_option("--query", calendarOptions.query, "Text in title, location or notes");
+  calEvents->add_option("--limit", calendarOptions.limit, "At most this many events")->capture_default_str();
+  calEvents->add_flag("--json", calendarOptions.asJSON, "Print JSON");
+  auto* calAddLocal = calendarCmd->add_subcommand("add-local", "Add a calendar on this computer");
+  calAddLocal->add_option("name", calendarOptions.name, "Folder name")->required();
+  calAddLocal->add_option("--title", calendarOptions.title, "Display name");
+  calAddLocal->add_option("--color", calendarOptions.color, "Colour, #RRGGBB");
+  calAddLocal->add_flag("--default", calendarOptions.makeDefault, "New events go here");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -106,6 +128,10 @@ int main(int argc, char** argv) {
     if (*sessions) return cli::listSessions(options, sessionsAgent, sessionsJSON);
     if (*eventsCommand) return cli::followEvents(options, eventsJSON);
     if (*history) return cli::showHistory(options, historySession, historyAgent, historyJSON);
+    if (*calendarCmd) {
+      for (auto* sub : calendarCmd->get_subcommands()) calendarOptions.action = sub->get_name();
+      return cli::calendarCommand(options, calendarOptions);
+    }
     if (*chat) {
       if (chatOptions.message.empty()) return cli::chatInteractive(options, chatOptions.agent, chatOptions.sessionID);
       if (!approve.empty()) chatOptions.autoApprove = approve;

@@ -1,6 +1,7 @@
 #include "tamsel/desktop/daemon_manager.hpp"
 
 #include <signal.h>
+#include <unistd.h>
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
@@ -21,6 +22,7 @@
 #include "tamsel/bridge/pidfile_reader.hpp"
 #include "tamsel/bridge/protocol_version.hpp"
 #include "tamsel/bridge/rpc/desktop_rpc_service.hpp"
+#include "tamsel/calendar/desktop_calendar.hpp"
 #include "tamsel/desktop/engine_locator.hpp"
 
 namespace tamsel::desktop {
@@ -106,6 +108,8 @@ struct DaemonManager::Impl {
   std::unique_ptr<asio::steady_timer> monitorTimer;
   // Created only while the RPC switch is on.
   std::unique_ptr<bridge::rpc::DesktopRPCService> rpcService;
+  // Serves the calendar methods on the channel; declared last so it goes first.
+  std::shared_ptr<calendar::CalendarProvider> calendar;
 };
 
 DaemonManager::DaemonManager(base::MainExecutor executor, Config config)
@@ -134,9 +138,19 @@ DaemonManager::DaemonManager(base::MainExecutor executor, Config config)
     bridge::rpc::DesktopRPCService::Options rpcOptions;
     rpcOptions.socketPath = DaemonPaths::socketPath();
     rpcOptions.pidfilePath = DaemonPaths::pidfilePath();
+    // A person at the terminal can answer calendar.request_permission; nobody else is asked.
+    try {
+      impl_->calendar =
+          calendar::makeDesktopCalendarProvider(executor.context().get_executor(), ::isatty(STDIN_FILENO) == 1);
+    } catch (const std::exception& e) {
+      base::log::warn(kSource, "calendar unavailable: {}", e.what());
+    }
     impl_->rpcService = std::make_unique<bridge::rpc::DesktopRPCService>(
         executor.context().get_executor(),
-        std::make_shared<bridge::rpc::DesktopRPCMethodDispatcher>(bridge::rpc::Platform::current()), rpcOptions);
+        std::make_shared<bridge::rpc::DesktopRPCMethodDispatcher>(bridge::rpc::Platform::current(), impl_->calendar),
+        rpcOptions);
+    if (impl_->calendar)
+      calendar::forwardCalendarChanges(*impl_->calendar, *impl_->rpcService, executor.context().get_executor());
     // The engine's own answer over the channel, not the HTTP stand-in above.
     defaults.probe = []() -> asio::awaitable<std::string> {
       const fs::path socket = DaemonPaths::socketPath();

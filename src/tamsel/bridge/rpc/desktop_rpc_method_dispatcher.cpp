@@ -2,10 +2,12 @@
 
 #include <sys/utsname.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
 #include "tamsel/bridge/rpc/protocol_constants.hpp"
+#include "tamsel/calendar/calendar_provider.hpp"
 
 namespace tamsel::bridge::rpc {
 
@@ -41,11 +43,33 @@ Platform Platform::current() {
 }
 
 std::vector<std::string_view> DesktopRPCMethodDispatcher::methods() const {
-  return {Method::systemPing, Method::systemCapabilities};
+  if (!calendar_) return {Method::systemPing, Method::systemCapabilities};
+  return {Method::systemPing,          Method::systemCapabilities,      Method::calendarListSources,
+          Method::calendarListEvents,  Method::calendarGetEvent,        Method::calendarCheckPermission,
+          Method::calendarRequestPermission, Method::calendarCreateEvent, Method::calendarUpdateEvent,
+          Method::calendarDeleteEvent};
 }
 
 boost::asio::awaitable<RPCResult> DesktopRPCMethodDispatcher::handle(RPCRequest request) {
-  co_return handleBuiltIn(request);
+  const auto served = methods();
+  const bool isCalendar = request.method.starts_with("calendar.") &&
+                          std::find(served.begin(), served.end(), request.method) != served.end();
+  if (!isCalendar) co_return handleBuiltIn(request);
+  // Every failure, expected or not, becomes an answer: the channel must never see a throw.
+  std::optional<RPCError> failure;
+  try {
+    const auto provider = calendar_;
+    std::string method = request.method;
+    JSONValue params = request.params;
+    const std::int64_t timeoutMs = request.timeoutMs;
+    JSONValue result = co_await provider->handle(std::move(method), std::move(params), timeoutMs);
+    co_return RPCResult::success(request.requestID, std::move(result));
+  } catch (const calendar::CalendarException& e) {
+    failure = e.error().toRPCError();
+  } catch (const std::exception& e) {
+    failure = calendar::CalendarRPCError::internalError(e.what()).toRPCError();
+  }
+  co_return RPCResult::failure(request.requestID, std::move(*failure));
 }
 
 RPCResult DesktopRPCMethodDispatcher::handleBuiltIn(const RPCRequest& request) const {

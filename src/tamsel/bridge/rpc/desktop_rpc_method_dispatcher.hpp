@@ -2,15 +2,21 @@
 // Serves the engine's requests to the desktop. handle() never throws: every failure becomes a
 // result with `ok` false and an error code from ProtocolConstants::ErrorCode.
 //
-// The calendar methods are not served yet: until the calendar provider lands they answer like
-// any other unknown method ("not_found", "Unknown method: <name>"), and system.capabilities
-// does not list them, so the engine never sees a method advertised that would then fail.
+// The calendar methods are served only when a calendar provider is given; without one they
+// answer like any other unknown method ("not_found", "Unknown method: <name>") and
+// system.capabilities does not list them, so the engine never sees a method advertised that
+// would then fail.
 #include <boost/asio/awaitable.hpp>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "tamsel/bridge/rpc/messages.hpp"
+
+namespace tamsel::calendar {
+class CalendarProvider;
+}
 
 namespace tamsel::bridge::rpc {
 
@@ -29,9 +35,12 @@ struct Platform {
 class DesktopRPCMethodDispatcher {
  public:
   explicit DesktopRPCMethodDispatcher(Platform platform) : platform_(std::move(platform)) {}
+  DesktopRPCMethodDispatcher(Platform platform, std::shared_ptr<calendar::CalendarProvider> calendar)
+      : platform_(std::move(platform)), calendar_(std::move(calendar)) {}
   virtual ~DesktopRPCMethodDispatcher() = default;
 
   const Platform& platform() const { return platform_; }
+  const std::shared_ptr<calendar::CalendarProvider>& calendar() const { return calendar_; }
   // The methods served, as system.capabilities reports them.
   std::vector<std::string_view> methods() const;
 
@@ -42,6 +51,7 @@ class DesktopRPCMethodDispatcher {
 
  private:
   Platform platform_;
+  std::shared_ptr<calendar::CalendarProvider> calendar_;
 };
 
 }  // namespace tamsel::bridge::rpc

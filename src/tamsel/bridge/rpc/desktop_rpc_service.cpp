@@ -280,6 +280,19 @@ asio::awaitable<void> DesktopRPCService::start() {
 }
 
 void DesktopRPCService::stop() { core_->stop(); }
+
+asio::awaitable<bool> DesktopRPCService::sendEvent(DesktopEvent event) {
+  const std::shared_ptr<Core> core = core_;
+  if (!core->online) co_return false;
+  const std::string bytes = frameBytes(Frame::event(event));
+  try {
+    co_await core->transport.send(bytes);
+  } catch (const std::exception& e) {
+    base::log::warn(kSource, "failed to send {}: {}", event.event, e.what());
+    co_return false;
+  }
+  co_return true;
+}
 bool DesktopRPCService::isOnline() const { return core_->online; }
 const std::optional<std::string>& DesktopRPCService::lastError() const { return core_->lastError; }
 bool DesktopRPCService::isStarting() const { return core_->starting; }

@@ -73,6 +73,9 @@ class DesktopRPCService {
   boost::asio::awaitable<void> start();
   // Ends the connection and fails every waiter with "desktop_disconnected".
   void stop();
+  // Sends one desktop event (calendar changes) while online. False when offline or when the
+  // send failed (logged); an event is never queued for a later connection.
+  boost::asio::awaitable<bool> sendEvent(DesktopEvent event);
 
   bool isOnline() const;
   // The last failure in words; cleared when the service comes online.

@@ -1,0 +1,104 @@
+// tamsel calendar: the desktop's own calendars, read and set up by the person at the keyboard,
+// and the grant that decides whether the engine may use them.
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/io_context.hpp>
+#include <iostream>
+
+#include "cli.hpp"
+#include "tamsel/calendar/desktop_calendar.hpp"
+#include "tamsel/calendar/vdir_calendar_store.hpp"
+
+namespace tamsel::cli {
+
+namespace asio = boost::asio;
+using namespace tamsel::calendar;
+
+namespace {
+
+template <class T>
+T runOnce(asio::io_context& io, asio::awaitable<T> work) {
+  std::optional<T> result;
+  std::exception_ptr failure;
+  asio::co_spawn(io, std::move(work), [&](std::exception_ptr e, T value) {
+    failure = e;
+    if (!e) result = std::move(value);
+  });
+  io.run();
+  if (failure) std::rethrow_exception(failure);
+  return std::move(*result);
+}
+
+std::string timeRange(const CalendarEvent& e) {
+  if (e.allDay) return formatTimestamp(e.start).substr(0, 10) + " (all day)";
+  return formatTimestamp(e.start) + " – " + formatTimestamp(e.end).substr(11, 5);
+}
+
+int permission(const CalendarCommandOptions& o) {
+  auto permissions = openDesktopPermissionStore();
+  if (o.permissionAction == "grant") permissions->setStatus(CalendarPermissionStatus::granted);
+  if (o.permissionAction == "deny") permissions->setStatus(CalendarPermissionStatus::denied);
+  const auto status = permissions->status();
+  if (o.asJSON) {
+    std::cout << toJSON(PermissionResult{"calendar", status, CalendarMappers::permissionMessage(status)}).serialize()
+              << std::endl;
+  } else {
+    std::cout << "calendar access for the engine: " << toWire(status) << std::endl;
+  }
+  return kExitOK;
+}
+
+}  // namespace
+
+int calendarCommand(const GlobalOptions&, const CalendarCommandOptions& o) {
+  try {
+    if (o.action == "permission") return permission(o);
+    if (o.action == "add-local") {
+      VdirCalendarStore local(VdirCalendarStore::defaultRoot());
+      const auto id = local.addCalendar(o.name, o.title, o.color);
+      if (o.makeDefault) local.setDefaultCalendar(id);
+      std::cout << id << std::endl;
+      return kExitOK;
+    }
+
+    // The person at the keyboard reads their own calendars; the grant is the engine's.
+    asio::io_context io;
+    auto provider = std::make_shared<CalendarProvider>(io.get_executor(), openDesktopCalendarStore(),
+                                                       std::make_shared<MemoryPermissionStore>(CalendarPermissionStatus::granted));
+    const std::chrono::milliseconds limit = provider->timerFor(60'000);
+    if (o.action == "sources") {
+      const auto sources = runOnce(io, provider->listSources(limit));
+      if (o.asJSON) {
+        JSONValue::Array items;
+        for (const auto& s : sources) items.push_back(toJSON(s));
+        std::cout << JSONValue::object({{"sources", std::move(items)}}).serialize() << std::endl;
+        return kExitOK;
+      }
+      for (const auto& s : sources)
+        std::cout << s.id << "  " << s.title << "  (" << s.accountType << (s.writable ? "" : ", read-only")
+                  << (s.defaultForNewEvents ? ", default" : "") << ")\n";
+      return kExitOK;
+    }
+    if (o.action == "events") {
+      JSONValue::Object params{{"start", o.from}, {"end", o.to}, {"limit", o.limit}};
+      if (!o.calendarIDs.empty()) params["calendar_ids"] = JSONValue::Array(o.calendarIDs.begin(), o.calendarIDs.end());
+      if (o.query) params["query"] = *o.query;
+      auto decoded = decodeListEventsParams(JSONValue(std::move(params)));
+      const auto list = runOnce(io, provider->listEvents(std::move(decoded), limit));
+      if (o.asJSON) {
+        std::cout << toJSON(list).serialize() << std::endl;
+        return kExitOK;
+      }
+      for (const auto& e : list.events)
+        std::cout << timeRange(e) << "  " << e.title << (e.location ? "  @ " + *e.location : "")
+                  << (e.isRecurring ? "  (repeats)" : "") << "\n";
+      if (list.truncated) std::cout << "(more events than --limit " << o.limit << ")\n";
+      return kExitOK;
+    }
+  } catch (const CalendarException& e) {
+    printError(e.what());
+    return e.error().code() == "invalid_argument" ? kExitUsage : kExitFailure;
+  }
+  return kExitUsage;
+}
+
+}  // namespace tamsel::cli
