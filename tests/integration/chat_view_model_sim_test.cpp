@@ -22,11 +22,7 @@ class ChatViewModelSim : public ::testing::Test {
         history(engineHome.path()) {}
 
   void runUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!done() && std::chrono::steady_clock::now() < deadline) {
-      if (io.stopped()) io.restart();
-      io.run_for(std::chrono::milliseconds(10));
-    }
+    test::runUntil(io, done, limit);
   }
 
   std::unique_ptr<DaemonChatViewModel> makeViewModel(PreferencesStore* preferences = nullptr) {

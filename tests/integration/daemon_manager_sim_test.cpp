@@ -49,12 +49,7 @@ class DaemonManagerSim : public ::testing::Test {
 
   // Runs the loop until `done` holds or the limit passes.
   void runUntil(asio::io_context& io, const std::function<bool()>& done, std::chrono::seconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!done() && std::chrono::steady_clock::now() < deadline) {
-      // A loop that ran out of work stays stopped until restarted.
-      if (io.stopped()) io.restart();
-      io.run_for(std::chrono::milliseconds(20));
-    }
+    test::runUntil(io, done, limit);
   }
 
   void stopAndDrain(asio::io_context& io, DaemonManager& manager) {

@@ -18,11 +18,7 @@ namespace asio = boost::asio;
 class EventStreamSim : public ::testing::Test {
  protected:
   void runUntil(asio::io_context& io, const std::function<bool()>& done, std::chrono::milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!done() && std::chrono::steady_clock::now() < deadline) {
-      if (io.stopped()) io.restart();
-      io.run_for(std::chrono::milliseconds(10));
-    }
+    test::runUntil(io, done, limit);
   }
 
   // Emits an event through the simulator's test hook, from inside the loop.

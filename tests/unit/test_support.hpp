@@ -6,6 +6,7 @@
 #include <chrono>
 #include <exception>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <stdexcept>
 
@@ -43,6 +44,16 @@ T runAsync(boost::asio::awaitable<T> work, std::chrono::seconds limit = std::chr
   if (failure) std::rethrow_exception(failure);
   if (!result) throw std::runtime_error("the operation did not finish in time");
   return std::move(*result);
+}
+
+// Runs the loop until `done` holds or the limit passes; a loop that ran out of work is restarted.
+inline void runUntil(boost::asio::io_context& io, const std::function<bool()>& done,
+                     std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!done() && std::chrono::steady_clock::now() < deadline) {
+    if (io.stopped()) io.restart();
+    io.run_for(std::chrono::milliseconds(10));
+  }
 }
 
 }  // namespace tamsel::test
