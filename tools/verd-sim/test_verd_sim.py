@@ -8,6 +8,7 @@ Run: python3 tools/verd-sim/test_verd_sim.py
 import http.client
 import json
 import os
+import re
 import shutil
 import signal
 import socket
@@ -752,6 +753,152 @@ class Injection(unittest.TestCase):
                 rest = [e for e, _, _ in reply.events()]
                 self.assertIn("delta", rest)  # taken mid-reply, not tacked on after it
                 self.assertEqual(rest[-1], "done")
+
+
+class EngineHome(unittest.TestCase):
+    """--engine-home: sessions kept as files in the engine's layout, for the desktop's reader."""
+
+    STAMP = re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z")
+
+    def start(self, scenario=QUICK):
+        home = tempfile.mkdtemp(prefix="verd-sim-home-")
+        self.addCleanup(shutil.rmtree, home, True)
+        return Sim(self, "--engine-home", home, scenario=scenario), home
+
+    def stream(self, sim, path, body):
+        stream = SseStream(sim, "POST", path, body)
+        self.addCleanup(stream.close)
+        self.assertEqual(stream.status, 200)
+        return stream
+
+    @staticmethod
+    def load(path):
+        with open(path, encoding="utf-8") as f:
+            return json.load(f)
+
+    @staticmethod
+    def streamed(events):
+        return "".join(d["text"] for d in named(events, "delta"))
+
+    def test_reply_with_a_tool_is_written_as_the_engine_lays_it_out(self):
+        sim, home = self.start()
+        folder = os.path.join(home, "sessions")
+        seeded = self.load(os.path.join(folder, "s_7f3a9c01.json"))
+        self.assertEqual([m["role"] for m in seeded["messages"]], ["user", "assistant"] * 2)
+        self.assertEqual(seeded["messages"][1]["content"][0]["type"], "text")
+        self.assertEqual(len(seeded["message_meta"]), 4)
+        self.assertTrue(os.path.isfile(os.path.join(home, "agents", "researcher", "sessions", "s_91d0aa35.json")))
+
+        events = self.stream(sim, "/message", {"text": "check my notes", "new_session": True}).events()
+        sid = named(events, "session_started")[0]["session_id"]
+        running, finished = named(events, "tool")
+        streamed = self.streamed(events)
+        self.assertEqual(named(events, "assistant_text")[0]["text"], streamed)
+
+        saved = self.load(os.path.join(folder, sid + ".json"))
+        self.assertEqual((saved["id"], saved["title"]), (sid, "check my notes"))
+        msgs = saved["messages"]
+        self.assertEqual([m["role"] for m in msgs], ["user", "assistant", "user", "assistant"])
+        self.assertEqual(msgs[0]["content"], "check my notes")
+        self.assertEqual(msgs[1]["content"], [{"type": "tool_use", "id": running["tool_use_id"],
+                                               "name": "read_file", "input": running["args"]}])
+        self.assertEqual(msgs[2]["content"], [{"type": "tool_result", "tool_use_id": running["tool_use_id"],
+                                               "content": finished["preview"], "is_error": False}])
+        self.assertEqual(msgs[3]["content"], [{"type": "text", "text": streamed}])
+        self.assertEqual(len(saved["message_meta"]), len(msgs))
+        stamps = [m["timestamp"] for m in saved["message_meta"]] + [saved["created_at"], saved["updated_at"]]
+        self.assertTrue(all(self.STAMP.fullmatch(t) for t in stamps), stamps)
+        self.assertEqual(saved["updated_at"], stamps[len(msgs) - 1])
+        # Written by rename: nothing but the session files is left in the folder.
+        self.assertEqual(sorted(os.listdir(folder)),
+                         sorted(["s_7f3a9c01.json", "s_2b81d4e7.json", "s_c40e1f92.json", sid + ".json"]))
+
+        # A reply cut short keeps the text it had sent (the file is written before the cut).
+        events = self.stream(sim, "/message", {"text": "more [cut]", "session_id": sid}).events()
+        msgs = self.load(os.path.join(folder, sid + ".json"))["messages"]
+        self.assertEqual(msgs[-1], {"role": "assistant", "content": [{"type": "text", "text": self.streamed(events)}]})
+        self.assertEqual(len(msgs), 8)
+
+        # The API's own view is unchanged by it.
+        _, detail = sim.request("GET", "/sessions/" + sid)
+        self.assertEqual([m["content"] for m in detail["messages"]], ["check my notes", streamed, "more [cut]"])
+        _, listed = sim.request("GET", "/sessions")
+        self.assertEqual([sorted(s) for s in listed], [sorted(listed[0])] * len(listed))
+        self.assertNotIn("_file", listed[0])
+
+    def test_named_agent_file_follows_injection_edit_and_cancel(self):
+        sim, home = self.start()
+        reply = self.stream(sim, "/message", {"text": "tidy up [approval]", "new_session": True,
+                                              "agent": "researcher"})
+        before = reply.until("approval")
+        sid = named(before, "session_started")[0]["session_id"]
+        path = os.path.join(home, "agents", "researcher", "sessions", sid + ".json")
+        self.assertFalse(os.path.exists(os.path.join(home, "sessions", sid + ".json")))
+        # Written as the turn goes: the message, and the call that waits on the approval.
+        msgs = self.load(path)["messages"]
+        self.assertEqual([(m["role"], m["content"] if m["role"] == "user" else m["content"][0]["type"])
+                          for m in msgs], [("user", "tidy up [approval]"), ("assistant", "tool_use")])
+
+        injected = "[New message from user]\nalso the drafts"
+        self.stream(sim, "/inject", {"text": injected, "session_id": sid}).until("injected")
+        sim.request("POST", "/approval", {"request_id": before[-1][1]["request_id"], "decision": "once"})
+        events = reply.events()
+        self.assertEqual(named(events, "injected_committed")[0]["text"], injected)
+        tool_id = named(events, "tool")[0]["tool_use_id"]
+        msgs = self.load(path)["messages"]
+        self.assertEqual([m["role"] for m in msgs], ["user", "assistant", "user", "user", "assistant"])
+        self.assertEqual(msgs[1]["content"][0]["id"], tool_id)
+        result = msgs[2]["content"][0]
+        self.assertEqual((result["type"], result["tool_use_id"], result["is_error"]), ("tool_result", tool_id, False))
+        self.assertIn("notes.md", result["content"])
+        self.assertEqual(msgs[3]["content"], injected)
+        self.assertEqual(msgs[4]["content"], [{"type": "text", "text": self.streamed(events)}])
+
+        # Another turn, then an edit of its message: message_index counts the API's messages
+        # (user, injected, reply, user, reply), the file's copy sits behind two tool pairs.
+        self.stream(sim, "/message", {"text": "and then", "session_id": sid, "agent": "researcher"}).events()
+        self.assertEqual(len(self.load(path)["messages"]), 9)
+        events = self.stream(sim, "/sessions/%s/edit" % sid, {"message_index": 3, "new_content": "start over",
+                                                              "agent": "researcher"}).events()
+        saved = self.load(path)
+        msgs = saved["messages"]
+        self.assertEqual([m["role"] for m in msgs], ["user", "assistant", "user", "user", "assistant",
+                                                     "user", "assistant", "user", "assistant"])
+        self.assertEqual((msgs[1]["content"][0]["id"], msgs[3]["content"], msgs[5]["content"]),
+                         (tool_id, injected, "start over"))
+        self.assertEqual(msgs[-1]["content"], [{"type": "text", "text": self.streamed(events)}])
+        self.assertEqual(len(saved["message_meta"]), len(msgs))
+
+        # A cancelled call still gets its result, so the pair is never left open.
+        reply = self.stream(sim, "/message", {"text": "again [approval]", "session_id": sid, "agent": "researcher"})
+        reply.until("approval")
+        sim.request("POST", "/cancel", {"session_id": sid})
+        self.assertEqual(named(reply.events(), "done")[0]["failure_code"], "cancelled")
+        msgs = self.load(path)["messages"]
+        self.assertEqual(len(msgs), 12)
+        self.assertEqual(msgs[9]["content"], "again [approval]")
+        call, result = msgs[10]["content"][0], msgs[11]["content"][0]
+        self.assertEqual((call["type"], call["name"]), ("tool_use", "bash"))
+        self.assertEqual((result["tool_use_id"], result["is_error"]), (call["id"], True))
+        self.assertEqual(sorted(os.listdir(os.path.dirname(path))),
+                         sorted(["s_5e6b2c18.json", "s_91d0aa35.json", sid + ".json"]))
+
+
+    def test_a_message_injected_while_a_tool_runs_follows_its_result(self):
+        # Events 0.35 s apart: an injection sent on the tool's start is taken before the tool ends.
+        sim, home = self.start({"event_delay_seconds": 0.35, "events_keepalive_seconds": 0})
+        reply = self.stream(sim, "/message", {"text": "go", "new_session": True})
+        sid = reply.until("session_started")[-1][1]["session_id"]
+        tool = reply.until("tool")[-1][1]
+        self.assertEqual(tool["status"], "running")
+        self.stream(sim, "/inject", {"text": "one more thing", "session_id": sid}).until("injected")
+        self.assertEqual([e[0] for e in reply.until("injected_committed")], ["injected_committed"])
+        sim.request("POST", "/cancel", {"session_id": sid})
+        reply.events()
+        msgs = self.load(os.path.join(home, "sessions", sid + ".json"))["messages"]
+        self.assertEqual([m["role"] for m in msgs], ["user", "assistant", "user", "user"])
+        self.assertEqual((msgs[1]["content"][0]["id"], msgs[2]["content"][0]["tool_use_id"], msgs[3]["content"]),
+                         (tool["tool_use_id"], tool["tool_use_id"], "one more thing"))
 
 
 class RpcDesktop:
