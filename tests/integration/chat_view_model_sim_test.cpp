@@ -16,7 +16,7 @@ namespace asio = boost::asio;
 class ChatViewModelSim : public ::testing::Test {
  protected:
   ChatViewModelSim()
-      : sim({}),
+      : sim({.extraArguments = {"--engine-home", engineHome.path().string()}}),
         client({sim.port(), sim.token(), "DEVICE-1", {"approvals"}}),
         events(io.get_executor(), {sim.port(), sim.token(), "DEVICE-1"}),
         history(engineHome.path()) {}
@@ -51,7 +51,7 @@ class ChatViewModelSim : public ::testing::Test {
   asio::io_context io;
   bridge::DaemonClient client;
   bridge::EventStreamClient events;
-  bridge::SessionHistory history;  // an empty engine home: reloads find nothing, streams are the truth
+  bridge::SessionHistory history;  // reads the session files the simulator writes
 };
 
 TEST_F(ChatViewModelSim, SendsANewSessionAndBindsItsRealId) {
@@ -173,6 +173,35 @@ TEST_F(ChatViewModelSim, SidebarStateSurvivesARestart) {
   vm->selectSession(finishedElsewhere);
   EXPECT_FALSE(vm->completedUnreadSessions().count(finishedElsewhere)) << "opening it marks it read";
   EXPECT_EQ(reopened.value(DaemonChatViewModel::completedUnreadSessionsKey), boost::json::value(boost::json::array{}));
+}
+
+TEST_F(ChatViewModelSim, StreamedTurnsJoinTheirReloadedFileWithoutDuplicates) {
+  auto vm = makeViewModel();
+  vm->startNewSession();
+  vm->submit("first question");
+  runUntil([&] { return !vm->isStreamActive() && vm->currentSessionID(); });
+  runUntil([] { return false; }, std::chrono::milliseconds(300));  // the refresh after "done"
+  ASSERT_EQ(roles(*vm), (std::vector<std::string>{"user", "assistant"}));
+  const std::string streamedReply = vm->messages()[1].content;
+  const std::string replyID = vm->messages()[1].id;
+  vm->submit("second question");
+  runUntil([&] { return !vm->isStreamActive(); });
+  runUntil([] { return false; }, std::chrono::milliseconds(300));
+  ASSERT_EQ(roles(*vm), (std::vector<std::string>{"user", "assistant", "user", "assistant"}));
+  EXPECT_EQ(vm->messages()[1].content, streamedReply) << "the file's text is the streamed text";
+  EXPECT_EQ(vm->messages()[1].id, replyID) << "matched messages keep their ids, so the list updates in place";
+  ASSERT_TRUE(vm->messages()[3].toolBlock);
+  EXPECT_EQ(vm->messages()[3].toolBlock->tools.at(0).status, kit::ToolRunStatus::completed);
+  EXPECT_TRUE(vm->messages()[1].toolBlock->id.starts_with("session-toolblock-"))
+      << "the reloaded file's version replaced what the stream built";
+
+  // Reopening the session later reads the same transcript from its file alone.
+  const auto id = *vm->currentSessionID();
+  auto fresh = makeViewModel();
+  fresh->selectSession(id);
+  runUntil([&] { return !fresh->isLoading(); });
+  ASSERT_EQ(fresh->messages().size(), 4u);
+  EXPECT_EQ(fresh->messages()[1].content, streamedReply);
 }
 
 }  // namespace

@@ -482,6 +482,11 @@ struct DaemonChatViewModel::Impl {
     const auto lastSeen = fingerprints[sessionID];
     auto result = co_await deps.history->load(sessionID, agent, lastSeen);
     if (!alive || generation != vm.sessionLoadGeneration_) co_return;  // a newer load has started
+    if (!result.found && agent) {
+      // The default agent's sessions live in the shared folder, not under the agent's name.
+      result = co_await deps.history->load(sessionID, std::nullopt, lastSeen);
+      if (!alive || generation != vm.sessionLoadGeneration_) co_return;
+    }
     vm.isLoading_ = false;
     if (result.unchanged || !result.found) {
       publish();
