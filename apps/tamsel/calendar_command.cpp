@@ -2,9 +2,12 @@
 // and the grant that decides whether the engine may use them.
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/io_context.hpp>
+#include <cstdlib>
 #include <iostream>
 
 #include "cli.hpp"
+#include "tamsel/calendar/caldav_calendar_store.hpp"
+#include "tamsel/calendar/caldav_http.hpp"
 #include "tamsel/calendar/desktop_calendar.hpp"
 #include "tamsel/calendar/vdir_calendar_store.hpp"
 
@@ -47,6 +50,39 @@ int permission(const CalendarCommandOptions& o) {
   return kExitOK;
 }
 
+// Checks the account against the server before saving it, so a wrong URL or password is
+// reported now and never replaces a working account.
+int addCalDAV(const CalendarCommandOptions& o) {
+  CalDAVAccount account{{}, o.url, o.user, {}};
+  if (!o.passwordEnv.empty()) {
+    const char* password = std::getenv(o.passwordEnv.c_str());
+    if (!password) {
+      printError("the environment variable " + o.passwordEnv + " is not set");
+      return kExitUsage;
+    }
+    account.password = password;
+  }
+  if (const auto reason = unsupportedDAVURL(o.url)) {
+    printError(*reason);
+    return kExitUsage;
+  }
+  const auto file = defaultCalDAVAccountsFile();
+  loadCalDAVAccounts(file);  // a damaged file is reported before the server is asked
+  account.id = "new";
+  const auto found = CalDAVCalendarStore(account).calendars();
+  if (found.empty()) {
+    printError("no event calendars found at " + o.url);
+    return kExitFailure;
+  }
+  const auto saved = saveCalDAVAccount(file, account);
+  std::cout << "added CalDAV account " << saved.id << "\n";
+  const std::string prefix = CalDAVCalendarStore(saved).idPrefix();
+  for (const auto& c : found)
+    std::cout << prefix << c.id.substr(c.id.find('/') + 1) << "  " << c.title << (c.writable ? "" : "  (read-only)")
+              << "\n";
+  return kExitOK;
+}
+
 }  // namespace
 
 int calendarCommand(const GlobalOptions&, const CalendarCommandOptions& o) {
@@ -59,6 +95,7 @@ int calendarCommand(const GlobalOptions&, const CalendarCommandOptions& o) {
       std::cout << id << std::endl;
       return kExitOK;
     }
+    if (o.action == "add-caldav") return addCalDAV(o);
 
     // The person at the keyboard reads their own calendars; the grant is the engine's.
     asio::io_context io;
@@ -70,12 +107,20 @@ int calendarCommand(const GlobalOptions&, const CalendarCommandOptions& o) {
       if (o.asJSON) {
         JSONValue::Array items;
         for (const auto& s : sources) items.push_back(toJSON(s));
-        std::cout << JSONValue::object({{"sources", std::move(items)}}).serialize() << std::endl;
+        // The accounts without their passwords.
+        JSONValue::Array accounts;
+        for (const auto& a : loadCalDAVAccounts(defaultCalDAVAccountsFile()))
+          accounts.push_back(JSONValue::object({{"id", a.id}, {"url", a.url}, {"user", a.user}}));
+        std::cout << JSONValue::object({{"sources", std::move(items)}, {"caldav_accounts", std::move(accounts)}}).serialize()
+                  << std::endl;
         return kExitOK;
       }
       for (const auto& s : sources)
         std::cout << s.id << "  " << s.title << "  (" << s.accountType << (s.writable ? "" : ", read-only")
                   << (s.defaultForNewEvents ? ", default" : "") << ")\n";
+      for (const auto& a : loadCalDAVAccounts(defaultCalDAVAccountsFile()))
+        std::cout << "CalDAV account " << a.id << "  " << a.url << (a.user.empty() ? "" : "  (user " + a.user + ")")
+                  << "\n";
       return kExitOK;
     }
     if (o.action == "events") {

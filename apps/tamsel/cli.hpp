@@ -52,7 +52,7 @@ int showHistory(const GlobalOptions& options, const std::string& sessionID, cons
 
 // `tamsel calendar ...`: the desktop's own calendars and the engine's grant to them.
 struct CalendarCommandOptions {
-  std::string action;                       // "permission", "sources", "events", "add-local"
+  std::string action;                       // "permission", "sources", "events", "add-local", "add-caldav"
   std::string permissionAction = "status";  // "status", "grant", "deny"
   bool asJSON = false;
   std::string from, to;
@@ -61,6 +61,7 @@ struct CalendarCommandOptions {
   std::int64_t limit = 500;
   std::string name, title, color;
   bool makeDefault = false;
+  std::string url, user, passwordEnv;  // add-caldav; the password only ever comes from the environment
 };
 int calendarCommand(const GlobalOptions& options, const CalendarCommandOptions& calendar);
 

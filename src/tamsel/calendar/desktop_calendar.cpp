@@ -6,6 +6,9 @@
 
 #include "tamsel/base/log.hpp"
 #include "tamsel/bridge/rpc/desktop_rpc_service.hpp"
+#include "tamsel/calendar/caldav_calendar_store.hpp"
+#include "tamsel/calendar/calendar_error.hpp"
+#include "tamsel/calendar/ical_series.hpp"
 #include "tamsel/calendar/vdir_calendar_store.hpp"
 #include "tamsel/desktop/preferences_store.hpp"
 
@@ -13,13 +16,118 @@ namespace tamsel::calendar {
 
 namespace asio = boost::asio;
 
+std::vector<StoreCalendar> CombinedCalendarStore::calendars() {
+  std::vector<StoreCalendar> out;
+  for (const auto& part : parts_) {
+    try {
+      auto some = part.store->calendars();
+      out.insert(out.end(), std::make_move_iterator(some.begin()), std::make_move_iterator(some.end()));
+    } catch (const std::exception& e) {
+      base::log::warn("calendar", "calendars of {} left out: {}", part.idPrefix, e.what());
+    }
+  }
+  return out;
+}
+
+std::optional<std::string> CombinedCalendarStore::defaultCalendarID() {
+  for (const auto& part : parts_) {
+    try {
+      if (auto id = part.store->defaultCalendarID()) return id;
+    } catch (const std::exception& e) {
+      base::log::warn("calendar", "no default from {}: {}", part.idPrefix, e.what());
+    }
+  }
+  return std::nullopt;
+}
+
+std::vector<CalendarEvent> CombinedCalendarStore::events(Timestamp start, Timestamp end,
+                                                         const std::vector<std::string>& calendarIDs) {
+  std::vector<CalendarEvent> out;
+  for (const auto& part : parts_) {
+    std::vector<std::string> mine;
+    for (const auto& id : calendarIDs)
+      if (id.starts_with(part.idPrefix)) mine.push_back(id);
+    if (!calendarIDs.empty() && mine.empty()) continue;
+    try {
+      auto some = part.store->events(start, end, mine);
+      out.insert(out.end(), std::make_move_iterator(some.begin()), std::make_move_iterator(some.end()));
+    } catch (const std::exception& e) {
+      if (!mine.empty()) throw;
+      base::log::warn("calendar", "events of {} left out: {}", part.idPrefix, e.what());
+    }
+  }
+  return out;
+}
+
+CalendarStore& CombinedCalendarStore::owner(const std::string& calendarID, const std::string& idForErrors) const {
+  for (const auto& part : parts_)
+    if (calendarID.starts_with(part.idPrefix)) return *part.store;
+  throw CalendarException(CalendarRPCError::notFound(idForErrors));
+}
+
+std::optional<CalendarEvent> CombinedCalendarStore::event(const std::string& id) {
+  const auto parsed = EventID::parse(id);
+  if (!parsed) return std::nullopt;
+  for (const auto& part : parts_)
+    if (parsed->calendarID.starts_with(part.idPrefix)) return part.store->event(id);
+  return std::nullopt;
+}
+
+StoreWriteOutcome CombinedCalendarStore::createEvent(const std::string& calendarID, const EventFields& fields) {
+  return owner(calendarID, calendarID).createEvent(calendarID, fields);
+}
+
+StoreWriteOutcome CombinedCalendarStore::updateEvent(const std::string& id, const EventFields& fields, SaveSpan span) {
+  const auto parsed = EventID::parse(id);
+  if (!parsed) throw CalendarException(CalendarRPCError::notFound(id));
+  return owner(parsed->calendarID, id).updateEvent(id, fields, span);
+}
+
+bool CombinedCalendarStore::removeEvent(const std::string& id, RemoveSpan span) {
+  const auto parsed = EventID::parse(id);
+  if (!parsed) throw CalendarException(CalendarRPCError::notFound(id));
+  return owner(parsed->calendarID, id).removeEvent(id, span);
+}
+
+std::string CombinedCalendarStore::changeToken() {
+  std::string token;
+  for (const auto& part : parts_) {
+    try {
+      token += part.store->changeToken();
+    } catch (const std::exception& e) {
+      // Coming back online changes the token, and the engine hears about it.
+      base::log::debug("calendar", "change check of {} failed: {}", part.idPrefix, e.what());
+      token += "offline";
+    }
+    token += '\n';
+  }
+  return token;
+}
+
 std::shared_ptr<CalendarStore> openDesktopCalendarStore() {
   const auto root = VdirCalendarStore::defaultRoot();
   auto local = std::make_shared<VdirCalendarStore>(root);
   std::error_code ec;
   // The embedded store starts with one calendar so new events have somewhere to go.
   if (!std::filesystem::exists(root, ec)) local->addCalendar("personal", "Personal", "#3A87AD");
-  return local;
+  std::vector<CalDAVAccount> accounts;
+  try {
+    accounts = loadCalDAVAccounts(defaultCalDAVAccountsFile());
+  } catch (const CalendarException& e) {
+    // The local calendars still work; the file is left for the user to fix.
+    base::log::error("calendar", "CalDAV accounts not loaded: {}", e.what());
+  }
+  if (accounts.empty()) return local;
+  std::vector<CombinedCalendarStore::Part> parts{{VdirCalendarStore::idPrefix, local}};
+  for (auto& account : accounts) {
+    try {
+      auto remote = std::make_shared<CalDAVCalendarStore>(std::move(account));
+      parts.push_back({remote->idPrefix(), remote});
+    } catch (const CalendarException& e) {
+      base::log::error("calendar", "CalDAV account left out: {}", e.what());
+    }
+  }
+  return std::make_shared<CombinedCalendarStore>(std::move(parts));
 }
 
 std::shared_ptr<CalendarPermissionStore> openDesktopPermissionStore() {

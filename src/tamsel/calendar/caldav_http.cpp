@@ -1,0 +1,151 @@
+#include "tamsel/calendar/caldav_http.hpp"
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/url/parse.hpp>
+#include <boost/url/url.hpp>
+#include <openssl/evp.h>
+#include <stdexcept>
+
+#include "tamsel/base/log.hpp"
+
+namespace tamsel::calendar {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+namespace urls = boost::urls;
+using asio::ip::tcp;
+
+namespace {
+
+constexpr const char* kSource = "calendar.caldav";
+
+std::string base64(const std::string& text) {
+  std::string out(4 * ((text.size() + 2) / 3) + 1, '\0');
+  const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
+                                reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
+  out.resize(static_cast<std::size_t>(n));
+  return out;
+}
+
+urls::url parseAbsolute(const std::string& text) {
+  auto parsed = urls::parse_uri(text);
+  if (!parsed) throw std::invalid_argument("not a URL: " + text);
+  return urls::url(*parsed);
+}
+
+}  // namespace
+
+std::optional<std::string> unsupportedDAVURL(const std::string& url) {
+  auto parsed = urls::parse_uri(url);
+  if (!parsed) return "not a URL: " + url;
+  if (parsed->scheme() == "https")
+    return "https accounts are not supported yet; use an http URL (for example a local sync proxy)";
+  if (parsed->scheme() != "http") return "expected an http URL, got " + url;
+  if (parsed->host().empty()) return "the URL has no host: " + url;
+  if (parsed->has_userinfo()) return "put the user name in --user and the password in --password-env, not in the URL";
+  return std::nullopt;
+}
+
+DAVClient::DAVClient(std::string baseURL, std::string user, std::string password, std::chrono::milliseconds timeout)
+    : base_(std::move(baseURL)), user_(std::move(user)), password_(std::move(password)), timeout_(timeout) {
+  if (const auto reason = unsupportedDAVURL(base_)) throw std::invalid_argument(*reason);
+  // A collection URL without its slash makes every relative href resolve one level too high.
+  auto url = parseAbsolute(base_);
+  if (url.encoded_path().empty()) url.set_encoded_path("/");
+  base_ = std::string(url.buffer());
+}
+
+std::string DAVClient::resolve(const std::string& reference, const std::string& against) const {
+  const auto base = parseAbsolute(against.empty() ? base_ : against);
+  auto ref = urls::parse_uri_reference(reference);
+  if (!ref) throw DAVTransportError("the server gave a malformed href: " + reference);
+  urls::url out;
+  if (auto r = urls::resolve(base, *ref, out); !r) throw DAVTransportError("cannot resolve href: " + reference);
+  return std::string(out.buffer());
+}
+
+std::string DAVClient::pathOf(const std::string& url) {
+  auto ref = urls::parse_uri_reference(url);
+  if (!ref) return url;
+  std::string path(ref->encoded_path());
+  return path.empty() ? "/" : path;
+}
+
+std::string DAVClient::authority() const {
+  const auto url = parseAbsolute(base_);
+  return std::string(url.encoded_host()) + (url.has_port() ? ":" + std::string(url.port()) : "");
+}
+
+DAVResponse DAVClient::request(const std::string& method, const std::string& target,
+                               const std::vector<std::pair<std::string, std::string>>& headers,
+                               const std::string& body, const std::string& contentType) const {
+  const auto url = parseAbsolute(resolve(target));
+  if (url.scheme() != "http") throw DAVTransportError("refusing to follow a link to " + std::string(url.scheme()));
+  const std::string host(url.encoded_host());
+  const std::string port = url.has_port() ? std::string(url.port()) : "80";
+  std::string path(url.encoded_path());
+  if (path.empty()) path = "/";
+  if (url.has_query()) path += "?" + std::string(url.encoded_query());
+
+  http::request<http::string_body> req{http::string_to_verb(method), path, 11};
+  if (req.method() == http::verb::unknown) req.method_string(method);
+  req.set(http::field::host, url.has_port() ? host + ":" + port : host);
+  req.set(http::field::user_agent, "tamsel-desktop");
+  req.set(http::field::connection, "close");
+  if (!user_.empty()) req.set(http::field::authorization, "Basic " + base64(user_ + ":" + password_));
+  for (const auto& [name, value] : headers) req.set(name, value);
+  if (!contentType.empty()) req.set(http::field::content_type, contentType);
+  req.body() = body;
+  req.prepare_payload();
+
+  asio::io_context io;
+  tcp::resolver resolver(io);
+  beast::tcp_stream stream(io);
+  beast::flat_buffer buffer;
+  http::response_parser<http::string_body> parser;
+  parser.body_limit(64 * 1024 * 1024);
+  beast::error_code failure;
+  const char* stage = "resolve";
+
+  // The deadline covers the whole exchange; Beast applies it to asynchronous operations only,
+  // so the exchange is asynchronous and this thread runs it to the end.
+  stream.expires_after(timeout_);
+  resolver.async_resolve(host, port, [&](beast::error_code ec, tcp::resolver::results_type results) {
+    if (ec) return void(failure = ec);
+    stage = "connect";
+    stream.async_connect(results, [&](beast::error_code ec, const tcp::endpoint&) {
+      if (ec) return void(failure = ec);
+      stage = "send";
+      http::async_write(stream, req, [&](beast::error_code ec, std::size_t) {
+        if (ec) return void(failure = ec);
+        stage = "read";
+        http::async_read(stream, buffer, parser, [&](beast::error_code ec, std::size_t) {
+          if (ec) failure = ec;
+        });
+      });
+    });
+  });
+  io.run();
+  beast::error_code ignored;
+  stream.socket().shutdown(tcp::socket::shutdown_both, ignored);
+  if (failure) {
+    const std::string reason = failure == beast::error::timeout ? "timed out" : failure.message();
+    base::log::debug(kSource, "{} {}: {} failed: {}", method, path, stage, reason);
+    throw DAVTransportError("cannot reach the CalDAV server at " + authority() + " (" + stage + ": " + reason + ")");
+  }
+  auto& res = parser.get();
+  DAVResponse out;
+  out.status = static_cast<int>(res.result_int());
+  out.etag = std::string(res[http::field::etag]);
+  out.location = std::string(res[http::field::location]);
+  out.body = std::move(res.body());
+  base::log::debug(kSource, "{} {} -> {}", method, path, out.status);
+  return out;
+}
+
+}  // namespace tamsel::calendar
