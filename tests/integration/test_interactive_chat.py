@@ -28,7 +28,9 @@ class InteractiveChat(unittest.TestCase):
         self.server = "tamsel-test-%d-%s" % (os.getpid(), self._testMethodName[-20:])
         self.env = {"HOME": self.home, "XDG_DATA_HOME": os.path.join(self.home, "data"),
                     "XDG_CONFIG_HOME": os.path.join(self.home, "config"), "PATH": "/usr/bin:/bin",
-                    "VERD_BINARY": SIM, "TERM": "xterm-256color", "LANG": "C.UTF-8"}
+                    "VERD_BINARY": SIM, "TERM": "xterm-256color", "LANG": "C.UTF-8",
+                    # The engine keeps its session files where the chat reads them.
+                    "TAMSEL_ENGINE_ARGS": "'daemon --port {port} --engine-home %s'" % os.path.join(self.home, "engine-home")}
         self.sessions = 0
 
     def tearDown(self):
@@ -45,8 +47,8 @@ class InteractiveChat(unittest.TestCase):
         self.sessions += 1
         name = "chat%d" % self.sessions
         env = " ".join("%s=%s" % (k, v) for k, v in self.env.items())
-        command = "env -i %s %s --engine-port %d chat %s; echo EXIT=$?; sleep 30" % (
-            env, TAMSEL, self.port, " ".join(args))
+        command = "env -i %s %s --engine-port %d --engine-home %s chat %s; echo EXIT=$?; sleep 30" % (
+            env, TAMSEL, self.port, os.path.join(self.home, "engine-home"), " ".join(args))
         subprocess.run(["tmux", "-L", self.server, "new-session", "-d", "-s", name, "-x", "160", "-y", "60",
                         "bash", "--norc", "-c", command], check=True)
         self.name = name
@@ -123,6 +125,9 @@ class InteractiveChat(unittest.TestCase):
         self.open("--session", session)
         screen = self.wait_for("keep this for later")
         self.assertIn("> keep this for later", screen)
+        # Reopened, the session shows its history from the engine's files.
+        self.assertIn("you: first message", screen)
+        self.assertIn('agent: About "first message"', screen)
         self.keys(" please", "Enter")
         self.wait_for('agent: About "keep this for later please"')
 
