@@ -111,7 +111,7 @@ int main(int argc, char** argv) {
   calAddLocal->add_option("--color", calendarOptions.color, "Colour, #RRGGBB");
   calAddLocal->add_flag("--default", calendarOptions.makeDefault, "New events go here");
   auto* calAddCalDAV = calendarCmd->add_subcommand("add-caldav", "Add a CalDAV account (its calendars are found on the server)");
-  calAddCalDAV->add_option("url", calendarOptions.url, "The server's URL, e.g. http://127.0.0.1:5232/")->required();
+  calAddCalDAV->add_option("url", calendarOptions.url, "The server's URL, e.g. https://cal.example.org/ or http://127.0.0.1:5232/")->required();
   calAddCalDAV->add_option("--user", calendarOptions.user, "User name");
   calAddCalDAV->add_option("--password-env", calendarOptions.passwordEnv,
                            "Name of the environment variable holding the password");

@@ -1,6 +1,6 @@
 #pragma once
 // Logging with a source prefix: every line reads "[Source] message".
-// Goes to stderr; the level comes from TAMSEL_LOG (trace, debug, info, warn, error, off;
+// Goes to the journal when the service manager connected our output to it, else to stderr; the level comes from TAMSEL_LOG (trace, debug, info, warn, error, off;
 // default warn so that command output stays clean). Thread-safe.
 // Never pass secrets (the presence token) to these functions.
 #include <fmt/format.h>

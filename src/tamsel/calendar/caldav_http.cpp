@@ -4,10 +4,15 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
+#include <boost/asio/ssl/context.hpp>
+#include <boost/asio/ssl/error.hpp>
 #include <boost/beast/http.hpp>
+#include <boost/beast/ssl/ssl_stream.hpp>
 #include <boost/url/parse.hpp>
 #include <boost/url/url.hpp>
 #include <openssl/evp.h>
+#include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
 #include <stdexcept>
 
 #include "tamsel/base/log.hpp"
@@ -43,9 +48,7 @@ urls::url parseAbsolute(const std::string& text) {
 std::optional<std::string> unsupportedDAVURL(const std::string& url) {
   auto parsed = urls::parse_uri(url);
   if (!parsed) return "not a URL: " + url;
-  if (parsed->scheme() == "https")
-    return "https accounts are not supported yet; use an http URL (for example a local sync proxy)";
-  if (parsed->scheme() != "http") return "expected an http URL, got " + url;
+  if (parsed->scheme() != "http" && parsed->scheme() != "https") return "expected an http or https URL, got " + url;
   if (parsed->host().empty()) return "the URL has no host: " + url;
   if (parsed->has_userinfo()) return "put the user name in --user and the password in --password-env, not in the URL";
   return std::nullopt;
@@ -81,20 +84,51 @@ std::string DAVClient::authority() const {
   return std::string(url.encoded_host()) + (url.has_port() ? ":" + std::string(url.port()) : "");
 }
 
+namespace {
+
+// Verifies the server against the system's CA store (or SSL_CERT_FILE / SSL_CERT_DIR, which
+// OpenSSL reads for its default paths), made per request so a changed store applies at once.
+asio::ssl::context tlsContext() {
+  asio::ssl::context ctx(asio::ssl::context::tls_client);
+  ctx.set_options(asio::ssl::context::default_workarounds | asio::ssl::context::no_sslv2 |
+                  asio::ssl::context::no_sslv3 | asio::ssl::context::no_tlsv1 | asio::ssl::context::no_tlsv1_1);
+  SSL_CTX_set_min_proto_version(ctx.native_handle(), TLS1_2_VERSION);
+  ctx.set_default_verify_paths();
+  ctx.set_verify_mode(asio::ssl::verify_peer);
+  return ctx;
+}
+
+// The certificate must name the host the URL names: an IP address as an IP entry, a name as
+// a DNS entry. SNI carries names only, never addresses.
+void expectPeer(SSL* ssl, const urls::url& url, const std::string& host) {
+  const bool isAddress = url.host_type() == urls::host_type::ipv4 || url.host_type() == urls::host_type::ipv6;
+  X509_VERIFY_PARAM* param = SSL_get0_param(ssl);
+  X509_VERIFY_PARAM_set_hostflags(param, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+  const bool set = isAddress ? X509_VERIFY_PARAM_set1_ip_asc(param, host.c_str()) == 1
+                             : SSL_set1_host(ssl, host.c_str()) == 1 && SSL_set_tlsext_host_name(ssl, host.c_str()) == 1;
+  if (!set) throw DAVTransportError("cannot set up TLS for host " + host);
+}
+
+}  // namespace
+
 DAVResponse DAVClient::request(const std::string& method, const std::string& target,
                                const std::vector<std::pair<std::string, std::string>>& headers,
                                const std::string& body, const std::string& contentType) const {
   const auto url = parseAbsolute(resolve(target));
-  if (url.scheme() != "http") throw DAVTransportError("refusing to follow a link to " + std::string(url.scheme()));
-  const std::string host(url.encoded_host());
-  const std::string port = url.has_port() ? std::string(url.port()) : "80";
+  const bool tls = url.scheme() == "https";
+  if (!tls && url.scheme() != "http") throw DAVTransportError("refusing to follow a link to " + std::string(url.scheme()));
+  // The credentials go with every request, so an https account never falls back to plain http.
+  if (!tls && parseAbsolute(base_).scheme() == "https")
+    throw DAVTransportError("refusing to follow a link from https to http: " + std::string(url.buffer()));
+  const std::string host(url.host_address());
+  const std::string port = url.has_port() ? std::string(url.port()) : (tls ? "443" : "80");
   std::string path(url.encoded_path());
   if (path.empty()) path = "/";
   if (url.has_query()) path += "?" + std::string(url.encoded_query());
 
   http::request<http::string_body> req{http::string_to_verb(method), path, 11};
   if (req.method() == http::verb::unknown) req.method_string(method);
-  req.set(http::field::host, url.has_port() ? host + ":" + port : host);
+  req.set(http::field::host, std::string(url.encoded_host()) + (url.has_port() ? ":" + port : ""));
   req.set(http::field::user_agent, "tamsel-desktop");
   req.set(http::field::connection, "close");
   if (!user_.empty()) req.set(http::field::authorization, "Basic " + base64(user_ + ":" + password_));
@@ -105,37 +139,56 @@ DAVResponse DAVClient::request(const std::string& method, const std::string& tar
 
   asio::io_context io;
   tcp::resolver resolver(io);
-  beast::tcp_stream stream(io);
+  // Plain http uses the same stream type and never starts TLS on it.
+  asio::ssl::context ctx = tls ? tlsContext() : asio::ssl::context(asio::ssl::context::tls_client);
+  beast::ssl_stream<beast::tcp_stream> stream(io, ctx);
+  if (tls) expectPeer(stream.native_handle(), url, host);
+  beast::tcp_stream& tcpStream = beast::get_lowest_layer(stream);
   beast::flat_buffer buffer;
   http::response_parser<http::string_body> parser;
   parser.body_limit(64 * 1024 * 1024);
   beast::error_code failure;
   const char* stage = "resolve";
 
-  // The deadline covers the whole exchange; Beast applies it to asynchronous operations only,
-  // so the exchange is asynchronous and this thread runs it to the end.
-  stream.expires_after(timeout_);
+  // The deadline covers the whole exchange (the TLS handshake included); Beast applies it to
+  // asynchronous operations only, so the exchange is asynchronous and this thread runs it to
+  // the end.
+  const auto exchange = [&](auto& s) {
+    http::async_write(s, req, [&](beast::error_code ec, std::size_t) {
+      if (ec) return void(failure = ec);
+      stage = "read";
+      http::async_read(s, buffer, parser, [&](beast::error_code ec, std::size_t) {
+        if (ec) failure = ec;
+      });
+    });
+  };
+  tcpStream.expires_after(timeout_);
   resolver.async_resolve(host, port, [&](beast::error_code ec, tcp::resolver::results_type results) {
     if (ec) return void(failure = ec);
     stage = "connect";
-    stream.async_connect(results, [&](beast::error_code ec, const tcp::endpoint&) {
+    tcpStream.async_connect(results, [&](beast::error_code ec, const tcp::endpoint&) {
       if (ec) return void(failure = ec);
       stage = "send";
-      http::async_write(stream, req, [&](beast::error_code ec, std::size_t) {
+      if (!tls) return exchange(tcpStream);
+      stage = "handshake";
+      stream.async_handshake(asio::ssl::stream_base::client, [&](beast::error_code ec) {
         if (ec) return void(failure = ec);
-        stage = "read";
-        http::async_read(stream, buffer, parser, [&](beast::error_code ec, std::size_t) {
-          if (ec) failure = ec;
-        });
+        stage = "send";
+        exchange(stream);
       });
     });
   });
   io.run();
   beast::error_code ignored;
-  stream.socket().shutdown(tcp::socket::shutdown_both, ignored);
+  tcpStream.socket().shutdown(tcp::socket::shutdown_both, ignored);
   if (failure) {
     const std::string reason = failure == beast::error::timeout ? "timed out" : failure.message();
     base::log::debug(kSource, "{} {}: {} failed: {}", method, path, stage, reason);
+    if (tls) {
+      if (const long verify = SSL_get_verify_result(stream.native_handle()); verify != X509_V_OK)
+        throw DAVTransportError("the CalDAV server's certificate is not trusted: " +
+                                std::string(X509_verify_cert_error_string(verify)) + " (" + authority() + ")");
+    }
     throw DAVTransportError("cannot reach the CalDAV server at " + authority() + " (" + stage + ": " + reason + ")");
   }
   auto& res = parser.get();

@@ -1,5 +1,5 @@
 #pragma once
-// Blocking HTTP for the CalDAV store: one request per connection (some servers answer
+// Blocking HTTP and HTTPS for the CalDAV store: one request per connection (some servers answer
 // HTTP/1.0 and close anyway), Basic authentication, a deadline for the whole exchange. Calls
 // run on the calendar provider's worker thread, so blocking is fine there; Beast stays inside
 // the .cpp. The password never reaches a log line or an error message.
@@ -26,7 +26,9 @@ struct DAVTransportError : std::runtime_error {
 
 class DAVClient {
  public:
-  // `baseURL` is an http URL; throws std::invalid_argument for anything else.
+  // `baseURL` is an http or https URL; throws std::invalid_argument for anything else. https
+  // servers are checked against the system's CA store (SSL_CERT_FILE / SSL_CERT_DIR apply); a
+  // certificate that fails is a DAVTransportError, never accepted.
   DAVClient(std::string baseURL, std::string user, std::string password,
             std::chrono::milliseconds timeout = std::chrono::seconds(30));
 

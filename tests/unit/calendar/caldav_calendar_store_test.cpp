@@ -1,11 +1,13 @@
 // The CalDAV store against a real Radicale that each test starts on loopback: discovery,
 // writes guarded by ETags (a change made on the server in between is reported, never
 // overwritten), a calendar the server keeps read-only, series edits, an account out of reach
-// beside the local calendars, and the owner-only accounts file.
+// beside the local calendars, the owner-only accounts file, and https with a certificate the
+// client trusts, one it does not, and one for another host.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
 #include <csignal>
+#include <cstdlib>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -58,11 +60,34 @@ bool accepts(int port) {
   return ok;
 }
 
+// A certificate and key Radicale serves TLS with.
+struct TLSFiles {
+  fs::path certificate;
+  fs::path key;
+};
+
+// A self-signed certificate made with the openssl command, naming `altNames`
+// (e.g. "IP:127.0.0.1,DNS:localhost").
+TLSFiles selfSigned(const fs::path& dir, const std::string& altNames) {
+  TLSFiles files{dir / "cert.pem", dir / "key.pem"};
+  const auto command = fmt::format(
+      "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 -subj /CN=tamsel-test "
+      "-addext 'subjectAltName={}' -keyout '{}' -out '{}' >'{}' 2>&1",
+      altNames, files.key.string(), files.certificate.string(), (dir / "openssl.log").string());
+  if (std::system(command.c_str()) != 0) {
+    std::string text;
+    base::readFile(dir / "openssl.log", text);
+    throw std::runtime_error("openssl could not make a certificate: " + text);
+  }
+  return files;
+}
+
 // Radicale with anonymous logins accepted as any user name, and rights that let user "test"
-// write its calendars except "holidays", which it may only read.
+// write its calendars except "holidays", which it may only read. With `tls`, it speaks https.
 class Radicale {
  public:
-  explicit Radicale(const fs::path& dir) : port_(freePort()) {
+  explicit Radicale(const fs::path& dir, std::optional<TLSFiles> tls = std::nullopt)
+      : port_(freePort()), tls_(tls.has_value()) {
     const auto storage = dir / "storage";
     // A calendar the user cannot create through the server (it may only read it), so it is
     // made the way the server keeps collections on disk.
@@ -77,10 +102,14 @@ class Radicale {
                               0600);
     const auto config = dir / "radicale.conf";
     base::writeFileAtomically(config,
-                              fmt::format("[server]\nhosts = 127.0.0.1:{}\n[auth]\ntype = none\n[rights]\ntype = "
+                              fmt::format("[server]\nhosts = 127.0.0.1:{}\n{}[auth]\ntype = none\n[rights]\ntype = "
                                           "from_file\nfile = {}\n[storage]\nfilesystem_folder = {}\n"
                                           "[logging]\nlevel = warning\n",
-                                          port_, (dir / "rights").string(), storage.string()),
+                                          port_,
+                                          tls ? fmt::format("ssl = True\ncertificate = {}\nkey = {}\n",
+                                                            tls->certificate.string(), tls->key.string())
+                                              : std::string(),
+                                          (dir / "rights").string(), storage.string()),
                               0600);
     const auto log = dir / "radicale.log";
     pid_ = ::fork();
@@ -109,12 +138,25 @@ class Radicale {
     ::kill(pid_, SIGTERM);
     ::waitpid(pid_, nullptr, 0);
   }
-  std::string url() const { return fmt::format("http://127.0.0.1:{}/", port_); }
+  std::string url(const char* host = "127.0.0.1") const {
+    return fmt::format("{}://{}:{}/", tls_ ? "https" : "http", host, port_);
+  }
 
  private:
   int port_;
+  bool tls_;
   pid_t pid_ = -1;
 };
+
+// A MKCALENDAR body for a calendar holding `component`s.
+std::string mkcalendar(const char* name, const char* color, const char* component) {
+  return fmt::format(
+      R"(<?xml version="1.0"?><c:mkcalendar xmlns:d="DAV:" xmlns:c="urn:ietf:params:xml:ns:caldav" )"
+      R"(xmlns:ic="http://apple.com/ns/ical/"><d:set><d:prop><d:displayname>{}</d:displayname>)"
+      R"(<ic:calendar-color>{}</ic:calendar-color><c:supported-calendar-component-set><c:comp name="{}"/>)"
+      R"(</c:supported-calendar-component-set></d:prop></d:set></c:mkcalendar>)",
+      name, color, component);
+}
 
 class CalDAVStore : public ::testing::Test {
  protected:
@@ -142,14 +184,6 @@ class CalDAVStore : public ::testing::Test {
     ::tzset();
   }
 
-  static std::string mkcalendar(const char* name, const char* color, const char* component) {
-    return fmt::format(
-        R"(<?xml version="1.0"?><c:mkcalendar xmlns:d="DAV:" xmlns:c="urn:ietf:params:xml:ns:caldav" )"
-        R"(xmlns:ic="http://apple.com/ns/ical/"><d:set><d:prop><d:displayname>{}</d:displayname>)"
-        R"(<ic:calendar-color>{}</ic:calendar-color><c:supported-calendar-component-set><c:comp name="{}"/>)"
-        R"(</c:supported-calendar-component-set></d:prop></d:set></c:mkcalendar>)",
-        name, color, component);
-  }
 
   CalDAVAccount account() const { return {"test@local", server->url(), "test", "secret"}; }
   std::string work() const { return "caldav:test@local/work"; }
@@ -361,6 +395,83 @@ TEST_F(CalDAVStore, BesideTheLocalCalendarsAnAccountOutOfReachHidesNothingLocal)
   const auto before = combined.changeToken();
   raw->request("DELETE", "/test/work/" + EventID::parse(id)->uid + ".ics");
   EXPECT_NE(combined.changeToken(), before);
+}
+
+// Each test decides which certificates the client trusts through SSL_CERT_FILE; the variable
+// is put back afterwards.
+class CalDAVOverTLS : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (const char* file = std::getenv("SSL_CERT_FILE")) savedCertFile = file;
+  }
+  void TearDown() override {
+    if (savedCertFile)
+      ::setenv("SSL_CERT_FILE", savedCertFile->c_str(), 1);
+    else
+      ::unsetenv("SSL_CERT_FILE");
+  }
+  static std::string failure(CalDAVCalendarStore& store) {
+    try {
+      store.calendars();
+    } catch (const CalendarException& e) {
+      return e.error().message();
+    }
+    return "no error";
+  }
+
+  test::TempDir dir;
+  std::optional<std::string> savedCertFile;
+};
+
+TEST_F(CalDAVOverTLS, TheStoreWorksWhenTheCertificateIsTrusted) {
+  const auto tls = selfSigned(dir.path(), "IP:127.0.0.1,DNS:localhost");
+  Radicale server(dir.path(), tls);
+  ::setenv("SSL_CERT_FILE", tls.certificate.c_str(), 1);
+  DAVClient raw(server.url(), "test", "secret");
+  ASSERT_EQ(raw.request("PROPFIND", "/test/", {{"Depth", "0"}}).status, 207);
+  ASSERT_EQ(raw.request("MKCALENDAR", "/test/work/", {}, mkcalendar("Work", "#FF8800FF", "VEVENT"),
+                        "application/xml").status,
+            201);
+
+  // By address (checked against the certificate's IP entry) and by name (its DNS entry).
+  for (const char* host : {"127.0.0.1", "localhost"}) {
+    CalDAVCalendarStore store({"test@local", server.url(host), "test", "secret"});
+    std::vector<std::string> ids;
+    for (const auto& c : store.calendars()) ids.push_back(c.id);
+    EXPECT_EQ(ids, (std::vector<std::string>{"caldav:test@local/holidays", "caldav:test@local/work"})) << host;
+    EventFields fields;
+    fields.title = std::string("Planning via ") + host;
+    fields.start = at("2026-03-10T09:00:00Z");
+    fields.end = fields.start + 60min;
+    const auto id = store.createEvent("caldav:test@local/work", fields).id;
+    const auto res = raw.request("GET", "/test/work/" + EventID::parse(id)->uid + ".ics");
+    EXPECT_EQ(res.status, 200) << host;
+    EXPECT_NE(res.body.find("SUMMARY:" + fields.title), std::string::npos) << host;
+  }
+  // The credentials never go over plain http from an https account.
+  EXPECT_THROW(raw.request("GET", server.url().replace(0, 5, "http")), DAVTransportError);
+}
+
+TEST_F(CalDAVOverTLS, AnUntrustedCertificateIsAnError) {
+  const auto tls = selfSigned(dir.path(), "IP:127.0.0.1,DNS:localhost");
+  Radicale server(dir.path(), tls);
+  // The system's store only: it has never heard of this certificate.
+  ::unsetenv("SSL_CERT_FILE");
+  CalDAVCalendarStore store({"test@local", server.url(), "test", "secret"});
+  const auto message = failure(store);
+  EXPECT_EQ(message.rfind("the CalDAV server's certificate is not trusted: ", 0), 0u) << message;
+  EXPECT_EQ(message.find("secret"), std::string::npos) << message;
+}
+
+TEST_F(CalDAVOverTLS, ATrustedCertificateForAnotherHostIsAnError) {
+  const auto tls = selfSigned(dir.path(), "DNS:calendar.example.test");
+  Radicale server(dir.path(), tls);
+  ::setenv("SSL_CERT_FILE", tls.certificate.c_str(), 1);
+  for (const char* host : {"127.0.0.1", "localhost"}) {
+    CalDAVCalendarStore store({"test@local", server.url(host), "test", "secret"});
+    const auto message = failure(store);
+    EXPECT_EQ(message.rfind("the CalDAV server's certificate is not trusted: ", 0), 0u) << host << ": " << message;
+  }
 }
 
 TEST(CalDAVAccounts, KeptOwnerOnlyOneEntryPerURLAndUserAndADamagedFileIsLeftAlone) {
