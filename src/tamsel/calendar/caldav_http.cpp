@@ -1,5 +1,6 @@
 #include "tamsel/calendar/caldav_http.hpp"
 
+#include <cctype>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
@@ -111,6 +112,25 @@ void expectPeer(SSL* ssl, const urls::url& url, const std::string& host) {
 
 }  // namespace
 
+bool DAVClient::sameOrigin(const std::string& a, const std::string& b) {
+  try {
+    const auto x = parseAbsolute(a);
+    const auto y = parseAbsolute(b);
+    auto port = [](const urls::url_view& u) {
+      if (u.has_port()) return std::string(u.port());
+      return std::string(u.scheme() == "https" ? "443" : "80");
+    };
+    auto lower = [](std::string s) {
+      for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+      return s;
+    };
+    return lower(std::string(x.scheme())) == lower(std::string(y.scheme())) &&
+           lower(std::string(x.encoded_host())) == lower(std::string(y.encoded_host())) && port(x) == port(y);
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
 DAVResponse DAVClient::request(const std::string& method, const std::string& target,
                                const std::vector<std::pair<std::string, std::string>>& headers,
                                const std::string& body, const std::string& contentType) const {
@@ -131,7 +151,8 @@ DAVResponse DAVClient::request(const std::string& method, const std::string& tar
   req.set(http::field::host, std::string(url.encoded_host()) + (url.has_port() ? ":" + port : ""));
   req.set(http::field::user_agent, "tamsel-desktop");
   req.set(http::field::connection, "close");
-  if (!user_.empty()) req.set(http::field::authorization, "Basic " + base64(user_ + ":" + password_));
+  if (!user_.empty() && sameOrigin(std::string(url.buffer()), base_))
+    req.set(http::field::authorization, "Basic " + base64(user_ + ":" + password_));
   for (const auto& [name, value] : headers) req.set(name, value);
   if (!contentType.empty()) req.set(http::field::content_type, contentType);
   req.body() = body;

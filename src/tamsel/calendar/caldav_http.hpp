@@ -45,6 +45,9 @@ class DAVClient {
   const std::string& baseURL() const { return base_; }
   // "host:port" for messages.
   std::string authority() const;
+  // Whether two absolute URLs share scheme, host and port (default ports included): the
+  // account's credentials go only to its own server, never along a redirect elsewhere.
+  static bool sameOrigin(const std::string& a, const std::string& b);
 
  private:
   std::string base_;

@@ -503,3 +503,18 @@ TEST(CalDAVAccounts, KeptOwnerOnlyOneEntryPerURLAndUserAndADamagedFileIsLeftAlon
 
 }  // namespace
 }  // namespace tamsel::calendar
+
+namespace tamsel::calendar {
+namespace {
+
+TEST(DAVClientOrigin, CredentialsStayWithTheAccountsOwnServer) {
+  EXPECT_TRUE(DAVClient::sameOrigin("https://dav.example.org/cal/", "https://DAV.example.org:443/principals/u/"));
+  EXPECT_TRUE(DAVClient::sameOrigin("http://127.0.0.1:5232/a", "http://127.0.0.1:5232/b/c"));
+  EXPECT_FALSE(DAVClient::sameOrigin("https://dav.example.org/", "https://evil.example.net/"));
+  EXPECT_FALSE(DAVClient::sameOrigin("https://dav.example.org/", "http://dav.example.org/"));
+  EXPECT_FALSE(DAVClient::sameOrigin("http://127.0.0.1:5232/", "http://127.0.0.1:5233/"));
+  EXPECT_FALSE(DAVClient::sameOrigin("not a url", "http://127.0.0.1/"));
+}
+
+}  // namespace
+}  // namespace tamsel::calendar
