@@ -10,6 +10,12 @@
 namespace tamsel::calendar {
 
 struct CalendarRPCError {
+  // The engine's own wording for an update with scope "all", kept word for word in this one
+  // place: the engine and the agents reading it rely on the exact text, section reference included.
+  static constexpr const char* updateScopeAllRefusal =
+      "update_event does not accept scope=\"all\"; use \"this\" or \"this_and_future\". To replace an entire "
+      "series, call delete_event(scope=all) followed by create_event (spec §5.5.8).";
+
   struct PermissionDenied {
     CalendarPermissionStatus status;
   };

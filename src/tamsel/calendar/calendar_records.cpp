@@ -215,9 +215,7 @@ EventScope decodeScope(const JSONValue* value, bool allowAll) {
   if (*text == PC::EventScope::thisAndFuture) return EventScope::thisAndFuture;
   if (*text == PC::EventScope::all) {
     if (allowAll) return EventScope::all;
-    invalid("scope",
-            "update_event does not accept scope=\"all\"; use \"this\" or \"this_and_future\". To replace an entire "
-            "series, call delete_event(scope=all) followed by create_event (spec §5.5.8).");
+    invalid("scope", CalendarRPCError::updateScopeAllRefusal);
   }
   invalid("scope", "unknown scope " + *text);
 }

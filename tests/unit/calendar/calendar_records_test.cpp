@@ -71,10 +71,7 @@ TEST(CalendarParams, UpdateScopes) {
   };
   const auto all = failureOf([&] { decodeUpdateEventParams(withScope("all")); });
   EXPECT_EQ(all.code, "invalid_argument");
-  EXPECT_EQ(all.message,
-            "Invalid argument for `scope`: update_event does not accept scope=\"all\"; use \"this\" or "
-            "\"this_and_future\". To replace an entire series, call delete_event(scope=all) followed by "
-            "create_event (spec §5.5.8).");
+  EXPECT_EQ(all.message, std::string("Invalid argument for `scope`: ") + CalendarRPCError::updateScopeAllRefusal);
   EXPECT_EQ(failureOf([&] { decodeUpdateEventParams(withScope("everything")); }).message,
             "Invalid argument for `scope`: unknown scope everything");
   EXPECT_EQ(decodeUpdateEventParams(withScope("this_and_future")).scope, EventScope::thisAndFuture);
