@@ -223,8 +223,7 @@ int runHeadless(const GlobalOptions& options, bool asJSON) {
     const std::string rpcChannel = !now.rpcOnline ? "disabled" : *now.rpcOnline ? "online" : "offline";
     if (last == now) return;
     last = now;
-    const auto stamp = base::formatISO8601(
-        std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now()));
+    const auto stamp = base::formatISO8601(base::nowTimestamp());
     if (asJSON) {
       bj::object line;
       line["time"] = stamp;

@@ -9,6 +9,7 @@
 #include <sstream>
 #include <system_error>
 
+#include "tamsel/base/dates.hpp"
 #include "tamsel/base/uuid.hpp"
 
 namespace tamsel::base {
@@ -58,6 +59,20 @@ void writeFileAtomically(const std::filesystem::path& path, std::string_view con
     ::fsync(dirfd);
     ::close(dirfd);
   }
+}
+
+std::optional<std::filesystem::path> moveAside(const std::filesystem::path& path) {
+  std::string stamp = formatISO8601(nowTimestamp());
+  for (char& c : stamp)
+    if (c == ':') c = '-';
+  const std::string base = path.string() + ".bad-" + stamp;
+  std::filesystem::path target = base;
+  std::error_code ec;
+  for (int n = 2; std::filesystem::exists(target, ec) && n < 100; ++n) target = base + "-" + std::to_string(n);
+  if (ec || std::filesystem::exists(target, ec)) return std::nullopt;
+  std::filesystem::rename(path, target, ec);
+  if (ec) return std::nullopt;
+  return target;
 }
 
 bool readFile(const std::filesystem::path& path, std::string& out) {

@@ -1,5 +1,6 @@
 #pragma once
 #include <filesystem>
+#include <optional>
 #include <string_view>
 
 namespace tamsel::base {
@@ -10,6 +11,10 @@ namespace tamsel::base {
 // Throws std::system_error on failure; the old file is left untouched then.
 void writeFileAtomically(const std::filesystem::path& path, std::string_view contents,
                          unsigned mode = 0600);
+
+// Keeps a file we could not read under "<name>.bad-<time>" (a numbered suffix if taken), so it
+// is never written over. Returns the new path, or nothing when it could not be moved.
+std::optional<std::filesystem::path> moveAside(const std::filesystem::path& path);
 
 // Reads a whole file; std::nullopt-like empty result is not used so callers can tell
 // "missing" from "empty": returns false when the file cannot be opened.

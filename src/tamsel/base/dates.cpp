@@ -71,6 +71,10 @@ std::optional<Timestamp> parseISO8601(std::string_view text) {
   return parse(text, false);
 }
 
+Timestamp nowTimestamp() {
+  return std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now());
+}
+
 std::string formatISO8601(Timestamp when) {
   return date::format("%FT%TZ", std::chrono::time_point_cast<std::chrono::milliseconds>(when));
 }

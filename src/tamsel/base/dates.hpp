@@ -13,6 +13,9 @@ using Timestamp = std::chrono::sys_time<std::chrono::microseconds>;
 // Accepts "2026-11-20T09:15:02.123Z", "2026-11-20T09:15:02Z" and "+hh:mm" / "-hh:mm" offsets.
 std::optional<Timestamp> parseISO8601(std::string_view text);
 
+// The current time at the precision dates carry.
+Timestamp nowTimestamp();
+
 // UTC with milliseconds: "2026-11-20T09:15:02.123Z".
 std::string formatISO8601(Timestamp when);
 

@@ -27,7 +27,7 @@ constexpr const char* kSource = "DaemonChatViewModel";
 constexpr auto kDeltaPublishInterval = std::chrono::milliseconds(50);
 constexpr const char* kCancelledBeforeResponse = "[cancelled before response]";
 
-Timestamp now() { return std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now()); }
+Timestamp now() { return base::nowTimestamp(); }
 
 // Merge key: role and text with white space removed, so a reply built from streamed deltas
 // matches the same reply read back from the file, whose text blocks are joined differently.

@@ -22,15 +22,10 @@ PreferencesStore::PreferencesStore(fs::path file) : file_(std::move(file)) {
     if (!parsed.is_object()) throw base::json::DecodeError("not an object");
     values_ = std::move(parsed.as_object());
   } catch (const base::json::DecodeError& e) {
-    auto stamp = base::formatISO8601(std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now()));
-    for (char& c : stamp)
-      if (c == ':') c = '-';
-    const fs::path aside = file_.string() + ".bad-" + stamp;
-    std::error_code ec;
-    fs::rename(file_, aside, ec);
-    if (ec) writable_ = false;  // keep the unreadable file rather than write over it
+    const auto aside = base::moveAside(file_);
+    if (!aside) writable_ = false;  // keep the unreadable file rather than write over it
     base::log::warn(kSource, "{} could not be read ({}); kept as {}, starting empty", file_.string(), e.what(),
-                    ec ? file_.string() : aside.string());
+                    aside ? aside->string() : file_.string());
   }
 }
 

@@ -116,13 +116,6 @@ std::vector<std::pair<std::string, std::string>> decodeFile(std::string_view con
   return out;
 }
 
-std::string fileTimestamp() {
-  auto now = std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now());
-  std::string text = base::formatISO8601(now);
-  std::replace(text.begin(), text.end(), ':', '-');
-  return text;
-}
-
 }  // namespace
 
 std::string DraftStorage::truncatedToCharacters(std::string_view text, std::size_t maxCharacters) {
@@ -184,21 +177,16 @@ void DraftStorage::load() {
 
 void DraftStorage::moveAside(const std::string& reason) {
   const fs::path& path = config_.fileURL;
-  const std::string base = path.string() + ".bad-" + fileTimestamp();
-  fs::path target = base;
-  std::error_code ec;
-  for (int n = 2; fs::exists(target, ec) && n < 100; ++n) target = base + "-" + std::to_string(n);
-  if (!ec && !fs::exists(target, ec)) fs::rename(path, target, ec);
-  else if (!ec) ec = std::make_error_code(std::errc::file_exists);
-  if (ec) {
+  const auto target = base::moveAside(path);
+  if (!target) {
     fileProtected_ = true;
-    base::log::error(kSource, "{} does not decode ({}) and cannot be moved aside ({}); drafts will not be saved",
-                     path.string(), reason, ec.message());
+    base::log::error(kSource, "{} does not decode ({}) and cannot be moved aside; drafts will not be saved",
+                     path.string(), reason);
     return;
   }
-  setAsidePath_ = target;
+  setAsidePath_ = *target;
   base::log::warn(kSource, "{} does not decode ({}); moved to {}, starting with no drafts", path.string(), reason,
-                  target.string());
+                  target->string());
 }
 
 void DraftStorage::storeLocked(const std::string& key, std::string text) {

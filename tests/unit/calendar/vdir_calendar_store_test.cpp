@@ -148,9 +148,11 @@ TEST_F(VdirStore, CountCarriesOverASplitAndNeverStandsBesideUntil) {
     std::string text;
     base::readFile(f, text);
     std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);)
-      if (line.starts_with("RRULE:"))
+    for (std::string line; std::getline(lines, line);) {
+      if (line.starts_with("RRULE:")) {
         EXPECT_FALSE(line.find("UNTIL=") != std::string::npos && line.find("COUNT=") != std::string::npos) << line;
+      }
+    }
   }
 }
 

@@ -181,8 +181,7 @@ Frame Frame::decode(std::string_view body) {
 }
 
 std::string rpcTimestampNow() {
-  return base::formatISO8601(
-      std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now()));
+  return base::formatISO8601(base::nowTimestamp());
 }
 
 }  // namespace tamsel::bridge::rpc
