@@ -51,7 +51,8 @@ int main() {
 
   const std::size_t before = heapBytes();
   {
-    desktop::DaemonChatViewModel vm(base::MainExecutor(io), {&client, nullptr, &history, nullptr, nullptr});
+    base::AsioMainExecutor main(io);
+    desktop::DaemonChatViewModel vm(main, {&client, nullptr, &history, nullptr, nullptr});
     for (int i = 0; i < sessions; ++i) {
       vm.selectSession("s" + std::to_string(i));
       settle();

@@ -6,6 +6,9 @@
 #include <iostream>
 
 #include "cli.hpp"
+#include "runtime.hpp"
+#include "tamsel/base/env.hpp"
+#include "tamsel/base/preferences_store.hpp"
 #include "tamsel/calendar/caldav_calendar_store.hpp"
 #include "tamsel/calendar/caldav_http.hpp"
 #include "tamsel/calendar/desktop_calendar.hpp"
@@ -18,26 +21,13 @@ using namespace tamsel::calendar;
 
 namespace {
 
-template <class T>
-T runOnce(asio::io_context& io, asio::awaitable<T> work) {
-  std::optional<T> result;
-  std::exception_ptr failure;
-  asio::co_spawn(io, std::move(work), [&](std::exception_ptr e, T value) {
-    failure = e;
-    if (!e) result = std::move(value);
-  });
-  io.run();
-  if (failure) std::rethrow_exception(failure);
-  return std::move(*result);
-}
-
 std::string timeRange(const CalendarEvent& e) {
   if (e.allDay) return formatTimestamp(e.start).substr(0, 10) + " (all day)";
   return formatTimestamp(e.start) + " – " + formatTimestamp(e.end).substr(11, 5);
 }
 
-int permission(const CalendarCommandOptions& o) {
-  auto permissions = openDesktopPermissionStore();
+int permission(Runtime& rt, const CalendarCommandOptions& o) {
+  auto permissions = std::make_shared<PreferencesPermissionStore>(rt.services.preferences().file());
   if (o.permissionAction == "grant") permissions->setStatus(CalendarPermissionStatus::granted);
   if (o.permissionAction == "deny") permissions->setStatus(CalendarPermissionStatus::denied);
   const auto status = permissions->status();
@@ -52,21 +42,21 @@ int permission(const CalendarCommandOptions& o) {
 
 // Checks the account against the server before saving it, so a wrong URL or password is
 // reported now and never replaces a working account.
-int addCalDAV(const CalendarCommandOptions& o) {
+int addCalDAV(Runtime& rt, const CalendarCommandOptions& o) {
   CalDAVAccount account{{}, o.url, o.user, {}};
   if (!o.passwordEnv.empty()) {
-    const char* password = std::getenv(o.passwordEnv.c_str());
+    const auto password = base::env::get(o.passwordEnv.c_str());
     if (!password) {
       printError("the environment variable " + o.passwordEnv + " is not set");
       return kExitUsage;
     }
-    account.password = password;
+    account.password = *password;
   }
   if (const auto reason = unsupportedDAVURL(o.url)) {
     printError(*reason);
     return kExitUsage;
   }
-  const auto file = defaultCalDAVAccountsFile();
+  const auto file = calDAVAccountsFileIn(rt.services.appFolder());
   loadCalDAVAccounts(file);  // a damaged file is reported before the server is asked
   account.id = "new";
   const auto found = CalDAVCalendarStore(account).calendars();
@@ -85,31 +75,32 @@ int addCalDAV(const CalendarCommandOptions& o) {
 
 }  // namespace
 
-int calendarCommand(const GlobalOptions&, const CalendarCommandOptions& o) {
+int calendarCommand(const GlobalOptions& options, const CalendarCommandOptions& o) {
   try {
-    if (o.action == "permission") return permission(o);
+    Runtime rt(options);
+    const auto appFolder = rt.services.appFolder();
+    if (o.action == "permission") return permission(rt, o);
     if (o.action == "add-local") {
-      VdirCalendarStore local(VdirCalendarStore::defaultRoot());
+      VdirCalendarStore local(VdirCalendarStore::rootIn(appFolder));
       const auto id = local.addCalendar(o.name, o.title, o.color);
       if (o.makeDefault) local.setDefaultCalendar(id);
       std::cout << id << std::endl;
       return kExitOK;
     }
-    if (o.action == "add-caldav") return addCalDAV(o);
+    if (o.action == "add-caldav") return addCalDAV(rt, o);
 
     // The person at the keyboard reads their own calendars; the grant is the engine's.
-    asio::io_context io;
-    auto provider = std::make_shared<CalendarProvider>(io.get_executor(), openDesktopCalendarStore(),
+    auto provider = std::make_shared<CalendarProvider>(rt.main.ioExecutor(), openDesktopCalendarStore(appFolder),
                                                        std::make_shared<MemoryPermissionStore>(CalendarPermissionStatus::granted));
     const std::chrono::milliseconds limit = provider->timerFor(60'000);
     if (o.action == "sources") {
-      const auto sources = runOnce(io, provider->listSources(limit));
+      const auto sources = rt.runToEnd(provider->listSources(limit));
       if (o.asJSON) {
         JSONValue::Array items;
         for (const auto& s : sources) items.push_back(toJSON(s));
         // The accounts without their passwords.
         JSONValue::Array accounts;
-        for (const auto& a : loadCalDAVAccounts(defaultCalDAVAccountsFile()))
+        for (const auto& a : loadCalDAVAccounts(calDAVAccountsFileIn(appFolder)))
           accounts.push_back(JSONValue::object({{"id", a.id}, {"url", a.url}, {"user", a.user}}));
         std::cout << JSONValue::object({{"sources", std::move(items)}, {"caldav_accounts", std::move(accounts)}}).serialize()
                   << std::endl;
@@ -118,7 +109,7 @@ int calendarCommand(const GlobalOptions&, const CalendarCommandOptions& o) {
       for (const auto& s : sources)
         std::cout << s.id << "  " << s.title << "  (" << s.accountType << (s.writable ? "" : ", read-only")
                   << (s.defaultForNewEvents ? ", default" : "") << ")\n";
-      for (const auto& a : loadCalDAVAccounts(defaultCalDAVAccountsFile()))
+      for (const auto& a : loadCalDAVAccounts(calDAVAccountsFileIn(appFolder)))
         std::cout << "CalDAV account " << a.id << "  " << a.url << (a.user.empty() ? "" : "  (user " + a.user + ")")
                   << "\n";
       return kExitOK;
@@ -128,7 +119,7 @@ int calendarCommand(const GlobalOptions&, const CalendarCommandOptions& o) {
       if (!o.calendarIDs.empty()) params["calendar_ids"] = JSONValue::Array(o.calendarIDs.begin(), o.calendarIDs.end());
       if (o.query) params["query"] = *o.query;
       auto decoded = decodeListEventsParams(JSONValue(std::move(params)));
-      const auto list = runOnce(io, provider->listEvents(std::move(decoded), limit));
+      const auto list = rt.runToEnd(provider->listEvents(std::move(decoded), limit));
       if (o.asJSON) {
         std::cout << toJSON(list).serialize() << std::endl;
         return kExitOK;

@@ -10,12 +10,11 @@
 #include <sstream>
 
 #include "cli.hpp"
+#include "runtime.hpp"
 #include "tamsel/base/json.hpp"
 #include "tamsel/base/log.hpp"
 #include "tamsel/base/uuid.hpp"
 #include "tamsel/bridge/daemon_client_error.hpp"
-#include "tamsel/bridge/daemon_local_presence.hpp"
-#include "tamsel/bridge/device_identity.hpp"
 
 namespace tamsel::cli {
 
@@ -214,9 +213,9 @@ struct ChatRun {
 
 int chatOnce(const GlobalOptions& options, const ChatOptions& chat) {
   if (!ensureEngine(options)) return kExitFailure;
-  asio::io_context io;
-  bridge::DaemonClient client({options.enginePort, bridge::DaemonLocalPresence::token(), bridge::desktopDeviceID(),
-                               {"approvals", "questions", "inject", "session_started"}});
+  Runtime rt(options);
+  auto& io = rt.io;
+  auto& client = rt.services.client();
   ChatRun run{options, chat, client, ChatPrinter(chat.asJSON), static_cast<bool>(::isatty(STDIN_FILENO)), {}};
 
   bool interrupted = false;

@@ -25,7 +25,6 @@ inline constexpr int kExitFailure = 1;
 inline constexpr int kExitUsage = 2;
 inline constexpr int kExitNotRunning = 3;
 
-desktop::DaemonManager::Config managerConfig(const GlobalOptions& options);
 
 int engineStart(const GlobalOptions& options);
 int engineStatus(const GlobalOptions& options, bool asJSON);

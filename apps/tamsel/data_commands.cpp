@@ -5,9 +5,8 @@
 #include "cli.hpp"
 #include "runtime.hpp"
 #include "tamsel/base/json.hpp"
+#include "tamsel/bridge/daemon_client.hpp"
 #include "tamsel/bridge/daemon_client_error.hpp"
-#include "tamsel/bridge/daemon_local_presence.hpp"
-#include "tamsel/bridge/device_identity.hpp"
 
 namespace tamsel::cli {
 
@@ -15,19 +14,14 @@ namespace asio = boost::asio;
 
 namespace {
 
-bridge::DaemonClient makeClient(const GlobalOptions& options) {
-  return bridge::DaemonClient({options.enginePort, bridge::DaemonLocalPresence::token(), bridge::desktopDeviceID(), {}});
-}
-
 // Runs one engine call; a transport failure gets a hint, since it usually means no engine.
 template <class T>
-std::optional<T> callEngine(const GlobalOptions& options, asio::awaitable<T> work) {
-  asio::io_context io;
+std::optional<T> callEngine(Runtime& rt, asio::awaitable<T> work) {
   try {
-    return runToEnd(io, std::move(work));
+    return rt.runToEnd(std::move(work));
   } catch (const bridge::TransportError& e) {
     printError(std::string(e.what()) + "\nIs the engine running? Start it with: tamsel engine start (port " +
-               std::to_string(options.enginePort) + ")");
+               std::to_string(rt.services.options().enginePort) + ")");
   } catch (const bridge::DaemonClientException& e) {
     printError(e.what());
   }
@@ -39,8 +33,9 @@ std::string cell(const std::optional<std::string>& text) { return text && !text-
 }  // namespace
 
 int listAgents(const GlobalOptions& options, bool asJSON) {
-  auto client = makeClient(options);
-  auto agents = callEngine(options, client.agents());
+  Runtime rt(options);
+  auto& client = rt.services.client();
+  auto agents = callEngine(rt, client.agents());
   if (!agents) return kExitFailure;
   if (asJSON) {
     std::cout << base::json::serialize(base::json::encode(*agents)) << std::endl;
@@ -62,10 +57,11 @@ int listAgents(const GlobalOptions& options, bool asJSON) {
 }
 
 int listSessions(const GlobalOptions& options, const std::optional<std::string>& agent, bool asJSON) {
-  auto client = makeClient(options);
+  Runtime rt(options);
+  auto& client = rt.services.client();
   bridge::SessionListQuery query;
   query.agent = agent;
-  auto sessions = callEngine(options, client.sessions(query));
+  auto sessions = callEngine(rt, client.sessions(query));
   if (!sessions) return kExitFailure;
   if (asJSON) {
     std::cout << base::json::serialize(base::json::encode(*sessions)) << std::endl;

@@ -3,23 +3,17 @@
 
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/use_awaitable.hpp>
-#include <cerrno>
 #include <cstdio>
 #include <iostream>
 
 #include "cli.hpp"
 #include "runtime.hpp"
 #include "tamsel/base/dates.hpp"
-#include "tamsel/base/env.hpp"
 #include "tamsel/base/json.hpp"
-#include "tamsel/base/main_executor.hpp"
-#include "tamsel/bridge/daemon_local_presence.hpp"
-#include "tamsel/bridge/daemon_paths.hpp"
-#include "tamsel/bridge/device_identity.hpp"
-#include "tamsel/bridge/desktop_rpc_switch.hpp"
 #include "tamsel/bridge/pidfile_reader.hpp"
 #include "tamsel/bridge/rpc/desktop_rpc_service.hpp"
 #include "tamsel/desktop/engine_locator.hpp"
+#include "tamsel/platform/child_process.hpp"
 
 namespace tamsel::cli {
 
@@ -29,42 +23,27 @@ using desktop::DaemonManager;
 
 void printError(const std::string& text) { std::cerr << "tamsel: " << text << std::endl; }
 
-DaemonManager::Config managerConfig(const GlobalOptions& options) {
-  DaemonManager::Config config;
-  config.port = options.enginePort;
-  if (!options.engineArguments.empty()) config.daemonArguments = options.engineArguments;
-  config.deviceID = bridge::desktopDeviceID();
-  config.axServerBundleOverride = options.axServerBundle;
-  if (auto ax = base::env::get("TAMSEL_AX_SERVER_BUNDLE_PATH"); !config.axServerBundleOverride && ax && !ax->empty())
-    config.axServerBundleOverride = *ax;
-  return config;
-}
-
 namespace {
-
-bool pidAlive(std::int32_t pid) { return ::kill(pid, 0) == 0 || errno == EPERM; }
 
 // Ends an engine this command started but could not bring up: nobody asked to keep it.
-void abandonOwnedEngine(asio::io_context& io, DaemonManager& manager) {
+void abandonOwnedEngine(Runtime& rt) {
+  auto& manager = rt.services.daemonManager();
   if (!manager.ownsEngineProcess()) return;
-  manager.stop([&io] { io.stop(); }, 1);
-  io.restart();
-  io.run();
+  manager.stop([&rt] { rt.io.stop(); }, 1);
+  rt.io.restart();
+  rt.io.run();
 }
 
-}  // namespace
-
-namespace {
 // The start sequence; true when the engine runs. `announce` prints the running line.
 bool startEngine(const GlobalOptions& options, bool announce) {
-  asio::io_context io;
-  auto config = managerConfig(options);
-  // A command that only needs the engine up has no use for the event stream.
-  config.connectEventStream = false;
-  config.connectRPCChannel = false;
-  DaemonManager manager(base::MainExecutor(io), config);
-  manager.start([&io] { io.stop(); });
-  io.run();
+  // A command that only needs the engine up has no use for the event stream or the channel.
+  DaemonManager::Config supervision;
+  supervision.connectEventStream = false;
+  supervision.connectRPCChannel = false;
+  Runtime rt(options, {}, supervision);
+  auto& manager = rt.services.daemonManager();
+  manager.start([&rt] { rt.io.stop(); });
+  rt.io.run();
   const auto& state = manager.state();
   if (state.kind == DaemonManager::State::Kind::running) {
     if (announce) {
@@ -75,7 +54,7 @@ bool startEngine(const GlobalOptions& options, bool announce) {
     return true;
   }
   printError(state.displayText());
-  abandonOwnedEngine(io, manager);
+  abandonOwnedEngine(rt);
   return false;
 }
 }  // namespace
@@ -85,8 +64,10 @@ bool ensureEngine(const GlobalOptions& options) { return startEngine(options, fa
 int engineStart(const GlobalOptions& options) { return startEngine(options, true) ? kExitOK : kExitFailure; }
 
 int engineStatus(const GlobalOptions& options, bool asJSON) {
-  asio::io_context io;
-  bridge::DaemonClient client({options.enginePort, bridge::DaemonLocalPresence::token(), bridge::desktopDeviceID(), {}});
+  Runtime rt(options);
+  auto& client = rt.services.client();
+  const bool rpcEnabled = rt.services.rpcEnabled();
+  const auto socket = rt.services.daemonPaths().socketPath();
 
   struct Report {
     bool healthy = false;
@@ -95,7 +76,7 @@ int engineStatus(const GlobalOptions& options, bool asJSON) {
     std::string rpcChannel = "disabled";  // "online", "offline" or "disabled"
     std::string rpcDetail;                // the protocol version, or why it does not answer
   };
-  auto report = runToEnd(io, [&]() -> asio::awaitable<Report> {
+  auto report = rt.runToEnd([&]() -> asio::awaitable<Report> {
     Report r;
     try {
       r.healthy = co_await client.health();
@@ -107,10 +88,9 @@ int engineStatus(const GlobalOptions& options, bool asJSON) {
     } catch (const std::exception& e) {
       if (r.error.empty()) r.error = e.what();
     }
-    if (bridge::DesktopRPCSwitch::isEnabled()) {
+    if (rpcEnabled) {
       // A one-shot capabilities exchange: the channel answers or it does not.
       try {
-        const auto socket = bridge::DaemonPaths::socketPath();
         const double limit = 1.0;
         const std::string version = co_await bridge::rpc::DesktopRPCService::probeProtocolVersion(socket, limit);
         r.rpcDetail = "protocol " + version;
@@ -123,12 +103,13 @@ int engineStatus(const GlobalOptions& options, bool asJSON) {
     co_return r;
   }());
 
-  auto pid = bridge::PidfileReader::readProcessID(bridge::DaemonPaths::pidfilePath());
-  if (pid && !pidAlive(*pid)) pid.reset();
+  auto pid = bridge::PidfileReader::readProcessID(rt.services.daemonPaths().pidfilePath());
+  if (pid && !platform::processExists(*pid)) pid.reset();
   const bool running = report.status.has_value();
   const std::string state = running ? "running" : pid ? "not_responding" : "stopped";
   const std::string endpoint = report.healthy ? "ready" : pid ? "reconnecting" : "down";
-  const auto enginePath = desktop::EngineLocator::locate(desktop::EngineLocator::current());
+  const auto enginePath =
+      desktop::EngineLocator::locate(desktop::EngineLocator::forThisProcess(rt.services.environment()));
   const auto installed = enginePath ? desktop::EngineLocator::bundledVersion(*enginePath) : std::nullopt;
 
   if (asJSON) {
@@ -173,23 +154,23 @@ int engineStatus(const GlobalOptions& options, bool asJSON) {
 }
 
 int engineStop(const GlobalOptions& options) {
-  auto pid = bridge::PidfileReader::readProcessID(bridge::DaemonPaths::pidfilePath());
-  if (pid && !pidAlive(*pid)) pid.reset();
-  asio::io_context io;
-  DaemonManager manager(base::MainExecutor(io), managerConfig(options));
+  Runtime rt(options);
+  auto pid = bridge::PidfileReader::readProcessID(rt.services.daemonPaths().pidfilePath());
+  if (pid && !platform::processExists(*pid)) pid.reset();
+  auto& manager = rt.services.daemonManager();
   bool reachable = false;
   try {
-    reachable = runToEnd(io, manager.client().health());
+    reachable = rt.runToEnd(manager.client().health());
   } catch (const std::exception&) {
   }
   if (!reachable && !pid) {
     std::cout << "Tamsel Engine is not running" << std::endl;
     return kExitOK;
   }
-  manager.stop([&io] { io.stop(); }, 5);
-  io.restart();
-  io.run();
-  if (pid && pidAlive(*pid)) {
+  manager.stop([&rt] { rt.io.stop(); }, 5);
+  rt.io.restart();
+  rt.io.run();
+  if (pid && platform::processExists(*pid)) {
     printError("Tamsel Engine (PID " + std::to_string(*pid) + ") did not shut down");
     return kExitFailure;
   }
@@ -198,8 +179,9 @@ int engineStop(const GlobalOptions& options) {
 }
 
 int runHeadless(const GlobalOptions& options, bool asJSON) {
-  asio::io_context io;
-  DaemonManager manager(base::MainExecutor(io), managerConfig(options));
+  Runtime rt(options);
+  auto& io = rt.io;
+  auto& manager = rt.services.daemonManager();
 
   struct Shown {
     DaemonManager::State state;

@@ -8,9 +8,8 @@
 #include <iostream>
 
 #include "cli.hpp"
+#include "runtime.hpp"
 #include "tamsel/base/json.hpp"
-#include "tamsel/bridge/daemon_local_presence.hpp"
-#include "tamsel/bridge/device_identity.hpp"
 #include "tamsel/bridge/event_stream_client.hpp"
 
 namespace tamsel::cli {
@@ -18,9 +17,9 @@ namespace tamsel::cli {
 namespace asio = boost::asio;
 
 int followEvents(const GlobalOptions& options, bool asJSON) {
-  asio::io_context io;
-  bridge::EventStreamClient events(io.get_executor(), {options.enginePort, bridge::DaemonLocalPresence::token(),
-                                                       bridge::desktopDeviceID()});
+  Runtime rt(options);
+  auto& io = rt.io;
+  auto& events = rt.services.eventStream();
   events.connectionChanged().connect([&](bool up) {
     std::cerr << (up ? "tamsel: connected to the event stream" : "tamsel: event stream lost; reconnecting")
               << (up && events.lastEventID() ? " (resuming after " + *events.lastEventID() + ")" : std::string())

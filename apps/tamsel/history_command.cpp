@@ -2,6 +2,7 @@
 #include <iostream>
 
 #include "cli.hpp"
+#include "runtime.hpp"
 #include "tamsel/base/json.hpp"
 #include "tamsel/bridge/session_history.hpp"
 
@@ -23,7 +24,8 @@ void indented(const std::string& text) {
 
 int showHistory(const GlobalOptions& options, const std::string& sessionID, const std::optional<std::string>& agent,
                 bool asJSON) {
-  bridge::SessionHistory history(options.engineHome);
+  Runtime rt(options);
+  const auto& history = rt.services.sessionHistory();
   const auto result = history.loadNow(sessionID, agent, std::nullopt);
   if (!result.found) {
     printError("Session " + sessionID + " not found" + (agent ? " for agent " + *agent : std::string()) + " in " +

@@ -18,12 +18,11 @@
 #include <sstream>
 
 #include "cli.hpp"
+#include "runtime.hpp"
 #include "tamsel/base/json.hpp"
-#include "tamsel/bridge/daemon_local_presence.hpp"
 #include "tamsel/bridge/daemon_paths.hpp"
-#include "tamsel/bridge/device_identity.hpp"
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
-#include "tamsel/desktop/preferences_store.hpp"
+#include "tamsel/base/preferences_store.hpp"
 #include "tamsel/kit/draft_storage.hpp"
 
 namespace tamsel::cli {
@@ -404,16 +403,11 @@ int chatInteractive(const GlobalOptions& options, const std::optional<std::strin
     return kExitUsage;
   }
   if (!ensureEngine(options)) return kExitFailure;
-  asio::io_context io;
-  asio::thread_pool files(1);
-  const std::string token = bridge::DaemonLocalPresence::token();
-  const std::string device = bridge::desktopDeviceID();
-  bridge::DaemonClient client({options.enginePort, token, device, {"approvals", "questions", "inject", "session_started"}});
-  bridge::EventStreamClient events(io.get_executor(), {options.enginePort, token, device});
-  bridge::SessionHistory history(options.engineHome, files.get_executor());
-  kit::DraftStorage drafts(kit::DraftStorage::defaults());
-  desktop::PreferencesStore preferences(desktop::PreferencesStore::defaultFile());
-  DaemonChatViewModel vm(base::MainExecutor(io), {&client, &events, &history, &drafts, &preferences});
+  Runtime rt(options);
+  auto& io = rt.io;
+  auto& drafts = rt.services.drafts();
+  const auto controller = rt.services.makeChatViewModel();
+  auto& vm = *controller;
 
   ChatTerminal terminal(io, vm, drafts);
   vm.start();
@@ -440,8 +434,7 @@ int chatInteractive(const GlobalOptions& options, const std::optional<std::strin
   listen();
   terminal.run();
   io.run();
-  events.stop();
-  files.join();
+  rt.services.eventStream().stop();
   return kExitOK;
 }
 

@@ -6,7 +6,7 @@
 #include "sim_harness.hpp"
 #include "tamsel/base/json.hpp"
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
-#include "tamsel/desktop/preferences_store.hpp"
+#include "tamsel/base/preferences_store.hpp"
 
 namespace tamsel::desktop {
 namespace {
@@ -25,9 +25,9 @@ class ChatViewModelSim : public ::testing::Test {
     test::runUntil(io, done, limit);
   }
 
-  std::unique_ptr<DaemonChatViewModel> makeViewModel(PreferencesStore* preferences = nullptr) {
+  std::unique_ptr<DaemonChatViewModel> makeViewModel(base::PreferencesStore* preferences = nullptr) {
     auto vm = std::make_unique<DaemonChatViewModel>(
-        base::MainExecutor(io), DaemonChatViewModel::Dependencies{&client, &events, &history, nullptr, preferences});
+        main, DaemonChatViewModel::Dependencies{&client, &events, &history, nullptr, preferences});
     vm->start();
     runUntil([&] { return !vm->agents().empty() && !vm->sessions().empty(); });
     return vm;
@@ -49,6 +49,7 @@ class ChatViewModelSim : public ::testing::Test {
   test::TempDir engineHome;
   test::SimEngine sim;
   asio::io_context io;
+  base::AsioMainExecutor main{io};
   bridge::DaemonClient client;
   bridge::EventStreamClient events;
   bridge::SessionHistory history;  // reads the session files the simulator writes
@@ -147,7 +148,7 @@ TEST_F(ChatViewModelSim, SwitchingRestoresFromTheCacheAndTheCacheIsBounded) {
 }
 
 TEST_F(ChatViewModelSim, SidebarStateSurvivesARestart) {
-  PreferencesStore preferences(engineHome.path() / "preferences.json");
+  base::PreferencesStore preferences(engineHome.path() / "preferences.json");
   std::string finishedElsewhere;
   {
     auto vm = makeViewModel(&preferences);
@@ -166,7 +167,7 @@ TEST_F(ChatViewModelSim, SidebarStateSurvivesARestart) {
     EXPECT_TRUE(vm->completedUnreadSessions().count(finishedElsewhere)) << finishedElsewhere << " running=" << vm->runningSessionIDs().size();
     EXPECT_FALSE(vm->partialSessions().count(finishedElsewhere));
   }
-  PreferencesStore reopened(engineHome.path() / "preferences.json");
+  base::PreferencesStore reopened(engineHome.path() / "preferences.json");
   auto vm = makeViewModel(&reopened);
   EXPECT_EQ(vm->sessionBrowseScope(), "all");
   EXPECT_TRUE(vm->completedUnreadSessions().count(finishedElsewhere));

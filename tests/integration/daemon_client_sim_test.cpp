@@ -166,8 +166,9 @@ TEST(DaemonClientSim, TransportFailuresAndTimeLimits) {
 
 TEST(DaemonClientSim, LivenessAnswersWhileEveryLongSlotIsBusy) {
   SimEngine sim({.scenarioJSON = R"({"message_hold_seconds": 30})"});
-  auto client = clientFor(sim);
-  auto& longSession = HttpSession::shared(HttpSessionKind::longLived);
+  auto sessions = std::make_shared<HttpSessions>();
+  DaemonClient client({sim.port(), sim.token(), "DEVICE-1", {"approvals", "questions"}, sessions});
+  auto& longSession = *sessions->of(HttpSessionKind::longLived);
   ASSERT_EQ(longSession.config().maxConnections, 64u);
 
   struct Outcome {

@@ -1040,7 +1040,9 @@ class ChatTests(CliTestCase):
 
         cases = (
             (once(500, body={"error": "model backend crashed", "code": "internal"}),
-             "tamsel: Engine error 500: SSE request failed"),
+             "tamsel: Engine error 500: SSE request failed: model backend crashed"),
+            (once(503, body={"message": "warming up"}), "tamsel: Engine error 503: SSE request failed: warming up"),
+            (once(500, raw_body="<html>oops</html>"), "tamsel: Engine error 500: SSE request failed: Unknown error"),
             (once(402, body={"error": "payment required", "code": "credits_exhausted", "auto_refill_started": True}),
              CREDITS),
             (once(409, body={"error": "request in progress", "code": "idempotent_request_in_progress"}),

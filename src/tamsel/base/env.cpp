@@ -34,3 +34,19 @@ std::string homeDirectory() {
 }
 
 }  // namespace tamsel::base::env
+
+namespace tamsel::base::env {
+
+Environment read() {
+  Environment e;
+  e.home = homeDirectory();
+  e.xdgDataHome = get("XDG_DATA_HOME");
+  e.xdgConfigHome = get("XDG_CONFIG_HOME");
+  e.verdBinary = get("VERD_BINARY");
+  e.desktopRPC = get("TAMSEL_DESKTOP_RPC");
+  e.presenceToken = get("TAMSEL_LOCAL_PRESENCE_TOKEN");
+  e.axServerBundlePath = get("TAMSEL_AX_SERVER_BUNDLE_PATH");
+  return e;
+}
+
+}  // namespace tamsel::base::env

@@ -1,6 +1,9 @@
 #pragma once
-// Process environment access. Reads and writes go through one lock so that a write
-// (the presence token) never races a read on another thread.
+// Process environment access: the only place that reads or writes it. Reads and writes go
+// through one lock so that a write (the presence token) never races a read on another thread.
+//
+// Controllers never read the environment: the composition root reads an Environment once at
+// start-up and hands each part what it needs.
 #include <optional>
 #include <string>
 
@@ -11,5 +14,16 @@ void set(const char* name, const std::string& value);
 
 // The user's home folder: $HOME, else the password database.
 std::string homeDirectory();
+
+// Everything the desktop takes from its environment, read at one moment.
+struct Environment {
+  std::string home;
+  std::optional<std::string> xdgDataHome, xdgConfigHome;
+  std::optional<std::string> verdBinary;           // VERD_BINARY: the engine executable to use
+  std::optional<std::string> desktopRPC;           // TAMSEL_DESKTOP_RPC: "0" switches the channel off
+  std::optional<std::string> presenceToken;        // TAMSEL_LOCAL_PRESENCE_TOKEN (a secret)
+  std::optional<std::string> axServerBundlePath;   // TAMSEL_AX_SERVER_BUNDLE_PATH
+};
+Environment read();
 
 }  // namespace tamsel::base::env

@@ -4,7 +4,6 @@
 #include <boost/url/url.hpp>
 
 #include "tamsel/base/json.hpp"
-#include "tamsel/base/log.hpp"
 #include "tamsel/base/strings.hpp"
 #include "tamsel/base/uuid.hpp"
 #include "tamsel/bridge/daemon_client_error.hpp"
@@ -41,7 +40,9 @@ JSON decodeGeneric(const std::string& body) {
 }
 }  // namespace
 
-DaemonClient::DaemonClient(Config config) : config_(std::move(config)) {}
+DaemonClient::DaemonClient(Config config) : config_(std::move(config)) {
+  if (!config_.sessions) config_.sessions = std::make_shared<HttpSessions>();
+}
 
 std::string DaemonClient::buildTarget(const std::vector<std::string>& segments, const Query& query) {
   boost::urls::url url;
@@ -82,7 +83,10 @@ HttpRequest DaemonClient::makeRequest(std::string method, std::string target, bo
 }
 
 asio::awaitable<HttpResponse> DaemonClient::exchange(HttpSessionKind kind, HttpRequest request) {
-  co_return co_await HttpSession::shared(kind).send(config_.port, std::move(request));
+  // The session is held here, not through the client, which may go while the request runs.
+  const std::shared_ptr<HttpSession> session = config_.sessions->of(kind);
+  const std::uint16_t port = config_.port;
+  co_return co_await session->send(port, std::move(request));
 }
 
 template <class Reply>
@@ -153,17 +157,16 @@ asio::awaitable<ReplyStream> DaemonClient::openStream(std::string target, std::s
   request.headers.emplace_back("Accept", "text/event-stream");
   request.contentType = kJSONType;
   request.body = std::move(body);
-  auto stream = co_await HttpSession::shared(HttpSessionKind::longLived).open(config_.port, std::move(request));
+  const std::shared_ptr<HttpSession> session = config_.sessions->of(HttpSessionKind::longLived);
+  const std::uint16_t port = config_.port;
+  auto stream = co_await session->open(port, std::move(request));
   if (stream->status() >= 400) {
     const int status = stream->status();
     const std::string errorBody = co_await stream->readAll();
     auto mapped = DaemonClientError::fromResponse(status, errorBody);
-    if (mapped.is<DaemonClientError::ServerError>()) {
-      const auto body = DaemonClientError::parseErrorBody(errorBody);
-      base::log::info("DaemonClient", "{} ({}): {}", failureText, status,
-                      body && !body->error.empty() ? body->error : std::string("no details"));
-      mapped = {DaemonClientError::ServerError{status, failureText}};
-    }
+    // The request's own words first, then the engine's, so neither is lost.
+    if (auto* server = std::get_if<DaemonClientError::ServerError>(&mapped.value))
+      server->message = std::string(failureText) + ": " + server->message;
     throw DaemonClientException(std::move(mapped));
   }
   co_return ReplyStream(std::move(stream));

@@ -7,7 +7,10 @@
 // transport failure a TransportError. The client keeps no error state and never retries.
 //
 // Operations run on the caller's executor; any number may be in flight at once, each on the
-// shared HTTP session of its kind, so a long reply stream never holds up a control call.
+// shared HTTP session of its kind, so a long reply stream never holds up a control call. A
+// request is cancelled by the caller's cancellation (its task scope closing) or, for a stream,
+// by dropping the ReplyStream. Requests in flight do not refer to the client: it may be
+// destroyed while they run.
 #include <boost/asio/awaitable.hpp>
 #include <cstdint>
 #include <memory>
@@ -32,6 +35,8 @@ class DaemonClient {
     std::string presenceToken;  // secret: never logged
     std::string deviceID;
     std::vector<std::string> consumerCapabilities;
+    // The application's sessions; a client made without them gets a set of its own.
+    std::shared_ptr<HttpSessions> sessions;
   };
 
   using Query = std::vector<std::pair<std::string, std::string>>;

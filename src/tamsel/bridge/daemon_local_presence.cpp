@@ -1,12 +1,10 @@
 #include "tamsel/bridge/daemon_local_presence.hpp"
 
-#include <mutex>
 
 #include "tamsel/base/atomic_file.hpp"
 #include "tamsel/base/env.hpp"
 #include "tamsel/base/strings.hpp"
 #include "tamsel/base/uuid.hpp"
-#include "tamsel/bridge/daemon_paths.hpp"
 
 namespace tamsel::bridge {
 
@@ -22,17 +20,12 @@ std::string DaemonLocalPresence::resolve(const std::optional<std::string>& envir
   return generator();
 }
 
-const std::string& DaemonLocalPresence::token() {
-  static std::once_flag once;
-  static std::string value;
-  std::call_once(once, [] {
-    auto fromEnvironment = base::env::get(environmentKey);
-    std::optional<std::string> fromFile;
-    if (!fromEnvironment || base::trim(*fromEnvironment).empty())
-      fromFile = loadSaved(DaemonPaths::tokenFilePath());
-    value = resolve(fromEnvironment, fromFile, &DaemonLocalPresence::generate);
-    if (value != fromEnvironment) base::env::set(environmentKey, value);
-  });
+std::string DaemonLocalPresence::forThisProcess(const std::optional<std::string>& environmentValue,
+                                                const std::filesystem::path& tokenFile) {
+  std::optional<std::string> fromFile;
+  if (!environmentValue || base::trim(*environmentValue).empty()) fromFile = loadSaved(tokenFile);
+  std::string value = resolve(environmentValue, fromFile, &DaemonLocalPresence::generate);
+  if (value != environmentValue) base::env::set(environmentKey, value);
   return value;
 }
 

@@ -1,8 +1,7 @@
 #pragma once
 // The presence token that proves to the engine that a caller is this desktop.
 //
-// Computed once per process on first use, under a once-only initialisation, so concurrent first
-// uses see one token. In order:
+// Resolved once per process by the composition root, which owns it. In order:
 //   1. a non-blank TAMSEL_LOCAL_PRESENCE_TOKEN in our environment, used exactly as found;
 //   2. the token of an engine an earlier desktop process started, kept in an owner-only file
 //      beside the pidfile (the desktop runs as many short processes beside one engine);
@@ -21,8 +20,10 @@ class DaemonLocalPresence {
   static constexpr const char* environmentKey = "TAMSEL_LOCAL_PRESENCE_TOKEN";
   static constexpr const char* headerName = "X-Tamsel-Local-Presence";
 
-  // The process-wide token.
-  static const std::string& token();
+  // The token of this process, from our environment's value and the saved token file; writes it
+  // into our environment (cases 2 and 3). Call once.
+  static std::string forThisProcess(const std::optional<std::string>& environmentValue,
+                                    const std::filesystem::path& tokenFile);
 
   // The decision itself, free of process state.
   static std::string resolve(const std::optional<std::string>& environmentValue,

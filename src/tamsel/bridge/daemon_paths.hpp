@@ -1,33 +1,33 @@
 #pragma once
-// Where the engine's files and the desktop's own files live.
-// Both folders sit under $XDG_DATA_HOME (default ~/.local/share) and are named by fixed
-// reverse-DNS identifiers. Every engine path is built from engineSupportDirectory(), so the
-// socket, the pidfile and the token file always share one folder.
+// The engine's files, all in its support folder so the socket, the pidfile and the token file
+// always share one folder, and the legacy user unit of the engine's own command-line tool.
 #include <filesystem>
-#include <string>
+
+#include "tamsel/base/app_folders.hpp"
 
 namespace tamsel::bridge {
 
-struct DaemonPaths {
-  static constexpr const char* engineSupportIdentifier = "dev.tamsel.engine";
-  static constexpr const char* appSupportIdentifier = "dev.tamsel.desktop";
-  // The label under which the engine's own command-line tool registers its user service.
-  static constexpr const char* launchAgentLabel = "dev.tamsel.verd";
+class DaemonPaths {
+ public:
+  // The systemd user unit under which the engine's own command-line tool runs its daemon.
+  static constexpr const char* legacyUnitName = "dev.tamsel.verd.service";
 
-  // $XDG_DATA_HOME or ~/.local/share.
-  static std::filesystem::path dataHome();
+  explicit DaemonPaths(base::AppFolders folders) : folders_(std::move(folders)) {}
+  const base::AppFolders& folders() const { return folders_; }
+
   // Created on demand (0700).
-  static std::filesystem::path engineSupportDirectory();
-  static std::filesystem::path appSupportDirectory();
-
-  static std::filesystem::path socketPath();    // daemon.sock
-  static std::filesystem::path pidfilePath();   // daemon.pid
+  std::filesystem::path engineSupportDirectory() const { return folders_.engineSupportDirectory(); }
+  std::filesystem::path socketPath() const { return engineSupportDirectory() / "daemon.sock"; }
+  std::filesystem::path pidfilePath() const { return engineSupportDirectory() / "daemon.pid"; }
   // The presence token of the engine this desktop started, owner-only, beside the pidfile.
-  static std::filesystem::path tokenFilePath(); // daemon.token
+  std::filesystem::path tokenFilePath() const { return engineSupportDirectory() / "daemon.token"; }
   // Output of an engine this desktop started, kept for diagnostics.
-  static std::filesystem::path engineLogPath(); // engine.log
-  // ~/.config/systemd/user/<label>.service: the legacy user unit that may keep its own engine alive.
-  static std::filesystem::path legacyLaunchAgentPath();
+  std::filesystem::path engineLogPath() const { return engineSupportDirectory() / "engine.log"; }
+  // ~/.config/systemd/user/<unit>: may keep a second engine alive.
+  std::filesystem::path legacyUnitPath() const { return folders_.configHome / "systemd" / "user" / legacyUnitName; }
+
+ private:
+  base::AppFolders folders_;
 };
 
 }  // namespace tamsel::bridge

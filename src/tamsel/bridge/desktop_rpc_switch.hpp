@@ -11,7 +11,6 @@ struct DesktopRPCSwitch {
   static bool isEnabled(const std::optional<std::string>& environmentValue) {
     return !(environmentValue && *environmentValue == "0");
   }
-  static bool isEnabled();
 };
 
 }  // namespace tamsel::bridge

@@ -4,12 +4,11 @@
 #include "tamsel/base/log.hpp"
 #include "tamsel/base/strings.hpp"
 #include "tamsel/base/uuid.hpp"
-#include "tamsel/bridge/daemon_paths.hpp"
 
 namespace tamsel::bridge {
 
-std::string desktopDeviceID() {
-  const auto file = DaemonPaths::appSupportDirectory() / "device-id";
+std::string desktopDeviceID(const std::filesystem::path& appFolder) {
+  const auto file = appFolder / "device-id";
   std::string text;
   if (base::readFile(file, text) && base::trim(text).size() == 36) return std::string(base::trim(text));
   std::string id = base::newUUIDString();

@@ -10,6 +10,7 @@
 #include <random>
 
 #include "tamsel/base/log.hpp"
+#include "tamsel/base/task_scope.hpp"
 #include "tamsel/base/uuid.hpp"
 #include "tamsel/bridge/daemon_client.hpp"
 #include "tamsel/bridge/daemon_local_presence.hpp"
@@ -130,122 +131,150 @@ asio::awaitable<std::optional<DaemonEventPtr>> EventSubscription::next() {
 
 // ---- EventStreamClient ----
 
-struct EventStreamTimer {
-  explicit EventStreamTimer(asio::any_io_executor executor) : timer(executor) {}
-  asio::steady_timer timer;
+struct EventStreamClient::Impl {
+  Impl(asio::any_io_executor executor, Config config, std::shared_ptr<HttpSession> session)
+      : config(std::move(config)), session(std::move(session)), waitTimer(executor), tasks(executor) {
+    if (!this->session)
+      this->session = std::make_shared<HttpSession>(HttpSessionConfig{std::chrono::seconds(86400), 0});
+  }
+
+  Config config;
+  std::shared_ptr<HttpSession> session;
+  std::map<std::string, std::shared_ptr<EventSubscription>> subscribers;
+  std::optional<std::string> lastEventID;
+  bool running = false;
+  bool connected = false;
+  std::uint64_t generation = 0;
+  HttpStream* currentStream = nullptr;
+  asio::steady_timer waitTimer;
+  base::Signal<bool> connectionChanged;
+  base::TaskScope tasks;
+
+  bool current(std::uint64_t g) const { return g == generation && !tasks.isClosed(); }
+
+  void setConnected(bool value) {
+    if (connected == value) return;
+    connected = value;
+    if (!tasks.isClosed()) connectionChanged.emit(value);
+  }
+
+  void stop() {
+    if (!running) return;
+    running = false;
+    ++generation;
+    if (currentStream) currentStream->cancel();
+    waitTimer.cancel();
+    setConnected(false);
+  }
+
+  void dispatch(const SSEMessage& message) {
+    if (message.id) lastEventID = message.id;
+    auto decoded = decodeDaemonEvent(message);
+    if (!decoded) return;
+    const DaemonEventPtr event = std::make_shared<const DaemonEvent>(std::move(*decoded));
+    for (auto& [id, subscription] : subscribers) subscription->push(event);
+  }
+
+  static asio::awaitable<void> readOnce(std::shared_ptr<Impl> self, std::uint64_t generation) {
+    DaemonClient::Query query;
+    if (self->lastEventID) query.emplace_back("last_event_id", *self->lastEventID);
+    HttpRequest request;
+    request.method = "GET";
+    request.target = DaemonClient::buildTarget({"events"}, query);
+    request.headers = {{DaemonLocalPresence::headerName, self->config.presenceToken},
+                       {"X-Tamsel-Desktop-Device-ID", self->config.desktopDeviceID},
+                       {"Accept", "text/event-stream"}};
+    auto stream = co_await self->session->open(self->config.port, std::move(request));
+    if (!self->current(generation)) co_return;
+    if (stream->status() != 200)
+      throw TransportError("event stream answered with status " + std::to_string(stream->status()));
+    stream->setIdleTimeout(self->config.silenceLimit);
+    self->currentStream = stream.get();
+    struct Clear {
+      Impl* self;
+      ~Clear() { self->currentStream = nullptr; }
+    } clear{self.get()};
+    self->setConnected(true);
+    SSELineSplitter splitter;
+    SSEParser parser;
+    SSEMessage message;
+    while (auto bytes = co_await stream->readSome()) {
+      if (!self->current(generation)) co_return;
+      splitter.feed(*bytes, [&](std::string_view line) {
+        if (parser.feedLine(line, message)) self->dispatch(message);
+      });
+    }
+  }
+
+  static asio::awaitable<void> connectionLoop(std::shared_ptr<Impl> self, std::uint64_t generation) {
+    EventStreamBackoff backoff;
+    std::mt19937 random(std::random_device{}());
+    std::uniform_real_distribution<double> jitter(0.0, 0.5);
+    while (self->current(generation)) {
+      const auto opened = std::chrono::steady_clock::now();
+      try {
+        co_await readOnce(self, generation);
+      } catch (const std::exception& e) {
+        if (!self->current(generation)) co_return;
+        base::log::info(kSource, "stream ended: {}", e.what());
+      }
+      if (!self->current(generation)) co_return;
+      self->setConnected(false);
+      const double lived = std::chrono::duration<double>(std::chrono::steady_clock::now() - opened).count();
+      const double wait = backoff.afterConnection(lived) + jitter(random);
+      self->waitTimer.expires_after(
+          std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(wait)));
+      boost::system::error_code ec;
+      co_await self->waitTimer.async_wait(asio::redirect_error(asio::use_awaitable, ec));
+    }
+  }
 };
 
-EventStreamClient::EventStreamClient(asio::any_io_executor executor, Config config)
-    : executor_(std::move(executor)),
-      config_(std::move(config)),
-      sseSession_(std::make_unique<HttpSession>(HttpSessionConfig{std::chrono::seconds(86400), 0})),
-      waitTimer_(std::make_unique<EventStreamTimer>(executor_)) {}
+EventStreamClient::EventStreamClient(asio::any_io_executor executor, Config config,
+                                     std::shared_ptr<HttpSession> session)
+    : impl_(std::make_shared<Impl>(std::move(executor), std::move(config), std::move(session))) {}
 
 EventStreamClient::~EventStreamClient() {
-  stop();
-  for (auto& [id, subscription] : subscribers_) subscription->finish();
+  impl_->stop();
+  impl_->tasks.close();
+  for (auto& [id, subscription] : impl_->subscribers) subscription->finish();
+  impl_->subscribers.clear();
 }
 
 EventStreamClient::Subscription EventStreamClient::subscribe() {
   Subscription subscription{base::newUUIDString(), std::make_shared<EventSubscription>()};
-  subscribers_.emplace(subscription.id, subscription.events);
-  if (!running_) start();
+  impl_->subscribers.emplace(subscription.id, subscription.events);
+  if (!impl_->running) start();
   return subscription;
 }
 
 void EventStreamClient::unsubscribe(const std::string& id) {
-  auto it = subscribers_.find(id);
-  if (it == subscribers_.end()) return;
+  auto it = impl_->subscribers.find(id);
+  if (it == impl_->subscribers.end()) return;
   it->second->finish();
-  subscribers_.erase(it);
+  impl_->subscribers.erase(it);
 }
 
 std::map<std::string, std::uint64_t> EventStreamClient::droppedCounts() const {
   std::map<std::string, std::uint64_t> counts;
-  for (const auto& [id, subscription] : subscribers_) counts[id] = subscription->dropped();
+  for (const auto& [id, subscription] : impl_->subscribers) counts[id] = subscription->dropped();
   return counts;
 }
 
 void EventStreamClient::start() {
-  if (running_) return;
-  running_ = true;
-  const auto generation = ++generation_;
-  asio::co_spawn(executor_, connectionLoop(generation), asio::detached);
+  if (impl_->running) return;
+  impl_->running = true;
+  const auto generation = ++impl_->generation;
+  impl_->tasks.spawn(Impl::connectionLoop(impl_, generation), kSource);
 }
 
-void EventStreamClient::stop() {
-  if (!running_) return;
-  running_ = false;
-  ++generation_;
-  if (currentStream_) currentStream_->cancel();
-  waitTimer_->timer.cancel();
-  setConnected(false);
-}
+void EventStreamClient::stop() { impl_->stop(); }
 
-void EventStreamClient::setConnected(bool connected) {
-  if (connected_ == connected) return;
-  connected_ = connected;
-  connectionChanged_.emit(connected);
-}
+bool EventStreamClient::isRunning() const { return impl_->running; }
+bool EventStreamClient::isConnected() const { return impl_->connected; }
+const std::optional<std::string>& EventStreamClient::lastEventID() const { return impl_->lastEventID; }
+base::Signal<bool>& EventStreamClient::connectionChanged() { return impl_->connectionChanged; }
 
-void EventStreamClient::dispatch(const SSEMessage& message) {
-  if (message.id) lastEventID_ = message.id;
-  auto decoded = decodeDaemonEvent(message);
-  if (!decoded) return;
-  const DaemonEventPtr event = std::make_shared<const DaemonEvent>(std::move(*decoded));
-  for (auto& [id, subscription] : subscribers_) subscription->push(event);
-}
-
-asio::awaitable<void> EventStreamClient::readOnce(std::uint64_t generation) {
-  DaemonClient::Query query;
-  if (lastEventID_) query.emplace_back("last_event_id", *lastEventID_);
-  HttpRequest request;
-  request.method = "GET";
-  request.target = DaemonClient::buildTarget({"events"}, query);
-  request.headers = {{DaemonLocalPresence::headerName, config_.presenceToken},
-                     {"X-Tamsel-Desktop-Device-ID", config_.desktopDeviceID},
-                     {"Accept", "text/event-stream"}};
-  auto stream = co_await sseSession_->open(config_.port, std::move(request));
-  if (generation != generation_) co_return;
-  if (stream->status() != 200) throw TransportError("event stream answered with status " + std::to_string(stream->status()));
-  stream->setIdleTimeout(config_.silenceLimit);
-  currentStream_ = stream.get();
-  struct Clear {
-    EventStreamClient* self;
-    ~Clear() { self->currentStream_ = nullptr; }
-  } clear{this};
-  setConnected(true);
-  SSELineSplitter splitter;
-  SSEParser parser;
-  SSEMessage message;
-  while (auto bytes = co_await stream->readSome()) {
-    if (generation != generation_) co_return;
-    splitter.feed(*bytes, [&](std::string_view line) {
-      if (parser.feedLine(line, message)) dispatch(message);
-    });
-  }
-}
-
-asio::awaitable<void> EventStreamClient::connectionLoop(std::uint64_t generation) {
-  EventStreamBackoff backoff;
-  std::mt19937 random(std::random_device{}());
-  std::uniform_real_distribution<double> jitter(0.0, 0.5);
-  while (generation == generation_) {
-    const auto opened = std::chrono::steady_clock::now();
-    try {
-      co_await readOnce(generation);
-    } catch (const std::exception& e) {
-      if (generation != generation_) co_return;
-      base::log::info(kSource, "stream ended: {}", e.what());
-    }
-    if (generation != generation_) co_return;
-    setConnected(false);
-    const double lived = std::chrono::duration<double>(std::chrono::steady_clock::now() - opened).count();
-    const double wait = backoff.afterConnection(lived) + jitter(random);
-    waitTimer_->timer.expires_after(std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(wait)));
-    boost::system::error_code ec;
-    co_await waitTimer_->timer.async_wait(asio::redirect_error(asio::use_awaitable, ec));
-  }
-}
+void EventStreamClient::dispatch(const SSEMessage& message) { impl_->dispatch(message); }
 
 }  // namespace tamsel::bridge

@@ -29,6 +29,10 @@
 #include "tamsel/bridge/daemon_events.hpp"
 
 namespace tamsel::bridge {
+class HttpSession;
+}
+
+namespace tamsel::bridge {
 
 class SSEBufferOverflowError : public std::runtime_error {
  public:
@@ -86,8 +90,15 @@ class EventStreamClient {
     std::chrono::milliseconds silenceLimit{45000};
   };
 
-  EventStreamClient(boost::asio::any_io_executor executor, Config config);
+  // `session` carries the stream; without one the client makes its own, with a day's time limit
+  // and no connection limit, so the event stream never waits behind reply streams.
+  EventStreamClient(boost::asio::any_io_executor executor, Config config,
+                    std::shared_ptr<HttpSession> session = nullptr);
+  // May be called at any moment on the client's executor: the connection is cancelled and every
+  // subscription finished; nothing of the client runs afterwards.
   ~EventStreamClient();
+  EventStreamClient(const EventStreamClient&) = delete;
+  EventStreamClient& operator=(const EventStreamClient&) = delete;
 
   struct Subscription {
     std::string id;
@@ -101,33 +112,20 @@ class EventStreamClient {
   // Cancels the loop; subscribers stay registered.
   void stop();
 
-  bool isRunning() const { return running_; }
-  bool isConnected() const { return connected_; }
+  bool isRunning() const;
+  bool isConnected() const;
   std::map<std::string, std::uint64_t> droppedCounts() const;
-  const std::optional<std::string>& lastEventID() const { return lastEventID_; }
+  const std::optional<std::string>& lastEventID() const;
   // Emitted on the client's executor when a connection opens (true) or ends (false); views
   // refetch what they show after a reconnect, since events may have been missed.
-  base::Signal<bool>& connectionChanged() { return connectionChanged_; }
+  base::Signal<bool>& connectionChanged();
 
   // Decodes and fans out one message as the loop does (also for tests).
   void dispatch(const SSEMessage& message);
 
  private:
-  boost::asio::awaitable<void> connectionLoop(std::uint64_t generation);
-  boost::asio::awaitable<void> readOnce(std::uint64_t generation);
-  void setConnected(bool connected);
-
-  boost::asio::any_io_executor executor_;
-  Config config_;
-  std::unique_ptr<class HttpSession> sseSession_;
-  std::map<std::string, std::shared_ptr<EventSubscription>> subscribers_;
-  std::optional<std::string> lastEventID_;
-  bool running_ = false;
-  bool connected_ = false;
-  std::uint64_t generation_ = 0;
-  class HttpStream* currentStream_ = nullptr;
-  std::unique_ptr<struct EventStreamTimer> waitTimer_;
-  base::Signal<bool> connectionChanged_;
+  struct Impl;
+  std::shared_ptr<Impl> impl_;
 };
 
 }  // namespace tamsel::bridge

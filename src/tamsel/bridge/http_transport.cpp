@@ -218,21 +218,14 @@ HttpSessionConfig HttpSession::defaultConfig(HttpSessionKind kind) {
   return {seconds(5), 0};
 }
 
-HttpSession& HttpSession::shared(HttpSessionKind kind) {
-  // Function-local statics give the once-only initialisation.
-  static HttpSession longLived(defaultConfig(HttpSessionKind::longLived));
-  static HttpSession control(defaultConfig(HttpSessionKind::control));
-  static HttpSession capture(defaultConfig(HttpSessionKind::capture));
-  static HttpSession config(defaultConfig(HttpSessionKind::config));
-  static HttpSession liveness(defaultConfig(HttpSessionKind::liveness));
-  switch (kind) {
-    case HttpSessionKind::longLived: return longLived;
-    case HttpSessionKind::control: return control;
-    case HttpSessionKind::capture: return capture;
-    case HttpSessionKind::config: return config;
-    case HttpSessionKind::liveness: return liveness;
-  }
-  return control;
+HttpSessions::HttpSessions() {
+  for (auto kind : {HttpSessionKind::longLived, HttpSessionKind::control, HttpSessionKind::capture,
+                    HttpSessionKind::config, HttpSessionKind::liveness})
+    sessions_[static_cast<int>(kind)] = std::make_shared<HttpSession>(HttpSession::defaultConfig(kind));
+}
+
+const std::shared_ptr<HttpSession>& HttpSessions::of(HttpSessionKind kind) const {
+  return sessions_[static_cast<int>(kind)];
 }
 
 HttpSession::HttpSession(HttpSessionConfig config)
@@ -243,8 +236,11 @@ HttpSession::~HttpSession() = default;
 std::size_t HttpSession::activeConnections() const { return limiter_->active(); }
 
 asio::awaitable<HttpResponse> HttpSession::send(std::uint16_t port, HttpRequest request) {
-  auto slot = co_await limiter_->acquire();
-  auto stream = co_await connectAndWrite(port, request, config_.timeLimit);
+  // Nothing of the session is touched after the first suspension: it may be gone by then.
+  const auto timeLimit = config_.timeLimit;
+  const auto limiter = limiter_;
+  auto slot = co_await limiter->acquire();
+  auto stream = co_await connectAndWrite(port, request, timeLimit);
   beast::flat_buffer buffer;
   http::response_parser<http::string_body> parser;
   parser.body_limit(std::uint64_t(1) << 30);
@@ -259,8 +255,10 @@ asio::awaitable<HttpResponse> HttpSession::send(std::uint16_t port, HttpRequest 
 }
 
 asio::awaitable<std::unique_ptr<HttpStream>> HttpSession::open(std::uint16_t port, HttpRequest request) {
-  auto slot = co_await limiter_->acquire();
-  auto stream = co_await connectAndWrite(port, request, config_.timeLimit);
+  const auto timeLimit = config_.timeLimit;
+  const auto limiter = limiter_;
+  auto slot = co_await limiter->acquire();
+  auto stream = co_await connectAndWrite(port, request, timeLimit);
   auto result = std::make_unique<BeastHttpStream>(std::move(stream), port, std::move(slot));
   co_await result->readHeader();
   co_return result;

@@ -62,11 +62,12 @@ class HttpStream {
 
 class ConnectionLimiter;
 
-// One per kind for the whole process, shared by every client. Operations run on the caller's
-// executor and may be used from several at once.
+// A pool of loopback connections with one time limit. The application makes one set of them
+// (HttpSessions) and shares it with every client. Operations run on the caller's executor and may
+// be used from several at once; a request in flight keeps what it needs alive, so the session may
+// be released while requests are still running.
 class HttpSession {
  public:
-  static HttpSession& shared(HttpSessionKind kind);
   static HttpSessionConfig defaultConfig(HttpSessionKind kind);
 
   explicit HttpSession(HttpSessionConfig config);
@@ -85,6 +86,16 @@ class HttpSession {
  private:
   HttpSessionConfig config_;
   std::shared_ptr<ConnectionLimiter> limiter_;
+};
+
+// One session of each kind, with the limits of defaultConfig().
+class HttpSessions {
+ public:
+  HttpSessions();
+  const std::shared_ptr<HttpSession>& of(HttpSessionKind kind) const;
+
+ private:
+  std::shared_ptr<HttpSession> sessions_[5];
 };
 
 }  // namespace tamsel::bridge

@@ -35,9 +35,9 @@ struct SessionHistory::Worker {
   asio::strand<asio::any_io_executor> strand;
 };
 
-SessionHistory::SessionHistory(std::optional<fs::path> verdaneDir, std::optional<asio::any_io_executor> worker)
-    : verdaneDir_(verdaneDir ? *verdaneDir : fs::path(base::env::homeDirectory()) / ".verdane") {
-  if (worker) worker_ = std::make_unique<Worker>(*worker);
+SessionHistory::SessionHistory(fs::path verdaneDir, std::optional<asio::any_io_executor> worker)
+    : verdaneDir_(std::move(verdaneDir)) {
+  if (worker) worker_ = std::make_shared<Worker>(*worker);
 }
 
 SessionHistory::~SessionHistory() = default;
@@ -97,10 +97,13 @@ SessionLoadResult SessionHistory::loadNow(const std::string& sessionID, const st
 asio::awaitable<SessionLoadResult> SessionHistory::load(std::string sessionID, std::optional<std::string> agent,
                                                         std::optional<SessionFileFingerprint> lastSeen) {
   if (!worker_) co_return loadNow(sessionID, agent, lastSeen);
+  // The load keeps its own reader and strand: the history may be destroyed while it runs.
+  const auto worker = worker_;
+  const SessionHistory reader(verdaneDir_);
   auto caller = co_await asio::this_coro::executor;
   // Hop onto the worker's strand (one load at a time), do the file work there, come back.
-  co_await asio::post(worker_->strand, asio::use_awaitable);
-  auto result = loadNow(sessionID, agent, lastSeen);
+  co_await asio::post(worker->strand, asio::use_awaitable);
+  auto result = reader.loadNow(sessionID, agent, lastSeen);
   co_await asio::post(caller, asio::use_awaitable);
   co_return result;
 }

@@ -111,9 +111,10 @@ struct SessionLoadResult {
 
 class SessionHistory {
  public:
-  // `verdaneDir` defaults to ~/.verdane. `worker` is where file work runs (never the main
+  // `verdaneDir` is the engine home (~/.verdane). `worker` is where file work runs (never the main
   // executor); without one, load() does the work on the caller's executor.
-  explicit SessionHistory(std::optional<std::filesystem::path> verdaneDir = std::nullopt,
+  // A load in flight does not refer to the history: it may be destroyed meanwhile.
+  explicit SessionHistory(std::filesystem::path verdaneDir,
                           std::optional<boost::asio::any_io_executor> worker = std::nullopt);
   ~SessionHistory();
 
@@ -152,7 +153,7 @@ class SessionHistory {
  private:
   std::filesystem::path verdaneDir_;
   struct Worker;
-  std::unique_ptr<Worker> worker_;
+  std::shared_ptr<Worker> worker_;
 };
 
 }  // namespace tamsel::bridge

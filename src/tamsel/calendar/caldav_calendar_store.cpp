@@ -156,7 +156,7 @@ bool isSuccess(int status) { return status >= 200 && status < 300; }
 
 // ------------------------------------------------------------------ accounts file
 
-fs::path defaultCalDAVAccountsFile() { return bridge::DaemonPaths::appSupportDirectory() / "caldav-accounts.json"; }
+fs::path calDAVAccountsFileIn(const fs::path& appFolder) { return appFolder / "caldav-accounts.json"; }
 
 std::vector<CalDAVAccount> loadCalDAVAccounts(const fs::path& file) {
   std::error_code ec;

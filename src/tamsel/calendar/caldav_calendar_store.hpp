@@ -29,7 +29,7 @@ struct CalDAVAccount {
 };
 
 // The accounts file: $XDG_DATA_HOME/dev.tamsel.desktop/caldav-accounts.json, mode 0600.
-std::filesystem::path defaultCalDAVAccountsFile();
+std::filesystem::path calDAVAccountsFileIn(const std::filesystem::path& appFolder);
 // Missing file: no accounts. Throws CalendarException(internalError) for a file that cannot
 // be read or parsed (it is then left as it is).
 std::vector<CalDAVAccount> loadCalDAVAccounts(const std::filesystem::path& file);

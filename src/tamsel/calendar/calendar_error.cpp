@@ -1,10 +1,12 @@
 #include "tamsel/calendar/calendar_error.hpp"
 
 #include "tamsel/bridge/rpc/protocol_constants.hpp"
+#include "tamsel/calendar/calendar_protocol.hpp"
 
 namespace tamsel::calendar {
 
 namespace ErrorCode = bridge::rpc::ProtocolConstants::ErrorCode;
+namespace CalendarErrorCode = CalendarProtocol::ErrorCode;
 
 namespace {
 template <class... F>
@@ -17,12 +19,12 @@ Overloaded(F...) -> Overloaded<F...>;
 
 std::string CalendarRPCError::code() const {
   return std::string(std::visit(
-      Overloaded{[](const PermissionDenied&) { return ErrorCode::calendarPermissionDenied; },
+      Overloaded{[](const PermissionDenied&) { return CalendarErrorCode::calendarPermissionDenied; },
                  [](const NotFound&) { return ErrorCode::notFound; },
                  [](const InvalidArgument&) { return ErrorCode::invalidArgument; },
-                 [](const ReadOnlyCalendar&) { return ErrorCode::readOnlyCalendar; },
+                 [](const ReadOnlyCalendar&) { return CalendarErrorCode::readOnlyCalendar; },
                  [](const InternalError&) { return ErrorCode::internalError; },
-                 [](const PermissionNotDetermined&) { return ErrorCode::calendarPermissionNotDetermined; },
+                 [](const PermissionNotDetermined&) { return CalendarErrorCode::calendarPermissionNotDetermined; },
                  [](const Timeout&) { return ErrorCode::timeout; }},
       value));
 }

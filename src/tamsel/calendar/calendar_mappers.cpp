@@ -5,11 +5,12 @@
 #include <fmt/format.h>
 
 #include "tamsel/bridge/rpc/protocol_constants.hpp"
+#include "tamsel/calendar/calendar_protocol.hpp"
 #include "tamsel/calendar/calendar_error.hpp"
 
 namespace tamsel::calendar::CalendarMappers {
 
-namespace AccountType = bridge::rpc::ProtocolConstants::AccountType;
+namespace AccountType = CalendarProtocol::AccountType;
 
 std::string accountType(std::string_view sourceTitle, SourceKind kind) {
   std::string title(sourceTitle);

@@ -6,7 +6,7 @@
 #include <boost/json/value.hpp>
 #include <string>
 
-#include "tamsel/desktop/preferences_store.hpp"
+#include "tamsel/base/preferences_store.hpp"
 
 namespace tamsel::calendar {
 
@@ -15,7 +15,7 @@ PreferencesPermissionStore::PreferencesPermissionStore(std::filesystem::path pre
 
 CalendarPermissionStatus PreferencesPermissionStore::status() const {
   std::lock_guard lock(mutex_);
-  const desktop::PreferencesStore preferences(file_);
+  const base::PreferencesStore preferences(file_);
   const auto value = preferences.value(key);
   if (!value || !value->is_string()) return CalendarPermissionStatus::notDetermined;
   const auto& text = value->get_string();
@@ -25,7 +25,7 @@ CalendarPermissionStatus PreferencesPermissionStore::status() const {
 
 void PreferencesPermissionStore::setStatus(CalendarPermissionStatus status) {
   std::lock_guard lock(mutex_);
-  desktop::PreferencesStore preferences(file_);
+  base::PreferencesStore preferences(file_);
   preferences.set(key, boost::json::value(std::string(toWire(status))));
 }
 

@@ -12,11 +12,12 @@
 
 #include "tamsel/base/log.hpp"
 #include "tamsel/bridge/rpc/protocol_constants.hpp"
+#include "tamsel/calendar/calendar_protocol.hpp"
 
 namespace tamsel::calendar {
 
 namespace asio = boost::asio;
-namespace Method = bridge::rpc::ProtocolConstants::Method;
+namespace Method = CalendarProtocol::Method;
 using std::chrono::milliseconds;
 
 namespace {
@@ -348,12 +349,14 @@ void CalendarProvider::setPermission(CalendarPermissionStatus status) {
 }
 
 asio::awaitable<PermissionResult> CalendarProvider::requestPermission(milliseconds timeout) {
-  auto status = impl_->permissions->status();
+  // Held here: the provider may be gone when the answer comes.
+  const std::shared_ptr<Impl> impl = impl_;
+  auto status = impl->permissions->status();
   // Like a platform prompt, the question is asked once; a later answer is the user's to
   // change in settings (`tamsel calendar permission grant|deny`).
-  if (status == CalendarPermissionStatus::notDetermined && impl_->prompter) {
-    auto prompter = impl_->prompter;
-    auto permissions = impl_->permissions;
+  if (status == CalendarPermissionStatus::notDetermined && impl->prompter) {
+    auto prompter = impl->prompter;
+    auto permissions = impl->permissions;
     std::function<CalendarPermissionStatus()> ask = [prompter, permissions] {
           std::optional<bool> answer;
           try {
@@ -365,8 +368,8 @@ asio::awaitable<PermissionResult> CalendarProvider::requestPermission(millisecon
           }
       return permissions->status();
     };
-    status = co_await impl_->run<CalendarPermissionStatus>(std::move(ask), timeout);
-    if (impl_->watchTimer) impl_->publishStatus(status);
+    status = co_await impl->run<CalendarPermissionStatus>(std::move(ask), timeout);
+    if (impl->watchTimer) impl->publishStatus(status);
   }
   co_return PermissionResult{"calendar", status, CalendarMappers::permissionMessage(status)};
 }

@@ -5,11 +5,12 @@
 
 #include "tamsel/base/dates.hpp"
 #include "tamsel/bridge/rpc/protocol_constants.hpp"
+#include "tamsel/calendar/calendar_protocol.hpp"
 #include "tamsel/calendar/calendar_error.hpp"
 
 namespace tamsel::calendar {
 
-namespace PC = bridge::rpc::ProtocolConstants;
+namespace PC = CalendarProtocol;
 
 std::string_view toWire(CalendarPermissionStatus status) {
   switch (status) {

@@ -37,7 +37,7 @@ struct AttendeeDraft {
 struct Attendee {
   std::string email;
   std::optional<std::string> name;
-  std::string status = "needs_action";  // one of ProtocolConstants::AttendeeStatus
+  std::string status = "needs_action";  // one of CalendarProtocol::AttendeeStatus
   bool operator==(const Attendee&) const = default;
 };
 

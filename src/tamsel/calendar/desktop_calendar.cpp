@@ -10,7 +10,8 @@
 #include "tamsel/calendar/calendar_error.hpp"
 #include "tamsel/calendar/ical_series.hpp"
 #include "tamsel/calendar/vdir_calendar_store.hpp"
-#include "tamsel/desktop/preferences_store.hpp"
+#include "tamsel/bridge/rpc/desktop_rpc_method_dispatcher.hpp"
+#include "tamsel/calendar/calendar_protocol.hpp"
 
 namespace tamsel::calendar {
 
@@ -104,15 +105,15 @@ std::string CombinedCalendarStore::changeToken() {
   return token;
 }
 
-std::shared_ptr<CalendarStore> openDesktopCalendarStore() {
-  const auto root = VdirCalendarStore::defaultRoot();
+std::shared_ptr<CalendarStore> openDesktopCalendarStore(const std::filesystem::path& appFolder) {
+  const auto root = VdirCalendarStore::rootIn(appFolder);
   auto local = std::make_shared<VdirCalendarStore>(root);
   std::error_code ec;
   // The embedded store starts with one calendar so new events have somewhere to go.
   if (!std::filesystem::exists(root, ec)) local->addCalendar("personal", "Personal", "#3A87AD");
   std::vector<CalDAVAccount> accounts;
   try {
-    accounts = loadCalDAVAccounts(defaultCalDAVAccountsFile());
+    accounts = loadCalDAVAccounts(calDAVAccountsFileIn(appFolder));
   } catch (const CalendarException& e) {
     // The local calendars still work; the file is left for the user to fix.
     base::log::error("calendar", "CalDAV accounts not loaded: {}", e.what());
@@ -130,36 +131,66 @@ std::shared_ptr<CalendarStore> openDesktopCalendarStore() {
   return std::make_shared<CombinedCalendarStore>(std::move(parts));
 }
 
-std::shared_ptr<CalendarPermissionStore> openDesktopPermissionStore() {
-  return std::make_shared<PreferencesPermissionStore>(desktop::PreferencesStore::defaultFile());
+std::shared_ptr<CalendarProvider> makeDesktopCalendarProvider(asio::any_io_executor executor,
+                                                              const std::filesystem::path& appFolder,
+                                                              std::shared_ptr<CalendarPermissionStore> permissions,
+                                                              PermissionPrompter prompter) {
+  return std::make_shared<CalendarProvider>(std::move(executor), openDesktopCalendarStore(appFolder),
+                                            std::move(permissions), std::move(prompter));
 }
 
-std::shared_ptr<CalendarProvider> makeDesktopCalendarProvider(asio::any_io_executor executor, bool askOnTerminal) {
-  PermissionPrompter prompter;
-  if (askOnTerminal) prompter = &calendar::askOnTerminal;
-  return std::make_shared<CalendarProvider>(std::move(executor), openDesktopCalendarStore(),
-                                            openDesktopPermissionStore(), std::move(prompter));
+void registerCalendarMethods(bridge::rpc::DesktopRPCMethodDispatcher& dispatcher,
+                             std::weak_ptr<CalendarProvider> provider) {
+  namespace Method = CalendarProtocol::Method;
+  for (std::string_view name :
+       {Method::calendarListSources, Method::calendarListEvents, Method::calendarGetEvent,
+        Method::calendarCheckPermission, Method::calendarRequestPermission, Method::calendarCreateEvent,
+        Method::calendarUpdateEvent, Method::calendarDeleteEvent}) {
+    dispatcher.registerMethod(
+        std::string(name), [provider](bridge::rpc::RPCRequest request) -> asio::awaitable<bridge::rpc::RPCResult> {
+          std::optional<bridge::rpc::RPCError> failure;
+          try {
+            const auto served = provider.lock();
+            if (!served) throw std::runtime_error("the calendar is no longer available");
+            std::string method = request.method;
+            JSONValue params = request.params;
+            const std::int64_t timeoutMs = request.timeoutMs;
+            JSONValue result = co_await served->handle(std::move(method), std::move(params), timeoutMs);
+            co_return bridge::rpc::RPCResult::success(request.requestID, std::move(result));
+          } catch (const CalendarException& e) {
+            failure = e.error().toRPCError();
+          } catch (const std::exception& e) {
+            failure = CalendarRPCError::internalError(e.what()).toRPCError();
+          }
+          co_return bridge::rpc::RPCResult::failure(request.requestID, std::move(*failure));
+        });
+  }
 }
 
 namespace {
 
-asio::awaitable<void> sendChange(bridge::rpc::DesktopRPCService* service, bridge::rpc::DesktopEvent event) {
+asio::awaitable<void> sendChange(std::weak_ptr<bridge::rpc::DesktopRPCService> weak, bridge::rpc::DesktopEvent event) {
+  const auto service = weak.lock();
+  if (!service) co_return;
   const bool sent = co_await service->sendEvent(std::move(event));
   if (!sent) base::log::debug("calendar", "change not forwarded: the channel is offline");
 }
 
 }  // namespace
 
-void forwardCalendarChanges(CalendarProvider& provider, bridge::rpc::DesktopRPCService& service,
-                            asio::any_io_executor executor) {
-  provider.changeEvents().connect([&provider, &service, executor](CalendarChangeEvent change) {
-    if (!service.isOnline()) return;
+void forwardCalendarChanges(const std::shared_ptr<CalendarProvider>& provider,
+                            std::weak_ptr<bridge::rpc::DesktopRPCService> service, asio::any_io_executor executor) {
+  std::weak_ptr<CalendarProvider> weakProvider = provider;
+  provider->changeEvents().connect([weakProvider, service, executor](CalendarChangeEvent change) {
+    const auto channel = service.lock();
+    const auto source = weakProvider.lock();
+    if (!channel || !source || !channel->isOnline()) return;
     bridge::rpc::DesktopEvent event{std::string(desktopEventName(change)), std::nullopt, bridge::rpc::rpcTimestampNow()};
     if (change == CalendarChangeEvent::permissionChanged)
-      event.data = JSONValue::object({{"status", toWire(provider.checkPermission().status)}});
-    asio::co_spawn(executor, sendChange(&service, std::move(event)), asio::detached);
+      event.data = JSONValue::object({{"status", toWire(source->checkPermission().status)}});
+    asio::co_spawn(executor, sendChange(service, std::move(event)), asio::detached);
   });
-  provider.startWatching();
+  provider->startWatching();
 }
 
 }  // namespace tamsel::calendar

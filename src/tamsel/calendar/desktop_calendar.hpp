@@ -3,6 +3,7 @@
 // calendar on first use) and any CalDAV accounts behind one store, the grant kept in the
 // preferences, and the engine told about changes while the RPC channel is online.
 #include <boost/asio/any_io_executor.hpp>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -10,6 +11,7 @@
 #include "tamsel/calendar/calendar_provider.hpp"
 
 namespace tamsel::bridge::rpc {
+class DesktopRPCMethodDispatcher;
 class DesktopRPCService;
 }
 
@@ -42,19 +44,27 @@ class CombinedCalendarStore : public CalendarStore {
   std::vector<Part> parts_;
 };
 
-// Every store the desktop knows; throws CalendarException when the app folder is unusable.
-std::shared_ptr<CalendarStore> openDesktopCalendarStore();
-std::shared_ptr<CalendarPermissionStore> openDesktopPermissionStore();
+// Every store the desktop knows, under the app folder; throws CalendarException when it is
+// unusable.
+std::shared_ptr<CalendarStore> openDesktopCalendarStore(const std::filesystem::path& appFolder);
 
-// `askOnTerminal`: calendar.request_permission asks on the controlling terminal (the headless
-// and terminal front ends do when a person is there); otherwise the status stays as it is.
+// `prompter` is how calendar.request_permission asks the user (on a terminal, in a dialog);
+// without one the status stays as it is.
 std::shared_ptr<CalendarProvider> makeDesktopCalendarProvider(boost::asio::any_io_executor executor,
-                                                              bool askOnTerminal);
+                                                              const std::filesystem::path& appFolder,
+                                                              std::shared_ptr<CalendarPermissionStore> permissions,
+                                                              PermissionPrompter prompter);
+
+// Registers the calendar methods on the RPC channel. Each answers from the provider while it
+// exists and "internal_error" once it is gone; every calendar failure becomes its RPC error.
+void registerCalendarMethods(bridge::rpc::DesktopRPCMethodDispatcher& dispatcher,
+                             std::weak_ptr<CalendarProvider> provider);
 
 // Sends each of the provider's changes to the engine as "calendar_data_changed" or
-// "calendar_permission_changed" while `service` is online, and starts watching. Both must
-// outlive the returned connection's use; the provider's destructor stops it.
-void forwardCalendarChanges(CalendarProvider& provider, bridge::rpc::DesktopRPCService& service,
+// "calendar_permission_changed" while `service` is online, and starts watching. Either may be
+// destroyed first: the forwarding then stops.
+void forwardCalendarChanges(const std::shared_ptr<CalendarProvider>& provider,
+                            std::weak_ptr<bridge::rpc::DesktopRPCService> service,
                             boost::asio::any_io_executor executor);
 
 }  // namespace tamsel::calendar

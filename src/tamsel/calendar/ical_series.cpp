@@ -1,5 +1,7 @@
 #include "tamsel/calendar/ical_series.hpp"
 
+#include "tamsel/base/env.hpp"
+
 #include <libical/ical.h>
 
 #include <algorithm>
@@ -312,8 +314,8 @@ void applyFields(icalcomponent* event, const EventFields& f, icaltimezone* zone)
 }  // namespace
 
 std::string localTimeZoneName() {
-  if (const char* tz = std::getenv("TZ"); tz && *tz) {
-    std::string name = tz;
+  if (const auto tz = base::env::get("TZ"); tz && !tz->empty()) {
+    std::string name = *tz;
     if (name[0] == ':') name.erase(0, 1);
     const auto at = name.find("zoneinfo/");
     if (at != std::string::npos) name.erase(0, at + 9);

@@ -46,7 +46,7 @@ std::string fileNameFor(const std::string& uid) {
 
 VdirCalendarStore::VdirCalendarStore(fs::path root) : root_(std::move(root)) {}
 
-fs::path VdirCalendarStore::defaultRoot() { return bridge::DaemonPaths::appSupportDirectory() / "calendars"; }
+fs::path VdirCalendarStore::rootIn(const fs::path& appFolder) { return appFolder / "calendars"; }
 
 std::string VdirCalendarStore::addCalendar(const std::string& name, const std::string& displayName,
                                            const std::string& colorHex, bool readOnly) {

@@ -24,7 +24,8 @@ class VdirCalendarStore : public CalendarStore {
 
   explicit VdirCalendarStore(std::filesystem::path root);
   // $XDG_DATA_HOME/dev.tamsel.desktop/calendars
-  static std::filesystem::path defaultRoot();
+  // The calendars folder inside the app folder.
+  static std::filesystem::path rootIn(const std::filesystem::path& appFolder);
   const std::filesystem::path& root() const { return root_; }
 
   // Creates (or renames) the calendar folder `name`; returns the calendar's id.

@@ -8,13 +8,14 @@
 
 #include "tamsel/base/json.hpp"
 #include "tamsel/base/log.hpp"
+#include "tamsel/base/task_scope.hpp"
 #include "tamsel/base/strings.hpp"
 #include "tamsel/base/uuid.hpp"
 #include "tamsel/kit/composer_draft_key.hpp"
 #include "tamsel/kit/desktop_local_echo_suppressor.hpp"
 #include "tamsel/kit/injected_message_prefix.hpp"
 #include "tamsel/kit/transcript_merge_planner.hpp"
-#include "tamsel/desktop/preferences_store.hpp"
+#include "tamsel/base/preferences_store.hpp"
 
 namespace tamsel::desktop {
 
@@ -62,9 +63,10 @@ const char* decisionText(VM::ApprovalDecision decision) {
 }
 }  // namespace
 
-struct DaemonChatViewModel::Impl {
-  VM& vm;
-  base::MainExecutor executor;
+struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewModel::Impl> {
+  // Cleared when the view model goes; nothing reaches it afterwards.
+  VM* owner;
+  base::MainExecutor& executor;
   Dependencies deps;
   bool publishPending = false;
   // Streamed text waiting for the next publication, per stream token.
@@ -76,33 +78,94 @@ struct DaemonChatViewModel::Impl {
   std::map<std::string, bridge::ReplyStream*> streams;
   std::map<std::string, std::string> streamSession;
   std::map<std::string, std::optional<bridge::SessionFileFingerprint>> fingerprints;
-  bool alive = true;
+  base::TaskScope tasks;
 
-  Impl(VM& owner, base::MainExecutor e, Dependencies d) : vm(owner), executor(e), deps(std::move(d)) {
-    deltaTimer = std::make_unique<asio::steady_timer>(executor.context());
+  // The observable state (see the accessors).
+  std::vector<AgentItem> agents_;
+  std::optional<std::string> selectedAgent_;
+  std::vector<bridge::DaemonSession> sessions_;
+  std::vector<PendingSession> pendingSessions_;
+  std::optional<std::string> currentSessionID_, currentSessionTitle_, currentPendingSessionLocalID_, currentSessionAgent_;
+  std::vector<kit::Message> messages_;
+  bool isLoading_ = false;
+  std::int64_t totalSessionMessageCount_ = 0;
+  std::int64_t optimisticLoadedMessageCount_ = 0;
+  std::uint64_t transcriptPublishRevision_ = 0;
+  bool isSending_ = false, isCancelling_ = false, isStreamActive_ = false;
+  StreamingStatus streamingStatus_;
+  std::string deltaBuffer_;
+  std::set<std::string> runningSessionIDs_, runningPendingSessionIDs_;
+  std::map<std::string, std::string> streamingTokensBySession_;
+  kit::StreamCancellationTracker streamCancellationTracker_;
+  kit::SessionScopedQueueStore<kit::QueuedDraftMessage> queuedDraftMessageStore_;
+  kit::QueuedDraftDrainCoordinator queuedDraftDrainCoordinator_;
+  kit::ExternalQueuedMessageStore externalQueued_{Bounds::externalQueuedMessagesPerSession};
+  std::map<std::string, ApprovalRow> approvalRows_;  // by request id
+  std::map<std::string, QuestionRow> questionRows_;
+  kit::SessionScopedValueStore<bool> resolvedRequestIDs_{Bounds::maxResolvedRequestIDCount};
+  kit::SessionScopedValueStore<bool> resolvedQuestionRequestIDs_{Bounds::maxResolvedRequestIDCount};
+  kit::SessionScopedValueStore<CachedSessionWindow> cachedSessionWindows_{Bounds::maxCachedSessions};
+  kit::SessionScopedValueStore<InFlightSessionState> inFlightSessionStates_{Bounds::maxInFlightSessionStates};
+  kit::SessionScopedValueStore<bool> recentSSEDoneSessions_{Bounds::maxRecentSSEDoneSessionCount};
+  kit::SessionScopedValueStore<bool> handledMessageReceivedIDs_{Bounds::maxHandledMessageReceivedIDCount};
+  std::uint64_t selectAgentGeneration_ = 0, sessionLoadGeneration_ = 0, sidebarLoadGeneration_ = 0;
+  std::optional<std::string> errorMessage_;
+  std::optional<bridge::QuotaDetails> quotaError_;
+  std::optional<bridge::CreditsDetails> creditsError_;
+  bool isRetryingAfterRefill_ = false;
+  std::optional<std::string> notice_;
+  std::string sessionBrowseScope_ = "agent";
+  std::set<std::string> partialSessions_, completedUnreadSessions_;
+  bridge::SessionIdentityRegistry registry_;
+  base::Signal<> changed_;
+
+  Impl(VM* owner, base::MainExecutor& e, Dependencies d)
+      : owner(owner), executor(e), deps(std::move(d)), tasks(e.ioExecutor()) {
+    deltaTimer = std::make_unique<asio::steady_timer>(executor.ioExecutor());
+  }
+
+  bool closed() const { return tasks.isClosed(); }
+
+  // Ends everything in flight; nothing outside the Impl is reached afterwards.
+  void close() {
+    owner = nullptr;
+    for (auto& [token, stream] : streams) stream->cancel();
+    if (subscription && deps.events) deps.events->unsubscribe(subscription->id);
+    subscription.reset();
+    deltaTimer->cancel();
+    tasks.close();
+  }
+
+  std::optional<std::string> currentSessionKey() const {
+    if (currentSessionID_) return currentSessionID_;
+    return currentPendingSessionLocalID_;
+  }
+  void refreshOwner() {
+    if (owner) owner->refreshCurrentSession();
+  }
+  void reloadOwnerSidebar() {
+    if (owner) owner->reloadSidebar();
   }
 
   // Changes made in one turn reach observers as one notification, in order.
   void publish() {
-    if (publishPending) return;
+    if (publishPending || closed()) return;
     publishPending = true;
-    VM* owner = &vm;
-    executor.post([owner] {
-      if (!owner->impl_) return;
-      owner->impl_->publishPending = false;
-      owner->changed_.emit();
+    executor.post([weak = weak_from_this()] {
+      const auto self = weak.lock();
+      if (!self || self->closed()) return;
+      self->publishPending = false;
+      self->changed_.emit();
     });
   }
 
+  // Every task holds the Impl until it ends, so a task resumed after the view model went still
+  // finds its state; the scope's cancellation ends it at its next suspension.
   void spawn(asio::awaitable<void> work) {
-    asio::co_spawn(executor.context(), std::move(work), [](std::exception_ptr error) {
-      if (!error) return;
-      try {
-        std::rethrow_exception(error);
-      } catch (const std::exception& e) {
-        base::log::warn(kSource, "task failed: {}", e.what());
-      }
-    });
+    tasks.spawn([](std::shared_ptr<Impl> keep, asio::awaitable<void> work) -> asio::awaitable<void> {
+      co_await std::move(work);
+      (void)keep;
+    }(shared_from_this(), std::move(work)), kSource);
   }
 
   void saveSidebarState() {
@@ -113,9 +176,9 @@ struct DaemonChatViewModel::Impl {
       return boost::json::value(std::move(out));
     };
     try {
-      deps.preferences->set(sessionBrowseKey, boost::json::value(vm.sessionBrowseScope_));
-      deps.preferences->set(partialSessionsKey, array(vm.partialSessions_));
-      deps.preferences->set(completedUnreadSessionsKey, array(vm.completedUnreadSessions_));
+      deps.preferences->set(sessionBrowseKey, boost::json::value(sessionBrowseScope_));
+      deps.preferences->set(partialSessionsKey, array(partialSessions_));
+      deps.preferences->set(completedUnreadSessionsKey, array(completedUnreadSessions_));
     } catch (const std::exception& e) {
       base::log::warn(kSource, "could not keep the sidebar state: {}", e.what());
     }
@@ -124,39 +187,39 @@ struct DaemonChatViewModel::Impl {
   void loadSidebarState() {
     if (!deps.preferences) return;
     if (auto scope = deps.preferences->value(sessionBrowseKey); scope && scope->is_string())
-      vm.sessionBrowseScope_ = std::string(scope->get_string());
+      sessionBrowseScope_ = std::string(scope->get_string());
     auto readSet = [&](const char* key, std::set<std::string>& into) {
       if (auto value = deps.preferences->value(key); value && value->is_array())
         for (const auto& item : value->get_array())
           if (item.is_string()) into.insert(std::string(item.get_string()));
     };
-    readSet(partialSessionsKey, vm.partialSessions_);
-    readSet(completedUnreadSessionsKey, vm.completedUnreadSessions_);
+    readSet(partialSessionsKey, partialSessions_);
+    readSet(completedUnreadSessionsKey, completedUnreadSessions_);
   }
 
   void showError(const std::exception& e) {
     if (const auto* client = dynamic_cast<const bridge::DaemonClientException*>(&e)) {
       const auto& error = client->error();
       if (const auto* quota = std::get_if<bridge::DaemonClientError::QuotaExceeded>(&error.value)) {
-        vm.quotaError_ = quota->details;
+        quotaError_ = quota->details;
       } else if (const auto* credits = std::get_if<bridge::DaemonClientError::CreditsExhausted>(&error.value)) {
-        vm.creditsError_ = credits->details;
+        creditsError_ = credits->details;
       } else if (const auto* validation = std::get_if<bridge::DaemonClientError::Validation>(&error.value);
                  validation && validation->code) {
-        vm.errorMessage_ = conversationAnnotationErrorText(*validation->code).value_or(validation->message);
+        errorMessage_ = conversationAnnotationErrorText(*validation->code).value_or(validation->message);
       } else {
-        vm.errorMessage_ = error.description();
+        errorMessage_ = error.description();
       }
     } else {
-      vm.errorMessage_ = e.what();
+      errorMessage_ = e.what();
     }
     publish();
   }
 
-  std::string keyOf(const std::string& id) const { return vm.registry_.realID(id); }
+  std::string keyOf(const std::string& id) const { return registry_.realID(id); }
 
   bool isVisible(const std::string& sessionKey) const {
-    auto current = vm.currentSessionKey();
+    auto current = currentSessionKey();
     return current && (keyOf(*current) == keyOf(sessionKey));
   }
 
@@ -164,14 +227,14 @@ struct DaemonChatViewModel::Impl {
   template <class F>
   void withTranscript(const std::string& sessionKey, F&& change) {
     if (isVisible(sessionKey)) {
-      change(vm.messages_);
-      ++vm.transcriptPublishRevision_;
+      change(messages_);
+      ++transcriptPublishRevision_;
       publish();
       return;
     }
-    auto state = vm.inFlightSessionStates_.value(keyOf(sessionKey)).value_or(InFlightSessionState{});
+    auto state = inFlightSessionStates_.value(keyOf(sessionKey)).value_or(InFlightSessionState{});
     change(state.messages);
-    vm.inFlightSessionStates_.set(std::move(state), keyOf(sessionKey));
+    inFlightSessionStates_.set(std::move(state), keyOf(sessionKey));
   }
 
   static kit::Message* find(std::vector<kit::Message>& messages, const std::string& id) {
@@ -191,7 +254,7 @@ struct DaemonChatViewModel::Impl {
       });
       text.clear();
     }
-    vm.deltaBuffer_.clear();
+    deltaBuffer_.clear();
     publish();
   }
 
@@ -199,63 +262,64 @@ struct DaemonChatViewModel::Impl {
     if (deltaFlushScheduled) return;
     deltaFlushScheduled = true;
     deltaTimer->expires_after(kDeltaPublishInterval);
-    deltaTimer->async_wait([this](const boost::system::error_code& ec) {
-      if (!ec) flushDeltas();
+    deltaTimer->async_wait([weak = weak_from_this()](const boost::system::error_code& ec) {
+      const auto self = weak.lock();
+      if (!ec && self && !self->closed()) self->flushDeltas();
     });
   }
 
   void setRunning(const std::string& sessionKey, bool running) {
-    const bool pending = base::startsWith(sessionKey, "pending-") && vm.registry_.realID(sessionKey) == sessionKey;
-    auto& set = pending ? vm.runningPendingSessionIDs_ : vm.runningSessionIDs_;
+    const bool pending = base::startsWith(sessionKey, "pending-") && registry_.realID(sessionKey) == sessionKey;
+    auto& set = pending ? runningPendingSessionIDs_ : runningSessionIDs_;
     if (running) set.insert(sessionKey);
     else {
-      vm.runningPendingSessionIDs_.erase(sessionKey);
-      vm.runningSessionIDs_.erase(keyOf(sessionKey));
+      runningPendingSessionIDs_.erase(sessionKey);
+      runningSessionIDs_.erase(keyOf(sessionKey));
     }
-    if (isVisible(sessionKey)) vm.isStreamActive_ = vm.isSending_ = running;
+    if (isVisible(sessionKey)) isStreamActive_ = isSending_ = running;
     publish();
   }
 
   bool isRunning(const std::string& sessionKey) const {
     const std::string real = keyOf(sessionKey);
-    return vm.runningSessionIDs_.count(real) || vm.runningPendingSessionIDs_.count(sessionKey) ||
-           vm.runningPendingSessionIDs_.count(vm.registry_.pendingID(real));
+    return runningSessionIDs_.count(real) || runningPendingSessionIDs_.count(sessionKey) ||
+           runningPendingSessionIDs_.count(registry_.pendingID(real));
   }
 
   std::optional<std::string> tokenFor(const std::string& sessionKey) const {
-    for (const auto& key : {sessionKey, keyOf(sessionKey), vm.registry_.pendingID(keyOf(sessionKey))}) {
-      if (auto it = vm.streamingTokensBySession_.find(key); it != vm.streamingTokensBySession_.end()) return it->second;
+    for (const auto& key : {sessionKey, keyOf(sessionKey), registry_.pendingID(keyOf(sessionKey))}) {
+      if (auto it = streamingTokensBySession_.find(key); it != streamingTokensBySession_.end()) return it->second;
     }
     return std::nullopt;
   }
 
   void addApproval(const bridge::ApprovalEvent& event, const std::string& sessionKey) {
     // An answered request that shows up again (from the bus after the stream) stays answered.
-    if (vm.resolvedRequestIDs_.value(event.requestId) || vm.approvalRows_.count(event.requestId)) return;
+    if (resolvedRequestIDs_.value(event.requestId) || approvalRows_.count(event.requestId)) return;
     kit::ApprovalInfo info;
     info.requestID = event.requestId;
     info.tool = event.tool.value_or("");
     if (event.args) info.args = base::json::serialize(*event.args);
     if (event.flags) info.flags = *event.flags;
-    vm.approvalRows_[event.requestId] = ApprovalRow{std::move(info), sessionKey};
+    approvalRows_[event.requestId] = ApprovalRow{std::move(info), sessionKey};
     publish();
   }
 
   void addQuestion(const bridge::QuestionRequestPayload& request, const std::string& sessionKey) {
-    if (vm.resolvedQuestionRequestIDs_.value(request.requestId) || vm.questionRows_.count(request.requestId)) return;
-    vm.questionRows_[request.requestId] = QuestionRow{request, sessionKey};
+    if (resolvedQuestionRequestIDs_.value(request.requestId) || questionRows_.count(request.requestId)) return;
+    questionRows_[request.requestId] = QuestionRow{request, sessionKey};
     publish();
   }
 
   void resolveApproval(const std::string& requestID) {
-    vm.approvalRows_.erase(requestID);
-    vm.resolvedRequestIDs_.set(true, requestID);
+    approvalRows_.erase(requestID);
+    resolvedRequestIDs_.set(true, requestID);
     publish();
   }
 
   void resolveQuestion(const std::string& requestID) {
-    vm.questionRows_.erase(requestID);
-    vm.resolvedQuestionRequestIDs_.set(true, requestID);
+    questionRows_.erase(requestID);
+    resolvedQuestionRequestIDs_.set(true, requestID);
     publish();
   }
 
@@ -291,11 +355,11 @@ struct DaemonChatViewModel::Impl {
       reply->toolBlock->tools.push_back(entry);
     });
     if (isVisible(sessionKey)) {
-      auto& statuses = vm.streamingStatus_.toolStatuses;
+      auto& statuses = streamingStatus_.toolStatuses;
       auto it = std::find_if(statuses.begin(), statuses.end(), [&](const auto& s) { return s.id == entry.id; });
       if (it == statuses.end()) statuses.push_back(entry);
       else *it = entry;
-      vm.streamingStatus_.activityLine = entry.name + (entry.args ? " " + *entry.args : std::string());
+      streamingStatus_.activityLine = entry.name + (entry.args ? " " + *entry.args : std::string());
       publish();
     }
   }
@@ -307,29 +371,29 @@ struct DaemonChatViewModel::Impl {
     bool sawText = false;
     try {
       while (auto event = co_await stream.next()) {
-        if (!alive) co_return;
+        if (closed()) co_return;
         sessionKey = streamSession[token];
-        const auto ownership = kit::StreamOwnershipPlanner::decide(token, keyOf(sessionKey), vm.streamingTokensBySession_,
-                                                                   vm.currentSessionKey() ? std::optional(keyOf(*vm.currentSessionKey())) : std::nullopt);
+        const auto ownership = kit::StreamOwnershipPlanner::decide(token, keyOf(sessionKey), streamingTokensBySession_,
+                                                                   currentSessionKey() ? std::optional(keyOf(*currentSessionKey())) : std::nullopt);
         if (ownership == kit::StreamOwnership::drop && !event->get<SSEEvent::SessionStarted>()) continue;
         if (const auto* started = event->get<SSEEvent::SessionStarted>()) {
           const std::string& real = started->value.sessionId;
           if (real != sessionKey) {
-            vm.registry_.registerPair(sessionKey, real);
-            vm.streamingTokensBySession_[real] = token;
-            if (vm.runningPendingSessionIDs_.erase(sessionKey)) vm.runningSessionIDs_.insert(real);
-            if (vm.currentPendingSessionLocalID_ == sessionKey) vm.currentSessionID_ = real;
+            registry_.registerPair(sessionKey, real);
+            streamingTokensBySession_[real] = token;
+            if (runningPendingSessionIDs_.erase(sessionKey)) runningSessionIDs_.insert(real);
+            if (currentPendingSessionLocalID_ == sessionKey) currentSessionID_ = real;
             if (deps.drafts) deps.drafts->rekey(kit::ComposerDraftKey::forPendingSession(sessionKey), kit::ComposerDraftKey::forSession(real));
-            auto queued = vm.queuedDraftMessageStore_.items(sessionKey);
+            auto queued = queuedDraftMessageStore_.items(sessionKey);
             if (!queued.empty()) {
-              vm.queuedDraftMessageStore_.remove(sessionKey);
-              vm.queuedDraftMessageStore_.replace(real, std::move(queued));
+              queuedDraftMessageStore_.remove(sessionKey);
+              queuedDraftMessageStore_.replace(real, std::move(queued));
             }
             publish();
           }
         } else if (const auto* delta = event->get<SSEEvent::Delta>()) {
           pendingDeltas[token] += delta->value.text;
-          if (isVisible(sessionKey)) vm.deltaBuffer_ += delta->value.text;
+          if (isVisible(sessionKey)) deltaBuffer_ += delta->value.text;
           sawText = true;
           scheduleDeltaFlush();
         } else if (const auto* text = event->get<SSEEvent::AssistantText>()) {
@@ -350,7 +414,7 @@ struct DaemonChatViewModel::Impl {
         } else if (const auto* question = event->get<SSEEvent::Question>()) {
           addQuestion(question->value, sessionKey);
         } else if (const auto* error = event->get<SSEEvent::Error>()) {
-          vm.errorMessage_ = error->value.error;
+          errorMessage_ = error->value.error;
           publish();
         } else if (const auto* failure = event->get<SSEEvent::Failure>()) {
           showError(bridge::DaemonClientException(failure->value.error));
@@ -363,33 +427,33 @@ struct DaemonChatViewModel::Impl {
             });
           }
         } else if (const auto* committed = event->get<SSEEvent::InjectedCommitted>()) {
-          vm.notice_ = "Your message was taken into the running reply.";
+          notice_ = "Your message was taken into the running reply.";
           (void)committed;
           publish();
         }
       }
       if (stream.endedPrematurely() && !streamCancellationTrackerHas(token)) {
-        vm.errorMessage_ = "The reply ended before it was complete";
+        errorMessage_ = "The reply ended before it was complete";
       }
     } catch (const std::exception& e) {
-      if (!alive) co_return;
+      if (closed()) co_return;
       if (!streamCancellationTrackerHas(token)) showError(e);
     }
-    if (!alive) co_return;
+    if (closed()) co_return;
     flushDeltas();
     const bool cancelled = streamCancellationTrackerHas(token);
     finishStream(token, sessionKey, cancelled);
   }
 
-  bool streamCancellationTrackerHas(const std::string& token) const { return vm.streamCancellationTracker_.isCancelling(token); }
+  bool streamCancellationTrackerHas(const std::string& token) const { return streamCancellationTracker_.isCancelling(token); }
 
   void finishStream(const std::string& token, const std::string& sessionKey, bool cancelled) {
     streams.erase(token);
     streamSession.erase(token);
     pendingDeltas.erase(token);
-    for (auto it = vm.streamingTokensBySession_.begin(); it != vm.streamingTokensBySession_.end();)
-      it = it->second == token ? vm.streamingTokensBySession_.erase(it) : std::next(it);
-    vm.streamCancellationTracker_.clear(token);
+    for (auto it = streamingTokensBySession_.begin(); it != streamingTokensBySession_.end();)
+      it = it->second == token ? streamingTokensBySession_.erase(it) : std::next(it);
+    streamCancellationTracker_.clear(token);
     withTranscript(sessionKey, [&](std::vector<kit::Message>& messages) {
       auto* reply = find(messages, "stream-" + token);
       if (reply && reply->content.empty() && !reply->toolBlock) {
@@ -399,28 +463,28 @@ struct DaemonChatViewModel::Impl {
     });
     setRunning(sessionKey, false);
     if (isVisible(sessionKey)) {
-      vm.isCancelling_ = false;
-      vm.streamingStatus_ = StreamingStatus{};
+      isCancelling_ = false;
+      streamingStatus_ = StreamingStatus{};
     }
-    vm.recentSSEDoneSessions_.set(true, keyOf(sessionKey));
+    recentSSEDoneSessions_.set(true, keyOf(sessionKey));
     if (!isVisible(sessionKey) && !cancelled) {
       // Finished while the user looked elsewhere: unread, and no longer only partly seen.
-      vm.completedUnreadSessions_.insert(keyOf(sessionKey));
-      vm.partialSessions_.erase(keyOf(sessionKey));
+      completedUnreadSessions_.insert(keyOf(sessionKey));
+      partialSessions_.erase(keyOf(sessionKey));
       saveSidebarState();
     }
-    vm.queuedDraftDrainCoordinator_.markReady(keyOf(sessionKey));
+    queuedDraftDrainCoordinator_.markReady(keyOf(sessionKey));
     publish();
     drainQueue(keyOf(sessionKey));
-    if (isVisible(sessionKey)) vm.refreshCurrentSession();
+    if (isVisible(sessionKey)) refreshOwner();
   }
 
   void drainQueue(const std::string& sessionKey) {
-    auto queued = vm.queuedDraftMessageStore_.items(sessionKey);
-    const auto action = vm.queuedDraftDrainCoordinator_.action(sessionKey, !queued.empty(), isRunning(sessionKey));
+    auto queued = queuedDraftMessageStore_.items(sessionKey);
+    const auto action = queuedDraftDrainCoordinator_.action(sessionKey, !queued.empty(), isRunning(sessionKey));
     if (action != kit::QueuedDraftDrainAction::drainNow) return;
     auto joined = kit::QueuedDraftJoinPlanner::join(queued);
-    vm.queuedDraftMessageStore_.remove(sessionKey);
+    queuedDraftMessageStore_.remove(sessionKey);
     if (joined) startSend(sessionKey, joined->text);
     publish();
   }
@@ -443,21 +507,21 @@ struct DaemonChatViewModel::Impl {
       messages.push_back(std::move(reply));
     });
     if (isVisible(sessionKey)) {
-      ++vm.optimisticLoadedMessageCount_;
-      vm.streamingStatus_ = StreamingStatus{};
-      vm.streamingStatus_.isActive = true;
-      vm.streamingStatus_.runState = RunState::active;
-      vm.streamingStatus_.ownerSessionID = keyOf(sessionKey);
+      ++optimisticLoadedMessageCount_;
+      streamingStatus_ = StreamingStatus{};
+      streamingStatus_.isActive = true;
+      streamingStatus_.runState = RunState::active;
+      streamingStatus_.ownerSessionID = keyOf(sessionKey);
     }
-    vm.streamingTokensBySession_[keyOf(sessionKey)] = token;
-    vm.errorMessage_.reset();
-    vm.quotaError_.reset();
-    vm.creditsError_.reset();
+    streamingTokensBySession_[keyOf(sessionKey)] = token;
+    errorMessage_.reset();
+    quotaError_.reset();
+    creditsError_.reset();
     setRunning(sessionKey, true);
 
     bridge::SendMessageRequest request;
     request.text = std::move(text);
-    request.agent = vm.currentSessionAgent_ ? vm.currentSessionAgent_ : vm.selectedAgent_;
+    request.agent = currentSessionAgent_ ? currentSessionAgent_ : selectedAgent_;
     if (pending) request.newSession = true;
     else request.sessionId = keyOf(sessionKey);
     request.clientMessageId = token;
@@ -466,7 +530,7 @@ struct DaemonChatViewModel::Impl {
       try {
         stream.emplace(co_await self->deps.client->sendMessage(request));
       } catch (const std::exception& e) {
-        if (!self->alive) co_return;
+        if (self->closed()) co_return;
         self->showError(e);
         self->finishStream(token, sessionKey, false);
         co_return;
@@ -478,22 +542,22 @@ struct DaemonChatViewModel::Impl {
   // Reloads a session's file and joins it with what the transcript already shows.
   asio::awaitable<void> reload(std::string sessionID, std::uint64_t generation) {
     if (!deps.history) co_return;
-    const auto agent = vm.currentSessionAgent_;
+    const auto agent = currentSessionAgent_;
     const auto lastSeen = fingerprints[sessionID];
     auto result = co_await deps.history->load(sessionID, agent, lastSeen);
-    if (!alive || generation != vm.sessionLoadGeneration_) co_return;  // a newer load has started
+    if (closed() || generation != sessionLoadGeneration_) co_return;  // a newer load has started
     if (!result.found && agent) {
       // The default agent's sessions live in the shared folder, not under the agent's name.
       result = co_await deps.history->load(sessionID, std::nullopt, lastSeen);
-      if (!alive || generation != vm.sessionLoadGeneration_) co_return;
+      if (closed() || generation != sessionLoadGeneration_) co_return;
     }
-    vm.isLoading_ = false;
+    isLoading_ = false;
     if (result.unchanged || !result.found) {
       publish();
       co_return;
     }
     fingerprints[sessionID] = result.fingerprint;
-    if (result.title) vm.currentSessionTitle_ = result.title;
+    if (result.title) currentSessionTitle_ = result.title;
     std::vector<kit::Message> disk;
     for (const auto& m : result.messages) disk.push_back(fromSessionMessage(m));
     // While a reply still streams here, its messages stay as they are; join the rest.
@@ -502,19 +566,19 @@ struct DaemonChatViewModel::Impl {
       co_return;
     }
     std::vector<std::string> stateKeys, diskKeys;
-    for (const auto& m : vm.messages_) stateKeys.push_back(mergeKey(m.author, m.content));
+    for (const auto& m : messages_) stateKeys.push_back(mergeKey(m.author, m.content));
     for (const auto& m : disk) diskKeys.push_back(mergeKey(m.author, m.content));
     std::vector<kit::Message> merged;
     for (const auto& op : kit::TranscriptMergePlanner::plan(stateKeys, diskKeys)) {
       using Kind = kit::TranscriptMergePlanner::MergeOp::Kind;
       if (op.kind == Kind::matched) {
         kit::Message m = disk[op.diskIndex];
-        m.id = vm.messages_[op.stateIndex].id;  // stable ids keep list updates small
+        m.id = messages_[op.stateIndex].id;  // stable ids keep list updates small
         merged.push_back(std::move(m));
       } else if (op.kind == Kind::takeDisk) {
         merged.push_back(disk[op.diskIndex]);
       } else {
-        const auto& kept = vm.messages_[op.stateIndex];
+        const auto& kept = messages_[op.stateIndex];
         // Messages this desktop built while streaming are replaced by the file once it has them.
         if (base::startsWith(kept.id, "stream-") || base::startsWith(kept.id, "local-")) {
           if (diskKeys.empty()) merged.push_back(kept);
@@ -523,35 +587,38 @@ struct DaemonChatViewModel::Impl {
         merged.push_back(kept);
       }
     }
-    vm.messages_ = std::move(merged);
-    vm.totalSessionMessageCount_ = static_cast<std::int64_t>(result.messages.size());
-    vm.optimisticLoadedMessageCount_ = 0;
-    ++vm.transcriptPublishRevision_;
+    messages_ = std::move(merged);
+    totalSessionMessageCount_ = static_cast<std::int64_t>(result.messages.size());
+    optimisticLoadedMessageCount_ = 0;
+    ++transcriptPublishRevision_;
     publish();
   }
 
   void onEvent(const bridge::DaemonEvent& event) {
     if (const auto* received = event.get<bridge::DaemonEvent::MessageReceived>()) {
       const auto& p = received->value;
-      if (p.messageId && !vm.handledMessageReceivedIDs_.insert(*p.messageId).second) return;
+      if (p.messageId) {
+        if (handledMessageReceivedIDs_.find(*p.messageId)) return;
+        handledMessageReceivedIDs_.set(true, *p.messageId);
+      }
       kit::DesktopLocalEchoSuppressionState state;
       state.source = p.source;
       state.agent = p.agent;
       state.eventSessionID = p.sessionId;
-      state.currentSessionID = vm.currentSessionID_;
-      state.currentPendingSessionLocalID = vm.currentPendingSessionLocalID_;
-      if (p.sessionId) state.pendingAliasForEventSession = vm.registry_.pendingIDIfRegistered(*p.sessionId);
-      state.runningSessionIDs = vm.runningSessionIDs_;
-      state.runningPendingSessionIDs = vm.runningPendingSessionIDs_;
-      state.isForegroundStreamActive = p.sessionId && isVisible(*p.sessionId) && vm.isStreamActive_;
+      state.currentSessionID = currentSessionID_;
+      state.currentPendingSessionLocalID = currentPendingSessionLocalID_;
+      if (p.sessionId) state.pendingAliasForEventSession = registry_.pendingIDIfRegistered(*p.sessionId);
+      state.runningSessionIDs = runningSessionIDs_;
+      state.runningPendingSessionIDs = runningPendingSessionIDs_;
+      state.isForegroundStreamActive = p.sessionId && isVisible(*p.sessionId) && isStreamActive_;
       if (kit::DesktopLocalEchoSuppressor::decide(state)) return;
       if (p.queued.value_or(false) && p.sessionId && p.source != kit::DesktopLocalEchoSuppressor::desktopSource) {
-        vm.externalQueued_.enqueue({p.messageId.value_or(base::newUUIDString()), p.source.value_or(""), p.sender.value_or(""),
+        externalQueued_.enqueue({p.messageId.value_or(base::newUUIDString()), p.source.value_or(""), p.sender.value_or(""),
                                     p.text.value_or(""), now()},
                                    *p.sessionId);
       }
-      if (p.sessionId && isVisible(*p.sessionId)) vm.refreshCurrentSession();
-      else vm.reloadSidebar();
+      if (p.sessionId && isVisible(*p.sessionId)) refreshOwner();
+      else reloadOwnerSidebar();
     } else if (const auto* request = event.get<bridge::DaemonEvent::ApprovalRequest>()) {
       const auto& p = request->value;
       bridge::ApprovalEvent approval{p.requestId, p.tool, p.args, p.flags};
@@ -563,14 +630,14 @@ struct DaemonChatViewModel::Impl {
     } else if (const auto* answered = event.get<bridge::DaemonEvent::QuestionResolved>()) {
       resolveQuestion(answered->value.requestId);
     } else if (const auto* title = event.get<bridge::DaemonEvent::SessionTitleUpdated>()) {
-      for (auto& s : vm.sessions_)
+      for (auto& s : sessions_)
         if (s.id == title->value.sessionId) s.title = title->value.title;
-      if (vm.currentSessionID_ == title->value.sessionId) vm.currentSessionTitle_ = title->value.title;
+      if (currentSessionID_ == title->value.sessionId) currentSessionTitle_ = title->value.title;
       publish();
     } else if (const auto* reply = event.get<bridge::DaemonEvent::AgentReply>()) {
       // A reply that ran elsewhere (another channel) shows up once its file has it.
       if (reply->value.sessionId && isVisible(*reply->value.sessionId) && !isRunning(*reply->value.sessionId))
-        vm.refreshCurrentSession();
+        refreshOwner();
     }
   }
 
@@ -585,14 +652,14 @@ struct DaemonChatViewModel::Impl {
         } catch (const bridge::SSEBufferOverflowError& e) {
           // Too far behind to trust what we show: resubscribe and reload.
           base::log::warn(kSource, "{}", e.what());
-          if (!self->alive) co_return;
+          if (self->closed()) co_return;
           self->subscription.reset();
           self->subscribe();
-          self->vm.reloadSidebar();
-          self->vm.refreshCurrentSession();
+          self->reloadOwnerSidebar();
+          self->refreshOwner();
           co_return;
         }
-        if (!event || !self->alive) co_return;
+        if (!event || self->closed()) co_return;
         self->onEvent(**event);
       }
     }(this, subscription->events));
@@ -601,159 +668,153 @@ struct DaemonChatViewModel::Impl {
 
 // ---------------------------------------------------------------- public
 
-DaemonChatViewModel::DaemonChatViewModel(base::MainExecutor executor, Dependencies dependencies)
-    : impl_(std::make_unique<Impl>(*this, executor, std::move(dependencies))) {
+DaemonChatViewModel::DaemonChatViewModel(base::MainExecutor& executor, Dependencies dependencies)
+    : impl_(std::make_shared<Impl>(this, executor, std::move(dependencies))) {
   impl_->loadSidebarState();
 }
 
-DaemonChatViewModel::~DaemonChatViewModel() {
-  impl_->alive = false;
-  for (auto& [token, stream] : impl_->streams) stream->cancel();
-  if (impl_->subscription && impl_->deps.events) impl_->deps.events->unsubscribe(impl_->subscription->id);
-  impl_->deltaTimer->cancel();
-  impl_.reset();
-}
+DaemonChatViewModel::~DaemonChatViewModel() { impl_->close(); }
 
 std::optional<std::string> DaemonChatViewModel::currentSessionKey() const {
-  if (currentSessionID_) return currentSessionID_;
-  return currentPendingSessionLocalID_;
+  if (impl_->currentSessionID_) return impl_->currentSessionID_;
+  return impl_->currentPendingSessionLocalID_;
 }
 
 std::vector<kit::QueuedDraftMessage> DaemonChatViewModel::queuedDrafts() const {
   auto key = currentSessionKey();
   if (!key) return {};
-  auto items = queuedDraftMessageStore_.items(registry_.realID(*key));
-  if (items.empty()) items = queuedDraftMessageStore_.items(*key);
+  auto items = impl_->queuedDraftMessageStore_.items(impl_->registry_.realID(*key));
+  if (items.empty()) items = impl_->queuedDraftMessageStore_.items(*key);
   return items;
 }
 
 std::vector<DaemonChatViewModel::ApprovalRow> DaemonChatViewModel::pendingApprovals() const {
   std::vector<ApprovalRow> rows;
-  for (const auto& [id, row] : approvalRows_) rows.push_back(row);
+  for (const auto& [id, row] : impl_->approvalRows_) rows.push_back(row);
   return rows;
 }
 
 std::vector<DaemonChatViewModel::QuestionRow> DaemonChatViewModel::pendingQuestions() const {
   std::vector<QuestionRow> rows;
-  for (const auto& [id, row] : questionRows_) rows.push_back(row);
+  for (const auto& [id, row] : impl_->questionRows_) rows.push_back(row);
   return rows;
 }
 
 void DaemonChatViewModel::start() {
   impl_->subscribe();
-  const auto generation = ++selectAgentGeneration_;
+  const auto generation = ++impl_->selectAgentGeneration_;
   impl_->spawn([](Impl* self, std::uint64_t generation) -> asio::awaitable<void> {
     try {
       auto agents = co_await self->deps.client->agents();
-      if (!self->alive || generation != self->vm.selectAgentGeneration_) co_return;
-      self->vm.agents_.clear();
+      if (self->closed() || generation != self->selectAgentGeneration_) co_return;
+      self->agents_.clear();
       for (const auto& a : agents) {
-        self->vm.agents_.push_back(AgentItem{a.name, a.name, a.displayName, a.avatar, a.hasMemory.value_or(false),
+        self->agents_.push_back(AgentItem{a.name, a.name, a.displayName, a.avatar, a.hasMemory.value_or(false),
                                              a.builtin.value_or(false), a.isOverride.value_or(false),
                                              a.commandCount.value_or(0), a.skillCount.value_or(0)});
       }
-      if (!self->vm.selectedAgent_ && !agents.empty()) self->vm.selectedAgent_ = agents.front().name;
+      if (!self->selectedAgent_ && !agents.empty()) self->selectedAgent_ = agents.front().name;
       self->publish();
-      self->vm.reloadSidebar();
+      self->reloadOwnerSidebar();
     } catch (const std::exception& e) {
-      if (self->alive) self->showError(e);
+      if (!self->closed()) self->showError(e);
     }
   }(impl_.get(), generation));
 }
 
 void DaemonChatViewModel::selectAgent(std::string name) {
-  const bool known = std::any_of(agents_.begin(), agents_.end(), [&](const AgentItem& a) { return a.name == name; });
-  if (!known && !agents_.empty()) {
-    errorMessage_ = "That agent no longer exists.";
+  const bool known = std::any_of(impl_->agents_.begin(), impl_->agents_.end(), [&](const AgentItem& a) { return a.name == name; });
+  if (!known && !impl_->agents_.empty()) {
+    impl_->errorMessage_ = "That agent no longer exists.";
     impl_->publish();
     return;
   }
-  selectedAgent_ = std::move(name);
-  ++selectAgentGeneration_;
+  impl_->selectedAgent_ = std::move(name);
+  ++impl_->selectAgentGeneration_;
   startNewSession();
   reloadSidebar();
 }
 
 void DaemonChatViewModel::reloadSidebar() {
-  const auto generation = ++sidebarLoadGeneration_;
+  const auto generation = ++impl_->sidebarLoadGeneration_;
   impl_->spawn([](Impl* self, std::uint64_t generation) -> asio::awaitable<void> {
     try {
       bridge::SessionListQuery query;
-      query.agent = self->vm.selectedAgent_;
+      query.agent = self->selectedAgent_;
       auto sessions = co_await self->deps.client->sessions(query);
-      if (!self->alive || generation != self->vm.sidebarLoadGeneration_) co_return;
-      self->vm.sessions_ = std::move(sessions);
+      if (self->closed() || generation != self->sidebarLoadGeneration_) co_return;
+      self->sessions_ = std::move(sessions);
       self->publish();
     } catch (const std::exception& e) {
-      if (self->alive) self->showError(e);
+      if (!self->closed()) self->showError(e);
     }
   }(impl_.get(), generation));
 }
 
 void DaemonChatViewModel::selectSession(std::string sessionID) {
-  sessionID = registry_.realID(sessionID);
+  sessionID = impl_->registry_.realID(sessionID);
   // Keep what the session being left shows, so coming back is instant.
   if (auto leaving = currentSessionKey()) {
-    const std::string key = registry_.realID(*leaving);
+    const std::string key = impl_->registry_.realID(*leaving);
     if (impl_->isRunning(key)) {
-      partialSessions_.insert(key);
+      impl_->partialSessions_.insert(key);
       impl_->flushDeltas();
-      inFlightSessionStates_.set(InFlightSessionState{messages_, streamingStatus_, deltaBuffer_, isSending_, isStreamActive_}, key);
+      impl_->inFlightSessionStates_.set(InFlightSessionState{impl_->messages_, impl_->streamingStatus_, impl_->deltaBuffer_, impl_->isSending_, impl_->isStreamActive_}, key);
     } else {
-      cachedSessionWindows_.set(CachedSessionWindow{messages_, totalSessionMessageCount_, {}, impl_->fingerprints[key],
-                                                    optimisticLoadedMessageCount_},
+      impl_->cachedSessionWindows_.set(CachedSessionWindow{impl_->messages_, impl_->totalSessionMessageCount_, {}, impl_->fingerprints[key],
+                                                    impl_->optimisticLoadedMessageCount_},
                                 key);
     }
   }
-  currentSessionID_ = sessionID;
-  currentPendingSessionLocalID_ = registry_.pendingIDIfRegistered(sessionID);
-  if (completedUnreadSessions_.erase(sessionID) + (impl_->isRunning(sessionID) ? 0 : partialSessions_.erase(sessionID)))
+  impl_->currentSessionID_ = sessionID;
+  impl_->currentPendingSessionLocalID_ = impl_->registry_.pendingIDIfRegistered(sessionID);
+  if (impl_->completedUnreadSessions_.erase(sessionID) + (impl_->isRunning(sessionID) ? 0 : impl_->partialSessions_.erase(sessionID)))
     impl_->saveSidebarState();
-  currentSessionTitle_.reset();
-  for (const auto& s : sessions_)
+  impl_->currentSessionTitle_.reset();
+  for (const auto& s : impl_->sessions_)
     if (s.id == sessionID) {
-      currentSessionTitle_ = s.title;
-      currentSessionAgent_ = s.agent;
+      impl_->currentSessionTitle_ = s.title;
+      impl_->currentSessionAgent_ = s.agent;
     }
-  streamingStatus_ = StreamingStatus{};
-  deltaBuffer_.clear();
-  if (auto inFlight = inFlightSessionStates_.value(sessionID)) {
-    messages_ = inFlight->messages;
-    streamingStatus_ = inFlight->streamingStatus;
-    isSending_ = inFlight->isSending;
-    isStreamActive_ = inFlight->isStreamActive;
-    inFlightSessionStates_.set(std::nullopt, sessionID);
-  } else if (auto cached = cachedSessionWindows_.value(sessionID)) {
-    messages_ = cached->messages;
-    totalSessionMessageCount_ = cached->totalCount;
-    isSending_ = isStreamActive_ = false;
+  impl_->streamingStatus_ = StreamingStatus{};
+  impl_->deltaBuffer_.clear();
+  if (auto inFlight = impl_->inFlightSessionStates_.value(sessionID)) {
+    impl_->messages_ = inFlight->messages;
+    impl_->streamingStatus_ = inFlight->streamingStatus;
+    impl_->isSending_ = inFlight->isSending;
+    impl_->isStreamActive_ = inFlight->isStreamActive;
+    impl_->inFlightSessionStates_.set(std::nullopt, sessionID);
+  } else if (auto cached = impl_->cachedSessionWindows_.value(sessionID)) {
+    impl_->messages_ = cached->messages;
+    impl_->totalSessionMessageCount_ = cached->totalCount;
+    impl_->isSending_ = impl_->isStreamActive_ = false;
   } else {
-    messages_.clear();
-    isLoading_ = true;
-    isSending_ = isStreamActive_ = false;
+    impl_->messages_.clear();
+    impl_->isLoading_ = true;
+    impl_->isSending_ = impl_->isStreamActive_ = false;
   }
-  ++transcriptPublishRevision_;
+  ++impl_->transcriptPublishRevision_;
   impl_->publish();
   refreshCurrentSession();
 }
 
 void DaemonChatViewModel::startNewSession() {
-  if (auto leaving = currentSessionKey(); leaving && !impl_->isRunning(*leaving) && currentSessionID_) {
-    cachedSessionWindows_.set(CachedSessionWindow{messages_, totalSessionMessageCount_, {}, impl_->fingerprints[*currentSessionID_],
-                                                  optimisticLoadedMessageCount_},
-                              *currentSessionID_);
+  if (auto leaving = currentSessionKey(); leaving && !impl_->isRunning(*leaving) && impl_->currentSessionID_) {
+    impl_->cachedSessionWindows_.set(CachedSessionWindow{impl_->messages_, impl_->totalSessionMessageCount_, {}, impl_->fingerprints[*impl_->currentSessionID_],
+                                                  impl_->optimisticLoadedMessageCount_},
+                              *impl_->currentSessionID_);
   }
   PendingSession pending{"pending-" + base::newUUIDString(), std::nullopt, now(), std::nullopt, std::nullopt};
-  pendingSessions_.push_back(pending);
-  currentPendingSessionLocalID_ = pending.id;
-  currentSessionID_.reset();
-  currentSessionTitle_.reset();
-  currentSessionAgent_ = selectedAgent_;
-  messages_.clear();
-  streamingStatus_ = StreamingStatus{};
-  isSending_ = isStreamActive_ = false;
-  ++sessionLoadGeneration_;
-  ++transcriptPublishRevision_;
+  impl_->pendingSessions_.push_back(pending);
+  impl_->currentPendingSessionLocalID_ = pending.id;
+  impl_->currentSessionID_.reset();
+  impl_->currentSessionTitle_.reset();
+  impl_->currentSessionAgent_ = impl_->selectedAgent_;
+  impl_->messages_.clear();
+  impl_->streamingStatus_ = StreamingStatus{};
+  impl_->isSending_ = impl_->isStreamActive_ = false;
+  ++impl_->sessionLoadGeneration_;
+  ++impl_->transcriptPublishRevision_;
   impl_->publish();
 }
 
@@ -761,40 +822,40 @@ DaemonChatViewModel::SubmitOutcome DaemonChatViewModel::submit(std::string text,
   if (base::trim(text).empty()) return SubmitOutcome::ignored;
   if (!currentSessionKey()) startNewSession();
   const std::string key = *currentSessionKey();
-  const std::string real = registry_.realID(key);
+  const std::string real = impl_->registry_.realID(key);
   setComposerText({});
   if (impl_->isRunning(key)) {
     if (inject && !base::startsWith(real, "pending-")) {
       bridge::InjectRequest request;
       request.text = kit::InjectedMessagePrefix::apply(text);
       request.sessionId = real;
-      request.agent = currentSessionAgent_ ? currentSessionAgent_ : selectedAgent_;
+      request.agent = impl_->currentSessionAgent_ ? impl_->currentSessionAgent_ : impl_->selectedAgent_;
       impl_->spawn([](Impl* self, bridge::InjectRequest request, std::string text, std::string key) -> asio::awaitable<void> {
         try {
           auto stream = co_await self->deps.client->inject(request);
           while (auto event = co_await stream.next()) {
             if (event->get<SSEEvent::Injected>()) {
-              self->vm.notice_ = "Injected into the running reply.";
+              self->notice_ = "Injected into the running reply.";
               self->publish();
             }
           }
         } catch (const std::exception& e) {
-          if (!self->alive) co_return;
+          if (self->closed()) co_return;
           // Not lost: it waits in the queue instead.
           base::log::info(kSource, "injection failed, queued instead: {}", e.what());
-          auto queued = self->vm.queuedDraftMessageStore_.items(key);
+          auto queued = self->queuedDraftMessageStore_.items(key);
           queued.push_back(kit::QueuedDraftMessage{base::newUUIDString(), text, {}, {}, now(), std::nullopt, {}});
-          self->vm.queuedDraftMessageStore_.replace(key, std::move(queued));
-          self->vm.notice_ = "Could not inject; the message is queued.";
+          self->queuedDraftMessageStore_.replace(key, std::move(queued));
+          self->notice_ = "Could not inject; the message is queued.";
           self->publish();
         }
       }(impl_.get(), std::move(request), text, real));
       return SubmitOutcome::injected;
     }
-    auto queued = queuedDraftMessageStore_.items(real);
+    auto queued = impl_->queuedDraftMessageStore_.items(real);
     queued.push_back(kit::QueuedDraftMessage{base::newUUIDString(), std::move(text), {}, {}, now(), std::nullopt, {}});
-    queuedDraftMessageStore_.replace(real, std::move(queued));
-    notice_ = "Queued: it will be sent when the reply finishes.";
+    impl_->queuedDraftMessageStore_.replace(real, std::move(queued));
+    impl_->notice_ = "Queued: it will be sent when the reply finishes.";
     impl_->publish();
     return SubmitOutcome::queued;
   }
@@ -805,33 +866,33 @@ DaemonChatViewModel::SubmitOutcome DaemonChatViewModel::submit(std::string text,
 void DaemonChatViewModel::editQueuedDraft(const std::string& id, std::string text) {
   auto key = currentSessionKey();
   if (!key) return;
-  auto items = queuedDraftMessageStore_.items(registry_.realID(*key));
+  auto items = impl_->queuedDraftMessageStore_.items(impl_->registry_.realID(*key));
   for (auto& item : items)
     if (item.id == id) item.text = std::move(text);
-  queuedDraftMessageStore_.replace(registry_.realID(*key), std::move(items));
+  impl_->queuedDraftMessageStore_.replace(impl_->registry_.realID(*key), std::move(items));
   impl_->publish();
 }
 
 void DaemonChatViewModel::retractQueuedDraft(const std::string& id) {
   auto key = currentSessionKey();
   if (!key) return;
-  auto items = queuedDraftMessageStore_.items(registry_.realID(*key));
+  auto items = impl_->queuedDraftMessageStore_.items(impl_->registry_.realID(*key));
   std::erase_if(items, [&](const kit::QueuedDraftMessage& m) { return m.id == id; });
-  queuedDraftMessageStore_.replace(registry_.realID(*key), std::move(items));
+  impl_->queuedDraftMessageStore_.replace(impl_->registry_.realID(*key), std::move(items));
   impl_->publish();
 }
 
 void DaemonChatViewModel::forceSendQueued(std::string typedText) {
   auto key = currentSessionKey();
   if (!key) return;
-  const std::string real = registry_.realID(*key);
-  auto plan = kit::QueueForceSendPlanner::plan(queuedDraftMessageStore_.items(real), typedText);
+  const std::string real = impl_->registry_.realID(*key);
+  auto plan = kit::QueueForceSendPlanner::plan(impl_->queuedDraftMessageStore_.items(real), typedText);
   if (!plan) return;
   auto payload = kit::QueueForceSendPayloadPlanner::plan(*plan);
-  queuedDraftMessageStore_.remove(real);
+  impl_->queuedDraftMessageStore_.remove(real);
   if (impl_->isRunning(*key)) {
     // Sent as soon as the cancelled reply has ended: it drains as the queue would.
-    queuedDraftMessageStore_.replace(real, {kit::QueuedDraftMessage{base::newUUIDString(), payload.promptText, payload.attachments,
+    impl_->queuedDraftMessageStore_.replace(real, {kit::QueuedDraftMessage{base::newUUIDString(), payload.promptText, payload.attachments,
                                                                     payload.contentBlocks, now(), std::nullopt, {}}});
     cancel();
   } else {
@@ -845,28 +906,28 @@ void DaemonChatViewModel::cancel() {
   if (!key) return;
   auto token = impl_->tokenFor(*key);
   if (!token) return;
-  streamCancellationTracker_.markCancelling(*token);
-  isCancelling_ = true;
+  impl_->streamCancellationTracker_.markCancelling(*token);
+  impl_->isCancelling_ = true;
   // A session the engine may not have created yet: decide what becomes of its pending marker.
-  if (currentPendingSessionLocalID_ && !currentSessionID_) {
-    const std::string pending = *currentPendingSessionLocalID_;
+  if (impl_->currentPendingSessionLocalID_ && !impl_->currentSessionID_) {
+    const std::string pending = *impl_->currentPendingSessionLocalID_;
     kit::PendingCancelCleanupPlanner::Input input;
-    input.candidate = {pending, messages_.size() <= 2 && composerText().empty()};
-    input.realSessionID = registry_.realIDIfRegistered(pending);
-    input.isListedPending = std::any_of(pendingSessions_.begin(), pendingSessions_.end(),
+    input.candidate = {pending, impl_->messages_.size() <= 2 && composerText().empty()};
+    input.realSessionID = impl_->registry_.realIDIfRegistered(pending);
+    input.isListedPending = std::any_of(impl_->pendingSessions_.begin(), impl_->pendingSessions_.end(),
                                         [&](const PendingSession& p) { return p.id == pending; });
-    input.currentPendingSessionLocalID = currentPendingSessionLocalID_;
+    input.currentPendingSessionLocalID = impl_->currentPendingSessionLocalID_;
     switch (kit::PendingCancelCleanupPlanner::plan(input)) {
       case kit::PendingCancelCleanupPlan::promoteToReal:
-        currentSessionID_ = input.realSessionID;
-        std::erase_if(pendingSessions_, [&](const PendingSession& p) { return p.id == pending; });
+        impl_->currentSessionID_ = input.realSessionID;
+        std::erase_if(impl_->pendingSessions_, [&](const PendingSession& p) { return p.id == pending; });
         break;
       case kit::PendingCancelCleanupPlan::discardPendingDraft:
-        std::erase_if(pendingSessions_, [&](const PendingSession& p) { return p.id == pending; });
+        std::erase_if(impl_->pendingSessions_, [&](const PendingSession& p) { return p.id == pending; });
         if (impl_->deps.drafts) impl_->deps.drafts->set({}, kit::ComposerDraftKey::forPendingSession(pending));
         break;
       case kit::PendingCancelCleanupPlan::detachStalePendingMarker:
-        currentPendingSessionLocalID_.reset();
+        impl_->currentPendingSessionLocalID_.reset();
         break;
       case kit::PendingCancelCleanupPlan::skip:
       case kit::PendingCancelCleanupPlan::ignoreStaleOrphan:
@@ -875,9 +936,9 @@ void DaemonChatViewModel::cancel() {
   }
   impl_->publish();
   bridge::CancelRequest request;
-  const std::string real = registry_.realID(*key);
+  const std::string real = impl_->registry_.realID(*key);
   if (!base::startsWith(real, "pending-")) request.sessionId = real;
-  request.agent = currentSessionAgent_ ? currentSessionAgent_ : selectedAgent_;
+  request.agent = impl_->currentSessionAgent_ ? impl_->currentSessionAgent_ : impl_->selectedAgent_;
   impl_->spawn([](Impl* self, bridge::CancelRequest request, std::string token) -> asio::awaitable<void> {
     try {
       co_await self->deps.client->cancel(request);
@@ -885,29 +946,29 @@ void DaemonChatViewModel::cancel() {
       base::log::info(kSource, "cancel request failed: {}", e.what());
     }
     // The engine may not know a run that has not started yet: end our side regardless.
-    if (!self->alive) co_return;
+    if (self->closed()) co_return;
     if (auto it = self->streams.find(token); it != self->streams.end()) it->second->cancel();
   }(impl_.get(), std::move(request), *token));
 }
 
 void DaemonChatViewModel::answerApproval(const std::string& requestID, ApprovalDecision decision) {
-  auto row = approvalRows_.find(requestID);
-  const std::string tool = row != approvalRows_.end() ? row->second.info.tool : std::string();
+  auto row = impl_->approvalRows_.find(requestID);
+  const std::string tool = row != impl_->approvalRows_.end() ? row->second.info.tool : std::string();
   impl_->resolveApproval(requestID);
   impl_->spawn([](Impl* self, std::string requestID, ApprovalDecision decision, std::string tool) -> asio::awaitable<void> {
     try {
       bridge::ApprovalResponseBody body{requestID, decisionText(decision)};
       co_await self->deps.client->answerApproval(body);
-      if (!self->alive) co_return;
+      if (self->closed()) co_return;
       switch (decision) {
-        case ApprovalDecision::once: self->vm.notice_ = "Allowed for this turn. High-risk commands are never saved as Always Allow."; break;
-        case ApprovalDecision::session: self->vm.notice_ = tool + " allowed for this session."; break;
-        case ApprovalDecision::always: self->vm.notice_ = tool + " is always allowed from now on."; break;
-        case ApprovalDecision::deny: self->vm.notice_ = "Denied."; break;
+        case ApprovalDecision::once: self->notice_ = "Allowed for this turn. High-risk commands are never saved as Always Allow."; break;
+        case ApprovalDecision::session: self->notice_ = tool + " allowed for this session."; break;
+        case ApprovalDecision::always: self->notice_ = tool + " is always allowed from now on."; break;
+        case ApprovalDecision::deny: self->notice_ = "Denied."; break;
       }
       self->publish();
     } catch (const std::exception& e) {
-      if (self->alive) self->showError(e);
+      if (!self->closed()) self->showError(e);
     }
   }(impl_.get(), requestID, decision, tool));
 }
@@ -918,7 +979,7 @@ void DaemonChatViewModel::answerQuestion(const std::string& requestID, std::vect
     try {
       co_await self->deps.client->answerQuestion(body);
     } catch (const std::exception& e) {
-      if (self->alive) self->showError(e);
+      if (!self->closed()) self->showError(e);
     }
   }(impl_.get(), bridge::QuestionResponseBody{requestID, std::string("answer"), std::move(answers)}));
 }
@@ -929,30 +990,30 @@ void DaemonChatViewModel::declineQuestion(const std::string& requestID) {
     try {
       co_await self->deps.client->answerQuestion(body);
     } catch (const std::exception& e) {
-      if (self->alive) self->showError(e);
+      if (!self->closed()) self->showError(e);
     }
   }(impl_.get(), bridge::QuestionResponseBody{requestID, std::string("decline"), std::nullopt}));
 }
 
 void DaemonChatViewModel::refreshCurrentSession() {
-  if (!currentSessionID_ || base::startsWith(*currentSessionID_, "pending-")) return;
-  const auto generation = ++sessionLoadGeneration_;
-  impl_->spawn(impl_->reload(*currentSessionID_, generation));
+  if (!impl_->currentSessionID_ || base::startsWith(*impl_->currentSessionID_, "pending-")) return;
+  const auto generation = ++impl_->sessionLoadGeneration_;
+  impl_->spawn(impl_->reload(*impl_->currentSessionID_, generation));
 }
 
 std::string DaemonChatViewModel::composerText() const {
   if (!impl_->deps.drafts) return {};
-  auto key = currentSessionID_ ? kit::ComposerDraftKey::forSession(*currentSessionID_)
-             : currentPendingSessionLocalID_ ? kit::ComposerDraftKey::forPendingSession(*currentPendingSessionLocalID_)
-                                             : kit::ComposerDraftKey::forNewSession(selectedAgent_.value_or(""));
+  auto key = impl_->currentSessionID_ ? kit::ComposerDraftKey::forSession(*impl_->currentSessionID_)
+             : impl_->currentPendingSessionLocalID_ ? kit::ComposerDraftKey::forPendingSession(*impl_->currentPendingSessionLocalID_)
+                                             : kit::ComposerDraftKey::forNewSession(impl_->selectedAgent_.value_or(""));
   return impl_->deps.drafts->draft(key).value_or("");
 }
 
 void DaemonChatViewModel::setComposerText(std::string text) {
   if (!impl_->deps.drafts) return;
-  auto key = currentSessionID_ ? kit::ComposerDraftKey::forSession(*currentSessionID_)
-             : currentPendingSessionLocalID_ ? kit::ComposerDraftKey::forPendingSession(*currentPendingSessionLocalID_)
-                                             : kit::ComposerDraftKey::forNewSession(selectedAgent_.value_or(""));
+  auto key = impl_->currentSessionID_ ? kit::ComposerDraftKey::forSession(*impl_->currentSessionID_)
+             : impl_->currentPendingSessionLocalID_ ? kit::ComposerDraftKey::forPendingSession(*impl_->currentPendingSessionLocalID_)
+                                             : kit::ComposerDraftKey::forNewSession(impl_->selectedAgent_.value_or(""));
   impl_->deps.drafts->set(std::move(text), key);
 }
 
@@ -967,10 +1028,41 @@ std::optional<std::string> DaemonChatViewModel::conversationAnnotationErrorText(
 }
 
 void DaemonChatViewModel::setSessionBrowseScope(std::string scope) {
-  if (scope == sessionBrowseScope_) return;
-  sessionBrowseScope_ = std::move(scope);
+  if (scope == impl_->sessionBrowseScope_) return;
+  impl_->sessionBrowseScope_ = std::move(scope);
   impl_->saveSidebarState();
   impl_->publish();
 }
+
+// ---------------------------------------------------------------- observable state
+
+auto DaemonChatViewModel::changed() -> base::Signal<>& { return impl_->changed_; }
+auto DaemonChatViewModel::agents() const -> const std::vector<AgentItem>& { return impl_->agents_; }
+auto DaemonChatViewModel::selectedAgent() const -> const std::optional<std::string>& { return impl_->selectedAgent_; }
+auto DaemonChatViewModel::sessions() const -> const std::vector<bridge::DaemonSession>& { return impl_->sessions_; }
+auto DaemonChatViewModel::pendingSessions() const -> const std::vector<PendingSession>& { return impl_->pendingSessions_; }
+auto DaemonChatViewModel::currentSessionID() const -> const std::optional<std::string>& { return impl_->currentSessionID_; }
+auto DaemonChatViewModel::currentSessionTitle() const -> const std::optional<std::string>& { return impl_->currentSessionTitle_; }
+auto DaemonChatViewModel::currentPendingSessionLocalID() const -> const std::optional<std::string>& { return impl_->currentPendingSessionLocalID_; }
+auto DaemonChatViewModel::messages() const -> const std::vector<kit::Message>& { return impl_->messages_; }
+auto DaemonChatViewModel::isLoading() const -> bool { return impl_->isLoading_; }
+auto DaemonChatViewModel::isSending() const -> bool { return impl_->isSending_; }
+auto DaemonChatViewModel::isCancelling() const -> bool { return impl_->isCancelling_; }
+auto DaemonChatViewModel::isStreamActive() const -> bool { return impl_->isStreamActive_; }
+auto DaemonChatViewModel::streamingStatus() const -> const StreamingStatus& { return impl_->streamingStatus_; }
+auto DaemonChatViewModel::transcriptPublishRevision() const -> std::uint64_t { return impl_->transcriptPublishRevision_; }
+auto DaemonChatViewModel::runningSessionIDs() const -> const std::set<std::string>& { return impl_->runningSessionIDs_; }
+auto DaemonChatViewModel::runningPendingSessionIDs() const -> const std::set<std::string>& { return impl_->runningPendingSessionIDs_; }
+auto DaemonChatViewModel::errorMessage() const -> const std::optional<std::string>& { return impl_->errorMessage_; }
+auto DaemonChatViewModel::quotaError() const -> const std::optional<bridge::QuotaDetails>& { return impl_->quotaError_; }
+auto DaemonChatViewModel::creditsError() const -> const std::optional<bridge::CreditsDetails>& { return impl_->creditsError_; }
+auto DaemonChatViewModel::isRetryingAfterRefill() const -> bool { return impl_->isRetryingAfterRefill_; }
+auto DaemonChatViewModel::notice() const -> const std::optional<std::string>& { return impl_->notice_; }
+auto DaemonChatViewModel::sessionIdentityRegistry() -> bridge::SessionIdentityRegistry& { return impl_->registry_; }
+auto DaemonChatViewModel::cachedSessionCount() const -> std::size_t { return impl_->cachedSessionWindows_.valuesByKey().size(); }
+auto DaemonChatViewModel::externalQueuedMessages() const -> const kit::ExternalQueuedMessageStore& { return impl_->externalQueued_; }
+auto DaemonChatViewModel::sessionBrowseScope() const -> const std::string& { return impl_->sessionBrowseScope_; }
+auto DaemonChatViewModel::partialSessions() const -> const std::set<std::string>& { return impl_->partialSessions_; }
+auto DaemonChatViewModel::completedUnreadSessions() const -> const std::set<std::string>& { return impl_->completedUnreadSessions_; }
 
 }  // namespace tamsel::desktop

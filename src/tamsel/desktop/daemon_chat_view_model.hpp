@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "tamsel/base/main_executor.hpp"
+#include "tamsel/base/preferences_store.hpp"
 #include "tamsel/base/signal.hpp"
 #include "tamsel/bridge/daemon_client.hpp"
 #include "tamsel/bridge/daemon_client_error.hpp"
@@ -106,6 +107,7 @@ class DaemonChatViewModel {
     static constexpr int maxCachedSessions = 6;
     static constexpr int maxInFlightSessionStates = 10;
     static constexpr int maxResolvedRequestIDCount = 300;
+    static constexpr int maxHandledMessageReceivedIDCount = 300;
     static constexpr int maxRecentSSEDoneSessionCount = 300;
     static constexpr int maxScheduleRunAgentNotifiedCount = 256;
     static constexpr int shareTaskStatesCap = 20;
@@ -120,44 +122,49 @@ class DaemonChatViewModel {
     bridge::EventStreamClient* events = nullptr;  // optional
     bridge::SessionHistory* history = nullptr;
     kit::DraftStorage* drafts = nullptr;          // optional
-    class PreferencesStore* preferences = nullptr;  // sidebar state; optional
+    base::PreferencesStore* preferences = nullptr;  // sidebar state; optional
   };
 
-  DaemonChatViewModel(base::MainExecutor executor, Dependencies dependencies);
+  // The dependencies must outlive the view model.
+  DaemonChatViewModel(base::MainExecutor& executor, Dependencies dependencies);
+  // May be called at any moment on the main executor: running replies, loads and engine calls are
+  // cancelled, and nothing of the view model runs afterwards.
   ~DaemonChatViewModel();
+  DaemonChatViewModel(const DaemonChatViewModel&) = delete;
+  DaemonChatViewModel& operator=(const DaemonChatViewModel&) = delete;
 
   // ---- observable state ----
-  base::Signal<>& changed() { return changed_; }
-  const std::vector<AgentItem>& agents() const { return agents_; }
-  const std::optional<std::string>& selectedAgent() const { return selectedAgent_; }
-  const std::vector<bridge::DaemonSession>& sessions() const { return sessions_; }
-  const std::vector<PendingSession>& pendingSessions() const { return pendingSessions_; }
-  const std::optional<std::string>& currentSessionID() const { return currentSessionID_; }
-  const std::optional<std::string>& currentSessionTitle() const { return currentSessionTitle_; }
-  const std::optional<std::string>& currentPendingSessionLocalID() const { return currentPendingSessionLocalID_; }
-  const std::vector<kit::Message>& messages() const { return messages_; }
-  bool isLoading() const { return isLoading_; }
-  bool isSending() const { return isSending_; }
-  bool isCancelling() const { return isCancelling_; }
-  bool isStreamActive() const { return isStreamActive_; }
-  const StreamingStatus& streamingStatus() const { return streamingStatus_; }
-  std::uint64_t transcriptPublishRevision() const { return transcriptPublishRevision_; }
-  const std::set<std::string>& runningSessionIDs() const { return runningSessionIDs_; }
-  const std::set<std::string>& runningPendingSessionIDs() const { return runningPendingSessionIDs_; }
+  base::Signal<>& changed();
+  const std::vector<AgentItem>& agents() const;
+  const std::optional<std::string>& selectedAgent() const;
+  const std::vector<bridge::DaemonSession>& sessions() const;
+  const std::vector<PendingSession>& pendingSessions() const;
+  const std::optional<std::string>& currentSessionID() const;
+  const std::optional<std::string>& currentSessionTitle() const;
+  const std::optional<std::string>& currentPendingSessionLocalID() const;
+  const std::vector<kit::Message>& messages() const;
+  bool isLoading() const;
+  bool isSending() const;
+  bool isCancelling() const;
+  bool isStreamActive() const;
+  const StreamingStatus& streamingStatus() const;
+  std::uint64_t transcriptPublishRevision() const;
+  const std::set<std::string>& runningSessionIDs() const;
+  const std::set<std::string>& runningPendingSessionIDs() const;
   std::vector<kit::QueuedDraftMessage> queuedDrafts() const;
   std::vector<ApprovalRow> pendingApprovals() const;
   std::vector<QuestionRow> pendingQuestions() const;
-  const std::optional<std::string>& errorMessage() const { return errorMessage_; }
-  const std::optional<bridge::QuotaDetails>& quotaError() const { return quotaError_; }
-  const std::optional<bridge::CreditsDetails>& creditsError() const { return creditsError_; }
-  bool isRetryingAfterRefill() const { return isRetryingAfterRefill_; }
+  const std::optional<std::string>& errorMessage() const;
+  const std::optional<bridge::QuotaDetails>& quotaError() const;
+  const std::optional<bridge::CreditsDetails>& creditsError() const;
+  bool isRetryingAfterRefill() const;
   // The last short message for the user (an approval answer, a queued message, ...).
-  const std::optional<std::string>& notice() const { return notice_; }
-  bridge::SessionIdentityRegistry& sessionIdentityRegistry() { return registry_; }
+  const std::optional<std::string>& notice() const;
+  bridge::SessionIdentityRegistry& sessionIdentityRegistry();
   // The key of the visible session for per-session stores: its real id, or its pending id.
   std::optional<std::string> currentSessionKey() const;
-  std::size_t cachedSessionCount() const { return cachedSessionWindows_.valuesByKey().size(); }
-  const kit::ExternalQueuedMessageStore& externalQueuedMessages() const { return externalQueued_; }
+  std::size_t cachedSessionCount() const;
+  const kit::ExternalQueuedMessageStore& externalQueuedMessages() const;
 
   // ---- operations ----
   // Subscribes to the event bus and loads agents and the sidebar.
@@ -188,57 +195,19 @@ class DaemonChatViewModel {
   static std::optional<std::string> conversationAnnotationErrorText(std::string_view code);
 
   // Sidebar state kept across restarts.
-  const std::string& sessionBrowseScope() const { return sessionBrowseScope_; }
+  const std::string& sessionBrowseScope() const;
   void setSessionBrowseScope(std::string scope);
-  const std::set<std::string>& partialSessions() const { return partialSessions_; }
-  const std::set<std::string>& completedUnreadSessions() const { return completedUnreadSessions_; }
+  const std::set<std::string>& partialSessions() const;
+  const std::set<std::string>& completedUnreadSessions() const;
   static constexpr const char* sessionBrowseKey = "dev.tamsel.desktop.daemonChat.sessionBrowse";
   static constexpr const char* partialSessionsKey = "dev.tamsel.desktop.daemonChat.partialSessions";
   static constexpr const char* completedUnreadSessionsKey = "dev.tamsel.desktop.daemonChat.completedUnreadSessions";
 
- private:
+ public:
   struct Impl;
-  friend struct Impl;
-  std::unique_ptr<Impl> impl_;
 
-  // State (see the accessors).
-  std::vector<AgentItem> agents_;
-  std::optional<std::string> selectedAgent_;
-  std::vector<bridge::DaemonSession> sessions_;
-  std::vector<PendingSession> pendingSessions_;
-  std::optional<std::string> currentSessionID_, currentSessionTitle_, currentPendingSessionLocalID_, currentSessionAgent_;
-  std::vector<kit::Message> messages_;
-  bool isLoading_ = false;
-  std::int64_t totalSessionMessageCount_ = 0;
-  std::int64_t optimisticLoadedMessageCount_ = 0;
-  std::uint64_t transcriptPublishRevision_ = 0;
-  bool isSending_ = false, isCancelling_ = false, isStreamActive_ = false;
-  StreamingStatus streamingStatus_;
-  std::string deltaBuffer_;
-  std::set<std::string> runningSessionIDs_, runningPendingSessionIDs_;
-  std::map<std::string, std::string> streamingTokensBySession_;
-  kit::StreamCancellationTracker streamCancellationTracker_;
-  kit::SessionScopedQueueStore<kit::QueuedDraftMessage> queuedDraftMessageStore_;
-  kit::QueuedDraftDrainCoordinator queuedDraftDrainCoordinator_;
-  kit::ExternalQueuedMessageStore externalQueued_{Bounds::externalQueuedMessagesPerSession};
-  std::map<std::string, ApprovalRow> approvalRows_;  // by request id
-  std::map<std::string, QuestionRow> questionRows_;
-  kit::SessionScopedValueStore<bool> resolvedRequestIDs_{Bounds::maxResolvedRequestIDCount};
-  kit::SessionScopedValueStore<bool> resolvedQuestionRequestIDs_{Bounds::maxResolvedRequestIDCount};
-  kit::SessionScopedValueStore<CachedSessionWindow> cachedSessionWindows_{Bounds::maxCachedSessions};
-  kit::SessionScopedValueStore<InFlightSessionState> inFlightSessionStates_{Bounds::maxInFlightSessionStates};
-  kit::SessionScopedValueStore<bool> recentSSEDoneSessions_{Bounds::maxRecentSSEDoneSessionCount};
-  std::set<std::string> handledMessageReceivedIDs_;
-  std::uint64_t selectAgentGeneration_ = 0, sessionLoadGeneration_ = 0, sidebarLoadGeneration_ = 0;
-  std::optional<std::string> errorMessage_;
-  std::optional<bridge::QuotaDetails> quotaError_;
-  std::optional<bridge::CreditsDetails> creditsError_;
-  bool isRetryingAfterRefill_ = false;
-  std::optional<std::string> notice_;
-  std::string sessionBrowseScope_ = "agent";
-  std::set<std::string> partialSessions_, completedUnreadSessions_;
-  bridge::SessionIdentityRegistry registry_;
-  base::Signal<> changed_;
+ private:
+  std::shared_ptr<Impl> impl_;
 };
 
 }  // namespace tamsel::desktop

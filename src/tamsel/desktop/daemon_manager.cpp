@@ -1,7 +1,6 @@
 #include "tamsel/desktop/daemon_manager.hpp"
 
 #include <signal.h>
-#include <unistd.h>
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
@@ -10,26 +9,22 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
-#include <cerrno>
 #include <chrono>
 
 #include "tamsel/base/atomic_file.hpp"
 #include "tamsel/base/log.hpp"
 #include "tamsel/base/strings.hpp"
+#include "tamsel/base/task_scope.hpp"
 #include "tamsel/bridge/daemon_local_presence.hpp"
-#include "tamsel/bridge/daemon_paths.hpp"
-#include "tamsel/bridge/desktop_rpc_switch.hpp"
 #include "tamsel/bridge/pidfile_reader.hpp"
 #include "tamsel/bridge/protocol_version.hpp"
 #include "tamsel/bridge/rpc/desktop_rpc_service.hpp"
-#include "tamsel/calendar/desktop_calendar.hpp"
 #include "tamsel/desktop/engine_locator.hpp"
 
 namespace tamsel::desktop {
 
 namespace asio = boost::asio;
 namespace fs = std::filesystem;
-using bridge::DaemonPaths;
 
 namespace {
 constexpr const char* kSource = "DaemonManager";
@@ -91,10 +86,31 @@ std::string DaemonManager::name(LocalEndpointHealth health) {
   return {};
 }
 
-struct DaemonManager::Impl {
-  base::MainExecutor executor;
+struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
+  using Self = std::shared_ptr<Impl>;
+
+  Impl(base::MainExecutor& executor, Config config, Dependencies deps)
+      : executor(executor), config(std::move(config)), deps(std::move(deps)),
+        monitorTimer(executor.ioExecutor()), tasks(executor.ioExecutor()) {}
+
+  base::MainExecutor& executor;
   Config config;
+  Dependencies deps;
   Hooks hooks;
+
+  // Observable state.
+  State state;
+  LocalEndpointHealth localEndpoint = LocalEndpointHealth::unknown;
+  DaemonCapabilityState capabilityState;
+  std::optional<std::string> installedVersion;
+  std::optional<std::string> activeAgent;
+  std::int64_t restartCount = 0;
+  bool isBootstrapping = false;
+  bool hasClaimedOwnership = false;
+  std::optional<fs::path> enginePath;
+  std::vector<std::string> lastLaunchArguments;
+  base::Signal<> changed;
+
   // Shared with the exit watcher, which may outlive a replaced engine.
   std::shared_ptr<platform::Process> process;
   bool processIsOurs = false;
@@ -105,61 +121,366 @@ struct DaemonManager::Impl {
   std::chrono::steady_clock::time_point runningSince{};
   std::vector<std::function<void()>> startWaiters;
   bool publishPending = false;
-  std::unique_ptr<asio::steady_timer> monitorTimer;
-  // Created only while the RPC switch is on.
-  std::unique_ptr<bridge::rpc::DesktopRPCService> rpcService;
-  // Serves the calendar methods on the channel; declared last so it goes first.
-  std::shared_ptr<calendar::CalendarProvider> calendar;
+  asio::steady_timer monitorTimer;
+  base::TaskScope tasks;
+
+  bool closed() const { return tasks.isClosed(); }
+
+  void close() {
+    ++generation;
+    monitorTimer.cancel();
+    startWaiters.clear();
+    tasks.close();
+  }
+
+  // Changes made in one turn of the main executor reach observers as one notification,
+  // posted after them, so observers always read a consistent state.
+  void publish() {
+    if (publishPending || closed()) return;
+    publishPending = true;
+    executor.post([weak = weak_from_this()] {
+      const auto self = weak.lock();
+      if (!self || self->closed()) return;
+      self->publishPending = false;
+      self->changed.emit();
+    });
+  }
+
+  void setState(State next) {
+    if (state == next) return;
+    base::log::info(kSource, "{}", next.displayText());
+    state = std::move(next);
+    publish();
+  }
+
+  void setEndpoint(LocalEndpointHealth health) {
+    if (localEndpoint == health) return;
+    localEndpoint = health;
+    publish();
+  }
+
+  bool processRunning() const { return process && process->isRunning(); }
+
+  void observeStatus(const bridge::DaemonStatus& status) {
+    DaemonCapabilityState next{true, {}};
+    if (status.capabilities) next.tokens.insert(status.capabilities->begin(), status.capabilities->end());
+    bool dirty = false;
+    if (next != capabilityState) {
+      capabilityState = std::move(next);
+      dirty = true;
+    }
+    if (status.activeAgent != activeAgent) {
+      activeAgent = status.activeAgent;
+      dirty = true;
+    }
+    if (dirty) publish();
+  }
+
+  void finishBootstrap() {
+    isBootstrapping = false;
+    auto waiters = std::move(startWaiters);
+    startWaiters.clear();
+    for (auto& done : waiters) done();
+  }
+
+  void spawn(asio::awaitable<void> work) { tasks.spawn(std::move(work), kSource); }
+
+  static asio::awaitable<void> startSequence(Self self) {
+    self->isBootstrapping = true;
+    self->setState(State::starting());
+
+    auto engine = self->hooks.locateEngine();
+    if (!engine) {
+      self->enginePath.reset();
+      self->setEndpoint(LocalEndpointHealth::down);
+      self->setState(State::notInstalled());
+      self->finishBootstrap();
+      co_return;
+    }
+    self->enginePath = engine;
+    if (auto version = EngineLocator::bundledVersion(*engine); version != self->installedVersion) {
+      self->installedVersion = version;
+      self->publish();
+    }
+
+    if (!self->hasClaimedOwnership) {
+      self->hasClaimedOwnership = true;
+      self->hooks.claimLegacyService();
+    }
+
+    bridge::DaemonReconciler reconciler({self->deps.paths.pidfilePath(), bridge::desktopRPCProtocolVersion,
+                                         self->hooks.probe, self->hooks.sendSignal, self->config.terminateGraceSeconds,
+                                         self->config.killGraceSeconds, self->config.reconcilePollSeconds});
+    const auto decision = co_await reconciler.reconcile();
+    if (self->closed()) co_return;
+    if (const auto* fatal = std::get_if<bridge::ReconcileDecision::Fatal>(&decision.value)) {
+      self->setEndpoint(LocalEndpointHealth::down);
+      self->setState(State::failed(fatal->message));
+      self->finishBootstrap();
+      co_return;
+    }
+
+    bool reuse = decision.isReuse();
+    if (!reuse && !self->deps.rpcService) {
+      // Without its RPC options the engine writes no pidfile, so an engine of ours may be
+      // running unseen; one that answers our authenticated status call is reused rather than
+      // doubled by a second engine that could not bind the port anyway.
+      try {
+        co_await self->deps.client->status();
+        reuse = true;
+      } catch (const std::exception&) {
+      }
+      if (self->closed()) co_return;
+    }
+    ++self->generation;
+    if (reuse) {
+      base::log::info(kSource, "reusing the running engine");
+      auto pid = bridge::PidfileReader::readProcessID(self->deps.paths.pidfilePath());
+      self->process = pid ? self->hooks.adopt(*pid) : nullptr;
+      self->processIsOurs = false;
+    } else {
+      base::log::info(kSource, "starting a new engine: {}",
+                      std::get<bridge::ReconcileDecision::Respawn>(decision.value).reason);
+      if (!self->launch(*engine)) {
+        self->finishBootstrap();
+        co_return;
+      }
+    }
+    if (self->process) self->watchExit(self->generation);
+
+    const bool ready = co_await waitForReadiness(self);
+    if (self->closed()) co_return;
+    if (ready) {
+      self->runningSince = std::chrono::steady_clock::now();
+      self->setEndpoint(LocalEndpointHealth::ready);
+      self->setState(State::running());
+      if (self->config.connectEventStream && self->deps.eventStream) self->deps.eventStream->start();
+      self->startRPCChannel();
+    } else {
+      self->setEndpoint(self->processRunning() ? LocalEndpointHealth::reconnecting : LocalEndpointHealth::down);
+      if (self->processIsOurs) {
+        base::log::warn(kSource, "engine did not answer; command line: {} {}; last output:\n{}", engine->string(),
+                        base::join(self->lastLaunchArguments, " "), lastLines(self->deps.paths.engineLogPath(), 15));
+      }
+      self->setState(State::failed("Engine not responding"));
+    }
+    self->startMonitoring();
+    self->finishBootstrap();
+  }
+
+  bool launch(const fs::path& engine) {
+    // The old engine is gone or replaced: its token goes with it.
+    std::error_code ec;
+    fs::remove(deps.paths.tokenFilePath(), ec);
+
+    lastLaunchArguments = engineArguments(config.daemonArguments, config.port, deps.rpcService != nullptr,
+                                          deps.paths.socketPath(), deps.paths.pidfilePath());
+    platform::LaunchOptions options;
+    options.executable = engine;
+    options.arguments = lastLaunchArguments;
+    options.environment = platform::currentEnvironment();
+    const auto setVariable = [&](std::string_view key, const std::string& value) {
+      std::erase_if(options.environment, [&](const std::string& entry) {
+        return entry.size() > key.size() && entry.starts_with(key) && entry[key.size()] == '=';
+      });
+      options.environment.push_back(std::string(key) + "=" + value);
+    };
+    setVariable(bridge::DaemonLocalPresence::environmentKey, deps.presenceToken);
+    if (config.axServerBundleOverride) setVariable("TAMSEL_AX_SERVER_BUNDLE_PATH", config.axServerBundleOverride->string());
+    options.outputFile = deps.paths.engineLogPath();
+    try {
+      process = hooks.launch(options);
+      processIsOurs = true;
+    } catch (const std::exception& e) {
+      process.reset();
+      setEndpoint(LocalEndpointHealth::down);
+      setState(State::failed(std::string("Failed to start: ") + e.what()));
+      return false;
+    }
+    try {
+      bridge::DaemonLocalPresence::saveForEngine(deps.paths.tokenFilePath(), deps.presenceToken);
+    } catch (const std::exception& e) {
+      base::log::warn(kSource, "could not keep the engine's presence token: {}", e.what());
+    }
+    base::log::info(kSource, "started engine {} (PID {})", engine.string(), process->pid());
+    return true;
+  }
+
+  static asio::awaitable<bool> waitForReadiness(Self self) {
+    for (int poll = 0; poll < self->config.readinessPolls; ++poll) {
+      if (poll > 0) co_await sleepFor(self->config.readinessIntervalSeconds);
+      if (self->closed()) co_return false;
+      // An engine we started that has already exited will not answer; whatever does answer on
+      // the port is not it.
+      if (self->processIsOurs && !self->processRunning()) co_return false;
+      try {
+        auto status = co_await self->deps.client->status();
+        if (self->closed()) co_return false;
+        self->observeStatus(status);
+        co_return true;
+      } catch (const std::exception& e) {
+        base::log::debug(kSource, "status poll {} failed: {}", poll + 1, e.what());
+      }
+    }
+    co_return false;
+  }
+
+  void watchExit(std::uint64_t watched) {
+    spawn([](Self self, std::uint64_t watched) -> asio::awaitable<void> {
+      std::shared_ptr<platform::Process> engine = self->process;
+      const auto status = co_await engine->waitForExit();
+      if (watched != self->generation || self->closed()) co_return;
+      self->onEngineExit(status);
+    }(shared_from_this(), watched));
+  }
+
+  void onEngineExit(const platform::ExitStatus& status) {
+    base::log::warn(kSource, "engine (PID {}) {}", process ? process->pid() : 0, status.describe());
+    ++generation;  // the health watcher of this engine stands down
+    monitorTimer.cancel();
+    if (terminationRequested) return;
+    if (state.kind == State::Kind::running &&
+        std::chrono::steady_clock::now() - runningSince > std::chrono::duration<double>(config.stableRunSeconds)) {
+      restartCount = 0;
+    }
+    if (restartCount > maxRestarts - 1) {
+      setEndpoint(LocalEndpointHealth::down);
+      setState(State::failed("Engine crashed " + std::to_string(maxRestarts) + " times, stopped restarting"));
+      return;
+    }
+    ++restartCount;
+    setEndpoint(LocalEndpointHealth::down);
+    publish();
+    spawn([](Self self, std::uint64_t expected) -> asio::awaitable<void> {
+      co_await sleepFor(self->config.restartDelaySeconds);
+      if (expected != self->generation || self->isBootstrapping || self->terminationRequested || self->closed())
+        co_return;
+      self->isBootstrapping = true;
+      co_await startSequence(self);
+    }(shared_from_this(), generation));
+  }
+
+  // Connects the desktop RPC channel in the background; its outcome shows in the service's own
+  // state. A channel refused for its protocol version is not retried against the same engine.
+  void startRPCChannel() {
+    auto* service = deps.rpcService;
+    if (!service || !config.connectRPCChannel || service->isStarting()) return;
+    spawn([](Self self, asio::awaitable<void> connecting) -> asio::awaitable<void> {
+      try {
+        co_await std::move(connecting);
+      } catch (const std::exception& e) {
+        if (!self->closed()) base::log::warn(kSource, "desktop RPC channel: {}", e.what());
+      }
+    }(shared_from_this(), service->start()));
+  }
+
+  bool rpcChannelNeedsRetry() const {
+    const auto* service = deps.rpcService;
+    if (!service || service->isOnline() || service->isStarting()) return false;
+    return !service->refusedProtocolVersion();
+  }
+
+  void startMonitoring() {
+    monitorTimer.cancel();
+    spawn([](Self self, std::uint64_t watched) -> asio::awaitable<void> {
+      int failures = 0;
+      while (watched == self->generation && !self->closed()) {
+        self->monitorTimer.expires_after(
+            std::chrono::nanoseconds(static_cast<std::int64_t>(self->config.healthIntervalSeconds * 1e9)));
+        boost::system::error_code ec;
+        co_await self->monitorTimer.async_wait(asio::redirect_error(asio::use_awaitable, ec));
+        if (ec || watched != self->generation || self->terminationRequested || self->closed()) co_return;
+        try {
+          auto status = co_await self->deps.client->status();
+          if (watched != self->generation || self->closed()) co_return;
+          self->observeStatus(status);
+          failures = 0;
+          self->setEndpoint(LocalEndpointHealth::ready);
+          // The engine answers but the channel dropped (the engine closed it, or it was not
+          // listening yet): connect again.
+          if (self->state.kind == State::Kind::running && self->rpcChannelNeedsRetry()) self->startRPCChannel();
+          if (self->state == State::failed("Engine not responding")) {
+            self->runningSince = std::chrono::steady_clock::now();
+            self->setState(State::running());
+          }
+        } catch (const std::exception& e) {
+          if (watched != self->generation || self->closed()) co_return;
+          ++failures;
+          base::log::debug(kSource, "health check failed: {}", e.what());
+          self->setEndpoint(self->processRunning() ? LocalEndpointHealth::reconnecting : LocalEndpointHealth::down);
+          if (failures >= self->config.healthFailuresBeforeFailed) self->setState(State::failed("Engine not responding"));
+        }
+      }
+    }(shared_from_this(), generation));
+  }
+
+  static asio::awaitable<void> waitUntilGone(const std::function<bool()>& alive, double seconds) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (alive() && std::chrono::steady_clock::now() < deadline) co_await sleepFor(0.02);
+  }
+
+  static asio::awaitable<void> stopSequence(Self self, double graceSeconds) {
+    self->terminationRequested = true;
+    ++self->generation;
+    if (self->deps.eventStream) self->deps.eventStream->stop();
+    if (self->deps.rpcService) self->deps.rpcService->stop();
+    self->monitorTimer.cancel();
+    try {
+      co_await self->deps.client->shutdown();
+    } catch (const std::exception& e) {
+      base::log::info(kSource, "shutdown request failed: {}", e.what());
+    }
+    if (self->closed()) co_return;
+    // Wait for the engine to go: our handle when we have one, else the pidfile's PID.
+    std::optional<std::int32_t> pid;
+    if (self->process) pid = self->process->pid();
+    else pid = bridge::PidfileReader::readProcessID(self->deps.paths.pidfilePath());
+    const std::function<bool()> alive = [self, pid] {
+      if (self->process) return self->process->isRunning();
+      return pid && platform::processExists(*pid);
+    };
+    co_await waitUntilGone(alive, graceSeconds);
+    if (alive() && self->process && self->processIsOurs) {
+      // Never leave behind an engine we started and were asked to end.
+      self->process->signal(SIGTERM);
+      co_await waitUntilGone(alive, self->config.terminateGraceSeconds);
+      if (alive()) {
+        self->process->signal(SIGKILL);
+        co_await waitUntilGone(alive, self->config.killGraceSeconds);
+      }
+    }
+    if (self->process && self->process->isChild() && !self->process->isRunning()) co_await self->process->waitForExit();
+    if (!alive()) {
+      std::error_code ec;
+      fs::remove(self->deps.paths.tokenFilePath(), ec);
+    }
+    self->process.reset();
+    self->setEndpoint(LocalEndpointHealth::down);
+    self->setState(State::unknown());
+  }
 };
 
-DaemonManager::DaemonManager(base::MainExecutor executor, Config config)
-    : impl_(std::make_unique<Impl>(Impl{executor, std::move(config), {}, {}, false, false, 0, {}, {}, false, {}})) {
-  auto& cfg = impl_->config;
-  client_ = std::make_unique<bridge::DaemonClient>(bridge::DaemonClient::Config{
-      cfg.port, bridge::DaemonLocalPresence::token(), cfg.deviceID,
-      {"approvals", "questions", "inject", "queue", "session_started", "deliverables"}});
-
-  eventStream_ = std::make_unique<bridge::EventStreamClient>(
-      executor.context().get_executor(),
-      bridge::EventStreamClient::Config{cfg.port, bridge::DaemonLocalPresence::token(), cfg.deviceID});
-
+DaemonManager::DaemonManager(base::MainExecutor& executor, Config config, Dependencies dependencies, Hooks hooks)
+    : impl_(std::make_shared<Impl>(executor, std::move(config), std::move(dependencies))) {
   Hooks defaults;
-  defaults.locateEngine = [] { return EngineLocator::locate(EngineLocator::current()); };
   defaults.launch = [](const platform::LaunchOptions& options) { return platform::Process::launch(options); };
   defaults.adopt = [](std::int32_t pid) { return platform::Process::adopt(pid); };
   defaults.sendSignal = &bridge::DaemonReconciler::systemSignal;
-  // An engine that answers our authenticated status call is taken to speak our protocol; the
-  // RPC channel's capabilities handshake replaces this probe once it is in place.
-  defaults.probe = [this]() -> asio::awaitable<std::string> {
-    co_await client_->status();
-    co_return std::string(bridge::desktopRPCProtocolVersion);
-  };
-  if (bridge::DesktopRPCSwitch::isEnabled()) {
-    bridge::rpc::DesktopRPCService::Options rpcOptions;
-    rpcOptions.socketPath = DaemonPaths::socketPath();
-    rpcOptions.pidfilePath = DaemonPaths::pidfilePath();
-    // A person at the terminal can answer calendar.request_permission; nobody else is asked.
-    try {
-      impl_->calendar =
-          calendar::makeDesktopCalendarProvider(executor.context().get_executor(), ::isatty(STDIN_FILENO) == 1);
-    } catch (const std::exception& e) {
-      base::log::warn(kSource, "calendar unavailable: {}", e.what());
-    }
-    impl_->rpcService = std::make_unique<bridge::rpc::DesktopRPCService>(
-        executor.context().get_executor(),
-        std::make_shared<bridge::rpc::DesktopRPCMethodDispatcher>(bridge::rpc::Platform::current(), impl_->calendar),
-        rpcOptions);
-    if (impl_->calendar)
-      calendar::forwardCalendarChanges(*impl_->calendar, *impl_->rpcService, executor.context().get_executor());
-    // The engine's own answer over the channel, not the HTTP stand-in above.
-    defaults.probe = []() -> asio::awaitable<std::string> {
-      const fs::path socket = DaemonPaths::socketPath();
+  if (auto* service = impl_->deps.rpcService) {
+    // The engine's own answer over the channel.
+    defaults.probe = [socket = service->options().socketPath]() -> asio::awaitable<std::string> {
+      const fs::path path = socket;
       const double limit = 3.0;
-      co_return co_await bridge::rpc::DesktopRPCService::probeProtocolVersion(socket, limit);
+      co_return co_await bridge::rpc::DesktopRPCService::probeProtocolVersion(path, limit);
+    };
+  } else {
+    // An engine that answers our authenticated status call is taken to speak our protocol.
+    defaults.probe = [client = impl_->deps.client]() -> asio::awaitable<std::string> {
+      co_await client->status();
+      co_return std::string(bridge::desktopRPCProtocolVersion);
     };
   }
-  defaults.claimLegacyService = [] {
-    const auto unit = DaemonPaths::legacyLaunchAgentPath();
+  defaults.claimLegacyService = [unit = impl_->deps.paths.legacyUnitPath()] {
     std::error_code ec;
     if (!fs::exists(unit, ec)) return;
     const fs::path systemctl = platform::isExecutableFile("/usr/bin/systemctl") ? "/usr/bin/systemctl" : "/bin/systemctl";
@@ -171,9 +492,10 @@ DaemonManager::DaemonManager(base::MainExecutor executor, Config config)
     }
   };
   impl_->hooks = std::move(defaults);
+  setHooks(std::move(hooks));
 }
 
-DaemonManager::~DaemonManager() = default;
+DaemonManager::~DaemonManager() { impl_->close(); }
 
 void DaemonManager::setHooks(Hooks hooks) {
   auto& current = impl_->hooks;
@@ -185,14 +507,25 @@ void DaemonManager::setHooks(Hooks hooks) {
   if (hooks.claimLegacyService) current.claimLegacyService = std::move(hooks.claimLegacyService);
 }
 
+const DaemonManager::State& DaemonManager::state() const { return impl_->state; }
+DaemonManager::LocalEndpointHealth DaemonManager::localEndpoint() const { return impl_->localEndpoint; }
+const DaemonManager::DaemonCapabilityState& DaemonManager::capabilityState() const { return impl_->capabilityState; }
+const std::optional<std::string>& DaemonManager::installedVersion() const { return impl_->installedVersion; }
+const std::optional<std::string>& DaemonManager::activeAgent() const { return impl_->activeAgent; }
+std::int64_t DaemonManager::restartCount() const { return impl_->restartCount; }
+bool DaemonManager::isBootstrapping() const { return impl_->isBootstrapping; }
+const std::optional<fs::path>& DaemonManager::enginePath() const { return impl_->enginePath; }
+const std::vector<std::string>& DaemonManager::lastLaunchArguments() const { return impl_->lastLaunchArguments; }
+base::Signal<>& DaemonManager::changed() { return impl_->changed; }
+bridge::DaemonClient& DaemonManager::client() { return *impl_->deps.client; }
+bridge::rpc::DesktopRPCService* DaemonManager::rpcService() { return impl_->deps.rpcService; }
+
 std::optional<std::int32_t> DaemonManager::enginePID() const {
   if (!impl_->process) return std::nullopt;
   return impl_->process->pid();
 }
 
 bool DaemonManager::ownsEngineProcess() const { return impl_->process && impl_->processIsOurs; }
-
-bridge::rpc::DesktopRPCService* DaemonManager::rpcService() { return impl_->rpcService.get(); }
 
 std::optional<std::string> DaemonManager::runCommand(const fs::path& executable,
                                                      const std::vector<std::string>& arguments,
@@ -221,372 +554,34 @@ std::vector<std::string> DaemonManager::engineArguments(const std::vector<std::s
   return args;
 }
 
-// The asynchronous sequences, kept out of the class so the header stays free of Asio.
-struct DaemonManagerAccess {
-  DaemonManager& m;
-  DaemonManager::Impl& impl;
-
-  // Changes made in one turn of the main executor reach observers as one notification,
-  // posted after them, so observers always read a consistent state.
-  void publish() {
-    if (impl.publishPending) return;
-    impl.publishPending = true;
-    DaemonManager* manager = &m;
-    impl.executor.post([manager] {
-      manager->impl_->publishPending = false;
-      manager->changed_.emit();
-    });
-  }
-
-  void setState(DaemonManager::State state) {
-    if (m.state_ == state) return;
-    if (state.kind == DaemonManager::State::Kind::failed)
-      base::log::warn(kSource, "{}", state.message);
-    else
-      base::log::info(kSource, "{}", state.displayText());
-    m.state_ = std::move(state);
-    publish();
-  }
-
-  void setEndpoint(DaemonManager::LocalEndpointHealth health) {
-    if (m.localEndpoint_ == health) return;
-    m.localEndpoint_ = health;
-    publish();
-  }
-
-  bool processRunning() const { return impl.process && impl.process->isRunning(); }
-
-  void observeStatus(const bridge::DaemonStatus& status) {
-    DaemonManager::DaemonCapabilityState next{true, {}};
-    if (status.capabilities) next.tokens.insert(status.capabilities->begin(), status.capabilities->end());
-    bool dirty = false;
-    if (next != m.capabilityState_) {
-      m.capabilityState_ = std::move(next);
-      dirty = true;
-    }
-    if (status.activeAgent != m.activeAgent_) {
-      m.activeAgent_ = status.activeAgent;
-      dirty = true;
-    }
-    if (dirty) publish();
-  }
-
-  void finishBootstrap() {
-    m.isBootstrapping_ = false;
-    auto waiters = std::move(impl.startWaiters);
-    impl.startWaiters.clear();
-    for (auto& done : waiters) done();
-  }
-
-  void spawn(asio::awaitable<void> work) {
-    asio::co_spawn(impl.executor.context(), std::move(work), [](std::exception_ptr error) {
-      if (!error) return;
-      try {
-        std::rethrow_exception(error);
-      } catch (const std::exception& e) {
-        base::log::error(kSource, "internal task failed: {}", e.what());
-      }
-    });
-  }
-
-  asio::awaitable<void> startSequence() {
-    m.isBootstrapping_ = true;
-    setState(DaemonManager::State::starting());
-
-    auto engine = impl.hooks.locateEngine();
-    if (!engine) {
-      m.enginePath_.reset();
-      setEndpoint(DaemonManager::LocalEndpointHealth::down);
-      setState(DaemonManager::State::notInstalled());
-      finishBootstrap();
-      co_return;
-    }
-    m.enginePath_ = engine;
-    if (auto version = EngineLocator::bundledVersion(*engine); version != m.installedVersion_) {
-      m.installedVersion_ = version;
-      publish();
-    }
-
-    if (!m.hasClaimedOwnership_) {
-      m.hasClaimedOwnership_ = true;
-      impl.hooks.claimLegacyService();
-    }
-
-    bridge::DaemonReconciler reconciler({DaemonPaths::pidfilePath(), bridge::desktopRPCProtocolVersion,
-                                         impl.hooks.probe, impl.hooks.sendSignal,
-                                         impl.config.terminateGraceSeconds, impl.config.killGraceSeconds,
-                                         impl.config.reconcilePollSeconds});
-    const auto decision = co_await reconciler.reconcile();
-    if (const auto* fatal = std::get_if<bridge::ReconcileDecision::Fatal>(&decision.value)) {
-      setEndpoint(DaemonManager::LocalEndpointHealth::down);
-      setState(DaemonManager::State::failed(fatal->message));
-      finishBootstrap();
-      co_return;
-    }
-
-    bool reuse = decision.isReuse();
-    if (!reuse && !bridge::DesktopRPCSwitch::isEnabled()) {
-      // Without its RPC options the engine writes no pidfile, so an engine of ours may be
-      // running unseen; one that answers our authenticated status call is reused rather than
-      // doubled by a second engine that could not bind the port anyway.
-      try {
-        co_await m.client_->status();
-        reuse = true;
-      } catch (const std::exception&) {
-      }
-    }
-    ++impl.generation;
-    if (reuse) {
-      base::log::info(kSource, "reusing the running engine");
-      auto pid = bridge::PidfileReader::readProcessID(DaemonPaths::pidfilePath());
-      impl.process = pid ? impl.hooks.adopt(*pid) : nullptr;
-      impl.processIsOurs = false;
-    } else {
-      base::log::info(kSource, "starting a new engine: {}", std::get<bridge::ReconcileDecision::Respawn>(decision.value).reason);
-      if (!launch(*engine)) {
-        finishBootstrap();
-        co_return;
-      }
-    }
-    if (impl.process) watchExit(impl.generation);
-
-    if (co_await waitForReadiness()) {
-      impl.runningSince = std::chrono::steady_clock::now();
-      setEndpoint(DaemonManager::LocalEndpointHealth::ready);
-      setState(DaemonManager::State::running());
-      if (impl.config.connectEventStream) m.eventStream_->start();
-      startRPCChannel();
-    } else {
-      setEndpoint(processRunning() ? DaemonManager::LocalEndpointHealth::reconnecting
-                                   : DaemonManager::LocalEndpointHealth::down);
-      if (impl.processIsOurs) {
-        base::log::warn(kSource, "engine did not answer; command line: {} {}; last output:\n{}",
-                        engine->string(), base::join(m.lastLaunchArguments_, " "),
-                        lastLines(DaemonPaths::engineLogPath(), 15));
-      }
-      setState(DaemonManager::State::failed("Engine not responding"));
-    }
-    startMonitoring();
-    finishBootstrap();
-  }
-
-  bool launch(const fs::path& engine) {
-    // The old engine is gone or replaced: its token goes with it.
-    std::error_code ec;
-    fs::remove(DaemonPaths::tokenFilePath(), ec);
-
-    m.lastLaunchArguments_ = DaemonManager::engineArguments(
-        impl.config.daemonArguments, impl.config.port, bridge::DesktopRPCSwitch::isEnabled(),
-        DaemonPaths::socketPath(), DaemonPaths::pidfilePath());
-    platform::LaunchOptions options;
-    options.executable = engine;
-    options.arguments = m.lastLaunchArguments_;
-    // Our environment already holds the presence token.
-    const std::string& token = bridge::DaemonLocalPresence::token();
-    options.environment = platform::currentEnvironment();
-    if (impl.config.axServerBundleOverride) {
-      constexpr std::string_view key = "TAMSEL_AX_SERVER_BUNDLE_PATH=";
-      std::erase_if(options.environment, [&](const std::string& entry) { return entry.starts_with(key); });
-      options.environment.push_back(std::string(key) + impl.config.axServerBundleOverride->string());
-    }
-    options.outputFile = DaemonPaths::engineLogPath();
-    try {
-      impl.process = impl.hooks.launch(options);
-      impl.processIsOurs = true;
-    } catch (const std::exception& e) {
-      impl.process.reset();
-      setEndpoint(DaemonManager::LocalEndpointHealth::down);
-      setState(DaemonManager::State::failed(std::string("Failed to start: ") + e.what()));
-      return false;
-    }
-    try {
-      bridge::DaemonLocalPresence::saveForEngine(DaemonPaths::tokenFilePath(), token);
-    } catch (const std::exception& e) {
-      base::log::warn(kSource, "could not keep the engine's presence token: {}", e.what());
-    }
-    base::log::info(kSource, "started engine {} (PID {})", engine.string(), impl.process->pid());
-    return true;
-  }
-
-  asio::awaitable<bool> waitForReadiness() {
-    for (int poll = 0; poll < impl.config.readinessPolls; ++poll) {
-      if (poll > 0) co_await sleepFor(impl.config.readinessIntervalSeconds);
-      // An engine we started that has already exited will not answer; whatever does answer on
-      // the port is not it.
-      if (impl.processIsOurs && !processRunning()) co_return false;
-      try {
-        observeStatus(co_await m.client_->status());
-        co_return true;
-      } catch (const std::exception& e) {
-        base::log::debug(kSource, "status poll {} failed: {}", poll + 1, e.what());
-      }
-    }
-    co_return false;
-  }
-
-  void watchExit(std::uint64_t generation) {
-    spawn([](DaemonManagerAccess self, std::uint64_t generation) -> asio::awaitable<void> {
-      std::shared_ptr<platform::Process> process = self.impl.process;
-      const auto status = co_await process->waitForExit();
-      if (generation != self.impl.generation) co_return;
-      self.onEngineExit(status);
-    }(*this, generation));
-  }
-
-  void onEngineExit(const platform::ExitStatus& status) {
-    base::log::warn(kSource, "engine (PID {}) {}", impl.process ? impl.process->pid() : 0, status.describe());
-    ++impl.generation;  // the health watcher of this engine stands down
-    if (impl.monitorTimer) impl.monitorTimer->cancel();
-    if (impl.terminationRequested) return;
-    if (m.state_.kind == DaemonManager::State::Kind::running &&
-        std::chrono::steady_clock::now() - impl.runningSince >
-            std::chrono::duration<double>(impl.config.stableRunSeconds)) {
-      m.restartCount_ = 0;
-    }
-    if (m.restartCount_ > DaemonManager::maxRestarts - 1) {
-      setEndpoint(DaemonManager::LocalEndpointHealth::down);
-      setState(DaemonManager::State::failed("Engine crashed " + std::to_string(DaemonManager::maxRestarts) +
-                                            " times, stopped restarting"));
-      return;
-    }
-    ++m.restartCount_;
-    setEndpoint(DaemonManager::LocalEndpointHealth::down);
-    publish();
-    spawn([](DaemonManagerAccess self, std::uint64_t generation) -> asio::awaitable<void> {
-      co_await sleepFor(self.impl.config.restartDelaySeconds);
-      if (generation != self.impl.generation || self.m.isBootstrapping_ || self.impl.terminationRequested) co_return;
-      self.m.isBootstrapping_ = true;
-      co_await self.startSequence();
-    }(*this, impl.generation));
-  }
-
-  // Connects the desktop RPC channel in the background; its outcome shows in the service's own
-  // state. A channel refused for its protocol version is not retried against the same engine.
-  void startRPCChannel() {
-    auto* service = impl.rpcService.get();
-    if (!service || !impl.config.connectRPCChannel || service->isStarting()) return;
-    asio::co_spawn(impl.executor.context(), service->start(), [](std::exception_ptr error) {
-      if (!error) return;
-      try {
-        std::rethrow_exception(error);
-      } catch (const std::exception& e) {
-        base::log::warn(kSource, "desktop RPC channel: {}", e.what());
-      }
-    });
-  }
-
-  bool rpcChannelNeedsRetry() const {
-    const auto* service = impl.rpcService.get();
-    if (!service || service->isOnline() || service->isStarting()) return false;
-    return !service->lastError() || !service->lastError()->starts_with("protocol version mismatch");
-  }
-
-  void startMonitoring() {
-    if (impl.monitorTimer) impl.monitorTimer->cancel();
-    impl.monitorTimer = std::make_unique<asio::steady_timer>(impl.executor.context());
-    spawn([](DaemonManagerAccess self, std::uint64_t generation) -> asio::awaitable<void> {
-      auto* timer = self.impl.monitorTimer.get();
-      int failures = 0;
-      while (generation == self.impl.generation) {
-        timer->expires_after(std::chrono::nanoseconds(static_cast<std::int64_t>(self.impl.config.healthIntervalSeconds * 1e9)));
-        boost::system::error_code ec;
-        co_await timer->async_wait(asio::redirect_error(asio::use_awaitable, ec));
-        if (ec || generation != self.impl.generation || self.impl.terminationRequested) co_return;
-        try {
-          self.observeStatus(co_await self.m.client_->status());
-          if (generation != self.impl.generation) co_return;
-          failures = 0;
-          self.setEndpoint(DaemonManager::LocalEndpointHealth::ready);
-          // The engine answers but the channel dropped (the engine closed it, or it was not
-          // listening yet): connect again.
-          if (self.m.state_.kind == DaemonManager::State::Kind::running && self.rpcChannelNeedsRetry())
-            self.startRPCChannel();
-          if (self.m.state_ == DaemonManager::State::failed("Engine not responding")) {
-            self.impl.runningSince = std::chrono::steady_clock::now();
-            self.setState(DaemonManager::State::running());
-          }
-        } catch (const std::exception& e) {
-          if (generation != self.impl.generation) co_return;
-          ++failures;
-          base::log::debug(kSource, "health check failed: {}", e.what());
-          self.setEndpoint(self.processRunning() ? DaemonManager::LocalEndpointHealth::reconnecting
-                                                 : DaemonManager::LocalEndpointHealth::down);
-          if (failures >= self.impl.config.healthFailuresBeforeFailed)
-            self.setState(DaemonManager::State::failed("Engine not responding"));
-        }
-      }
-    }(*this, impl.generation));
-  }
-
-  asio::awaitable<void> stopSequence(double graceSeconds) {
-    impl.terminationRequested = true;
-    ++impl.generation;
-    m.eventStream_->stop();
-    if (impl.rpcService) impl.rpcService->stop();
-    if (impl.monitorTimer) impl.monitorTimer->cancel();
-    try {
-      co_await m.client_->shutdown();
-    } catch (const std::exception& e) {
-      base::log::info(kSource, "shutdown request failed: {}", e.what());
-    }
-    // Wait for the engine to go: our handle when we have one, else the pidfile's PID.
-    std::optional<std::int32_t> pid = m.enginePID();
-    if (!pid) pid = bridge::PidfileReader::readProcessID(DaemonPaths::pidfilePath());
-    auto alive = [&] {
-      if (impl.process) return impl.process->isRunning();
-      return pid && (::kill(*pid, 0) == 0 || errno == EPERM);
-    };
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(graceSeconds);
-    while (alive() && std::chrono::steady_clock::now() < deadline) co_await sleepFor(0.05);
-    if (alive() && impl.process && impl.processIsOurs) {
-      // Never leave behind an engine we started and were asked to end.
-      impl.process->signal(SIGTERM);
-      const auto killAt = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-      while (alive() && std::chrono::steady_clock::now() < killAt) co_await sleepFor(0.05);
-      if (alive()) {
-        impl.process->signal(SIGKILL);
-        const auto goneBy = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-        while (alive() && std::chrono::steady_clock::now() < goneBy) co_await sleepFor(0.02);
-      }
-    }
-    if (impl.process && impl.process->isChild() && !impl.process->isRunning()) co_await impl.process->waitForExit();
-    if (!alive()) {
-      std::error_code ec;
-      fs::remove(DaemonPaths::tokenFilePath(), ec);
-    }
-    impl.process.reset();
-    setEndpoint(DaemonManager::LocalEndpointHealth::down);
-    setState(DaemonManager::State::unknown());
-  }
-};
-
 void DaemonManager::start() { start(nullptr); }
 
 void DaemonManager::start(std::function<void()> done) {
   if (done) impl_->startWaiters.push_back(std::move(done));
-  if (isBootstrapping_) return;
+  if (impl_->isBootstrapping) return;
   // Set before the sequence is scheduled so a second start in the same turn is ignored.
-  isBootstrapping_ = true;
-  restartCount_ = 0;
+  impl_->isBootstrapping = true;
+  impl_->restartCount = 0;
   impl_->terminationRequested = false;
-  DaemonManagerAccess access{*this, *impl_};
-  access.spawn([](DaemonManagerAccess self) -> asio::awaitable<void> { co_await self.startSequence(); }(access));
+  impl_->spawn(Impl::startSequence(impl_));
 }
 
 void DaemonManager::restart() {
-  DaemonManagerAccess access{*this, *impl_};
-  access.spawn([](DaemonManagerAccess self) -> asio::awaitable<void> {
-    co_await self.stopSequence(5);
-    self.m.start();
-  }(access));
+  impl_->spawn([](Impl::Self self) -> asio::awaitable<void> {
+    co_await Impl::stopSequence(self, 5);
+    if (self->closed() || self->isBootstrapping) co_return;
+    self->isBootstrapping = true;
+    self->restartCount = 0;
+    self->terminationRequested = false;
+    co_await Impl::startSequence(self);
+  }(impl_));
 }
 
 void DaemonManager::stop(std::function<void()> done, double graceSeconds) {
-  DaemonManagerAccess access{*this, *impl_};
-  access.spawn([](DaemonManagerAccess self, std::function<void()> done, double grace) -> asio::awaitable<void> {
-    co_await self.stopSequence(grace);
-    if (done) done();
-  }(access, std::move(done), graceSeconds));
+  impl_->spawn([](Impl::Self self, std::function<void()> done, double grace) -> asio::awaitable<void> {
+    co_await Impl::stopSequence(self, grace);
+    if (done && !self->closed()) done();
+  }(impl_, std::move(done), graceSeconds));
 }
 
 }  // namespace tamsel::desktop

@@ -4,7 +4,10 @@
 // for it to answer, watches it and restarts it a bounded number of times after a crash.
 //
 // Lives on the main executor: every method must be called there, and every change of the
-// observable state is published there, in order, through `changed`.
+// observable state is published there, in order, through `changed`. It may be destroyed there at
+// any moment: its tasks are cancelled and nothing of it runs afterwards (an engine it started
+// keeps running; stop() ends it). It builds none of its collaborators: the composition root
+// hands them over and they must outlive it.
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -18,6 +21,7 @@
 #include "tamsel/base/main_executor.hpp"
 #include "tamsel/base/signal.hpp"
 #include "tamsel/bridge/daemon_client.hpp"
+#include "tamsel/bridge/daemon_paths.hpp"
 #include "tamsel/bridge/daemon_reconciler.hpp"
 #include "tamsel/bridge/event_stream_client.hpp"
 #include "tamsel/platform/child_process.hpp"
@@ -83,12 +87,12 @@ class DaemonManager {
     // The engine's daemon-mode arguments, before the RPC options; "{port}" becomes the port.
     std::vector<std::string> daemonArguments{"daemon", "--port", "{port}"};
     std::optional<std::filesystem::path> axServerBundleOverride;
-    std::string deviceID;
     double restartDelaySeconds = 5;
     int readinessPolls = 10;
     double readinessIntervalSeconds = 0.5;
     double healthIntervalSeconds = 5;
     int healthFailuresBeforeFailed = 3;
+    // After SIGTERM, how long an engine gets to go before SIGKILL; after SIGKILL, how long we wait.
     double terminateGraceSeconds = 3;
     double killGraceSeconds = 2;
     double reconcilePollSeconds = 0.1;
@@ -100,43 +104,55 @@ class DaemonManager {
     bool connectRPCChannel = true;
   };
 
+  struct Dependencies {
+    bridge::DaemonClient* client = nullptr;                // required
+    bridge::EventStreamClient* eventStream = nullptr;      // optional
+    bridge::rpc::DesktopRPCService* rpcService = nullptr;  // null when the RPC channel is off
+    bridge::DaemonPaths paths;
+    // Passed to an engine we start (our environment holds it too); a secret.
+    std::string presenceToken;
+  };
+
   // The effects the manager relies on, replaceable in tests.
   struct Hooks {
     std::function<std::optional<std::filesystem::path>()> locateEngine;
     std::function<std::unique_ptr<platform::Process>(const platform::LaunchOptions&)> launch;
     std::function<std::unique_ptr<platform::Process>(std::int32_t pid)> adopt;
     bridge::DaemonReconciler::SignalFunction sendSignal;
-    // Asks a running engine which protocol version it speaks.
+    // Asks a running engine which protocol version it speaks. Default: the RPC channel's
+    // capabilities handshake, or the HTTP status call when the channel is off.
     bridge::DaemonReconciler::Probe probe;
     // Turns off the legacy user service that may keep its own engine alive.
     std::function<void()> claimLegacyService;
   };
 
-  DaemonManager(base::MainExecutor executor, Config config);
-  // Replaces the default effects; call before start().
+  // `locateEngine` must be among `hooks`; the other effects have real defaults.
+  DaemonManager(base::MainExecutor& executor, Config config, Dependencies dependencies, Hooks hooks);
+  // Replaces some effects; call before start().
   void setHooks(Hooks hooks);
   ~DaemonManager();
+  DaemonManager(const DaemonManager&) = delete;
+  DaemonManager& operator=(const DaemonManager&) = delete;
 
   // Observable state.
-  const State& state() const { return state_; }
-  LocalEndpointHealth localEndpoint() const { return localEndpoint_; }
-  const DaemonCapabilityState& capabilityState() const { return capabilityState_; }
-  const std::optional<std::string>& installedVersion() const { return installedVersion_; }
-  const std::optional<std::string>& activeAgent() const { return activeAgent_; }
-  std::int64_t restartCount() const { return restartCount_; }
-  bool isBootstrapping() const { return isBootstrapping_; }
+  const State& state() const;
+  LocalEndpointHealth localEndpoint() const;
+  const DaemonCapabilityState& capabilityState() const;
+  const std::optional<std::string>& installedVersion() const;
+  const std::optional<std::string>& activeAgent() const;
+  std::int64_t restartCount() const;
+  bool isBootstrapping() const;
   std::optional<std::int32_t> enginePID() const;
   // True when the engine was started by this process (not reused).
   bool ownsEngineProcess() const;
-  const std::optional<std::filesystem::path>& enginePath() const { return enginePath_; }
+  const std::optional<std::filesystem::path>& enginePath() const;
   // The arguments the engine was last started with.
-  const std::vector<std::string>& lastLaunchArguments() const { return lastLaunchArguments_; }
-  base::Signal<>& changed() { return changed_; }
+  const std::vector<std::string>& lastLaunchArguments() const;
+  base::Signal<>& changed();
 
-  bridge::DaemonClient& client() { return *client_; }
-  bridge::EventStreamClient& eventStream() { return *eventStream_; }
-  // The desktop RPC channel; null when TAMSEL_DESKTOP_RPC is "0". Its own `changed` signal
-  // reports isOnline and lastError.
+  bridge::DaemonClient& client();
+  // The desktop RPC channel; null when it is switched off. Its own `changed` signal reports
+  // isOnline and lastError.
   bridge::rpc::DesktopRPCService* rpcService();
 
   // Runs the start sequence unless one is running. A start the user asks for also gives back
@@ -163,23 +179,7 @@ class DaemonManager {
 
  private:
   struct Impl;
-  std::unique_ptr<Impl> impl_;
-
-  State state_;
-  LocalEndpointHealth localEndpoint_ = LocalEndpointHealth::unknown;
-  DaemonCapabilityState capabilityState_;
-  std::optional<std::string> installedVersion_;
-  std::optional<std::string> activeAgent_;
-  std::int64_t restartCount_ = 0;
-  bool isBootstrapping_ = false;
-  bool hasClaimedOwnership_ = false;
-  std::optional<std::filesystem::path> enginePath_;
-  std::vector<std::string> lastLaunchArguments_;
-  std::unique_ptr<bridge::DaemonClient> client_;
-  std::unique_ptr<bridge::EventStreamClient> eventStream_;
-  base::Signal<> changed_;
-
-  friend struct DaemonManagerAccess;
+  std::shared_ptr<Impl> impl_;
 };
 
 }  // namespace tamsel::desktop

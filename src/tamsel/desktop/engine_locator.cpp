@@ -37,11 +37,11 @@ std::optional<fs::path> EngineLocator::locate(const Inputs& in) {
   return std::nullopt;
 }
 
-EngineLocator::Inputs EngineLocator::current() {
+EngineLocator::Inputs EngineLocator::forThisProcess(const base::env::Environment& environment) {
   Inputs in;
-  in.verdBinary = base::env::get("VERD_BINARY");
+  in.verdBinary = environment.verdBinary;
   in.executableDirectory = platform::executableDirectory();
-  in.homeDirectory = base::env::homeDirectory();
+  in.homeDirectory = environment.home;
   in.which = []() -> std::optional<std::string> {
     if (!platform::isExecutableFile("/usr/bin/which")) return std::nullopt;
     try {

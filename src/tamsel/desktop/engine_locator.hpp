@@ -10,6 +10,8 @@
 #include <optional>
 #include <string>
 
+#include "tamsel/base/env.hpp"
+
 namespace tamsel::desktop {
 
 struct EngineLocator {
@@ -23,8 +25,8 @@ struct EngineLocator {
   };
 
   static std::optional<std::filesystem::path> locate(const Inputs& inputs);
-  // The inputs of this process.
-  static Inputs current();
+  // The inputs of this process, from its environment.
+  static Inputs forThisProcess(const base::env::Environment& environment);
   // The engine's version, from a VERSION file beside a bundled engine.
   static std::optional<std::string> bundledVersion(const std::filesystem::path& engine);
 };

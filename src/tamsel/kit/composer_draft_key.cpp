@@ -18,12 +18,4 @@ std::optional<std::string> ComposerDraftKey::pendingLocalID(const std::string& k
   return key.substr(prefix.size());
 }
 
-std::string ComposerDraftKey::rekeyed(const std::string& key, const bridge::SessionIdentityRegistry& registry) {
-  auto pending = pendingLocalID(key);
-  if (!pending) return key;
-  auto real = registry.realIDIfRegistered(*pending);
-  if (!real || real->empty()) return key;
-  return forSession(*real);
-}
-
 }  // namespace tamsel::kit

@@ -5,8 +5,6 @@
 #include <optional>
 #include <string>
 
-#include "tamsel/bridge/session_identity_registry.hpp"
-
 namespace tamsel::kit {
 
 struct ComposerDraftKey {
@@ -20,10 +18,6 @@ struct ComposerDraftKey {
 
   // The pending local id a key was built from, when it is a pending key.
   static std::optional<std::string> pendingLocalID(const std::string& key);
-
-  // A pending key whose session the engine has since created becomes that session's key;
-  // others unchanged.
-  static std::string rekeyed(const std::string& key, const bridge::SessionIdentityRegistry& registry);
 };
 
 }  // namespace tamsel::kit

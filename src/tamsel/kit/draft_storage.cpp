@@ -10,7 +10,6 @@
 #include "tamsel/base/dates.hpp"
 #include "tamsel/base/json.hpp"
 #include "tamsel/base/log.hpp"
-#include "tamsel/bridge/daemon_paths.hpp"
 
 namespace tamsel::kit {
 
@@ -122,9 +121,9 @@ std::string DraftStorage::truncatedToCharacters(std::string_view text, std::size
   return limitText(text, maxCharacters).text;
 }
 
-DraftStorage::Configuration DraftStorage::defaults() {
+DraftStorage::Configuration DraftStorage::defaultsIn(const fs::path& appFolder) {
   Configuration config;
-  config.fileURL = bridge::DaemonPaths::appSupportDirectory() / "drafts.json";
+  config.file = appFolder / "drafts.json";
   return config;
 }
 
@@ -147,7 +146,7 @@ DraftStorage::~DraftStorage() {
 SteadyClock::time_point DraftStorage::now() const { return config_.clock ? config_.clock() : SteadyClock::now(); }
 
 void DraftStorage::load() {
-  const fs::path& path = config_.fileURL;
+  const fs::path& path = config_.file;
   std::error_code ec;
   if (!fs::exists(path, ec)) {
     if (ec) {
@@ -176,7 +175,7 @@ void DraftStorage::load() {
 }
 
 void DraftStorage::moveAside(const std::string& reason) {
-  const fs::path& path = config_.fileURL;
+  const fs::path& path = config_.file;
   const auto target = base::moveAside(path);
   if (!target) {
     fileProtected_ = true;
@@ -302,19 +301,19 @@ void DraftStorage::writeSnapshot(std::optional<std::uint64_t> scheduledGeneratio
   }
   if (fileProtected_) {
     base::log::warn(kSource, "Not saving drafts over {}, which could not be read or moved aside",
-                    config_.fileURL.string());
+                    config_.file.string());
     writtenGeneration_ = generation;
     return;
   }
   try {
     const std::string contents = encodeFile(ordered);
-    if (config_.fileURL.has_parent_path()) fs::create_directories(config_.fileURL.parent_path());
-    base::writeFileAtomically(config_.fileURL, contents, 0600);
+    if (config_.file.has_parent_path()) fs::create_directories(config_.file.parent_path());
+    base::writeFileAtomically(config_.file, contents, 0600);
     writtenGeneration_ = generation;
     ++writeCount_;
   } catch (const std::exception& e) {
     // The drafts stay in memory; the next change or flush tries again.
-    base::log::error(kSource, "Cannot save drafts to {}: {}", config_.fileURL.string(), e.what());
+    base::log::error(kSource, "Cannot save drafts to {}: {}", config_.file.string(), e.what());
   }
 }
 

@@ -42,7 +42,7 @@ class DraftStorage {
   using Clock = std::function<std::chrono::steady_clock::time_point()>;
 
   struct Configuration {
-    std::filesystem::path fileURL;
+    std::filesystem::path file;
     std::size_t maxEntries = 200;
     std::size_t maxLengthPerEntry = 30000;
     std::chrono::milliseconds debounce{500};
@@ -52,8 +52,8 @@ class DraftStorage {
 
   static constexpr int fileVersion = 1;
 
-  // <app support dir>/drafts.json, 200 entries, 30000 characters, 0.5 s.
-  static Configuration defaults();
+  // <app folder>/drafts.json, 200 entries, 30000 characters, 0.5 s.
+  static Configuration defaultsIn(const std::filesystem::path& appFolder);
 
   explicit DraftStorage(Configuration configuration);  // loads the file
   ~DraftStorage();  // flushes pending changes, stops the writer thread

@@ -114,8 +114,10 @@ bool Process::isRunning() const {
     pollfd p{pidfd_, POLLIN, 0};
     return ::poll(&p, 1, 0) == 0;
   }
-  return ::kill(pid_, 0) == 0 || errno == EPERM;
+  return processExists(pid_);
 }
+
+bool processExists(std::int32_t pid) { return pid > 0 && (::kill(pid, 0) == 0 || errno == EPERM); }
 
 void Process::signal(int signalNumber) const {
   if (!exited_) ::kill(pid_, signalNumber);

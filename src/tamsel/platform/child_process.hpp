@@ -67,6 +67,10 @@ std::vector<std::string> currentEnvironment();
 
 bool isExecutableFile(const std::filesystem::path& path);
 
+// Whether a process with this PID exists (also one of another user). PIDs below 1 name process
+// groups for kill(2) and never count.
+bool processExists(std::int32_t pid);
+
 // The folder of the running executable (/proc/self/exe).
 std::filesystem::path executableDirectory();
 

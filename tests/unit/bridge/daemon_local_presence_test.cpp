@@ -44,19 +44,20 @@ TEST(DaemonLocalPresence, SavedTokenIsOwnerOnly) {
   EXPECT_EQ(DaemonLocalPresence::loadSaved(file), "abc");
 }
 
-TEST(DaemonLocalPresence, ConcurrentFirstUsesSeeOneTokenWrittenToTheEnvironment) {
-  // Keep the process-wide token away from any real engine folder.
+TEST(DaemonLocalPresence, ThisProcessTakesTheSavedTokenOrMakesOneAndExportsIt) {
   test::TempDir dir;
-  ::setenv("XDG_DATA_HOME", dir.path().c_str(), 1);
-  ::setenv(DaemonLocalPresence::environmentKey, "   ", 1);
-  std::vector<std::string> seen(8);
-  std::vector<std::thread> threads;
-  for (size_t i = 0; i < seen.size(); ++i)
-    threads.emplace_back([&seen, i] { seen[i] = DaemonLocalPresence::token(); });
-  for (auto& t : threads) t.join();
-  EXPECT_EQ(std::set<std::string>(seen.begin(), seen.end()).size(), 1u);
-  EXPECT_EQ(seen[0].size(), 73u);
-  EXPECT_EQ(base::env::get(DaemonLocalPresence::environmentKey), seen[0]);
+  const auto file = dir.path() / "daemon.token";
+  // A blank preset is no token: the saved one of a running engine wins.
+  DaemonLocalPresence::saveForEngine(file, "saved-token");
+  EXPECT_EQ(DaemonLocalPresence::forThisProcess(std::string("   "), file), "saved-token");
+  EXPECT_EQ(base::env::get(DaemonLocalPresence::environmentKey), "saved-token");
+  // A preset is used exactly as found, whatever is saved.
+  EXPECT_EQ(DaemonLocalPresence::forThisProcess(std::string(" preset "), file), " preset ");
+  std::filesystem::remove(file);
+  const auto made = DaemonLocalPresence::forThisProcess(std::nullopt, file);
+  EXPECT_EQ(made.size(), 73u);
+  EXPECT_EQ(base::env::get(DaemonLocalPresence::environmentKey), made);
+  ::unsetenv(DaemonLocalPresence::environmentKey);
 }
 
 TEST(DesktopRPCSwitch, OnlyExactlyZeroSwitchesItOff) {

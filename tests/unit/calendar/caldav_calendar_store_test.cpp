@@ -311,7 +311,8 @@ TEST_F(CalDAVStore, TheServersReadOnlyCalendarIsRefusedByStoreAndProvider) {
   const auto result = test::runAsync([&]() -> asio::awaitable<bridge::rpc::RPCResult> {
     auto provider = std::make_shared<CalendarProvider>(
         co_await asio::this_coro::executor, store, std::make_shared<MemoryPermissionStore>(CalendarPermissionStatus::granted));
-    bridge::rpc::DesktopRPCMethodDispatcher dispatcher(bridge::rpc::Platform{"Linux", "test", "0"}, provider);
+    bridge::rpc::DesktopRPCMethodDispatcher dispatcher(bridge::rpc::Platform{"Linux", "test", "0"});
+    registerCalendarMethods(dispatcher, provider);
     const auto params = JSONValue::object({{"calendar_id", "caldav:test@local/holidays"},
                                            {"title", "Party"},
                                            {"start", "2026-03-10T09:00:00Z"},

@@ -12,6 +12,7 @@
 #include "../test_support.hpp"
 #include "tamsel/bridge/rpc/desktop_rpc_method_dispatcher.hpp"
 #include "tamsel/calendar/calendar_provider.hpp"
+#include "tamsel/calendar/desktop_calendar.hpp"
 
 namespace tamsel::calendar {
 namespace {
@@ -93,7 +94,8 @@ class ProviderTest : public ::testing::Test {
   RPCResult call(std::string method, JSONValue params, std::int64_t timeoutMs = 5000) {
     return test::runAsync([&]() -> asio::awaitable<RPCResult> {
       auto provider = std::make_shared<CalendarProvider>(co_await asio::this_coro::executor, store, permissions, prompter);
-      bridge::rpc::DesktopRPCMethodDispatcher dispatcher(bridge::rpc::Platform{"Linux", "test", "0"}, provider);
+      bridge::rpc::DesktopRPCMethodDispatcher dispatcher(bridge::rpc::Platform{"Linux", "test", "0"});
+      registerCalendarMethods(dispatcher, provider);
       RPCRequest request{"r1", method, params, timeoutMs, "s", "main", "verd", "t"};
       co_return co_await dispatcher.handle(request);
     }());
@@ -285,16 +287,23 @@ TEST_F(ProviderTest, WatchingReportsDataAndPermissionChanges) {
   EXPECT_EQ(std::count(seen.begin(), seen.end(), CalendarChangeEvent::permissionChanged), 1);
 }
 
-TEST(CalendarDispatcher, AdvertisesTheCalendarMethodsOnlyWithAProvider) {
+TEST(CalendarDispatcher, RegistersTheCalendarMethodsAndAnswersOnceTheProviderIsGone) {
   test::runAsync([&]() -> asio::awaitable<bool> {
     auto provider = std::make_shared<CalendarProvider>(co_await asio::this_coro::executor, std::make_shared<FakeStore>(),
                                                        std::make_shared<MemoryPermissionStore>());
-    bridge::rpc::DesktopRPCMethodDispatcher with(bridge::rpc::Platform{"Linux", "t", "0"}, provider);
+    bridge::rpc::DesktopRPCMethodDispatcher with(bridge::rpc::Platform{"Linux", "t", "0"});
+    registerCalendarMethods(with, provider);
     EXPECT_EQ(with.methods().size(), 10u);
     EXPECT_EQ(with.methods()[2], "calendar.list_sources");
     RPCRequest request{"u", "calendar.list_reminders", JSONValue::object({}), 0, "", "", "", ""};
     const auto unknown = co_await with.handle(request);
     EXPECT_EQ(unknown.error->message, "Unknown method: calendar.list_reminders");
+    // The channel outlives the calendar: its methods then fail as internal errors, never crash.
+    provider.reset();
+    RPCRequest check{"c", "calendar.check_permission", JSONValue::object({}), 0, "", "", "", ""};
+    const auto gone = co_await with.handle(check);
+    EXPECT_FALSE(gone.ok);
+    EXPECT_EQ(gone.error->code, "internal_error");
     co_return true;
   }());
 }

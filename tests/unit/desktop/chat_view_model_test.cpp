@@ -17,7 +17,8 @@ class ChatViewModelFiles : public ::testing::Test {
   boost::asio::io_context io;
   bridge::DaemonClient client{{1, "token", "device", {}}};  // nothing listens: only files are read
   bridge::SessionHistory history{std::filesystem::path(TAMSEL_FIXTURES_DIR) / "verdane"};
-  DaemonChatViewModel vm{base::MainExecutor(io), {&client, nullptr, &history, nullptr, nullptr}};
+  base::AsioMainExecutor main{io};
+  DaemonChatViewModel vm{main, {&client, nullptr, &history, nullptr, nullptr}};
 };
 
 TEST_F(ChatViewModelFiles, ASessionLoadsFromItsFile) {

@@ -290,7 +290,7 @@ TEST(StreamCancellationTracker, TracksTokensUntilCleared) {
   EXPECT_EQ(tracker.cancellingTokens(), std::set<std::string>{"t2"});
 }
 
-TEST(ComposerDraftKey, KindsStayApartAndPendingKeysFollowTheRegistry) {
+TEST(ComposerDraftKey, KindsStayApart) {
   const std::string session = ComposerDraftKey::forSession("abc");
   const std::string pending = ComposerDraftKey::forPendingSession("abc");
   const std::string fresh = ComposerDraftKey::forNewSession("abc");
@@ -300,15 +300,6 @@ TEST(ComposerDraftKey, KindsStayApartAndPendingKeysFollowTheRegistry) {
   EXPECT_EQ(ComposerDraftKey::pendingLocalID(pending), "abc");
   EXPECT_FALSE(ComposerDraftKey::pendingLocalID(session));
   EXPECT_FALSE(ComposerDraftKey::pendingLocalID(ComposerDraftKey::forPendingSession("")));
-
-  bridge::SessionIdentityRegistry registry;
-  EXPECT_EQ(ComposerDraftKey::rekeyed(pending, registry), pending);  // not created yet
-  registry.registerPair("abc", "real-42");
-  EXPECT_EQ(ComposerDraftKey::rekeyed(pending, registry), ComposerDraftKey::forSession("real-42"));
-  // Only pending keys move, even when another kind carries the same id.
-  EXPECT_EQ(ComposerDraftKey::rekeyed(session, registry), session);
-  EXPECT_EQ(ComposerDraftKey::rekeyed(fresh, registry), fresh);
-  EXPECT_EQ(ComposerDraftKey::rekeyed("", registry), "");
 }
 
 }  // namespace

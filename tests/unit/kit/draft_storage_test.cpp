@@ -30,7 +30,7 @@ class DraftStorageTest : public ::testing::Test {
   // A long debounce so that only explicit flushes (or destruction) write, unless a test wants otherwise.
   DraftStorage::Configuration config(std::chrono::milliseconds debounce = 1h) const {
     DraftStorage::Configuration c;
-    c.fileURL = file;
+    c.file = file;
     c.debounce = debounce;
     return c;
   }

@@ -7,7 +7,6 @@
 #include <sstream>
 
 #include "tamsel/bridge/rpc/protocol_constants.hpp"
-#include "tamsel/calendar/calendar_provider.hpp"
 
 namespace tamsel::bridge::rpc {
 
@@ -42,34 +41,37 @@ Platform Platform::current() {
   return Platform{"Linux", describeOS(osRelease, kernel), TAMSEL_VERSION};
 }
 
+void DesktopRPCMethodDispatcher::registerMethod(std::string name, Handler handler) {
+  for (auto& entry : table_) {
+    if (entry.name == name) {
+      entry.handler = std::move(handler);
+      return;
+    }
+  }
+  table_.push_back({std::move(name), std::move(handler)});
+}
+
 std::vector<std::string_view> DesktopRPCMethodDispatcher::methods() const {
-  if (!calendar_) return {Method::systemPing, Method::systemCapabilities};
-  return {Method::systemPing,          Method::systemCapabilities,      Method::calendarListSources,
-          Method::calendarListEvents,  Method::calendarGetEvent,        Method::calendarCheckPermission,
-          Method::calendarRequestPermission, Method::calendarCreateEvent, Method::calendarUpdateEvent,
-          Method::calendarDeleteEvent};
+  std::vector<std::string_view> names{Method::systemPing, Method::systemCapabilities};
+  for (const auto& entry : table_) names.push_back(entry.name);
+  return names;
 }
 
 boost::asio::awaitable<RPCResult> DesktopRPCMethodDispatcher::handle(RPCRequest request) {
-  const auto served = methods();
-  const bool isCalendar = request.method.starts_with("calendar.") &&
-                          std::find(served.begin(), served.end(), request.method) != served.end();
-  if (!isCalendar) co_return handleBuiltIn(request);
-  // Every failure, expected or not, becomes an answer: the channel must never see a throw.
-  std::optional<RPCError> failure;
+  const auto entry = std::find_if(table_.begin(), table_.end(), [&](const Entry& e) { return e.name == request.method; });
+  if (entry == table_.end()) co_return handleBuiltIn(request);
+  // Held here: the table may change while the handler runs.
+  const Handler handler = entry->handler;
+  const std::string requestID = request.requestID;
+  std::string failure;
   try {
-    const auto provider = calendar_;
-    std::string method = request.method;
-    JSONValue params = request.params;
-    const std::int64_t timeoutMs = request.timeoutMs;
-    JSONValue result = co_await provider->handle(std::move(method), std::move(params), timeoutMs);
-    co_return RPCResult::success(request.requestID, std::move(result));
-  } catch (const calendar::CalendarException& e) {
-    failure = e.error().toRPCError();
+    co_return co_await handler(std::move(request));
   } catch (const std::exception& e) {
-    failure = calendar::CalendarRPCError::internalError(e.what()).toRPCError();
+    failure = e.what();
   }
-  co_return RPCResult::failure(request.requestID, std::move(*failure));
+  // The channel must never see a throw.
+  co_return RPCResult::failure(requestID, RPCError{std::string(ProtocolConstants::ErrorCode::internalError),
+                                                   std::move(failure), false, std::nullopt});
 }
 
 RPCResult DesktopRPCMethodDispatcher::handleBuiltIn(const RPCRequest& request) const {

@@ -2,21 +2,19 @@
 // Serves the engine's requests to the desktop. handle() never throws: every failure becomes a
 // result with `ok` false and an error code from ProtocolConstants::ErrorCode.
 //
-// The calendar methods are served only when a calendar provider is given; without one they
-// answer like any other unknown method ("not_found", "Unknown method: <name>") and
-// system.capabilities does not list them, so the engine never sees a method advertised that
-// would then fail.
+// The channel knows only the built-in system methods. A feature the engine may call (the
+// calendar, later the meeting and system methods) registers its methods into the table from
+// above, before the service starts; system.capabilities lists exactly what is registered, so the
+// engine never sees a method advertised that would then fail, and an unregistered name answers
+// "not_found", "Unknown method: <name>".
 #include <boost/asio/awaitable.hpp>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "tamsel/bridge/rpc/messages.hpp"
-
-namespace tamsel::calendar {
-class CalendarProvider;
-}
 
 namespace tamsel::bridge::rpc {
 
@@ -34,14 +32,18 @@ struct Platform {
 
 class DesktopRPCMethodDispatcher {
  public:
+  // Answers one request. A handler should answer failures itself; one that throws is answered
+  // "internal_error" with its message.
+  using Handler = std::function<boost::asio::awaitable<RPCResult>(RPCRequest)>;
+
   explicit DesktopRPCMethodDispatcher(Platform platform) : platform_(std::move(platform)) {}
-  DesktopRPCMethodDispatcher(Platform platform, std::shared_ptr<calendar::CalendarProvider> calendar)
-      : platform_(std::move(platform)), calendar_(std::move(calendar)) {}
   virtual ~DesktopRPCMethodDispatcher() = default;
 
   const Platform& platform() const { return platform_; }
-  const std::shared_ptr<calendar::CalendarProvider>& calendar() const { return calendar_; }
-  // The methods served, as system.capabilities reports them.
+  // Adds (or replaces) a method. Call before the service starts, on its executor.
+  void registerMethod(std::string name, Handler handler);
+  // The methods served, as system.capabilities reports them: the built-in ones, then the
+  // registered ones in the order they were added.
   std::vector<std::string_view> methods() const;
 
   // Runs on the service's executor; a slow handler holds up the requests behind it.
@@ -50,8 +52,12 @@ class DesktopRPCMethodDispatcher {
   RPCResult handleBuiltIn(const RPCRequest& request) const;
 
  private:
+  struct Entry {
+    std::string name;
+    Handler handler;
+  };
   Platform platform_;
-  std::shared_ptr<calendar::CalendarProvider> calendar_;
+  std::vector<Entry> table_;
 };
 
 }  // namespace tamsel::bridge::rpc

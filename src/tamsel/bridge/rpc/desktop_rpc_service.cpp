@@ -12,6 +12,7 @@
 
 #include "tamsel/base/json.hpp"
 #include "tamsel/base/log.hpp"
+#include "tamsel/base/task_scope.hpp"
 #include "tamsel/bridge/rpc/codec.hpp"
 #include "tamsel/bridge/rpc/unix_socket_client.hpp"
 
@@ -79,7 +80,7 @@ struct DesktopRPCService::Core : std::enable_shared_from_this<Core> {
 
   Core(asio::any_io_executor executor, std::shared_ptr<DesktopRPCMethodDispatcher> dispatcher, Options options)
       : executor(executor), dispatcher(std::move(dispatcher)), options(std::move(options)),
-        transport(executor, this->options.socketPath) {}
+        transport(executor, this->options.socketPath), tasks(executor) {}
 
   asio::any_io_executor executor;
   std::shared_ptr<DesktopRPCMethodDispatcher> dispatcher;
@@ -89,18 +90,20 @@ struct DesktopRPCService::Core : std::enable_shared_from_this<Core> {
   bool online = false;
   bool starting = false;
   std::optional<std::string> lastError;
+  bool refusedVersion = false;
   // Bumped whenever a connection is given up, so the tasks of an older one stand down.
   std::uint64_t generation = 0;
   // The connection whose read loop recorded the failure itself.
   std::uint64_t loopFailedGeneration = 0;
   base::Signal<> changed;
+  base::TaskScope tasks;
 
   // Both observable fields change together, so observers never see one without the other.
   void publish(bool nowOnline, std::optional<std::string> error) {
     if (online == nowOnline && lastError == error) return;
     online = nowOnline;
     lastError = std::move(error);
-    changed.emit();
+    if (!tasks.isClosed()) changed.emit();
   }
 
   void failAllWaiters(const std::string& reason) {
@@ -207,14 +210,7 @@ struct DesktopRPCService::Core : std::enable_shared_from_this<Core> {
       const std::string requestBytes = frameBytes(Frame::rpcRequest(request));
       co_await transport.send(requestBytes);
       if (attempt != generation) throw disconnected();
-      asio::co_spawn(executor, serveLoop(shared_from_this(), attempt), [](std::exception_ptr error) {
-        if (!error) return;
-        try {
-          std::rethrow_exception(error);
-        } catch (const std::exception& e) {
-          base::log::error(kSource, "read loop failed: {}", e.what());
-        }
-      });
+      tasks.spawn(serveLoop(shared_from_this(), attempt), kSource);
 
       if (!waiter->settled()) {
         waiter->timer.expires_after(toDuration(options.handshakeTimeoutSeconds));
@@ -243,6 +239,7 @@ struct DesktopRPCService::Core : std::enable_shared_from_this<Core> {
       if (attempt != generation || !transport.isConnected()) throw disconnected();
 
       starting = false;
+      refusedVersion = false;
       base::log::info(kSource, "online with the engine at {}", options.socketPath.string());
       publish(true, std::nullopt);
     } catch (const std::exception& e) {
@@ -256,6 +253,7 @@ struct DesktopRPCService::Core : std::enable_shared_from_this<Core> {
         const auto* service = dynamic_cast<const ServiceException*>(&e);
         const bool closed = service && std::holds_alternative<ServiceError::TransportClosed>(service->error().value);
         const bool loopSaidWhy = closed && loopFailedGeneration == attempt;
+        refusedVersion = service && std::holds_alternative<ServiceError::ProtocolMismatch>(service->error().value);
         publish(false, loopSaidWhy ? lastError : std::optional<std::string>(e.what()));
         base::log::warn(kSource, "could not bring the channel online: {}", lastError.value_or(e.what()));
       }
@@ -270,19 +268,22 @@ DesktopRPCService::DesktopRPCService(asio::any_io_executor executor,
 
 DesktopRPCService::~DesktopRPCService() {
   // Nobody observes a service that is going away.
-  core_->changed = {};
+  core_->tasks.close();
   core_->stop();
 }
 
-asio::awaitable<void> DesktopRPCService::start() {
-  std::shared_ptr<Core> core = core_;
-  co_await core->start();
-}
+namespace {
+// The core travels as a parameter, copied when the call is made: the service itself may be gone
+// by the time the operation first runs.
+asio::awaitable<void> startOn(std::shared_ptr<DesktopRPCService::Core> core) { co_await core->start(); }
+}  // namespace
+
+asio::awaitable<void> DesktopRPCService::start() { return startOn(core_); }
 
 void DesktopRPCService::stop() { core_->stop(); }
 
-asio::awaitable<bool> DesktopRPCService::sendEvent(DesktopEvent event) {
-  const std::shared_ptr<Core> core = core_;
+namespace {
+asio::awaitable<bool> sendEventOn(std::shared_ptr<DesktopRPCService::Core> core, DesktopEvent event) {
   if (!core->online) co_return false;
   const std::string bytes = frameBytes(Frame::event(event));
   try {
@@ -293,7 +294,12 @@ asio::awaitable<bool> DesktopRPCService::sendEvent(DesktopEvent event) {
   }
   co_return true;
 }
+}  // namespace
+
+asio::awaitable<bool> DesktopRPCService::sendEvent(DesktopEvent event) { return sendEventOn(core_, std::move(event)); }
+
 bool DesktopRPCService::isOnline() const { return core_->online; }
+bool DesktopRPCService::refusedProtocolVersion() const { return core_->refusedVersion; }
 const std::optional<std::string>& DesktopRPCService::lastError() const { return core_->lastError; }
 bool DesktopRPCService::isStarting() const { return core_->starting; }
 base::Signal<>& DesktopRPCService::changed() { return core_->changed; }

@@ -62,7 +62,9 @@ class DesktopRPCService {
 
   DesktopRPCService(boost::asio::any_io_executor executor,
                     std::shared_ptr<DesktopRPCMethodDispatcher> dispatcher, Options options);
-  // Ends the connection; waiters fail with "desktop_disconnected".
+  // Ends the connection; waiters fail with "desktop_disconnected". May be called at any moment
+  // on the service's executor: a start() or a served request still running ends without
+  // touching anything outside the service.
   ~DesktopRPCService();
   DesktopRPCService(const DesktopRPCService&) = delete;
   DesktopRPCService& operator=(const DesktopRPCService&) = delete;
@@ -80,6 +82,9 @@ class DesktopRPCService {
   bool isOnline() const;
   // The last failure in words; cleared when the service comes online.
   const std::optional<std::string>& lastError() const;
+  // True when the last attempt failed because the engine speaks another protocol version
+  // (retrying against the same engine is pointless).
+  bool refusedProtocolVersion() const;
   // True while start() is connecting or handshaking.
   bool isStarting() const;
   base::Signal<>& changed();
@@ -96,8 +101,9 @@ class DesktopRPCService {
   static boost::asio::awaitable<std::string> probeProtocolVersion(std::filesystem::path socketPath,
                                                                   double timeoutSeconds);
 
- private:
   struct Core;
+
+ private:
   std::shared_ptr<Core> core_;
 };
 

@@ -8,14 +8,15 @@
 #include <optional>
 #include <string>
 
-namespace tamsel::desktop {
+namespace tamsel::base {
 
 class PreferencesStore {
  public:
   static constexpr const char* keyPrefix = "dev.tamsel.desktop.";
 
   explicit PreferencesStore(std::filesystem::path file);
-  static std::filesystem::path defaultFile();
+  // "preferences.json" in the app folder.
+  static std::filesystem::path fileIn(const std::filesystem::path& appFolder);
 
   std::optional<boost::json::value> value(const std::string& key) const;
   // Nothing removes the key. Throws std::system_error when the file cannot be written; the
@@ -32,4 +33,4 @@ class PreferencesStore {
   bool writable_ = true;
 };
 
-}  // namespace tamsel::desktop
+}  // namespace tamsel::base

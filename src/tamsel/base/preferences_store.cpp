@@ -1,4 +1,4 @@
-#include "tamsel/desktop/preferences_store.hpp"
+#include "tamsel/base/preferences_store.hpp"
 
 #include <boost/json/object.hpp>
 #include <chrono>
@@ -7,9 +7,8 @@
 #include "tamsel/base/dates.hpp"
 #include "tamsel/base/json.hpp"
 #include "tamsel/base/log.hpp"
-#include "tamsel/bridge/daemon_paths.hpp"
 
-namespace tamsel::desktop {
+namespace tamsel::base {
 
 namespace fs = std::filesystem;
 constexpr const char* kSource = "Preferences";
@@ -29,7 +28,7 @@ PreferencesStore::PreferencesStore(fs::path file) : file_(std::move(file)) {
   }
 }
 
-fs::path PreferencesStore::defaultFile() { return bridge::DaemonPaths::appSupportDirectory() / "preferences.json"; }
+fs::path PreferencesStore::fileIn(const fs::path& appFolder) { return appFolder / "preferences.json"; }
 
 std::optional<boost::json::value> PreferencesStore::value(const std::string& key) const {
   std::lock_guard lock(mutex_);
@@ -50,4 +49,4 @@ void PreferencesStore::set(const std::string& key, std::optional<boost::json::va
   base::writeFileAtomically(file_, text, 0600);
 }
 
-}  // namespace tamsel::desktop
+}  // namespace tamsel::base

@@ -1,0 +1,33 @@
+#include "tamsel/base/app_folders.hpp"
+
+#include <system_error>
+
+namespace tamsel::base {
+
+namespace fs = std::filesystem;
+
+namespace {
+fs::path ensureDirectory(const fs::path& path) {
+  std::error_code ec;
+  if (fs::create_directories(path, ec)) fs::permissions(path, fs::perms::owner_all, fs::perm_options::replace, ec);
+  return path;
+}
+
+bool usable(const std::optional<std::string>& xdg) { return xdg && !xdg->empty() && xdg->front() == '/'; }
+}  // namespace
+
+AppFolders AppFolders::from(const env::Environment& environment) {
+  AppFolders folders;
+  folders.home = environment.home;
+  folders.dataHome = usable(environment.xdgDataHome) ? fs::path(*environment.xdgDataHome)
+                                                     : folders.home / ".local" / "share";
+  folders.configHome = usable(environment.xdgConfigHome) ? fs::path(*environment.xdgConfigHome)
+                                                         : folders.home / ".config";
+  return folders;
+}
+
+fs::path AppFolders::engineSupportDirectory() const { return ensureDirectory(dataHome / engineSupportIdentifier); }
+
+fs::path AppFolders::appSupportDirectory() const { return ensureDirectory(dataHome / appSupportIdentifier); }
+
+}  // namespace tamsel::base
