@@ -4,26 +4,27 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <mutex>
+
+#include "tamsel/base/mutex.hpp"
 
 namespace tamsel::base::env {
 
 namespace {
-std::mutex& envMutex() {
-  static std::mutex mutex;
+Mutex& envMutex() {
+  static Mutex mutex;
   return mutex;
 }
 }  // namespace
 
 std::optional<std::string> get(const char* name) {
-  std::lock_guard lock(envMutex());
+  MutexLock lock(envMutex());
   const char* value = std::getenv(name);
   if (!value) return std::nullopt;
   return std::string(value);
 }
 
 void set(const char* name, const std::string& value) {
-  std::lock_guard lock(envMutex());
+  MutexLock lock(envMutex());
   ::setenv(name, value.c_str(), 1);
 }
 
