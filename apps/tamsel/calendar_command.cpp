@@ -6,6 +6,7 @@
 #include <iostream>
 
 #include "cli.hpp"
+#include "tamsel/base/env.hpp"
 #include "tamsel/calendar/caldav_calendar_store.hpp"
 #include "tamsel/calendar/caldav_http.hpp"
 #include "tamsel/calendar/desktop_calendar.hpp"
@@ -55,12 +56,12 @@ int permission(const CalendarCommandOptions& o) {
 int addCalDAV(const CalendarCommandOptions& o) {
   CalDAVAccount account{{}, o.url, o.user, {}};
   if (!o.passwordEnv.empty()) {
-    const char* password = std::getenv(o.passwordEnv.c_str());
+    const auto password = base::env::get(o.passwordEnv.c_str());
     if (!password) {
       printError("the environment variable " + o.passwordEnv + " is not set");
       return kExitUsage;
     }
-    account.password = password;
+    account.password = *password;
   }
   if (const auto reason = unsupportedDAVURL(o.url)) {
     printError(*reason);

@@ -7,6 +7,8 @@
 
 #include "tamsel/base/mutex.hpp"
 
+extern char** environ;
+
 namespace tamsel::base::env {
 
 namespace {
@@ -26,6 +28,13 @@ std::optional<std::string> get(const char* name) {
 void set(const char* name, const std::string& value) {
   MutexLock lock(envMutex());
   ::setenv(name, value.c_str(), 1);
+}
+
+std::vector<std::string> all() {
+  MutexLock lock(envMutex());
+  std::vector<std::string> out;
+  for (char** entry = environ; entry && *entry; ++entry) out.emplace_back(*entry);
+  return out;
 }
 
 std::string homeDirectory() {

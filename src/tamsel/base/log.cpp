@@ -4,8 +4,9 @@
 #include <spdlog/sinks/systemd_sink.h>
 #include <spdlog/spdlog.h>
 
-#include <cstdlib>
 #include <string>
+
+#include "tamsel/base/env.hpp"
 
 namespace tamsel::base::log {
 
@@ -27,15 +28,15 @@ spdlog::logger& logger() {
     std::shared_ptr<spdlog::logger> made;
     // Started by the service manager with its output going to the journal: log there, with
     // levels the journal understands. Everywhere else stderr.
-    if (std::getenv("JOURNAL_STREAM")) {
+    if (env::get("JOURNAL_STREAM")) {
       made = std::make_shared<spdlog::logger>("tamsel", std::make_shared<spdlog::sinks::systemd_sink_mt>("tamsel"));
       made->set_pattern("%v");
     } else {
       made = std::make_shared<spdlog::logger>("tamsel", std::make_shared<spdlog::sinks::stderr_sink_mt>());
       made->set_pattern("%H:%M:%S.%e %^%l%$ %v");
     }
-    const char* env = std::getenv("TAMSEL_LOG");
-    made->set_level(env ? spdlog::level::from_str(env) : spdlog::level::warn);
+    const auto level = env::get("TAMSEL_LOG");
+    made->set_level(level ? spdlog::level::from_str(*level) : spdlog::level::warn);
     return made;
   }();
   return *instance;

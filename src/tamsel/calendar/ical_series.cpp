@@ -11,6 +11,7 @@
 #include <map>
 #include <set>
 
+#include "tamsel/base/env.hpp"
 #include "tamsel/base/uuid.hpp"
 #include "tamsel/calendar/calendar_mappers.hpp"
 
@@ -312,8 +313,8 @@ void applyFields(icalcomponent* event, const EventFields& f, icaltimezone* zone)
 }  // namespace
 
 std::string localTimeZoneName() {
-  if (const char* tz = std::getenv("TZ"); tz && *tz) {
-    std::string name = tz;
+  if (auto tz = base::env::get("TZ"); tz && !tz->empty()) {
+    std::string name = std::move(*tz);
     if (name[0] == ':') name.erase(0, 1);
     const auto at = name.find("zoneinfo/");
     if (at != std::string::npos) name.erase(0, at + 9);
