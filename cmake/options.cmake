@@ -20,3 +20,15 @@ if(TAMSEL_SANITIZE)
   target_compile_options(tamsel_options INTERFACE -fsanitize=${TAMSEL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(tamsel_options INTERFACE -fsanitize=${TAMSEL_SANITIZE})
 endif()
+
+# Lock annotations (base/thread_annotations.hpp) checked by clang's thread-safety analysis; any
+# warning fails the build. g++ has no such analysis.
+option(TAMSEL_THREAD_SAFETY "Check lock annotations with clang's -Wthread-safety, warnings as errors" OFF)
+set(TAMSEL_THREAD_SAFETY_FLAGS -Wthread-safety -Werror)
+if(TAMSEL_THREAD_SAFETY)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    target_compile_options(tamsel_options INTERFACE ${TAMSEL_THREAD_SAFETY_FLAGS})
+  else()
+    message(FATAL_ERROR "TAMSEL_THREAD_SAFETY needs clang (CMAKE_CXX_COMPILER=clang++), not ${CMAKE_CXX_COMPILER_ID}")
+  endif()
+endif()

@@ -4,27 +4,37 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <mutex>
+
+#include "tamsel/base/mutex.hpp"
+
+extern char** environ;
 
 namespace tamsel::base::env {
 
 namespace {
-std::mutex& envMutex() {
-  static std::mutex mutex;
+Mutex& envMutex() {
+  static Mutex mutex;
   return mutex;
 }
 }  // namespace
 
 std::optional<std::string> get(const char* name) {
-  std::lock_guard lock(envMutex());
+  MutexLock lock(envMutex());
   const char* value = std::getenv(name);
   if (!value) return std::nullopt;
   return std::string(value);
 }
 
 void set(const char* name, const std::string& value) {
-  std::lock_guard lock(envMutex());
+  MutexLock lock(envMutex());
   ::setenv(name, value.c_str(), 1);
+}
+
+std::vector<std::string> all() {
+  MutexLock lock(envMutex());
+  std::vector<std::string> out;
+  for (char** entry = environ; entry && *entry; ++entry) out.emplace_back(*entry);
+  return out;
 }
 
 std::string homeDirectory() {

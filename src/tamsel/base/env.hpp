@@ -6,11 +6,14 @@
 // start-up and hands each part what it needs.
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace tamsel::base::env {
 
 std::optional<std::string> get(const char* name);
 void set(const char* name, const std::string& value);
+// Every variable as "NAME=value", e.g. for a child's environment.
+std::vector<std::string> all();
 
 // The user's home folder: $HOME, else the password database.
 std::string homeDirectory();

@@ -6,8 +6,9 @@
 #include <spdlog/sinks/systemd_sink.h>
 #include <spdlog/spdlog.h>
 
-#include <cstdlib>
 #include <string>
+
+#include "tamsel/base/env.hpp"
 
 namespace tamsel::base::log {
 

@@ -31,16 +31,16 @@ PreferencesStore::PreferencesStore(fs::path file) : file_(std::move(file)) {
 fs::path PreferencesStore::fileIn(const fs::path& appFolder) { return appFolder / "preferences.json"; }
 
 std::optional<boost::json::value> PreferencesStore::value(const std::string& key) const {
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   if (const auto* found = values_.if_contains(key)) return *found;
   return std::nullopt;
 }
 
 void PreferencesStore::set(const std::string& key, std::optional<boost::json::value> value) {
-  std::lock_guard fileLock(fileMutex_);
+  base::MutexLock fileLock(fileMutex_);
   std::string text;
   {
-    std::lock_guard lock(mutex_);
+    base::MutexLock lock(mutex_);
     if (value) values_[key] = std::move(*value);
     else values_.erase(key);
     if (!writable_) return;

@@ -4,9 +4,10 @@
 // decode is moved aside (never overwritten silently) and the store starts empty. Thread-safe.
 #include <boost/json/value.hpp>
 #include <filesystem>
-#include <mutex>
 #include <optional>
 #include <string>
+
+#include "tamsel/base/mutex.hpp"
 
 namespace tamsel::base {
 
@@ -27,10 +28,10 @@ class PreferencesStore {
 
  private:
   std::filesystem::path file_;
-  mutable std::mutex mutex_;  // the values
-  std::mutex fileMutex_;      // writers, so snapshots reach the file in the order they were taken
-  boost::json::object values_;
-  bool writable_ = true;
+  mutable base::Mutex mutex_;  // the values
+  base::Mutex fileMutex_;      // writers, so snapshots reach the file in the order they were taken
+  boost::json::object values_ GUARDED_BY(mutex_);
+  bool writable_ GUARDED_BY(mutex_) = true;
 };
 
 }  // namespace tamsel::base

@@ -4,18 +4,21 @@
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
 #include <cctype>
-#include <mutex>
+
+#include "tamsel/base/mutex.hpp"
 
 namespace tamsel::base {
 
 std::string newUUIDString() {
   // The generator seeds from the OS once; it is not thread-safe, so share it under a lock.
-  static std::mutex mutex;
-  static boost::uuids::random_generator generator;
+  static struct {
+    Mutex mutex;
+    boost::uuids::random_generator generator GUARDED_BY(mutex);
+  } shared;
   boost::uuids::uuid id;
   {
-    std::lock_guard lock(mutex);
-    id = generator();
+    MutexLock lock(shared.mutex);
+    id = shared.generator();
   }
   std::string text = boost::uuids::to_string(id);
   std::transform(text.begin(), text.end(), text.begin(),

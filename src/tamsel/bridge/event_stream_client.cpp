@@ -48,7 +48,7 @@ void EventSubscription::wakeLocked() {
 }
 
 void EventSubscription::push(const DaemonEventPtr& event) {
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   if (finished_ || overflowed_) return;
   if (size_ == capacity) {
     // Keep the newest: the oldest undelivered event goes, for this subscriber only.
@@ -71,23 +71,23 @@ void EventSubscription::push(const DaemonEventPtr& event) {
 }
 
 void EventSubscription::finish() {
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   finished_ = true;
   wakeLocked();
 }
 
 std::uint64_t EventSubscription::dropped() const {
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   return dropped_;
 }
 
 bool EventSubscription::isFinished() const {
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   return finished_;
 }
 
 std::optional<DaemonEventPtr> EventSubscription::tryNext() {
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   if (size_ == 0) return std::nullopt;
   auto event = std::move(ring_[head_]);
   head_ = (head_ + 1) % capacity;
@@ -99,7 +99,7 @@ asio::awaitable<std::optional<DaemonEventPtr>> EventSubscription::next() {
   while (true) {
     std::shared_ptr<Waiter> waiter;
     {
-      std::lock_guard lock(mutex_);
+      base::MutexLock lock(mutex_);
       if (overflowed_) {
         // Reported once; the sequence is over.
         overflowed_ = false;
@@ -120,7 +120,7 @@ asio::awaitable<std::optional<DaemonEventPtr>> EventSubscription::next() {
     co_await waiter->timer.async_wait(asio::redirect_error(asio::use_awaitable, ec));
     {
       // Cancelled from outside rather than woken: stop waiting.
-      std::lock_guard lock(mutex_);
+      base::MutexLock lock(mutex_);
       if (waiter_ == waiter) {
         waiter_.reset();
         co_return std::nullopt;

@@ -20,11 +20,11 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
 
+#include "tamsel/base/mutex.hpp"
 #include "tamsel/base/signal.hpp"
 #include "tamsel/bridge/daemon_events.hpp"
 
@@ -70,15 +70,16 @@ class EventSubscription {
 
  private:
   struct Waiter;
-  void wakeLocked();
+  void wakeLocked() REQUIRES(mutex_);
 
-  mutable std::mutex mutex_;
-  std::vector<DaemonEventPtr> ring_ = std::vector<DaemonEventPtr>(capacity);
-  std::size_t head_ = 0, size_ = 0;
-  std::uint64_t dropped_ = 0;
-  bool overflowed_ = false;
-  bool finished_ = false;
-  std::shared_ptr<Waiter> waiter_;
+  mutable base::Mutex mutex_;
+  std::vector<DaemonEventPtr> ring_ GUARDED_BY(mutex_) = std::vector<DaemonEventPtr>(capacity);
+  std::size_t head_ GUARDED_BY(mutex_) = 0;
+  std::size_t size_ GUARDED_BY(mutex_) = 0;
+  std::uint64_t dropped_ GUARDED_BY(mutex_) = 0;
+  bool overflowed_ GUARDED_BY(mutex_) = false;
+  bool finished_ GUARDED_BY(mutex_) = false;
+  std::shared_ptr<Waiter> waiter_ GUARDED_BY(mutex_);
 };
 
 class EventStreamClient {

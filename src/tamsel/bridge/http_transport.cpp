@@ -10,8 +10,8 @@
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http.hpp>
 #include <deque>
-#include <mutex>
 
+#include "tamsel/base/mutex.hpp"
 #include "tamsel/bridge/daemon_client_error.hpp"
 
 namespace tamsel::bridge {
@@ -51,7 +51,7 @@ class ConnectionLimiter : public std::enable_shared_from_this<ConnectionLimiter>
     auto executor = co_await asio::this_coro::executor;
     auto waiter = std::make_shared<Waiter>(executor);
     {
-      std::lock_guard lock(mutex_);
+      base::MutexLock lock(mutex_);
       if (limit_ == 0 || active_ < limit_) {
         ++active_;
         co_return Slot(shared_from_this());
@@ -60,7 +60,7 @@ class ConnectionLimiter : public std::enable_shared_from_this<ConnectionLimiter>
     }
     auto [ec] = co_await waiter->timer.async_wait(asio::as_tuple(asio::use_awaitable));
     (void)ec;
-    std::lock_guard lock(mutex_);
+    base::MutexLock lock(mutex_);
     if (waiter->granted) co_return Slot(shared_from_this());
     // Cancelled while waiting: leave the queue without taking a slot.
     std::erase(waiters_, waiter);
@@ -68,7 +68,7 @@ class ConnectionLimiter : public std::enable_shared_from_this<ConnectionLimiter>
   }
 
   std::size_t active() const {
-    std::lock_guard lock(mutex_);
+    base::MutexLock lock(mutex_);
     return active_;
   }
 
@@ -77,11 +77,11 @@ class ConnectionLimiter : public std::enable_shared_from_this<ConnectionLimiter>
     explicit Waiter(asio::any_io_executor executor)
         : timer(executor, asio::steady_timer::time_point::max()) {}
     asio::steady_timer timer;
-    bool granted = false;
+    bool granted = false;  // under the limiter's mutex_
   };
 
-  void release() {
-    std::lock_guard lock(mutex_);
+  void release() EXCLUDES(mutex_) {
+    base::MutexLock lock(mutex_);
     if (waiters_.empty()) {
       --active_;
       return;
@@ -93,10 +93,10 @@ class ConnectionLimiter : public std::enable_shared_from_this<ConnectionLimiter>
     asio::post(next->timer.get_executor(), [next] { next->timer.cancel(); });
   }
 
-  mutable std::mutex mutex_;
+  mutable base::Mutex mutex_;
   const std::size_t limit_;
-  std::size_t active_ = 0;
-  std::deque<std::shared_ptr<Waiter>> waiters_;
+  std::size_t active_ GUARDED_BY(mutex_) = 0;
+  std::deque<std::shared_ptr<Waiter>> waiters_ GUARDED_BY(mutex_);
 };
 
 namespace {

@@ -234,7 +234,7 @@ void CalDAVCalendarStore::discoverHomeLocked() {
       R"(<?xml version="1.0" encoding="utf-8"?><d:propfind xmlns:d="DAV:" xmlns:c="urn:ietf:params:xml:ns:caldav">)"
       R"(<d:prop><d:current-user-principal/><c:calendar-home-set/></d:prop></d:propfind>)";
   // One PROPFIND, following the redirects servers use for their well-known entry point.
-  const auto propfind = [&](std::string url) -> std::pair<std::string, std::optional<Multistatus>> {
+  const auto propfind = [&](std::string url) REQUIRES(mutex_) -> std::pair<std::string, std::optional<Multistatus>> {
     for (int hop = 0; hop < 5; ++hop) {
       const auto res = client_->request("PROPFIND", url, {{"Depth", "0"}}, body, kXMLType);
       if (res.status == 401 || res.status == 403)
@@ -333,7 +333,7 @@ std::map<std::string, CalDAVCalendarStore::Collection> CalDAVCalendarStore::list
 }
 
 std::vector<StoreCalendar> CalDAVCalendarStore::calendars() {
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   try {
     collections_ = listCollectionsLocked();
   } catch (const DAVTransportError& e) {
@@ -364,7 +364,7 @@ const CalDAVCalendarStore::Collection& CalDAVCalendarStore::collectionLocked(con
 
 std::vector<CalendarEvent> CalDAVCalendarStore::events(Timestamp start, Timestamp end,
                                                        const std::vector<std::string>& calendarIDs) {
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   std::vector<CalendarEvent> out;
   try {
     collections_ = listCollectionsLocked();
@@ -415,7 +415,7 @@ std::optional<CalDAVCalendarStore::StoredObject> CalDAVCalendarStore::findByUIDL
 std::optional<CalendarEvent> CalDAVCalendarStore::event(const std::string& id) {
   const auto parsed = EventID::parse(id);
   if (!parsed || !parsed->calendarID.starts_with(idPrefix())) return std::nullopt;
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   try {
     const auto& collection = collectionLocked(parsed->calendarID, id);
     const auto key = objectKey(parsed->calendarID, parsed->uid);
@@ -486,7 +486,7 @@ void CalDAVCalendarStore::deleteLocked(const Collection& collection, const std::
 }
 
 StoreWriteOutcome CalDAVCalendarStore::createEvent(const std::string& calendarID, const EventFields& fields) {
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   try {
     const auto& collection = collectionLocked(calendarID, calendarID);
     const std::string uid = base::newUUIDString();
@@ -508,7 +508,7 @@ StoreWriteOutcome CalDAVCalendarStore::createEvent(const std::string& calendarID
 StoreWriteOutcome CalDAVCalendarStore::updateEvent(const std::string& id, const EventFields& fields, SaveSpan span) {
   const auto parsed = EventID::parse(id);
   if (!parsed) throw CalendarException(CalendarRPCError::notFound(id));
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   const auto key = objectKey(parsed->calendarID, parsed->uid);
   try {
     const auto& collection = collectionLocked(parsed->calendarID, id);
@@ -558,7 +558,7 @@ StoreWriteOutcome CalDAVCalendarStore::updateEvent(const std::string& id, const 
 bool CalDAVCalendarStore::removeEvent(const std::string& id, RemoveSpan span) {
   const auto parsed = EventID::parse(id);
   if (!parsed) throw CalendarException(CalendarRPCError::notFound(id));
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   const auto key = objectKey(parsed->calendarID, parsed->uid);
   try {
     const auto& collection = collectionLocked(parsed->calendarID, id);
@@ -589,7 +589,7 @@ bool CalDAVCalendarStore::removeEvent(const std::string& id, RemoveSpan span) {
 }
 
 std::string CalDAVCalendarStore::changeToken() {
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   try {
     collections_ = listCollectionsLocked();
   } catch (const DAVTransportError& e) {

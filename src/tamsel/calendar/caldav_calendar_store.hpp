@@ -13,8 +13,8 @@
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <mutex>
 
+#include "tamsel/base/mutex.hpp"
 #include "tamsel/calendar/calendar_store.hpp"
 
 namespace tamsel::calendar {
@@ -71,24 +71,27 @@ class CalDAVCalendarStore : public CalendarStore {
     std::string text;
   };
 
-  void discoverHomeLocked();
-  std::map<std::string, Collection> listCollectionsLocked();
-  const Collection& collectionLocked(const std::string& calendarID, const std::string& idForErrors);
-  std::optional<StoredObject> findByUIDLocked(const Collection& collection, const std::string& uid);
-  StoredObject& objectForWriteLocked(const std::string& calendarID, const std::string& uid, const std::string& id);
+  void discoverHomeLocked() REQUIRES(mutex_);
+  std::map<std::string, Collection> listCollectionsLocked() REQUIRES(mutex_);
+  const Collection& collectionLocked(const std::string& calendarID, const std::string& idForErrors)
+      REQUIRES(mutex_);
+  std::optional<StoredObject> findByUIDLocked(const Collection& collection, const std::string& uid)
+      REQUIRES(mutex_);
+  StoredObject& objectForWriteLocked(const std::string& calendarID, const std::string& uid, const std::string& id)
+      REQUIRES(mutex_);
   // PUT guarded by If-Match (etag) or If-None-Match: * (no etag); returns the new ETag, or an
   // empty one when the server sent none. Throws the conflict / read-only / server errors.
   std::string putLocked(const Collection& collection, const std::string& url, const std::string& text,
-                        const std::string& etag, const std::string& id);
+                        const std::string& etag, const std::string& id) REQUIRES(mutex_);
   void deleteLocked(const Collection& collection, const std::string& url, const std::string& etag,
-                    const std::string& id);
+                    const std::string& id) REQUIRES(mutex_);
 
   CalDAVAccount account_;
-  std::unique_ptr<DAVClient> client_;
-  std::mutex mutex_;
-  std::string homeURL_;
-  std::map<std::string, Collection> collections_;  // by calendar id
-  std::map<std::string, StoredObject> objects_;    // by "<calendar id>|<uid>"
+  std::unique_ptr<DAVClient> client_ PT_GUARDED_BY(mutex_);
+  base::Mutex mutex_;
+  std::string homeURL_ GUARDED_BY(mutex_);
+  std::map<std::string, Collection> collections_ GUARDED_BY(mutex_);  // by calendar id
+  std::map<std::string, StoredObject> objects_ GUARDED_BY(mutex_);    // by "<calendar id>|<uid>"
 };
 
 }  // namespace tamsel::calendar

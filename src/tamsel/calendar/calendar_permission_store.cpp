@@ -14,7 +14,7 @@ PreferencesPermissionStore::PreferencesPermissionStore(std::filesystem::path pre
     : file_(std::move(preferencesFile)) {}
 
 CalendarPermissionStatus PreferencesPermissionStore::status() const {
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   const base::PreferencesStore preferences(file_);
   const auto value = preferences.value(key);
   if (!value || !value->is_string()) return CalendarPermissionStatus::notDetermined;
@@ -24,7 +24,7 @@ CalendarPermissionStatus PreferencesPermissionStore::status() const {
 }
 
 void PreferencesPermissionStore::setStatus(CalendarPermissionStatus status) {
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   base::PreferencesStore preferences(file_);
   preferences.set(key, boost::json::value(std::string(toWire(status))));
 }

@@ -3,9 +3,9 @@
 // preferences. Until the user grants or denies, the status is not_determined.
 #include <filesystem>
 #include <functional>
-#include <mutex>
 #include <optional>
 
+#include "tamsel/base/mutex.hpp"
 #include "tamsel/calendar/calendar_records.hpp"
 
 namespace tamsel::calendar {
@@ -29,7 +29,7 @@ class PreferencesPermissionStore : public CalendarPermissionStore {
 
  private:
   std::filesystem::path file_;
-  mutable std::mutex mutex_;
+  mutable base::Mutex mutex_;  // a write reads the whole file first: one at a time in this process
 };
 
 // Kept in memory only: for tests and for front ends without preferences.
@@ -38,17 +38,17 @@ class MemoryPermissionStore : public CalendarPermissionStore {
   explicit MemoryPermissionStore(CalendarPermissionStatus status = CalendarPermissionStatus::notDetermined)
       : status_(status) {}
   CalendarPermissionStatus status() const override {
-    std::lock_guard lock(mutex_);
+    base::MutexLock lock(mutex_);
     return status_;
   }
   void setStatus(CalendarPermissionStatus status) override {
-    std::lock_guard lock(mutex_);
+    base::MutexLock lock(mutex_);
     status_ = status;
   }
 
  private:
-  mutable std::mutex mutex_;
-  CalendarPermissionStatus status_;
+  mutable base::Mutex mutex_;
+  CalendarPermissionStatus status_ GUARDED_BY(mutex_);
 };
 
 // Asks a person for full calendar access: true granted, false denied, nullopt when nobody can

@@ -92,7 +92,7 @@ struct CalendarProvider::Impl : std::enable_shared_from_this<Impl> {
   template <class T>
   asio::awaitable<T> run(std::function<T()> work, milliseconds limit) {
     auto race = std::make_shared<Race<T>>(executor);
-    asio::post(worker, [race, work = std::move(work), executor = executor] {
+    asio::post(worker, [race, work = std::move(work), executor = executor]() mutable {
       std::optional<T> value;
       std::exception_ptr error;
       try {
@@ -100,7 +100,9 @@ struct CalendarProvider::Impl : std::enable_shared_from_this<Impl> {
       } catch (...) {
         error = std::current_exception();
       }
-      asio::post(executor, [race, value = std::move(value), error]() mutable {
+      // The race and the answer move on to the executor, so the worker never holds the last
+      // reference to the timer or to an exception the caller is still reading.
+      asio::post(executor, [race = std::move(race), value = std::move(value), error = std::move(error)]() mutable {
         race->value = std::move(value);
         race->error = error;
         race->done = true;

@@ -13,6 +13,7 @@
 #include <map>
 #include <set>
 
+#include "tamsel/base/env.hpp"
 #include "tamsel/base/uuid.hpp"
 #include "tamsel/calendar/calendar_mappers.hpp"
 

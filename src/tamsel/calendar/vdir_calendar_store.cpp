@@ -51,7 +51,7 @@ fs::path VdirCalendarStore::rootIn(const fs::path& appFolder) { return appFolder
 std::string VdirCalendarStore::addCalendar(const std::string& name, const std::string& displayName,
                                            const std::string& colorHex, bool readOnly) {
   if (!isPlainName(name)) throw CalendarException(CalendarRPCError::invalidArgument("name", "expected a plain folder name"));
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   const fs::path folder = root_ / name;
   std::error_code ec;
   fs::create_directories(folder, ec);
@@ -67,7 +67,7 @@ std::string VdirCalendarStore::addCalendar(const std::string& name, const std::s
 }
 
 void VdirCalendarStore::setDefaultCalendar(const std::string& calendarID) {
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   const fs::path folder = folderOf(calendarID);
   std::error_code ec;
   if (folder.empty() || !fs::is_directory(folder, ec)) throw CalendarException(CalendarRPCError::notFound(calendarID));
@@ -104,12 +104,12 @@ std::vector<StoreCalendar> VdirCalendarStore::calendarsLocked() {
 }
 
 std::vector<StoreCalendar> VdirCalendarStore::calendars() {
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   return calendarsLocked();
 }
 
 std::optional<std::string> VdirCalendarStore::defaultCalendarID() {
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   const auto all = calendarsLocked();
   const std::string chosen = readSmallFile(root_ / ".default");
   for (const auto& c : all)
@@ -157,7 +157,7 @@ VdirCalendarStore::Folder& VdirCalendarStore::refresh(const fs::path& folder) {
 
 std::vector<CalendarEvent> VdirCalendarStore::events(Timestamp start, Timestamp end,
                                                      const std::vector<std::string>& calendarIDs) {
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   std::vector<CalendarEvent> out;
   for (const auto& calendar : calendarsLocked()) {
     if (!calendarIDs.empty() && std::find(calendarIDs.begin(), calendarIDs.end(), calendar.id) == calendarIDs.end())
@@ -175,7 +175,7 @@ std::vector<CalendarEvent> VdirCalendarStore::events(Timestamp start, Timestamp 
 std::optional<CalendarEvent> VdirCalendarStore::event(const std::string& id) {
   const auto parsed = EventID::parse(id);
   if (!parsed) return std::nullopt;
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   const fs::path folder = folderOf(parsed->calendarID);
   std::error_code ec;
   if (folder.empty() || !fs::is_directory(folder, ec)) return std::nullopt;
@@ -204,7 +204,7 @@ fs::path VdirCalendarStore::fileFor(const std::string& calendarID, const std::st
 }
 
 StoreWriteOutcome VdirCalendarStore::createEvent(const std::string& calendarID, const EventFields& fields) {
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   const fs::path folder = folderOf(calendarID);
   std::error_code ec;
   if (folder.empty() || !fs::is_directory(folder, ec)) throw CalendarException(CalendarRPCError::notFound(calendarID));
@@ -217,7 +217,7 @@ StoreWriteOutcome VdirCalendarStore::createEvent(const std::string& calendarID, 
 StoreWriteOutcome VdirCalendarStore::updateEvent(const std::string& id, const EventFields& fields, SaveSpan span) {
   const auto parsed = EventID::parse(id);
   if (!parsed) throw CalendarException(CalendarRPCError::notFound(id));
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   const fs::path file = fileFor(parsed->calendarID, parsed->uid, id);
   // Edit what is on disk now, not the cached copy, so a change made meanwhile is kept.
   std::string text;
@@ -234,7 +234,7 @@ StoreWriteOutcome VdirCalendarStore::updateEvent(const std::string& id, const Ev
 bool VdirCalendarStore::removeEvent(const std::string& id, RemoveSpan span) {
   const auto parsed = EventID::parse(id);
   if (!parsed) throw CalendarException(CalendarRPCError::notFound(id));
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   const fs::path file = fileFor(parsed->calendarID, parsed->uid, id);
   std::string text;
   if (!base::readFile(file, text)) throw CalendarException(CalendarRPCError::notFound(id));
@@ -250,7 +250,7 @@ bool VdirCalendarStore::removeEvent(const std::string& id, RemoveSpan span) {
 }
 
 std::string VdirCalendarStore::changeToken() {
-  std::lock_guard lock(mutex_);
+  base::MutexLock lock(mutex_);
   std::uint64_t hash = 1469598103934665603ull;
   const auto mix = [&](std::uint64_t value) { hash = (hash ^ value) * 1099511628211ull; };
   std::error_code ec;

@@ -11,8 +11,8 @@
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <mutex>
 
+#include "tamsel/base/mutex.hpp"
 #include "tamsel/calendar/calendar_store.hpp"
 #include "tamsel/calendar/ical_series.hpp"
 
@@ -57,15 +57,16 @@ class VdirCalendarStore : public CalendarStore {
   };
 
   std::filesystem::path folderOf(const std::string& calendarID) const;
-  Folder& refresh(const std::filesystem::path& folder);
+  Folder& refresh(const std::filesystem::path& folder) REQUIRES(mutex_);
   void store(const std::filesystem::path& file, const ICalSeries& series);
   // The file holding `uid` in the calendar, or throws notFound.
-  std::filesystem::path fileFor(const std::string& calendarID, const std::string& uid, const std::string& id);
-  std::vector<StoreCalendar> calendarsLocked();
+  std::filesystem::path fileFor(const std::string& calendarID, const std::string& uid, const std::string& id)
+      REQUIRES(mutex_);
+  std::vector<StoreCalendar> calendarsLocked() REQUIRES(mutex_);
 
   std::filesystem::path root_;
-  std::mutex mutex_;
-  std::map<std::filesystem::path, Folder> folders_;
+  base::Mutex mutex_;
+  std::map<std::filesystem::path, Folder> folders_ GUARDED_BY(mutex_);
 };
 
 }  // namespace tamsel::calendar

@@ -249,7 +249,8 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
       if (text.empty()) continue;
       auto session = streamSession.find(token);
       if (session == streamSession.end()) continue;
-      withTranscript(session->second, [&](std::vector<kit::Message>& messages) {
+      // Captured by name: clang before 16 cannot capture structured bindings.
+      withTranscript(session->second, [&token = token, &text = text](std::vector<kit::Message>& messages) {
         if (auto* reply = find(messages, "stream-" + token)) reply->content += text;
       });
       text.clear();

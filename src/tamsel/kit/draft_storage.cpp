@@ -135,10 +135,10 @@ DraftStorage::DraftStorage(Configuration configuration) : config_(std::move(conf
 
 DraftStorage::~DraftStorage() {
   {
-    std::lock_guard lock(stateLock_);
+    base::MutexLock lock(stateLock_);
     stopping_ = true;
   }
-  flushWake_.notify_all();
+  flushWake_.notifyAll();
   flushThread_.join();
   flushNow();
 }
@@ -169,7 +169,7 @@ void DraftStorage::load() {
     moveAside(e.what());
     return;
   }
-  std::lock_guard lock(stateLock_);
+  base::MutexLock lock(stateLock_);
   for (auto& [key, text] : loaded) storeLocked(key, std::move(text));
   base::log::debug(kSource, "Loaded {} drafts from {}", entries_.size(), path.string());
 }
@@ -216,11 +216,11 @@ void DraftStorage::storeLocked(const std::string& key, std::string text) {
 
 void DraftStorage::scheduleFlushLocked() {
   pendingFlushItem_ = PendingFlush{++flushGeneration_, now() + config_.debounce};
-  flushWake_.notify_all();
+  flushWake_.notifyAll();
 }
 
 std::optional<std::string> DraftStorage::draft(const std::string& key) const {
-  std::lock_guard lock(stateLock_);
+  base::MutexLock lock(stateLock_);
   auto it = entries_.find(key);
   if (it == entries_.end()) return std::nullopt;
   return it->second;
@@ -228,7 +228,7 @@ std::optional<std::string> DraftStorage::draft(const std::string& key) const {
 
 void DraftStorage::set(std::string text, const std::string& key) {
   if (key.empty()) return;
-  std::lock_guard lock(stateLock_);
+  base::MutexLock lock(stateLock_);
   auto it = entries_.find(key);
   if (text.empty()) {
     if (it == entries_.end()) return;
@@ -241,7 +241,7 @@ void DraftStorage::set(std::string text, const std::string& key) {
 
 void DraftStorage::rekey(const std::string& from, const std::string& to) {
   if (from.empty() || to.empty() || from == to) return;
-  std::lock_guard lock(stateLock_);
+  base::MutexLock lock(stateLock_);
   auto it = entries_.find(from);
   if (it == entries_.end()) return;
   std::string text = std::move(it->second);
@@ -253,30 +253,30 @@ void DraftStorage::rekey(const std::string& from, const std::string& to) {
 }
 
 std::vector<std::string> DraftStorage::keys() const {
-  std::lock_guard lock(stateLock_);
+  base::MutexLock lock(stateLock_);
   return lruOrder_;
 }
 
 void DraftStorage::flushNow() {
   {
-    std::lock_guard lock(stateLock_);
+    base::MutexLock lock(stateLock_);
     pendingFlushItem_.reset();
   }
   writeSnapshot(std::nullopt);
 }
 
 void DraftStorage::writerLoop() {
-  std::unique_lock lock(stateLock_);
+  base::MutexLock lock(stateLock_);
   while (!stopping_) {
     if (!pendingFlushItem_) {
-      flushWake_.wait(lock);
+      flushWake_.wait(stateLock_);
       continue;
     }
     const auto current = now();
     if (current < pendingFlushItem_->due) {
       // An injected clock need not follow real time: look at it again at least once per debounce.
       const SteadyClock::duration recheck = std::max<SteadyClock::duration>(config_.debounce, std::chrono::milliseconds(1));
-      flushWake_.wait_for(lock, std::min<SteadyClock::duration>(pendingFlushItem_->due - current, recheck));
+      flushWake_.waitFor(stateLock_, std::min<SteadyClock::duration>(pendingFlushItem_->due - current, recheck));
       continue;
     }
     const std::uint64_t generation = pendingFlushItem_->generation;
@@ -288,11 +288,11 @@ void DraftStorage::writerLoop() {
 }
 
 void DraftStorage::writeSnapshot(std::optional<std::uint64_t> scheduledGeneration) {
-  std::lock_guard fileGuard(fileLock_);
+  base::MutexLock fileGuard(fileLock_);
   std::vector<std::pair<std::string, std::string>> ordered;
   std::uint64_t generation = 0;
   {
-    std::lock_guard stateGuard(stateLock_);
+    base::MutexLock stateGuard(stateLock_);
     if (scheduledGeneration && *scheduledGeneration != flushGeneration_) return;  // a newer flush is due
     generation = flushGeneration_;
     if (generation == writtenGeneration_) return;

@@ -23,17 +23,17 @@
 // the disk.
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
+
+#include "tamsel/base/mutex.hpp"
 
 namespace tamsel::kit {
 
@@ -86,8 +86,8 @@ class DraftStorage {
   std::chrono::steady_clock::time_point now() const;
   void load();
   void moveAside(const std::string& reason);
-  void storeLocked(const std::string& key, std::string text);
-  void scheduleFlushLocked();
+  void storeLocked(const std::string& key, std::string text) REQUIRES(stateLock_);
+  void scheduleFlushLocked() REQUIRES(stateLock_);
   void writerLoop();
   // Writes the current entries unless nothing changed since the last write; with a generation,
   // only while that generation is still the current one.
@@ -95,16 +95,16 @@ class DraftStorage {
 
   const Configuration config_;
 
-  mutable std::mutex stateLock_;
-  std::map<std::string, std::string> entries_;
-  std::vector<std::string> lruOrder_;
-  std::optional<PendingFlush> pendingFlushItem_;
-  std::uint64_t flushGeneration_ = 0;
-  bool stopping_ = false;
-  std::condition_variable flushWake_;
+  mutable base::Mutex stateLock_;
+  std::map<std::string, std::string> entries_ GUARDED_BY(stateLock_);
+  std::vector<std::string> lruOrder_ GUARDED_BY(stateLock_);
+  std::optional<PendingFlush> pendingFlushItem_ GUARDED_BY(stateLock_);
+  std::uint64_t flushGeneration_ GUARDED_BY(stateLock_) = 0;
+  bool stopping_ GUARDED_BY(stateLock_) = false;
+  base::ConditionVariable flushWake_;
 
-  std::mutex fileLock_;
-  std::uint64_t writtenGeneration_ = 0;  // under fileLock_
+  base::Mutex fileLock_;
+  std::uint64_t writtenGeneration_ GUARDED_BY(fileLock_) = 0;
   bool fileProtected_ = false;           // set while loading, before the writer starts
   std::optional<std::filesystem::path> setAsidePath_;
   std::atomic<std::size_t> writeCount_{0};

@@ -16,7 +16,7 @@
 #include <system_error>
 #include <thread>
 
-extern char** environ;
+#include "tamsel/base/env.hpp"
 
 namespace tamsel::platform {
 
@@ -219,11 +219,7 @@ CommandResult runToCompletion(const fs::path& executable, const std::vector<std:
   return result;
 }
 
-std::vector<std::string> currentEnvironment() {
-  std::vector<std::string> out;
-  for (char** entry = environ; entry && *entry; ++entry) out.emplace_back(*entry);
-  return out;
-}
+std::vector<std::string> currentEnvironment() { return base::env::all(); }
 
 bool isExecutableFile(const fs::path& path) {
   std::error_code ec;

@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <set>
 
 #include "tamsel/base/atomic_file.hpp"
+#include "tamsel/base/env.hpp"
 #include "tamsel/base/strings.hpp"
 #include "tamsel/base/uuid.hpp"
 
@@ -65,6 +67,19 @@ TEST(UUID, CanonicalUpperCaseAndUnique) {
     seen.insert(id);
   }
   EXPECT_EQ(seen.size(), 1000u);
+}
+
+// A child's environment is taken from env::all(): it must show what env::set wrote, once.
+TEST(Env, AllShowsTheLatestValueOfEachVariableOnce) {
+  const std::string name = "TAMSEL_TEST_" + newUUIDString().substr(0, 8);
+  env::set(name.c_str(), "first");
+  env::set(name.c_str(), "second=with equals");
+  const auto all = env::all();
+  EXPECT_EQ(std::count(all.begin(), all.end(), name + "=second=with equals"), 1);
+  EXPECT_EQ(std::count_if(all.begin(), all.end(), [&](const std::string& e) { return e.starts_with(name + "="); }), 1);
+  EXPECT_EQ(env::get(name.c_str()), "second=with equals");
+  EXPECT_EQ(env::get((name + "_ABSENT").c_str()), std::nullopt);
+  ::unsetenv(name.c_str());
 }
 
 }  // namespace
