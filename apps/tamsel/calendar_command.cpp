@@ -1,7 +1,5 @@
 // tamsel calendar: the desktop's own calendars, read and set up by the person at the keyboard,
 // and the grant that decides whether the engine may use them.
-#include <boost/asio/co_spawn.hpp>
-#include <boost/asio/io_context.hpp>
 #include <cstdlib>
 #include <iostream>
 

@@ -143,7 +143,7 @@ TEST_F(LifetimesAgainstAnEngine, TheRPCChannelGoesDuringItsHandshake) {
       asio::co_spawn(io, service->start(), [&](std::exception_ptr) { startEnded = true; });
       keepRunning(io, moment);
     }
-    test::runUntil(io, [&] { return startEnded; }, 4s);
+    keepRunning(io, 200ms);
     EXPECT_TRUE(startEnded) << "a start in progress ends once the service is gone";
   }
 }

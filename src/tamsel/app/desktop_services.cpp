@@ -59,15 +59,8 @@ DesktopServices::DesktopServices(base::MainExecutor& main, base::env::Environmen
       paths_(folders_),
       parts_(std::make_unique<Parts>()) {}
 
-DesktopServices::~DesktopServices() {
-  if (!parts_) return;
-  parts_->manager.reset();
-  parts_->rpcService.reset();
-  parts_->calendar.reset();
-  parts_->eventStream.reset();
-  parts_->history.reset();
-  if (parts_->fileWorker) parts_->fileWorker->join();
-}
+// The parts go in the reverse of their declaration; the file worker joins after the history.
+DesktopServices::~DesktopServices() = default;
 
 fs::path DesktopServices::engineHome() const {
   return options_.engineHome ? *options_.engineHome : fs::path(environment_.home) / ".verdane";

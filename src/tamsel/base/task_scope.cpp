@@ -16,7 +16,6 @@ namespace asio = boost::asio;
 struct TaskScope::State {
   // A list keeps each signal where it is while others come and go (a slot points at its signal).
   std::list<asio::cancellation_signal> signals;
-  std::size_t active = 0;
   bool closed = false;
 };
 
@@ -27,13 +26,11 @@ TaskScope::~TaskScope() { close(); }
 
 void TaskScope::spawn(asio::awaitable<void> work, const char* source) {
   if (state_->closed) return;
-  ++state_->active;
   auto& signal = state_->signals.emplace_back();
   auto position = std::prev(state_->signals.end());
   asio::co_spawn(
       executor_, std::move(work),
       asio::bind_cancellation_slot(signal.slot(), [state = state_, position, source](std::exception_ptr error) {
-        --state->active;
         if (!state->closed) state->signals.erase(position);
         if (!error) return;
         try {
@@ -61,7 +58,5 @@ void TaskScope::close() {
 }
 
 bool TaskScope::isClosed() const { return state_->closed; }
-
-std::size_t TaskScope::running() const { return state_->active; }
 
 }  // namespace tamsel::base

@@ -11,7 +11,6 @@
 // A scope lives on one executor: spawn() and close() must be called there.
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
-#include <cstddef>
 #include <memory>
 
 namespace tamsel::base {
@@ -33,8 +32,6 @@ class TaskScope {
   // Cancels every running task; later spawns are ignored. Idempotent.
   void close();
   bool isClosed() const;
-  // Tasks started and not yet finished.
-  std::size_t running() const;
 
  private:
   struct State;

@@ -10,11 +10,11 @@
 namespace tamsel::calendar {
 
 struct CalendarRPCError {
-  // The engine's own wording for an update with scope "all", kept word for word in this one
-  // place: the engine and the agents reading it rely on the exact text, section reference included.
+  // The wording for an update with scope "all", kept in this one place: agents read it and act on
+  // it, so it names the calls that do what was asked.
   static constexpr const char* updateScopeAllRefusal =
       "update_event does not accept scope=\"all\"; use \"this\" or \"this_and_future\". To replace an entire "
-      "series, call delete_event(scope=all) followed by create_event (spec §5.5.8).";
+      "series, call delete_event(scope=all) followed by create_event.";
 
   struct PermissionDenied {
     CalendarPermissionStatus status;

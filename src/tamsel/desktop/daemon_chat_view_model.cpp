@@ -7,6 +7,7 @@
 #include <boost/asio/use_awaitable.hpp>
 
 #include "tamsel/base/json.hpp"
+#include "tamsel/base/change_publisher.hpp"
 #include "tamsel/base/log.hpp"
 #include "tamsel/base/task_scope.hpp"
 #include "tamsel/base/strings.hpp"
@@ -68,7 +69,6 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
   VM* owner;
   base::MainExecutor& executor;
   Dependencies deps;
-  bool publishPending = false;
   // Streamed text waiting for the next publication, per stream token.
   std::map<std::string, std::string> pendingDeltas;
   std::unique_ptr<asio::steady_timer> deltaTimer;
@@ -78,6 +78,7 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
   std::map<std::string, bridge::ReplyStream*> streams;
   std::map<std::string, std::string> streamSession;
   std::map<std::string, std::optional<bridge::SessionFileFingerprint>> fingerprints;
+  base::ChangePublisher publisher;
   base::TaskScope tasks;
 
   // The observable state (see the accessors).
@@ -117,10 +118,9 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
   std::string sessionBrowseScope_ = "agent";
   std::set<std::string> partialSessions_, completedUnreadSessions_;
   bridge::SessionIdentityRegistry registry_;
-  base::Signal<> changed_;
 
   Impl(VM* owner, base::MainExecutor& e, Dependencies d)
-      : owner(owner), executor(e), deps(std::move(d)), tasks(e.ioExecutor()) {
+      : owner(owner), executor(e), deps(std::move(d)), publisher(e), tasks(e.ioExecutor()) {
     deltaTimer = std::make_unique<asio::steady_timer>(executor.ioExecutor());
   }
 
@@ -133,6 +133,7 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
     if (subscription && deps.events) deps.events->unsubscribe(subscription->id);
     subscription.reset();
     deltaTimer->cancel();
+    publisher.close();
     tasks.close();
   }
 
@@ -147,17 +148,7 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
     if (owner) owner->reloadSidebar();
   }
 
-  // Changes made in one turn reach observers as one notification, in order.
-  void publish() {
-    if (publishPending || closed()) return;
-    publishPending = true;
-    executor.post([weak = weak_from_this()] {
-      const auto self = weak.lock();
-      if (!self || self->closed()) return;
-      self->publishPending = false;
-      self->changed_.emit();
-    });
-  }
+  void publish() { publisher.publish(); }
 
   // Every task holds the Impl until it ends, so a task resumed after the view model went still
   // finds its state; the scope's cancellation ends it at its next suspension.
@@ -676,10 +667,7 @@ DaemonChatViewModel::DaemonChatViewModel(base::MainExecutor& executor, Dependenc
 
 DaemonChatViewModel::~DaemonChatViewModel() { impl_->close(); }
 
-std::optional<std::string> DaemonChatViewModel::currentSessionKey() const {
-  if (impl_->currentSessionID_) return impl_->currentSessionID_;
-  return impl_->currentPendingSessionLocalID_;
-}
+std::optional<std::string> DaemonChatViewModel::currentSessionKey() const { return impl_->currentSessionKey(); }
 
 std::vector<kit::QueuedDraftMessage> DaemonChatViewModel::queuedDrafts() const {
   auto key = currentSessionKey();
@@ -1037,7 +1025,7 @@ void DaemonChatViewModel::setSessionBrowseScope(std::string scope) {
 
 // ---------------------------------------------------------------- observable state
 
-auto DaemonChatViewModel::changed() -> base::Signal<>& { return impl_->changed_; }
+auto DaemonChatViewModel::changed() -> base::Signal<>& { return impl_->publisher.changed(); }
 auto DaemonChatViewModel::agents() const -> const std::vector<AgentItem>& { return impl_->agents_; }
 auto DaemonChatViewModel::selectedAgent() const -> const std::optional<std::string>& { return impl_->selectedAgent_; }
 auto DaemonChatViewModel::sessions() const -> const std::vector<bridge::DaemonSession>& { return impl_->sessions_; }

@@ -12,6 +12,7 @@
 #include <chrono>
 
 #include "tamsel/base/atomic_file.hpp"
+#include "tamsel/base/change_publisher.hpp"
 #include "tamsel/base/log.hpp"
 #include "tamsel/base/strings.hpp"
 #include "tamsel/base/task_scope.hpp"
@@ -91,7 +92,7 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
 
   Impl(base::MainExecutor& executor, Config config, Dependencies deps)
       : executor(executor), config(std::move(config)), deps(std::move(deps)),
-        monitorTimer(executor.ioExecutor()), tasks(executor.ioExecutor()) {}
+        publisher(executor), monitorTimer(executor.ioExecutor()), tasks(executor.ioExecutor()) {}
 
   base::MainExecutor& executor;
   Config config;
@@ -109,7 +110,7 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
   bool hasClaimedOwnership = false;
   std::optional<fs::path> enginePath;
   std::vector<std::string> lastLaunchArguments;
-  base::Signal<> changed;
+  base::ChangePublisher publisher;
 
   // Shared with the exit watcher, which may outlive a replaced engine.
   std::shared_ptr<platform::Process> process;
@@ -120,7 +121,6 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
   std::uint64_t generation = 0;
   std::chrono::steady_clock::time_point runningSince{};
   std::vector<std::function<void()>> startWaiters;
-  bool publishPending = false;
   asio::steady_timer monitorTimer;
   base::TaskScope tasks;
 
@@ -130,21 +130,11 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
     ++generation;
     monitorTimer.cancel();
     startWaiters.clear();
+    publisher.close();
     tasks.close();
   }
 
-  // Changes made in one turn of the main executor reach observers as one notification,
-  // posted after them, so observers always read a consistent state.
-  void publish() {
-    if (publishPending || closed()) return;
-    publishPending = true;
-    executor.post([weak = weak_from_this()] {
-      const auto self = weak.lock();
-      if (!self || self->closed()) return;
-      self->publishPending = false;
-      self->changed.emit();
-    });
-  }
+  void publish() { publisher.publish(); }
 
   void setState(State next) {
     if (state == next) return;
@@ -516,7 +506,7 @@ std::int64_t DaemonManager::restartCount() const { return impl_->restartCount; }
 bool DaemonManager::isBootstrapping() const { return impl_->isBootstrapping; }
 const std::optional<fs::path>& DaemonManager::enginePath() const { return impl_->enginePath; }
 const std::vector<std::string>& DaemonManager::lastLaunchArguments() const { return impl_->lastLaunchArguments; }
-base::Signal<>& DaemonManager::changed() { return impl_->changed; }
+base::Signal<>& DaemonManager::changed() { return impl_->publisher.changed(); }
 bridge::DaemonClient& DaemonManager::client() { return *impl_->deps.client; }
 bridge::rpc::DesktopRPCService* DaemonManager::rpcService() { return impl_->deps.rpcService; }
 

@@ -4,8 +4,6 @@
 #include <sys/stat.h>
 
 #include <regex>
-#include <set>
-#include <thread>
 
 #include "../test_support.hpp"
 #include "tamsel/base/env.hpp"

@@ -192,6 +192,8 @@ struct DesktopRPCService::Core : std::enable_shared_from_this<Core> {
   }
 
   asio::awaitable<void> start() {
+    // A start that first runs after its service went has nobody to bring online.
+    if (tasks.isClosed()) throw disconnected();
     if (online || starting) {
       // A fresh connection replaces the current one.
       stop();
