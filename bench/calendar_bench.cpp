@@ -17,7 +17,8 @@ using namespace tamsel::calendar;
 namespace fs = std::filesystem;
 
 struct BusyCalendar {
-  fs::path root = fs::temp_directory_path() / ("tamsel-calendar-bench-" + tamsel::base::newUUIDString());
+  fs::path root =
+      fs::temp_directory_path() / ("tamsel-calendar-bench-" + tamsel::base::newUUIDString());
   std::shared_ptr<VdirCalendarStore> store = std::make_shared<VdirCalendarStore>(root);
 
   BusyCalendar() {
@@ -27,8 +28,10 @@ struct BusyCalendar {
     for (int i = 0; i < 4900; ++i) {
       EventFields f;
       f.title = "Meeting " + std::to_string(i);
-      f.location = i % 3 ? std::optional<std::string>("Room " + std::to_string(i % 17)) : std::nullopt;
-      f.start = yearStart + std::chrono::hours(24 * (i % 365)) + std::chrono::minutes(30 * (i % 20));
+      f.location =
+          i % 3 ? std::optional<std::string>("Room " + std::to_string(i % 17)) : std::nullopt;
+      f.start =
+          yearStart + std::chrono::hours(24 * (i % 365)) + std::chrono::minutes(30 * (i % 20));
       f.end = f.start + std::chrono::minutes(45);
       store->createEvent(calendar, f);
     }
@@ -37,7 +40,8 @@ struct BusyCalendar {
       f.title = "Series " + std::to_string(i);
       f.start = yearStart + std::chrono::hours(24 * (i % 30) + i % 9);
       f.end = f.start + std::chrono::minutes(30);
-      f.recurrenceRule = RecurrenceRule{i % 4 ? "weekly" : "daily", 1, {}, std::nullopt, std::nullopt, ""};
+      f.recurrenceRule =
+          RecurrenceRule{i % 4 ? "weekly" : "daily", 1, {}, std::nullopt, std::nullopt, ""};
       store->createEvent(calendar, f);
     }
   }
@@ -55,13 +59,15 @@ BusyCalendar& busy() {
 void listYear(benchmark::State& state, std::int64_t limit) {
   auto& cal = busy();
   boost::asio::io_context io;
-  CalendarProvider provider(io.get_executor(), cal.store,
-                            std::make_shared<MemoryPermissionStore>(CalendarPermissionStatus::granted));
+  CalendarProvider provider(
+      io.get_executor(), cal.store,
+      std::make_shared<MemoryPermissionStore>(CalendarPermissionStatus::granted));
   std::size_t returned = 0;
   bool truncated = false;
   for (auto _ : state) {
-    ListEventsParams params{*parseTimestamp("2026-01-01T00:00:00+01:00"), *parseTimestamp("2027-01-01T00:00:00+01:00"),
-                            std::nullopt, std::nullopt, limit};
+    ListEventsParams params{*parseTimestamp("2026-01-01T00:00:00+01:00"),
+                            *parseTimestamp("2027-01-01T00:00:00+01:00"), std::nullopt,
+                            std::nullopt, limit};
     boost::asio::co_spawn(io, provider.listEvents(params, std::chrono::seconds(60)),
                           [&](std::exception_ptr, CalendarEventList list) {
                             returned = list.events.size();

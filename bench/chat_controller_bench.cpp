@@ -21,9 +21,11 @@ void writeSession(const fs::path& file, int turns) {
   out << R"({"title":"Benchmark session","messages":[)";
   for (int t = 0; t < turns; ++t) {
     if (t) out << ",";
-    out << R"({"role":"user","content":"Question number )" << t << R"( about the build and its tests?"},)"
+    out << R"({"role":"user","content":"Question number )" << t
+        << R"( about the build and its tests?"},)"
         << R"({"role":"assistant","content":[{"type":"text","text":"Looking at it now."},)"
-        << R"({"type":"tool_use","id":"t)" << t << R"(","name":"bash","input":{"command":"ninja -C build tests"}}]},)"
+        << R"({"type":"tool_use","id":"t)" << t
+        << R"(","name":"bash","input":{"command":"ninja -C build tests"}}]},)"
         << R"({"role":"user","content":[{"type":"tool_result","tool_use_id":"t)" << t
         << R"(","content":"[120/120] Linking CXX executable tests"}]},)"
         << R"({"role":"assistant","content":"The build passes; all tests are green after the change to the parser."})";
@@ -39,7 +41,8 @@ int main() {
   const fs::path home = fs::temp_directory_path() / ("tamsel-bench-" + base::newUUIDString());
   fs::create_directories(home / "sessions");
   constexpr int sessions = 11;
-  for (int i = 0; i < sessions; ++i) writeSession(home / "sessions" / ("s" + std::to_string(i) + ".json"), 75);
+  for (int i = 0; i < sessions; ++i)
+    writeSession(home / "sessions" / ("s" + std::to_string(i) + ".json"), 75);
 
   boost::asio::io_context io;
   bridge::DaemonClient client({1, "token", "device", {}});  // no engine: only files are read
@@ -58,8 +61,9 @@ int main() {
       settle();
     }
     const std::size_t cached = heapBytes();
-    std::cout << "controller with " << vm.cachedSessionCount() << " session windows cached (+1 shown, "
-              << vm.messages().size() << " messages each): " << (cached - before) / 1024.0 / 1024.0 << " MiB of heap\n";
+    std::cout << "controller with " << vm.cachedSessionCount()
+              << " session windows cached (+1 shown, " << vm.messages().size()
+              << " messages each): " << (cached - before) / 1024.0 / 1024.0 << " MiB of heap\n";
 
     // Switch back and forth between cached sessions.
     constexpr int rounds = 2000;

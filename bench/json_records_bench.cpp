@@ -12,11 +12,12 @@ std::string sessionList(int count) {
   std::string text = "[";
   for (int i = 0; i < count; ++i) {
     if (i) text += ",";
-    text += R"({"id":"s_)" + std::to_string(i) +
-            R"(","title":"Plan the release and review the open pull requests","cwd":"/home/u/work/project",)"
-            R"("created_at":"2026-11-20T09:15:02.123Z","updated_at":"2026-11-20T09:15:02Z","msg_count":42,)"
-            R"("source":"desktop","schedule_id":null,"in_progress":false,"pinned":false,"favorite":true,)"
-            R"("kind":"chat","agent":"main","project_id":"p_1"})";
+    text +=
+        R"({"id":"s_)" + std::to_string(i) +
+        R"(","title":"Plan the release and review the open pull requests","cwd":"/home/u/work/project",)"
+        R"("created_at":"2026-11-20T09:15:02.123Z","updated_at":"2026-11-20T09:15:02Z","msg_count":42,)"
+        R"("source":"desktop","schedule_id":null,"in_progress":false,"pinned":false,"favorite":true,)"
+        R"("kind":"chat","agent":"main","project_id":"p_1"})";
   }
   return text + "]";
 }
@@ -46,7 +47,8 @@ void EncodeSendMessage(benchmark::State& state) {
 BENCHMARK(EncodeSendMessage);
 
 void MapErrorBody(benchmark::State& state) {
-  const std::string body = R"({"error":"limit","code":"quota_exceeded","current_plan":"pro","reset_at":"2026-12-01T00:00:00Z"})";
+  const std::string body =
+      R"({"error":"limit","code":"quota_exceeded","current_plan":"pro","reset_at":"2026-12-01T00:00:00Z"})";
   for (auto _ : state) {
     auto error = tamsel::bridge::DaemonClientError::fromResponse(429, body);
     benchmark::DoNotOptimize(error);

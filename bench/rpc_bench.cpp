@@ -57,10 +57,13 @@ void writeAll(int fd, const std::string& bytes) {
 }
 
 Frame readFrame(BufferedReader& reader) {
-  return Frame::decode(LengthPrefixedCodec::readFrameSync([&reader](std::size_t n) { return reader.read(n); }));
+  return Frame::decode(
+      LengthPrefixedCodec::readFrameSync([&reader](std::size_t n) { return reader.read(n); }));
 }
 
-void sendFrame(int fd, const Frame& frame) { writeAll(fd, LengthPrefixedCodec::encode(frame.encode())); }
+void sendFrame(int fd, const Frame& frame) {
+  writeAll(fd, LengthPrefixedCodec::encode(frame.encode()));
+}
 
 void pinToFirstCPU(pthread_t thread) {
   cpu_set_t set;
@@ -74,14 +77,16 @@ void BM_PingRoundTrip(benchmark::State& state) {
   cpu_set_t before;
   pthread_getaffinity_np(pthread_self(), sizeof before, &before);
   if (pinned) pinToFirstCPU(pthread_self());
-  const auto dir = std::filesystem::temp_directory_path() / ("tamsel-bench-" + tamsel::base::newUUIDString());
+  const auto dir =
+      std::filesystem::temp_directory_path() / ("tamsel-bench-" + tamsel::base::newUUIDString());
   std::filesystem::create_directories(dir);
   const auto path = dir / "daemon.sock";
   const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
-  if (::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(listener, 1) != 0) {
+  if (::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      ::listen(listener, 1) != 0) {
     state.SkipWithError("cannot listen");
     return;
   }
@@ -90,7 +95,8 @@ void BM_PingRoundTrip(benchmark::State& state) {
   asio::io_context io;
   DesktopRPCService::Options options;
   options.socketPath = path;
-  DesktopRPCService service(io.get_executor(), std::make_shared<DesktopRPCMethodDispatcher>(Platform::current()),
+  DesktopRPCService service(io.get_executor(),
+                            std::make_shared<DesktopRPCMethodDispatcher>(Platform::current()),
                             options);
   asio::co_spawn(io, service.start(), asio::detached);
   std::thread desktop([&io] {
@@ -102,14 +108,16 @@ void BM_PingRoundTrip(benchmark::State& state) {
   const int engine = ::accept(listener, nullptr, nullptr);
   BufferedReader reader{engine, {}};
   const Frame handshake = readFrame(reader);
-  sendFrame(engine, Frame::rpcResult(RPCResult::success(
-                        handshake.ifRequest()->requestID, JSONValue::object({{"version", "1.0.0"}}))));
+  sendFrame(engine,
+            Frame::rpcResult(RPCResult::success(handshake.ifRequest()->requestID,
+                                                JSONValue::object({{"version", "1.0.0"}}))));
   readFrame(reader);  // desktop_online
 
   std::vector<double> micros;
   micros.reserve(1 << 20);
   const std::string request = LengthPrefixedCodec::encode(
-      Frame::rpcRequest(RPCRequest{"ping", "system.ping", JSONValue::object({}), 1000, "s", "main", "verd", "t"})
+      Frame::rpcRequest(
+          RPCRequest{"ping", "system.ping", JSONValue::object({}), 1000, "s", "main", "verd", "t"})
           .encode());
   for (auto _ : state) {
     const auto began = std::chrono::steady_clock::now();

@@ -21,21 +21,27 @@ std::string generatedSession(int turns) {
   std::string meta = R"(],"message_meta":[)";
   const std::string output(6500, 'o');
   const std::string prose =
-      "Here is what I found after reading the files and running the checks; the details follow below. ";
+      "Here is what I found after reading the files and running the checks; the details follow "
+      "below. ";
   for (int t = 0; t < turns; ++t) {
     if (t) {
       text += ",";
       meta += ",";
     }
     const std::string id = std::to_string(t);
-    text += R"({"role":"user","content":"Please look at item )" + id + R"( and fix what is wrong with it."},)";
-    text += R"({"role":"assistant","content":[{"type":"text","text":")" + prose + R"("},)"
-            R"({"type":"tool_use","id":"tu_)" + id + R"(","name":"bash","input":{"command":"grep -rn item_)" + id +
+    text += R"({"role":"user","content":"Please look at item )" + id +
+            R"( and fix what is wrong with it."},)";
+    text += R"({"role":"assistant","content":[{"type":"text","text":")" + prose +
+            R"("},)"
+            R"({"type":"tool_use","id":"tu_)" +
+            id + R"(","name":"bash","input":{"command":"grep -rn item_)" + id +
             R"( src/ | head -50","timeout":30}}]},)";
-    text += R"({"role":"user","content":[{"type":"tool_result","tool_use_id":"tu_)" + id + R"(","content":")" + output +
-            R"("}]},)";
-    text += R"({"role":"assistant","content":[{"type":"text","text":")" + prose + prose + prose + prose + prose + R"("}]})";
-    meta += R"({"timestamp":"2026-11-20T09:15:02.123Z"},{"timestamp":"2026-11-20T09:15:03Z"},null,{"timestamp":"2026-11-20T09:15:04Z"})";
+    text += R"({"role":"user","content":[{"type":"tool_result","tool_use_id":"tu_)" + id +
+            R"(","content":")" + output + R"("}]},)";
+    text += R"({"role":"assistant","content":[{"type":"text","text":")" + prose + prose + prose +
+            prose + prose + R"("}]})";
+    meta +=
+        R"({"timestamp":"2026-11-20T09:15:02.123Z"},{"timestamp":"2026-11-20T09:15:03Z"},null,{"timestamp":"2026-11-20T09:15:04Z"})";
   }
   return text + meta + "]}";
 }

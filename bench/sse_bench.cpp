@@ -1,7 +1,6 @@
 // Event-stream parsing, reply-stream decoding and event-bus fan-out.
-#include <benchmark/benchmark.h>
-
 #include <arpa/inet.h>
+#include <benchmark/benchmark.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -21,7 +20,8 @@ using namespace tamsel::bridge;
 std::string eventStreamText(int events) {
   std::string text;
   for (int i = 0; i < events; ++i) {
-    text += "id: " + std::to_string(i) + "\nevent: delta\ndata: {\"text\":\"a fragment of the reply, about fifty bytes\"}\n\n";
+    text += "id: " + std::to_string(i) +
+            "\nevent: delta\ndata: {\"text\":\"a fragment of the reply, about fifty bytes\"}\n\n";
     if (i % 50 == 0) text += ": keepalive\n";
   }
   return text;
@@ -53,14 +53,16 @@ void FanOutToFourSubscribers(benchmark::State& state) {
   std::vector<EventStreamClient::Subscription> subscribers;
   for (int i = 0; i < 4; ++i) subscribers.push_back(client.subscribe());
   client.stop();
-  const SSEMessage message{std::string("1"), "tool_status",
-                           R"({"tool":"bash","status":"running","elapsed":0.5,"is_error":false,"session_id":"s_1"})"};
+  const SSEMessage message{
+      std::string("1"), "tool_status",
+      R"({"tool":"bash","status":"running","elapsed":0.5,"is_error":false,"session_id":"s_1"})"};
   for (auto _ : state) {
     client.dispatch(message);
     for (auto& s : subscribers) benchmark::DoNotOptimize(s.events->tryNext());
   }
   state.SetItemsProcessed(state.iterations() * 4);
-  state.counters["deliveries/s"] = benchmark::Counter(static_cast<double>(state.iterations() * 4), benchmark::Counter::kIsRate);
+  state.counters["deliveries/s"] =
+      benchmark::Counter(static_cast<double>(state.iterations() * 4), benchmark::Counter::kIsRate);
 }
 BENCHMARK(FanOutToFourSubscribers);
 
@@ -68,12 +70,14 @@ BENCHMARK(FanOutToFourSubscribers);
 void DeliverToFourSubscribers(benchmark::State& state) {
   std::vector<std::shared_ptr<EventSubscription>> subscribers;
   for (int i = 0; i < 4; ++i) subscribers.push_back(std::make_shared<EventSubscription>());
-  auto event = std::make_shared<const DaemonEvent>(*decodeDaemonEvent({std::nullopt, "usage", R"({"input_tokens":1})"}));
+  auto event = std::make_shared<const DaemonEvent>(
+      *decodeDaemonEvent({std::nullopt, "usage", R"({"input_tokens":1})"}));
   for (auto _ : state) {
     for (auto& s : subscribers) s->push(event);
     for (auto& s : subscribers) benchmark::DoNotOptimize(s->tryNext());
   }
-  state.counters["deliveries/s"] = benchmark::Counter(static_cast<double>(state.iterations() * 4), benchmark::Counter::kIsRate);
+  state.counters["deliveries/s"] =
+      benchmark::Counter(static_cast<double>(state.iterations() * 4), benchmark::Counter::kIsRate);
 }
 BENCHMARK(DeliverToFourSubscribers);
 
@@ -116,19 +120,25 @@ void ReplyStreamEndToEnd(benchmark::State& state) {
   std::int64_t decoded = 0;
   for (auto _ : state) {
     boost::asio::io_context io;
-    boost::asio::co_spawn(io, [&]() -> boost::asio::awaitable<void> {
-      SendMessageRequest request;
-      request.text = "go";
-      auto stream = co_await client.sendMessage(request);
-      while (auto event = co_await stream.next()) ++decoded;
-    }, [](std::exception_ptr e) { if (e) std::rethrow_exception(e); });
+    boost::asio::co_spawn(
+        io,
+        [&]() -> boost::asio::awaitable<void> {
+          SendMessageRequest request;
+          request.text = "go";
+          auto stream = co_await client.sendMessage(request);
+          while (auto event = co_await stream.next()) ++decoded;
+        },
+        [](std::exception_ptr e) {
+          if (e) std::rethrow_exception(e);
+        });
     io.run();
   }
   stop = true;
   ::shutdown(listener, SHUT_RDWR);
   ::close(listener);
   server.join();
-  state.counters["events/s"] = benchmark::Counter(static_cast<double>(decoded), benchmark::Counter::kIsRate);
+  state.counters["events/s"] =
+      benchmark::Counter(static_cast<double>(decoded), benchmark::Counter::kIsRate);
 }
 BENCHMARK(ReplyStreamEndToEnd)->Unit(benchmark::kMillisecond)->UseRealTime();
 

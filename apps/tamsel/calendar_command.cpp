@@ -30,7 +30,9 @@ int permission(Runtime& rt, const CalendarCommandOptions& o) {
   if (o.permissionAction == "deny") permissions->setStatus(CalendarPermissionStatus::denied);
   const auto status = permissions->status();
   if (o.asJSON) {
-    std::cout << toJSON(PermissionResult{"calendar", status, CalendarMappers::permissionMessage(status)}).serialize()
+    std::cout << toJSON(PermissionResult{"calendar", status,
+                                         CalendarMappers::permissionMessage(status)})
+                     .serialize()
               << std::endl;
   } else {
     std::cout << "calendar access for the engine: " << toWire(status) << std::endl;
@@ -66,8 +68,8 @@ int addCalDAV(Runtime& rt, const CalendarCommandOptions& o) {
   std::cout << "added CalDAV account " << saved.id << "\n";
   const std::string prefix = CalDAVCalendarStore(saved).idPrefix();
   for (const auto& c : found)
-    std::cout << prefix << c.id.substr(c.id.find('/') + 1) << "  " << c.title << (c.writable ? "" : "  (read-only)")
-              << "\n";
+    std::cout << prefix << c.id.substr(c.id.find('/') + 1) << "  " << c.title
+              << (c.writable ? "" : "  (read-only)") << "\n";
   return kExitOK;
 }
 
@@ -88,8 +90,9 @@ int calendarCommand(const GlobalOptions& options, const CalendarCommandOptions& 
     if (o.action == "add-caldav") return addCalDAV(rt, o);
 
     // The person at the keyboard reads their own calendars; the grant is the engine's.
-    auto provider = std::make_shared<CalendarProvider>(rt.main.ioExecutor(), openDesktopCalendarStore(appFolder),
-                                                       std::make_shared<MemoryPermissionStore>(CalendarPermissionStatus::granted));
+    auto provider = std::make_shared<CalendarProvider>(
+        rt.main.ioExecutor(), openDesktopCalendarStore(appFolder),
+        std::make_shared<MemoryPermissionStore>(CalendarPermissionStatus::granted));
     const std::chrono::milliseconds limit = provider->timerFor(60'000);
     if (o.action == "sources") {
       const auto sources = rt.runToEnd(provider->listSources(limit));
@@ -100,21 +103,25 @@ int calendarCommand(const GlobalOptions& options, const CalendarCommandOptions& 
         JSONValue::Array accounts;
         for (const auto& a : loadCalDAVAccounts(calDAVAccountsFileIn(appFolder)))
           accounts.push_back(JSONValue::object({{"id", a.id}, {"url", a.url}, {"user", a.user}}));
-        std::cout << JSONValue::object({{"sources", std::move(items)}, {"caldav_accounts", std::move(accounts)}}).serialize()
+        std::cout << JSONValue::object(
+                         {{"sources", std::move(items)}, {"caldav_accounts", std::move(accounts)}})
+                         .serialize()
                   << std::endl;
         return kExitOK;
       }
       for (const auto& s : sources)
-        std::cout << s.id << "  " << s.title << "  (" << s.accountType << (s.writable ? "" : ", read-only")
-                  << (s.defaultForNewEvents ? ", default" : "") << ")\n";
+        std::cout << s.id << "  " << s.title << "  (" << s.accountType
+                  << (s.writable ? "" : ", read-only") << (s.defaultForNewEvents ? ", default" : "")
+                  << ")\n";
       for (const auto& a : loadCalDAVAccounts(calDAVAccountsFileIn(appFolder)))
-        std::cout << "CalDAV account " << a.id << "  " << a.url << (a.user.empty() ? "" : "  (user " + a.user + ")")
-                  << "\n";
+        std::cout << "CalDAV account " << a.id << "  " << a.url
+                  << (a.user.empty() ? "" : "  (user " + a.user + ")") << "\n";
       return kExitOK;
     }
     if (o.action == "events") {
       JSONValue::Object params{{"start", o.from}, {"end", o.to}, {"limit", o.limit}};
-      if (!o.calendarIDs.empty()) params["calendar_ids"] = JSONValue::Array(o.calendarIDs.begin(), o.calendarIDs.end());
+      if (!o.calendarIDs.empty())
+        params["calendar_ids"] = JSONValue::Array(o.calendarIDs.begin(), o.calendarIDs.end());
       if (o.query) params["query"] = *o.query;
       auto decoded = decodeListEventsParams(JSONValue(std::move(params)));
       const auto list = rt.runToEnd(provider->listEvents(std::move(decoded), limit));

@@ -47,7 +47,8 @@ class ChatPrinter {
 
   void show(const SSEEvent& event) {
     // The session is needed to cancel the run, whatever the output format.
-    if (const auto* started = event.get<SSEEvent::SessionStarted>()) sessionID = started->value.sessionId;
+    if (const auto* started = event.get<SSEEvent::SessionStarted>())
+      sessionID = started->value.sessionId;
     if (asJSON_) {
       boost::json::object line;
       line["event"] = event.wireName;
@@ -67,7 +68,8 @@ class ChatPrinter {
         midLine_ = !text->value.text.empty() && text->value.text.back() != '\n';
       }
     } else if (const auto* tool = event.get<SSEEvent::Tool>()) {
-      line("[tool] " + tool->value.tool + " " + compact(tool->value.args) + " " + tool->value.status.value_or("") +
+      line("[tool] " + tool->value.tool + " " + compact(tool->value.args) + " " +
+           tool->value.status.value_or("") +
            (tool->value.isError.value_or(false) ? " (error)" : ""));
     } else if (const auto* error = event.get<SSEEvent::Error>()) {
       line("[error] " + error->value.error);
@@ -115,23 +117,33 @@ struct ChatRun {
 
   asio::awaitable<void> answerApproval(const bridge::ApprovalEvent& approval) {
     std::optional<std::string> decision;
-    if (chat.deny) decision = "deny";
-    else if (chat.autoApprove) decision = chat.autoApprove;
+    if (chat.deny)
+      decision = "deny";
+    else if (chat.autoApprove)
+      decision = chat.autoApprove;
     else if (interactive) {
-      printer.line("Approval needed: " + approval.tool.value_or("a tool") + " " + compact(approval.args, 200));
+      printer.line("Approval needed: " + approval.tool.value_or("a tool") + " " +
+                   compact(approval.args, 200));
       while (!decision) {
         auto answer = readLine("Allow? [o]nce, [s]ession, [a]lways, [d]eny: ");
         if (!answer) break;
-        const char c = answer->empty() ? ' ' : static_cast<char>(std::tolower(static_cast<unsigned char>((*answer)[0])));
-        if (c == 'o') decision = "once";
-        else if (c == 's') decision = "session";
-        else if (c == 'a') decision = "always";
-        else if (c == 'd') decision = "deny";
+        const char c =
+            answer->empty()
+                ? ' '
+                : static_cast<char>(std::tolower(static_cast<unsigned char>((*answer)[0])));
+        if (c == 'o')
+          decision = "once";
+        else if (c == 's')
+          decision = "session";
+        else if (c == 'a')
+          decision = "always";
+        else if (c == 'd')
+          decision = "deny";
       }
     }
     if (!decision) {
-      printer.line("Approval for " + approval.tool.value_or("a tool") + " (request " + approval.requestId +
-                   ") is waiting for another client to answer it.");
+      printer.line("Approval for " + approval.tool.value_or("a tool") + " (request " +
+                   approval.requestId + ") is waiting for another client to answer it.");
       co_return;
     }
     const bridge::ApprovalResponseBody body{approval.requestId, *decision};
@@ -141,13 +153,15 @@ struct ChatRun {
 
   asio::awaitable<void> answerQuestion(const bridge::QuestionRequestPayload& question) {
     if (!interactive || chat.asJSON) {
-      printer.line("A question (request " + question.requestId + ") is waiting for another client to answer it.");
+      printer.line("A question (request " + question.requestId +
+                   ") is waiting for another client to answer it.");
       co_return;
     }
     std::vector<bridge::AnswerBody> answers;
     for (const auto& entry : question.questions) {
       printer.line((entry.header ? "[" + *entry.header + "] " : std::string()) + entry.question);
-      const auto& options = entry.options ? *entry.options : std::vector<bridge::QuestionOptionPayload>{};
+      const auto& options =
+          entry.options ? *entry.options : std::vector<bridge::QuestionOptionPayload>{};
       for (std::size_t i = 0; i < options.size(); ++i) {
         std::cout << "  " << (i + 1) << ". " << options[i].label;
         if (options[i].description) std::cout << " — " << *options[i].description;
@@ -159,7 +173,8 @@ struct ChatRun {
                             (entry.allowOther.value_or(false) ? " or your own answer" : "") +
                             ", empty to decline: ");
       if (!reply || reply->empty()) {
-        const bridge::QuestionResponseBody body{question.requestId, std::string("decline"), std::nullopt};
+        const bridge::QuestionResponseBody body{question.requestId, std::string("decline"),
+                                                std::nullopt};
         co_await client.answerQuestion(body);
         printer.line("Declined.");
         co_return;
@@ -188,14 +203,18 @@ struct ChatRun {
     bridge::SendMessageRequest request;
     request.text = chat.message;
     request.agent = chat.agent;
-    if (chat.sessionID) request.sessionId = chat.sessionID;
-    else request.newSession = true;
+    if (chat.sessionID)
+      request.sessionId = chat.sessionID;
+    else
+      request.newSession = true;
     request.clientMessageId = base::newUUIDString();
     stream = co_await client.sendMessage(request);
     while (auto event = co_await stream->next()) {
       printer.show(*event);
-      if (const auto* approval = event->get<SSEEvent::Approval>()) co_await answerApproval(approval->value);
-      if (const auto* question = event->get<SSEEvent::Question>()) co_await answerQuestion(question->value);
+      if (const auto* approval = event->get<SSEEvent::Approval>())
+        co_await answerApproval(approval->value);
+      if (const auto* question = event->get<SSEEvent::Question>())
+        co_await answerQuestion(question->value);
       if (const auto* failure = event->get<SSEEvent::Failure>()) {
         printError(failure->value.error.description());
         exitCode = kExitFailure;
@@ -216,7 +235,9 @@ int chatOnce(const GlobalOptions& options, const ChatOptions& chat) {
   Runtime rt(options);
   auto& io = rt.io;
   auto& client = rt.services.client();
-  ChatRun run{options, chat, client, ChatPrinter(chat.asJSON), static_cast<bool>(::isatty(STDIN_FILENO)), {}};
+  ChatRun run{
+      options, chat, client, ChatPrinter(chat.asJSON), static_cast<bool>(::isatty(STDIN_FILENO)),
+      {}};
 
   bool interrupted = false;
   asio::signal_set signals(io, SIGINT, SIGTERM);
@@ -224,16 +245,20 @@ int chatOnce(const GlobalOptions& options, const ChatOptions& chat) {
     if (ec) return;
     interrupted = true;
     // Dropping the stream closes the request; the engine is also asked to stop the run.
-    asio::co_spawn(io, [&]() -> asio::awaitable<void> {
-      if (run.stream) run.stream->cancel();
-      try {
-        const bridge::CancelRequest body{run.printer.sessionID ? run.printer.sessionID : chat.sessionID, chat.agent,
-                                         std::nullopt};
-        co_await client.cancel(body);
-      } catch (const std::exception&) {
-      }
-      io.stop();
-    }, asio::detached);
+    asio::co_spawn(
+        io,
+        [&]() -> asio::awaitable<void> {
+          if (run.stream) run.stream->cancel();
+          try {
+            const bridge::CancelRequest body{
+                run.printer.sessionID ? run.printer.sessionID : chat.sessionID, chat.agent,
+                std::nullopt};
+            co_await client.cancel(body);
+          } catch (const std::exception&) {
+          }
+          io.stop();
+        },
+        asio::detached);
   });
 
   std::exception_ptr failure;

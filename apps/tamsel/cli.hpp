@@ -25,14 +25,14 @@ inline constexpr int kExitFailure = 1;
 inline constexpr int kExitUsage = 2;
 inline constexpr int kExitNotRunning = 3;
 
-
 int engineStart(const GlobalOptions& options);
 int engineStatus(const GlobalOptions& options, bool asJSON);
 int engineStop(const GlobalOptions& options);
 int runHeadless(const GlobalOptions& options, bool asJSON);
 int followEvents(const GlobalOptions& options, bool asJSON);
 int listAgents(const GlobalOptions& options, bool asJSON);
-int listSessions(const GlobalOptions& options, const std::optional<std::string>& agent, bool asJSON);
+int listSessions(const GlobalOptions& options, const std::optional<std::string>& agent,
+                 bool asJSON);
 
 struct ChatOptions {
   std::string message;
@@ -46,12 +46,12 @@ int chatOnce(const GlobalOptions& options, const ChatOptions& chat);
 int chatInteractive(const GlobalOptions& options, const std::optional<std::string>& agent,
                     const std::optional<std::string>& sessionID);
 
-int showHistory(const GlobalOptions& options, const std::string& sessionID, const std::optional<std::string>& agent,
-                bool asJSON);
+int showHistory(const GlobalOptions& options, const std::string& sessionID,
+                const std::optional<std::string>& agent, bool asJSON);
 
 // `tamsel calendar ...`: the desktop's own calendars and the engine's grant to them.
 struct CalendarCommandOptions {
-  std::string action;                       // "permission", "sources", "events", "add-local", "add-caldav"
+  std::string action;  // "permission", "sources", "events", "add-local", "add-caldav"
   std::string permissionAction = "status";  // "status", "grant", "deny"
   bool asJSON = false;
   std::string from, to;
@@ -60,7 +60,8 @@ struct CalendarCommandOptions {
   std::int64_t limit = 500;
   std::string name, title, color;
   bool makeDefault = false;
-  std::string url, user, passwordEnv;  // add-caldav; the password only ever comes from the environment
+  std::string url, user,
+      passwordEnv;  // add-caldav; the password only ever comes from the environment
 };
 int calendarCommand(const GlobalOptions& options, const CalendarCommandOptions& calendar);
 

@@ -20,7 +20,8 @@ std::optional<T> callEngine(Runtime& rt, asio::awaitable<T> work) {
   try {
     return rt.runToEnd(std::move(work));
   } catch (const bridge::TransportError& e) {
-    printError(std::string(e.what()) + "\nIs the engine running? Start it with: tamsel engine start (port " +
+    printError(std::string(e.what()) +
+               "\nIs the engine running? Start it with: tamsel engine start (port " +
                std::to_string(rt.services.options().enginePort) + ")");
   } catch (const bridge::DaemonClientException& e) {
     printError(e.what());
@@ -28,7 +29,9 @@ std::optional<T> callEngine(Runtime& rt, asio::awaitable<T> work) {
   return std::nullopt;
 }
 
-std::string cell(const std::optional<std::string>& text) { return text && !text->empty() ? *text : "-"; }
+std::string cell(const std::optional<std::string>& text) {
+  return text && !text->empty() ? *text : "-";
+}
 
 }  // namespace
 
@@ -45,18 +48,21 @@ int listAgents(const GlobalOptions& options, bool asJSON) {
     std::cout << "No agents." << std::endl;
     return kExitOK;
   }
-  std::cout << std::left << std::setw(20) << "NAME" << std::setw(28) << "DISPLAY NAME" << std::setw(9) << "BUILTIN"
-            << std::setw(8) << "SKILLS" << "COMMANDS\n";
+  std::cout << std::left << std::setw(20) << "NAME" << std::setw(28) << "DISPLAY NAME"
+            << std::setw(9) << "BUILTIN" << std::setw(8) << "SKILLS"
+            << "COMMANDS\n";
   for (const auto& agent : *agents) {
-    std::cout << std::left << std::setw(20) << agent.name << std::setw(28) << cell(agent.displayName) << std::setw(9)
-              << (agent.builtin.value_or(false) ? "yes" : "no") << std::setw(8) << agent.skillCount.value_or(0)
-              << agent.commandCount.value_or(0) << "\n";
+    std::cout << std::left << std::setw(20) << agent.name << std::setw(28)
+              << cell(agent.displayName) << std::setw(9)
+              << (agent.builtin.value_or(false) ? "yes" : "no") << std::setw(8)
+              << agent.skillCount.value_or(0) << agent.commandCount.value_or(0) << "\n";
   }
   std::cout << std::flush;
   return kExitOK;
 }
 
-int listSessions(const GlobalOptions& options, const std::optional<std::string>& agent, bool asJSON) {
+int listSessions(const GlobalOptions& options, const std::optional<std::string>& agent,
+                 bool asJSON) {
   Runtime rt(options);
   auto& client = rt.services.client();
   bridge::SessionListQuery query;
@@ -71,8 +77,9 @@ int listSessions(const GlobalOptions& options, const std::optional<std::string>&
     std::cout << "No sessions." << std::endl;
     return kExitOK;
   }
-  std::cout << std::left << std::setw(38) << "ID" << std::setw(22) << "UPDATED" << std::setw(6) << "MSGS"
-            << std::setw(14) << "AGENT" << "TITLE\n";
+  std::cout << std::left << std::setw(38) << "ID" << std::setw(22) << "UPDATED" << std::setw(6)
+            << "MSGS" << std::setw(14) << "AGENT"
+            << "TITLE\n";
   for (const auto& s : *sessions) {
     const std::string updated = s.updatedAt ? base::formatISO8601(*s.updatedAt).substr(0, 19) : "-";
     std::cout << std::left << std::setw(38) << s.id << std::setw(22) << updated << std::setw(6)

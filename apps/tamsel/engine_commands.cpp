@@ -48,7 +48,8 @@ bool startEngine(const GlobalOptions& options, bool announce) {
   if (state.kind == DaemonManager::State::Kind::running) {
     if (announce) {
       std::cout << state.displayText();
-      if (auto pid = manager.enginePID()) std::cout << " (PID " << *pid << ", port " << options.enginePort << ")";
+      if (auto pid = manager.enginePID())
+        std::cout << " (PID " << *pid << ", port " << options.enginePort << ")";
       std::cout << std::endl;
     }
     return true;
@@ -61,7 +62,9 @@ bool startEngine(const GlobalOptions& options, bool announce) {
 
 bool ensureEngine(const GlobalOptions& options) { return startEngine(options, false); }
 
-int engineStart(const GlobalOptions& options) { return startEngine(options, true) ? kExitOK : kExitFailure; }
+int engineStart(const GlobalOptions& options) {
+  return startEngine(options, true) ? kExitOK : kExitFailure;
+}
 
 int engineStatus(const GlobalOptions& options, bool asJSON) {
   Runtime rt(options);
@@ -92,7 +95,8 @@ int engineStatus(const GlobalOptions& options, bool asJSON) {
       // A one-shot capabilities exchange: the channel answers or it does not.
       try {
         const double limit = 1.0;
-        const std::string version = co_await bridge::rpc::DesktopRPCService::probeProtocolVersion(socket, limit);
+        const std::string version =
+            co_await bridge::rpc::DesktopRPCService::probeProtocolVersion(socket, limit);
         r.rpcDetail = "protocol " + version;
         r.rpcChannel = "online";
       } catch (const std::exception& e) {
@@ -108,9 +112,10 @@ int engineStatus(const GlobalOptions& options, bool asJSON) {
   const bool running = report.status.has_value();
   const std::string state = running ? "running" : pid ? "not_responding" : "stopped";
   const std::string endpoint = report.healthy ? "ready" : pid ? "reconnecting" : "down";
-  const auto enginePath =
-      desktop::EngineLocator::locate(desktop::EngineLocator::forThisProcess(rt.services.environment()));
-  const auto installed = enginePath ? desktop::EngineLocator::bundledVersion(*enginePath) : std::nullopt;
+  const auto enginePath = desktop::EngineLocator::locate(
+      desktop::EngineLocator::forThisProcess(rt.services.environment()));
+  const auto installed =
+      enginePath ? desktop::EngineLocator::bundledVersion(*enginePath) : std::nullopt;
 
   if (asJSON) {
     bj::object out;
@@ -118,22 +123,29 @@ int engineStatus(const GlobalOptions& options, bool asJSON) {
     out["pid"] = pid ? bj::value(*pid) : bj::value(nullptr);
     out["port"] = options.enginePort;
     out["local_endpoint"] = endpoint;
-    out["version"] = running && report.status->version ? bj::value(*report.status->version) : bj::value(nullptr);
+    out["version"] =
+        running && report.status->version ? bj::value(*report.status->version) : bj::value(nullptr);
     bj::array caps;
     if (running && report.status->capabilities)
       for (const auto& c : *report.status->capabilities) caps.emplace_back(c);
     out["capabilities"] = std::move(caps);
-    out["active_agent"] =
-        running && report.status->activeAgent ? bj::value(*report.status->activeAgent) : bj::value(nullptr);
+    out["active_agent"] = running && report.status->activeAgent
+                              ? bj::value(*report.status->activeAgent)
+                              : bj::value(nullptr);
     out["engine_path"] = enginePath ? bj::value(enginePath->string()) : bj::value(nullptr);
     out["installed_version"] = installed ? bj::value(*installed) : bj::value(nullptr);
     out["error"] = running ? bj::value(nullptr) : bj::value(report.error);
     out["rpc_channel"] = report.rpcChannel;
     std::cout << base::json::serialize(out) << std::endl;
   } else {
-    std::cout << "Engine:        " << (running ? "Tamsel Engine is running" : pid ? "Engine not responding" : "Tamsel Engine is not running") << "\n";
+    std::cout << "Engine:        "
+              << (running ? "Tamsel Engine is running"
+                  : pid   ? "Engine not responding"
+                          : "Tamsel Engine is not running")
+              << "\n";
     std::cout << "PID:           " << (pid ? std::to_string(*pid) : "-") << "\n";
-    std::cout << "Endpoint:      http://127.0.0.1:" << options.enginePort << " (" << endpoint << ")\n";
+    std::cout << "Endpoint:      http://127.0.0.1:" << options.enginePort << " (" << endpoint
+              << ")\n";
     if (running) {
       std::cout << "Version:       " << report.status->version.value_or("-") << "\n";
       std::cout << "Active agent:  " << report.status->activeAgent.value_or("-") << "\n";
@@ -197,12 +209,19 @@ int runHeadless(const GlobalOptions& options, bool asJSON) {
   };
   std::optional<Shown> last;
   auto show = [&] {
-    Shown now{manager.state(), manager.localEndpoint(), manager.restartCount(), manager.enginePID(), {}, {}};
+    Shown now{manager.state(),
+              manager.localEndpoint(),
+              manager.restartCount(),
+              manager.enginePID(),
+              {},
+              {}};
     if (const auto* rpc = manager.rpcService()) {
       now.rpcOnline = rpc->isOnline();
       now.rpcError = rpc->lastError();
     }
-    const std::string rpcChannel = !now.rpcOnline ? "disabled" : *now.rpcOnline ? "online" : "offline";
+    const std::string rpcChannel = !now.rpcOnline   ? "disabled"
+                                   : *now.rpcOnline ? "online"
+                                                    : "offline";
     if (last == now) return;
     last = now;
     const auto stamp = base::formatISO8601(base::nowTimestamp());
@@ -218,7 +237,8 @@ int runHeadless(const GlobalOptions& options, bool asJSON) {
       line["rpc_error"] = now.rpcError ? bj::value(*now.rpcError) : bj::value(nullptr);
       std::cout << base::json::serialize(line) << std::endl;
     } else {
-      std::cout << stamp << "  " << now.state.displayText() << "  [endpoint " << DaemonManager::name(now.endpoint);
+      std::cout << stamp << "  " << now.state.displayText() << "  [endpoint "
+                << DaemonManager::name(now.endpoint);
       if (now.pid) std::cout << ", PID " << *now.pid;
       if (now.restarts) std::cout << ", restarts " << now.restarts;
       if (now.rpcOnline) std::cout << ", rpc " << rpcChannel;

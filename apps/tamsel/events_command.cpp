@@ -21,28 +21,35 @@ int followEvents(const GlobalOptions& options, bool asJSON) {
   auto& io = rt.io;
   auto& events = rt.services.eventStream();
   events.connectionChanged().connect([&](bool up) {
-    std::cerr << (up ? "tamsel: connected to the event stream" : "tamsel: event stream lost; reconnecting")
-              << (up && events.lastEventID() ? " (resuming after " + *events.lastEventID() + ")" : std::string())
+    std::cerr << (up ? "tamsel: connected to the event stream"
+                     : "tamsel: event stream lost; reconnecting")
+              << (up && events.lastEventID() ? " (resuming after " + *events.lastEventID() + ")"
+                                             : std::string())
               << std::endl;
   });
   auto subscription = events.subscribe();
-  asio::co_spawn(io, [&, stream = subscription.events]() -> asio::awaitable<void> {
-    try {
-      while (auto event = co_await stream->next()) {
-        const auto& e = **event;
-        if (asJSON) {
-          boost::json::object line{{"event", e.wireName()}, {"id", e.id ? boost::json::value(*e.id) : nullptr}, {"data", e.data}};
-          std::cout << base::json::serialize(line) << std::endl;
-        } else {
-          std::cout << (e.id ? "#" + *e.id + " " : std::string()) << e.wireName() << " " << base::json::serialize(e.data)
-                    << std::endl;
+  asio::co_spawn(
+      io,
+      [&, stream = subscription.events]() -> asio::awaitable<void> {
+        try {
+          while (auto event = co_await stream->next()) {
+            const auto& e = **event;
+            if (asJSON) {
+              boost::json::object line{{"event", e.wireName()},
+                                       {"id", e.id ? boost::json::value(*e.id) : nullptr},
+                                       {"data", e.data}};
+              std::cout << base::json::serialize(line) << std::endl;
+            } else {
+              std::cout << (e.id ? "#" + *e.id + " " : std::string()) << e.wireName() << " "
+                        << base::json::serialize(e.data) << std::endl;
+            }
+          }
+        } catch (const std::exception& error) {
+          printError(error.what());
         }
-      }
-    } catch (const std::exception& error) {
-      printError(error.what());
-    }
-    io.stop();
-  }, asio::detached);
+        io.stop();
+      },
+      asio::detached);
   asio::signal_set signals(io, SIGINT, SIGTERM);
   signals.async_wait([&](const boost::system::error_code& ec, int) {
     if (!ec) io.stop();

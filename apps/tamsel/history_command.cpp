@@ -14,7 +14,9 @@ void indented(const std::string& text) {
   std::size_t start = 0;
   while (start <= text.size()) {
     const auto end = text.find('\n', start);
-    std::cout << "  " << text.substr(start, end == std::string::npos ? std::string::npos : end - start) << "\n";
+    std::cout << "  "
+              << text.substr(start, end == std::string::npos ? std::string::npos : end - start)
+              << "\n";
     if (end == std::string::npos) break;
     start = end + 1;
   }
@@ -22,13 +24,14 @@ void indented(const std::string& text) {
 
 }  // namespace
 
-int showHistory(const GlobalOptions& options, const std::string& sessionID, const std::optional<std::string>& agent,
-                bool asJSON) {
+int showHistory(const GlobalOptions& options, const std::string& sessionID,
+                const std::optional<std::string>& agent, bool asJSON) {
   Runtime rt(options);
   const auto& history = rt.services.sessionHistory();
   const auto result = history.loadNow(sessionID, agent, std::nullopt);
   if (!result.found) {
-    printError("Session " + sessionID + " not found" + (agent ? " for agent " + *agent : std::string()) + " in " +
+    printError("Session " + sessionID + " not found" +
+               (agent ? " for agent " + *agent : std::string()) + " in " +
                options.engineHome.string());
     return kExitFailure;
   }
@@ -53,12 +56,14 @@ int showHistory(const GlobalOptions& options, const std::string& sessionID, cons
         std::cout << "  [tool] " << tool.name;
         if (tool.args) std::cout << ": " << *tool.args;
         std::cout << " (" << kit::name(tool.status) << (tool.isError ? ", error" : "") << ")\n";
-        if (tool.preview && !tool.preview->empty()) std::cout << "         → " << *tool.preview << "\n";
+        if (tool.preview && !tool.preview->empty())
+          std::cout << "         → " << *tool.preview << "\n";
       }
     }
     if (!m.content.empty()) indented(m.content);
     for (const auto& a : m.attachments) {
-      std::cout << "  [" << (a.kind == kit::Attachment::Kind::image ? "image" : "file") << "] " << a.filename;
+      std::cout << "  [" << (a.kind == kit::Attachment::Kind::image ? "image" : "file") << "] "
+                << a.filename;
       if (a.byteSize) std::cout << " (" << *a.byteSize << " bytes)";
       if (a.filePath) std::cout << " " << *a.filePath;
       std::cout << "\n";

@@ -1,8 +1,8 @@
 // tamsel chat (without -m): an interactive chat in the terminal on the chat controller.
 //
-// The line editor (GNU readline) runs in its callback mode on the same event loop as the controller, so
-// replies stream in while the user types: output is printed above the prompt and the line being
-// typed is redrawn after it. The unsent line is kept as the session's draft.
+// The line editor (GNU readline) runs in its callback mode on the same event loop as the
+// controller, so replies stream in while the user types: output is printed above the prompt and the
+// line being typed is redrawn after it. The unsent line is kept as the session's draft.
 #include <readline/history.h>
 #include <readline/readline.h>
 #include <signal.h>
@@ -20,9 +20,9 @@
 #include "cli.hpp"
 #include "runtime.hpp"
 #include "tamsel/base/json.hpp"
+#include "tamsel/base/preferences_store.hpp"
 #include "tamsel/bridge/daemon_paths.hpp"
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
-#include "tamsel/base/preferences_store.hpp"
 #include "tamsel/kit/draft_storage.hpp"
 
 namespace tamsel::cli {
@@ -33,12 +33,14 @@ using desktop::DaemonChatViewModel;
 namespace {
 
 constexpr const char* kHelp =
-    "Type a message and press Enter. While a reply runs, what you send is queued (or use /inject).\n"
+    "Type a message and press Enter. While a reply runs, what you send is queued (or use "
+    "/inject).\n"
     "  /new                 start a new session        /open ID     switch to a session\n"
     "  /sessions            list sessions              /agents      list agents\n"
     "  /agent NAME          talk to another agent      /history     show the whole session again\n"
     "  /queue               show queued messages       /edit N TEXT change queued message N\n"
-    "  /retract N           drop queued message N      /send-now    cancel the reply, send the queue now\n"
+    "  /retract N           drop queued message N      /send-now    cancel the reply, send the "
+    "queue now\n"
     "  /inject TEXT         add TEXT to the running reply\n"
     "  /cancel              stop the running reply (also Ctrl-C)\n"
     "  /approve once|session|always    /deny         answer the waiting approval\n"
@@ -113,9 +115,7 @@ class ChatTerminal {
   }
 
  private:
-  std::string prompt() const {
-    return vm_.selectedAgent().value_or("chat") + "> ";
-  }
+  std::string prompt() const { return vm_.selectedAgent().value_or("chat") + "> "; }
 
   // The editor keeps a pointer to the prompt, so it lives in a member.
   void installPrompt() {
@@ -136,23 +136,26 @@ class ChatTerminal {
   }
 
   void waitForInput() {
-    input_.async_wait(asio::posix::stream_descriptor::wait_read, [this](const boost::system::error_code& ec) {
-      if (ec || stopped_) return;
-      rl_callback_read_char();
-      if (stopped_) return;
-      if (lineSubmitted_) {
-        // The editor hands the finished line back into its buffer; start the next one empty.
-        lineSubmitted_ = false;
-        clearLine();
-      }
-      // Keep the unsent line as the session's draft (the store debounces the writes).
-      const std::string current = rl_line_buffer ? rl_line_buffer : "";
-      if (current != lastDraft_) {
-        lastDraft_ = current;
-        vm_.setComposerText(current);
-      }
-      waitForInput();
-    });
+    input_.async_wait(asio::posix::stream_descriptor::wait_read,
+                      [this](const boost::system::error_code& ec) {
+                        if (ec || stopped_) return;
+                        rl_callback_read_char();
+                        if (stopped_) return;
+                        if (lineSubmitted_) {
+                          // The editor hands the finished line back into its buffer; start the next
+                          // one empty.
+                          lineSubmitted_ = false;
+                          clearLine();
+                        }
+                        // Keep the unsent line as the session's draft (the store debounces the
+                        // writes).
+                        const std::string current = rl_line_buffer ? rl_line_buffer : "";
+                        if (current != lastDraft_) {
+                          lastDraft_ = current;
+                          vm_.setComposerText(current);
+                        }
+                        waitForInput();
+                      });
   }
 
   void saveDraft() {
@@ -209,12 +212,14 @@ class ChatTerminal {
     }
     if (command == "/sessions") {
       std::string list;
-      for (const auto& s : vm_.sessions()) list += "  " + s.id + "  " + s.title.value_or("(untitled)") + "\n";
+      for (const auto& s : vm_.sessions())
+        list += "  " + s.id + "  " + s.title.value_or("(untitled)") + "\n";
       return print(list.empty() ? "No sessions." : list);
     }
     if (command == "/agents") {
       std::string list;
-      for (const auto& a : vm_.agents()) list += "  " + a.name + (a.displayName ? "  " + *a.displayName : "") + "\n";
+      for (const auto& a : vm_.agents())
+        list += "  " + a.name + (a.displayName ? "  " + *a.displayName : "") + "\n";
       return print(list.empty() ? "No agents." : list);
     }
     if (command == "/agent") {
@@ -227,7 +232,8 @@ class ChatTerminal {
       const auto queued = vm_.queuedDrafts();
       if (queued.empty()) return print("Nothing queued.");
       std::string list;
-      for (std::size_t i = 0; i < queued.size(); ++i) list += "  " + std::to_string(i + 1) + ". " + queued[i].text + "\n";
+      for (std::size_t i = 0; i < queued.size(); ++i)
+        list += "  " + std::to_string(i + 1) + ". " + queued[i].text + "\n";
       return print(list);
     }
     if (command == "/edit" || command == "/retract") {
@@ -251,7 +257,8 @@ class ChatTerminal {
     }
     if (command == "/inject") {
       const auto outcome = vm_.submit(rest, true);
-      if (outcome == DaemonChatViewModel::SubmitOutcome::sent) print("(no reply was running: sent)");
+      if (outcome == DaemonChatViewModel::SubmitOutcome::sent)
+        print("(no reply was running: sent)");
       return;
     }
     if (command == "/cancel") return vm_.cancel();
@@ -260,10 +267,14 @@ class ChatTerminal {
       if (approvals.empty()) return print("No approval is waiting.");
       auto decision = DaemonChatViewModel::ApprovalDecision::deny;
       if (command == "/approve") {
-        if (rest == "once" || rest.empty()) decision = DaemonChatViewModel::ApprovalDecision::once;
-        else if (rest == "session") decision = DaemonChatViewModel::ApprovalDecision::session;
-        else if (rest == "always") decision = DaemonChatViewModel::ApprovalDecision::always;
-        else return print("Usage: /approve once|session|always");
+        if (rest == "once" || rest.empty())
+          decision = DaemonChatViewModel::ApprovalDecision::once;
+        else if (rest == "session")
+          decision = DaemonChatViewModel::ApprovalDecision::session;
+        else if (rest == "always")
+          decision = DaemonChatViewModel::ApprovalDecision::always;
+        else
+          return print("Usage: /approve once|session|always");
       }
       vm_.answerApproval(approvals.front().info.requestID, decision);
       return;
@@ -284,7 +295,8 @@ class ChatTerminal {
         for (std::string word; picks >> word;) {
           char* end = nullptr;
           const long n = std::strtol(word.c_str(), &end, 10);
-          if (*end || !entry.options || n < 1 || static_cast<std::size_t>(n) > entry.options->size()) {
+          if (*end || !entry.options || n < 1 ||
+              static_cast<std::size_t>(n) > entry.options->size()) {
             numbers = false;
             break;
           }
@@ -322,7 +334,9 @@ class ChatTerminal {
         std::size_t upTo = m.content.size();
         if (streaming) {
           const auto newline = m.content.rfind('\n');
-          upTo = newline == std::string::npos || newline < printedStreamLength_ ? printedStreamLength_ : newline + 1;
+          upTo = newline == std::string::npos || newline < printedStreamLength_
+                     ? printedStreamLength_
+                     : newline + 1;
         }
         if (upTo > printedStreamLength_) {
           std::string piece = m.content.substr(printedStreamLength_, upTo - printedStreamLength_);
@@ -346,7 +360,8 @@ class ChatTerminal {
       for (const auto& q : row.request.questions) {
         text += "\n  " + q.question;
         if (q.options)
-          for (std::size_t i = 0; i < q.options->size(); ++i) text += "\n    " + std::to_string(i + 1) + ". " + q.options->at(i).label;
+          for (std::size_t i = 0; i < q.options->size(); ++i)
+            text += "\n    " + std::to_string(i + 1) + ". " + q.options->at(i).label;
       }
       print(text + "\n  answer with /answer N (or your own words) or /decline");
     }
@@ -367,12 +382,13 @@ class ChatTerminal {
     for (const auto& tool : m.toolBlock->tools) {
       const std::string key = m.id + "/" + tool.id + "/" + kit::name(tool.status);
       if (!shownTools_.insert(key).second) continue;
-      print("[tool] " + tool.name + (tool.args ? ": " + *tool.args : "") + " (" + kit::name(tool.status) +
-            (tool.isError ? ", error" : "") + ")");
+      print("[tool] " + tool.name + (tool.args ? ": " + *tool.args : "") + " (" +
+            kit::name(tool.status) + (tool.isError ? ", error" : "") + ")");
     }
   }
 
-  void showOnce(const std::optional<std::string>& value, std::optional<std::string>& last, const std::string& prefix) {
+  void showOnce(const std::optional<std::string>& value, std::optional<std::string>& last,
+                const std::string& prefix) {
     if (value == last) return;
     last = value;
     if (value) print(prefix + *value);
@@ -416,11 +432,15 @@ int chatInteractive(const GlobalOptions& options, const std::optional<std::strin
   while (vm.agents().empty() && !vm.errorMessage() && std::chrono::steady_clock::now() < deadline)
     io.run_for(std::chrono::milliseconds(20));
   if (agent) vm.selectAgent(*agent);
-  if (sessionID) vm.selectSession(*sessionID);
-  else vm.startNewSession();
+  if (sessionID)
+    vm.selectSession(*sessionID);
+  else
+    vm.startNewSession();
   io.restart();
-  std::cout << "Tamsel chat — " << (sessionID ? "session " + *sessionID : std::string("new session")) << " with "
-            << vm.selectedAgent().value_or("the default agent") << ". /help lists commands." << std::endl;
+  std::cout << "Tamsel chat — "
+            << (sessionID ? "session " + *sessionID : std::string("new session")) << " with "
+            << vm.selectedAgent().value_or("the default agent") << ". /help lists commands."
+            << std::endl;
 
   asio::signal_set signals(io, SIGINT, SIGTERM);
   std::function<void()> listen = [&] {

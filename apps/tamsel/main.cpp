@@ -69,19 +69,24 @@ int main(int argc, char** argv) {
   auto* chat = app.add_subcommand("chat", "Send a message and watch the reply");
   cli::ChatOptions chatOptions;
   std::string approve;
-  chat->add_option("-m,--message", chatOptions.message, "The message (without it: an interactive chat)");
+  chat->add_option("-m,--message", chatOptions.message,
+                   "The message (without it: an interactive chat)");
   chat->add_option("--agent", chatOptions.agent, "The agent to talk to");
-  chat->add_option("--session", chatOptions.sessionID, "Continue this session (default: a new one)");
+  chat->add_option("--session", chatOptions.sessionID,
+                   "Continue this session (default: a new one)");
   chat->add_flag("--json", chatOptions.asJSON, "One JSON object per reply event");
   auto* approveOption = chat->add_option("--approve", approve, "Answer approvals without asking")
                             ->check(CLI::IsMember({"once", "session", "always"}));
-  chat->add_flag("--deny", chatOptions.deny, "Deny approvals without asking")->excludes(approveOption);
+  chat->add_flag("--deny", chatOptions.deny, "Deny approvals without asking")
+      ->excludes(approveOption);
 
-  auto* eventsCommand = app.add_subcommand("events", "Follow the engine's event stream (survives engine restarts)");
+  auto* eventsCommand =
+      app.add_subcommand("events", "Follow the engine's event stream (survives engine restarts)");
   bool eventsJSON = false;
   eventsCommand->add_flag("--json", eventsJSON, "One JSON object per event");
 
-  auto* history = app.add_subcommand("history", "Show a session's messages from the engine's files");
+  auto* history =
+      app.add_subcommand("history", "Show a session's messages from the engine's files");
   std::string historySession;
   std::optional<std::string> historyAgent;
   bool historyJSON = false;
@@ -90,28 +95,37 @@ int main(int argc, char** argv) {
   history->add_flag("--json", historyJSON, "Print a JSON array of the displayed messages");
 
   cli::CalendarCommandOptions calendarOptions;
-  auto* calendarCmd = app.add_subcommand("calendar", "The desktop's calendars and the engine's access to them");
+  auto* calendarCmd =
+      app.add_subcommand("calendar", "The desktop's calendars and the engine's access to them");
   calendarCmd->require_subcommand(1);
-  auto* calPermission = calendarCmd->add_subcommand("permission", "Show, grant or deny the engine's calendar access");
+  auto* calPermission =
+      calendarCmd->add_subcommand("permission", "Show, grant or deny the engine's calendar access");
   calPermission->add_option("action", calendarOptions.permissionAction, "status, grant or deny")
       ->check(CLI::IsMember({"status", "grant", "deny"}));
   calPermission->add_flag("--json", calendarOptions.asJSON, "Print JSON");
   auto* calSources = calendarCmd->add_subcommand("sources", "List calendars");
   calSources->add_flag("--json", calendarOptions.asJSON, "Print JSON");
-  auto* calEvents = calendarCmd->add_subcommand("events", "List events between two times (RFC 3339 with offset)");
-  calEvents->add_option("--from", calendarOptions.from, "Start, e.g. 2026-03-01T00:00:00+01:00")->required();
+  auto* calEvents =
+      calendarCmd->add_subcommand("events", "List events between two times (RFC 3339 with offset)");
+  calEvents->add_option("--from", calendarOptions.from, "Start, e.g. 2026-03-01T00:00:00+01:00")
+      ->required();
   calEvents->add_option("--to", calendarOptions.to, "End")->required();
   calEvents->add_option("--calendar", calendarOptions.calendarIDs, "Only these calendar ids");
   calEvents->add_option("--query", calendarOptions.query, "Text in title, location or notes");
-  calEvents->add_option("--limit", calendarOptions.limit, "At most this many events")->capture_default_str();
+  calEvents->add_option("--limit", calendarOptions.limit, "At most this many events")
+      ->capture_default_str();
   calEvents->add_flag("--json", calendarOptions.asJSON, "Print JSON");
   auto* calAddLocal = calendarCmd->add_subcommand("add-local", "Add a calendar on this computer");
   calAddLocal->add_option("name", calendarOptions.name, "Folder name")->required();
   calAddLocal->add_option("--title", calendarOptions.title, "Display name");
   calAddLocal->add_option("--color", calendarOptions.color, "Colour, #RRGGBB");
   calAddLocal->add_flag("--default", calendarOptions.makeDefault, "New events go here");
-  auto* calAddCalDAV = calendarCmd->add_subcommand("add-caldav", "Add a CalDAV account (its calendars are found on the server)");
-  calAddCalDAV->add_option("url", calendarOptions.url, "The server's URL, e.g. https://cal.example.org/ or http://127.0.0.1:5232/")->required();
+  auto* calAddCalDAV = calendarCmd->add_subcommand(
+      "add-caldav", "Add a CalDAV account (its calendars are found on the server)");
+  calAddCalDAV
+      ->add_option("url", calendarOptions.url,
+                   "The server's URL, e.g. https://cal.example.org/ or http://127.0.0.1:5232/")
+      ->required();
   calAddCalDAV->add_option("--user", calendarOptions.user, "User name");
   calAddCalDAV->add_option("--password-env", calendarOptions.passwordEnv,
                            "Name of the environment variable holding the password");
@@ -138,7 +152,8 @@ int main(int argc, char** argv) {
       return cli::calendarCommand(options, calendarOptions);
     }
     if (*chat) {
-      if (chatOptions.message.empty()) return cli::chatInteractive(options, chatOptions.agent, chatOptions.sessionID);
+      if (chatOptions.message.empty())
+        return cli::chatInteractive(options, chatOptions.agent, chatOptions.sessionID);
       if (!approve.empty()) chatOptions.autoApprove = approve;
       return cli::chatOnce(options, chatOptions);
     }

@@ -7,7 +7,8 @@
 namespace tamsel::cli {
 
 namespace {
-app::DesktopOptions desktopOptions(const GlobalOptions& options, desktop::DaemonManager::Config supervision) {
+app::DesktopOptions desktopOptions(const GlobalOptions& options,
+                                   desktop::DaemonManager::Config supervision) {
   app::DesktopOptions out;
   out.enginePort = options.enginePort;
   out.engineArguments = options.engineArguments;
@@ -18,7 +19,8 @@ app::DesktopOptions desktopOptions(const GlobalOptions& options, desktop::Daemon
 }
 }  // namespace
 
-Runtime::Runtime(const GlobalOptions& options, app::FrontEndHooks hooks, desktop::DaemonManager::Config supervision)
+Runtime::Runtime(const GlobalOptions& options, app::FrontEndHooks hooks,
+                 desktop::DaemonManager::Config supervision)
     : services(main, base::env::read(), desktopOptions(options, std::move(supervision)), [&] {
         // A person at the terminal can answer calendar.request_permission; nobody else is asked.
         if (!hooks.askCalendarPermission && ::isatty(STDIN_FILENO) == 1)

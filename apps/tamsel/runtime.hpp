@@ -27,8 +27,10 @@ struct Runtime {
     std::optional<T> result;
     std::exception_ptr failure;
     boost::asio::co_spawn(io, std::move(work), [&](std::exception_ptr e, T value) {
-      if (e) failure = e;
-      else result = std::move(value);
+      if (e)
+        failure = e;
+      else
+        result = std::move(value);
       io.stop();
     });
     io.restart();

@@ -5,8 +5,8 @@
 
 #include "sim_harness.hpp"
 #include "tamsel/base/json.hpp"
-#include "tamsel/desktop/daemon_chat_view_model.hpp"
 #include "tamsel/base/preferences_store.hpp"
+#include "tamsel/desktop/daemon_chat_view_model.hpp"
 
 namespace tamsel::desktop {
 namespace {
@@ -21,11 +21,13 @@ class ChatViewModelSim : public ::testing::Test {
         events(io.get_executor(), {sim.port(), sim.token(), "DEVICE-1"}),
         history(engineHome.path()) {}
 
-  void runUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+  void runUntil(const std::function<bool()>& done,
+                std::chrono::milliseconds limit = std::chrono::seconds(10)) {
     test::runUntil(io, done, limit);
   }
 
-  std::unique_ptr<DaemonChatViewModel> makeViewModel(base::PreferencesStore* preferences = nullptr) {
+  std::unique_ptr<DaemonChatViewModel> makeViewModel(
+      base::PreferencesStore* preferences = nullptr) {
     auto vm = std::make_unique<DaemonChatViewModel>(
         main, DaemonChatViewModel::Dependencies{&client, &events, &history, nullptr, preferences});
     vm->start();
@@ -64,7 +66,8 @@ TEST_F(ChatViewModelSim, SendsANewSessionAndBindsItsRealId) {
   int notifications = 0;
   vm->changed().connect([&] { ++notifications; });
   EXPECT_EQ(vm->submit("hello there"), DaemonChatViewModel::SubmitOutcome::sent);
-  EXPECT_EQ(roles(*vm), (std::vector<std::string>{"user", "assistant"})) << "the user message shows at once";
+  EXPECT_EQ(roles(*vm), (std::vector<std::string>{"user", "assistant"}))
+      << "the user message shows at once";
   EXPECT_TRUE(vm->isStreamActive());
   runUntil([&] { return !vm->isStreamActive() && vm->currentSessionID(); });
   ASSERT_TRUE(vm->currentSessionID());
@@ -87,7 +90,8 @@ TEST_F(ChatViewModelSim, TextTypedWhileAReplyRunsIsQueuedAndDrainsAfterIt) {
   ASSERT_EQ(vm->queuedDrafts().size(), 2u);
   vm->retractQueuedDraft(vm->queuedDrafts()[1].id);
   ASSERT_EQ(vm->queuedDrafts().size(), 1u);
-  runUntil([&] { return requests("/message") == 2 && !vm->isStreamActive(); }, std::chrono::seconds(20));
+  runUntil([&] { return requests("/message") == 2 && !vm->isStreamActive(); },
+           std::chrono::seconds(20));
   EXPECT_TRUE(vm->queuedDrafts().empty());
   EXPECT_EQ(requests("/message"), 2u) << "the retracted draft was never sent";
   EXPECT_EQ(roles(*vm), (std::vector<std::string>{"user", "assistant", "user", "assistant"}));
@@ -107,8 +111,10 @@ TEST_F(ChatViewModelSim, ApprovalsShowOnceAndAnAnswerResolvesThem) {
   vm->answerApproval(id, DaemonChatViewModel::ApprovalDecision::once);
   EXPECT_TRUE(vm->pendingApprovals().empty());
   runUntil([&] { return !vm->isStreamActive(); });
-  EXPECT_EQ(vm->notice(), "Allowed for this turn. High-risk commands are never saved as Always Allow.");
-  EXPECT_TRUE(vm->pendingApprovals().empty()) << "a late duplicate of an answered request stays hidden";
+  EXPECT_EQ(vm->notice(),
+            "Allowed for this turn. High-risk commands are never saved as Always Allow.");
+  EXPECT_TRUE(vm->pendingApprovals().empty())
+      << "a late duplicate of an answered request stays hidden";
   const auto& tools = vm->messages().at(1).toolBlock->tools;
   EXPECT_EQ(tools.at(0).status, kit::ToolRunStatus::completed);
 }
@@ -138,11 +144,13 @@ TEST_F(ChatViewModelSim, SwitchingRestoresFromTheCacheAndTheCacheIsBounded) {
     ids.push_back(*vm->currentSessionID());
   }
   vm->selectSession(ids[5]);
-  EXPECT_EQ(roles(*vm), (std::vector<std::string>{"user", "assistant"})) << "shown from the cache before any reload";
+  EXPECT_EQ(roles(*vm), (std::vector<std::string>{"user", "assistant"}))
+      << "shown from the cache before any reload";
   EXPECT_EQ(vm->messages()[0].content, "session 5");
   EXPECT_LE(vm->cachedSessionCount(), 6u);
   vm->selectSession(ids[0]);
-  EXPECT_TRUE(vm->messages().empty()) << "the first session was the least recently used and left the cache";
+  EXPECT_TRUE(vm->messages().empty())
+      << "the first session was the least recently used and left the cache";
   vm->selectAgent("no-such-agent");
   EXPECT_EQ(vm->errorMessage(), "That agent no longer exists.");
 }
@@ -164,7 +172,8 @@ TEST_F(ChatViewModelSim, SidebarStateSurvivesARestart) {
     EXPECT_TRUE(vm->partialSessions().count(finishedElsewhere));
     runUntil([&] { return vm->runningSessionIDs().empty(); }, std::chrono::seconds(20));
     EXPECT_TRUE(vm->runningPendingSessionIDs().empty());
-    EXPECT_TRUE(vm->completedUnreadSessions().count(finishedElsewhere)) << finishedElsewhere << " running=" << vm->runningSessionIDs().size();
+    EXPECT_TRUE(vm->completedUnreadSessions().count(finishedElsewhere))
+        << finishedElsewhere << " running=" << vm->runningSessionIDs().size();
     EXPECT_FALSE(vm->partialSessions().count(finishedElsewhere));
   }
   base::PreferencesStore reopened(engineHome.path() / "preferences.json");
@@ -172,8 +181,10 @@ TEST_F(ChatViewModelSim, SidebarStateSurvivesARestart) {
   EXPECT_EQ(vm->sessionBrowseScope(), "all");
   EXPECT_TRUE(vm->completedUnreadSessions().count(finishedElsewhere));
   vm->selectSession(finishedElsewhere);
-  EXPECT_FALSE(vm->completedUnreadSessions().count(finishedElsewhere)) << "opening it marks it read";
-  EXPECT_EQ(reopened.value(DaemonChatViewModel::completedUnreadSessionsKey), boost::json::value(boost::json::array{}));
+  EXPECT_FALSE(vm->completedUnreadSessions().count(finishedElsewhere))
+      << "opening it marks it read";
+  EXPECT_EQ(reopened.value(DaemonChatViewModel::completedUnreadSessionsKey),
+            boost::json::value(boost::json::array{}));
 }
 
 TEST_F(ChatViewModelSim, StreamedTurnsJoinTheirReloadedFileWithoutDuplicates) {
@@ -190,7 +201,8 @@ TEST_F(ChatViewModelSim, StreamedTurnsJoinTheirReloadedFileWithoutDuplicates) {
   runUntil([] { return false; }, std::chrono::milliseconds(300));
   ASSERT_EQ(roles(*vm), (std::vector<std::string>{"user", "assistant", "user", "assistant"}));
   EXPECT_EQ(vm->messages()[1].content, streamedReply) << "the file's text is the streamed text";
-  EXPECT_EQ(vm->messages()[1].id, replyID) << "matched messages keep their ids, so the list updates in place";
+  EXPECT_EQ(vm->messages()[1].id, replyID)
+      << "matched messages keep their ids, so the list updates in place";
   ASSERT_TRUE(vm->messages()[3].toolBlock);
   EXPECT_EQ(vm->messages()[3].toolBlock->tools.at(0).status, kit::ToolRunStatus::completed);
   EXPECT_TRUE(vm->messages()[1].toolBlock->id.starts_with("session-toolblock-"))

@@ -54,7 +54,8 @@ TEST(DaemonClientSim, TypedReadsDecodeAndCarryThePresenceHeader) {
   const auto mine = runAsync(client.sessions({.agent = agents.front().name}));
   EXPECT_LT(mine.size(), all.size());
   for (const auto& s : mine) EXPECT_EQ(s.agent, agents.front().name);
-  for (const auto& s : all) EXPECT_TRUE(s.updatedAt.has_value()) << "dates with and without fractions decode";
+  for (const auto& s : all)
+    EXPECT_TRUE(s.updatedAt.has_value()) << "dates with and without fractions decode";
 
   const auto page = runAsync(client.sessionPage({.scope = "all", .limit = 2, .offset = 0}));
   EXPECT_EQ(page.sessions.size(), 2u);
@@ -65,7 +66,8 @@ TEST(DaemonClientSim, TypedReadsDecodeAndCarryThePresenceHeader) {
   EXPECT_EQ(detail.id, all.front().id);
   EXPECT_FALSE(detail.messages.empty());
 
-  auto error = expectClientError([&] { runAsync(client.sessionDetail("no such/session", std::nullopt)); });
+  auto error =
+      expectClientError([&] { runAsync(client.sessionDetail("no such/session", std::nullopt)); });
   ASSERT_TRUE(error.is<DaemonClientError::ServerError>());
   EXPECT_EQ(error.as<DaemonClientError::ServerError>().status, 404);
 
@@ -78,7 +80,8 @@ TEST(DaemonClientSim, TypedReadsDecodeAndCarryThePresenceHeader) {
     EXPECT_TRUE(r.at("device_id").is_null()) << line;
   }
   // The identifier with a slash stays one path segment.
-  EXPECT_NE(requests.back().find("\"/sessions/no%20such%2Fsession\""), std::string::npos) << requests.back();
+  EXPECT_NE(requests.back().find("\"/sessions/no%20such%2Fsession\""), std::string::npos)
+      << requests.back();
 }
 
 TEST(DaemonClientSim, WrongTokenIsRefusedByTheEngine) {
@@ -101,7 +104,9 @@ TEST(DaemonClientSim, QueueRequiresAMessageIdUnlessDeduped) {
   const auto again = runAsync(client.enqueue(request));
   EXPECT_EQ(again.outcome, "deduped");
 
-  SimEngine broken({.scenarioJSON = R"({"responses":[{"method":"POST","path":"/queue","status":200,"body":{"ok":true,"outcome":"queued"}}]})"});
+  SimEngine broken(
+      {.scenarioJSON =
+           R"({"responses":[{"method":"POST","path":"/queue","status":200,"body":{"ok":true,"outcome":"queued"}}]})"});
   auto brokenClient = clientFor(broken);
   auto error = expectClientError([&] { runAsync(brokenClient.enqueue(request)); });
   ASSERT_TRUE(error.is<DaemonClientError::ServerError>());
@@ -136,17 +141,20 @@ TEST(DaemonClientSim, GenericEndpointsAndUpload) {
   auto client = clientFor(sim);
   auto config = runAsync(client.call("GET", {"config"}));
   EXPECT_TRUE(config.is_object());
-  auto created = runAsync(client.call("POST", {"schedules"}, JSON{{"prompt", "water the plants"}, {"cron", "0 9 * * *"}}));
+  auto created = runAsync(client.call("POST", {"schedules"},
+                                      JSON{{"prompt", "water the plants"}, {"cron", "0 9 * * *"}}));
   ASSERT_TRUE(created.is_object());
   const std::string id(created.at("id").as_string());
   auto patched = runAsync(client.call("PATCH", {"schedules", id}, JSON{{"enabled", false}}));
   EXPECT_FALSE(patched.at("enabled").as_bool());
   runAsync(client.call("DELETE", {"schedules", id}));
-  auto uploaded = runAsync(client.uploadSkillPackage("skill.zip", std::string("PK\x03\x04zipbytes", 12)));
+  auto uploaded =
+      runAsync(client.uploadSkillPackage("skill.zip", std::string("PK\x03\x04zipbytes", 12)));
   EXPECT_EQ(uploaded.at("bytes").to_number<std::int64_t>(), 12);
   EXPECT_EQ(DaemonClient::sessionFor({"local", "screenshot", "window"}), HttpSessionKind::capture);
   EXPECT_EQ(DaemonClient::sessionFor({"config"}), HttpSessionKind::config);
-  EXPECT_EQ(DaemonClient::buildTarget({"skills", "install", "a b/c"}, {{"q", "x&y"}}), "/skills/install/a%20b%2Fc?q=x%26y");
+  EXPECT_EQ(DaemonClient::buildTarget({"skills", "install", "a b/c"}, {{"q", "x&y"}}),
+            "/skills/install/a%20b%2Fc?q=x%26y");
 }
 
 TEST(DaemonClientSim, TransportFailuresAndTimeLimits) {
@@ -155,7 +163,9 @@ TEST(DaemonClientSim, TransportFailuresAndTimeLimits) {
   EXPECT_THROW(runAsync(nobody.health()), TransportError);
 
   // The control session gives up after 5 seconds.
-  SimEngine slow({.scenarioJSON = R"({"responses":[{"method":"GET","path":"/status","status":200,"body":{"is_connected":true},"delay_seconds":8}]})"});
+  SimEngine slow(
+      {.scenarioJSON =
+           R"({"responses":[{"method":"GET","path":"/status","status":200,"body":{"is_connected":true},"delay_seconds":8}]})"});
   auto client = clientFor(slow);
   const auto started = std::chrono::steady_clock::now();
   EXPECT_THROW(runAsync(client.status()), TransportError);
@@ -178,28 +188,30 @@ TEST(DaemonClientSim, LivenessAnswersWhileEveryLongSlotIsBusy) {
     bool statusWorked = false;
     bool sixtyFifthOpenedAfterRelease = false;
   };
-  auto outcome = runAsync([&]() -> asio::awaitable<Outcome> {
-    Outcome o;
-    std::vector<ReplyStream> streams;
-    SendMessageRequest request;
-    request.text = "hold this";
-    request.sessionId = "s_7f3a9c01";
-    for (int i = 0; i < 64; ++i) streams.push_back(co_await client.sendMessage(request));
-    o.busy = longSession.activeConnections();
+  auto outcome = runAsync(
+      [&]() -> asio::awaitable<Outcome> {
+        Outcome o;
+        std::vector<ReplyStream> streams;
+        SendMessageRequest request;
+        request.text = "hold this";
+        request.sessionId = "s_7f3a9c01";
+        for (int i = 0; i < 64; ++i) streams.push_back(co_await client.sendMessage(request));
+        o.busy = longSession.activeConnections();
 
-    // The 65th long request waits for a slot...
-    auto waiting = co_await (client.sendMessage(request) || sleepMs(700));
-    o.sixtyFifthWaited = waiting.index() == 1;
-    // ...while liveness and control calls still answer.
-    o.healthy = co_await client.health();
-    o.statusWorked = (co_await client.status()).isConnected;
+        // The 65th long request waits for a slot...
+        auto waiting = co_await (client.sendMessage(request) || sleepMs(700));
+        o.sixtyFifthWaited = waiting.index() == 1;
+        // ...while liveness and control calls still answer.
+        o.healthy = co_await client.health();
+        o.statusWorked = (co_await client.status()).isConnected;
 
-    // Freeing one slot lets the next request through.
-    streams.pop_back();
-    auto next = co_await (client.sendMessage(request) || sleepMs(5000));
-    o.sixtyFifthOpenedAfterRelease = next.index() == 0;
-    co_return o;
-  }(), std::chrono::seconds(60));
+        // Freeing one slot lets the next request through.
+        streams.pop_back();
+        auto next = co_await (client.sendMessage(request) || sleepMs(5000));
+        o.sixtyFifthOpenedAfterRelease = next.index() == 0;
+        co_return o;
+      }(),
+      std::chrono::seconds(60));
   EXPECT_EQ(outcome.busy, 64u);
   EXPECT_TRUE(outcome.sixtyFifthWaited);
   EXPECT_TRUE(outcome.healthy);

@@ -2,17 +2,16 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <fstream>
-
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <fstream>
 
 #include "sim_harness.hpp"
+#include "tamsel/app/desktop_services.hpp"
 #include "tamsel/base/env.hpp"
+#include "tamsel/base/main_executor.hpp"
 #include "tamsel/bridge/daemon_paths.hpp"
 #include "tamsel/bridge/pidfile_reader.hpp"
-#include "tamsel/app/desktop_services.hpp"
-#include "tamsel/base/main_executor.hpp"
 #include "tamsel/desktop/daemon_manager.hpp"
 
 namespace tamsel::desktop {
@@ -50,7 +49,8 @@ class DaemonManagerSim : public ::testing::Test {
   }
 
   // The application's root, as a front end builds it, with this test's timings and effects.
-  std::unique_ptr<app::DesktopServices> services(base::MainExecutor& main, const DaemonManager::Config& cfg) {
+  std::unique_ptr<app::DesktopServices> services(base::MainExecutor& main,
+                                                 const DaemonManager::Config& cfg) {
     app::DesktopOptions options;
     options.enginePort = cfg.port;
     options.engineArguments = cfg.daemonArguments;
@@ -59,17 +59,21 @@ class DaemonManagerSim : public ::testing::Test {
     return std::make_unique<app::DesktopServices>(main, base::env::read(), options);
   }
 
-  bridge::DaemonPaths paths() const { return bridge::DaemonPaths(base::AppFolders::from(base::env::read())); }
+  bridge::DaemonPaths paths() const {
+    return bridge::DaemonPaths(base::AppFolders::from(base::env::read()));
+  }
 
   // Runs the loop until `done` holds or the limit passes.
-  void runUntil(asio::io_context& io, const std::function<bool()>& done, std::chrono::seconds limit) {
+  void runUntil(asio::io_context& io, const std::function<bool()>& done,
+                std::chrono::seconds limit) {
     test::runUntil(io, done, limit);
   }
 
   void stopAndDrain(asio::io_context& io, DaemonManager& manager) {
     bool stopped = false;
     manager.stop([&] { stopped = true; }, 2);
-    runUntil(io, [&] { return stopped; }, std::chrono::seconds(10));
+    runUntil(
+        io, [&] { return stopped; }, std::chrono::seconds(10));
   }
 
   test::TempDir dir;
@@ -88,19 +92,23 @@ TEST_F(DaemonManagerSim, CrashesAreRestartedFiveTimesThenGivenUp) {
     if (seen.empty() || seen.back() != manager.state().kind) seen.push_back(manager.state().kind);
   });
   manager.start();
-  runUntil(io, [&] { return manager.state().kind == State::Kind::failed; }, std::chrono::seconds(40));
+  runUntil(
+      io, [&] { return manager.state().kind == State::Kind::failed; }, std::chrono::seconds(40));
   EXPECT_EQ(manager.state(), State::failed("Engine crashed 5 times, stopped restarting"));
   EXPECT_EQ(manager.restartCount(), 5);
   EXPECT_EQ(manager.localEndpoint(), DaemonManager::LocalEndpointHealth::down);
   EXPECT_EQ(launches, 6);
   // Each life was seen: starting, running, ..., failed.
   EXPECT_GE(std::count(seen.begin(), seen.end(), State::Kind::running), 2);
-  runUntil(io, [] { return false; }, std::chrono::seconds(1));
+  runUntil(
+      io, [] { return false; }, std::chrono::seconds(1));
   EXPECT_EQ(launches, 6) << "nothing starts after the limit";
 
   // A start the user asks for gives back the whole budget.
   manager.start();
-  runUntil(io, [&] { return launches == 7 && manager.state().kind == State::Kind::running; }, std::chrono::seconds(10));
+  runUntil(
+      io, [&] { return launches == 7 && manager.state().kind == State::Kind::running; },
+      std::chrono::seconds(10));
   EXPECT_EQ(manager.restartCount(), 0);
   EXPECT_EQ(claims, 1) << "the legacy service is claimed once per launch, not per start";
   stopAndDrain(io, manager);
@@ -114,17 +122,19 @@ TEST_F(DaemonManagerSim, StartsReusesAndStops) {
     auto root_manager = services(main_manager, cfg);
     auto& manager = root_manager->daemonManager();
     manager.start();
-    runUntil(io, [&] { return !manager.isBootstrapping() && manager.state().kind != State::Kind::starting; },
-             std::chrono::seconds(10));
+    runUntil(
+        io,
+        [&] { return !manager.isBootstrapping() && manager.state().kind != State::Kind::starting; },
+        std::chrono::seconds(10));
     ASSERT_EQ(manager.state(), State::running());
     EXPECT_EQ(manager.localEndpoint(), DaemonManager::LocalEndpointHealth::ready);
     EXPECT_TRUE(manager.capabilityState().hasObservedSuccessfulStatus);
     EXPECT_TRUE(manager.capabilityState().tokens.count("sessions"));
     EXPECT_TRUE(manager.ownsEngineProcess());
     EXPECT_EQ(launchedArguments,
-              (std::vector<std::string>{"daemon", "--port", std::to_string(cfg.port), "--rpc-socket",
-                                        paths().socketPath().string(), "--rpc-pidfile",
-                                        paths().pidfilePath().string()}));
+              (std::vector<std::string>{"daemon", "--port", std::to_string(cfg.port),
+                                        "--rpc-socket", paths().socketPath().string(),
+                                        "--rpc-pidfile", paths().pidfilePath().string()}));
   }
   const auto enginePid = bridge::PidfileReader::read(paths().pidfilePath());
   ASSERT_TRUE(enginePid);
@@ -135,15 +145,17 @@ TEST_F(DaemonManagerSim, StartsReusesAndStops) {
   auto root_second = services(main_second, cfg);
   auto& second = root_second->daemonManager();
   second.start();
-  runUntil(io, [&] { return !second.isBootstrapping() && second.state().kind != State::Kind::starting; },
-           std::chrono::seconds(10));
+  runUntil(
+      io, [&] { return !second.isBootstrapping() && second.state().kind != State::Kind::starting; },
+      std::chrono::seconds(10));
   EXPECT_EQ(second.state(), State::running());
   EXPECT_EQ(launches, 1);
   EXPECT_EQ(second.enginePID(), enginePid);
   EXPECT_FALSE(second.ownsEngineProcess());
 
   stopAndDrain(io, second);
-  // The first manager's child is left unreaped once its supervisor is gone: a zombie counts as ended.
+  // The first manager's child is left unreaped once its supervisor is gone: a zombie counts as
+  // ended.
   std::ifstream stat("/proc/" + std::to_string(*enginePid) + "/stat");
   std::string pidField, name, processState;
   stat >> pidField >> name >> processState;
@@ -160,8 +172,10 @@ TEST_F(DaemonManagerSim, AnEngineThatNeverAnswersFails) {
   auto root_manager = services(main_manager, cfg);
   auto& manager = root_manager->daemonManager();
   manager.start();
-  runUntil(io, [&] { return !manager.isBootstrapping() && manager.state().kind != State::Kind::starting; },
-           std::chrono::seconds(10));
+  runUntil(
+      io,
+      [&] { return !manager.isBootstrapping() && manager.state().kind != State::Kind::starting; },
+      std::chrono::seconds(10));
   EXPECT_EQ(manager.state(), State::failed("Engine not responding"));
   // The child still runs, so the endpoint is reconnecting rather than down.
   EXPECT_EQ(manager.localEndpoint(), DaemonManager::LocalEndpointHealth::reconnecting);
@@ -177,8 +191,10 @@ TEST_F(DaemonManagerSim, LaunchFailureAndMissingEngine) {
   h.locateEngine = [] { return std::optional<std::filesystem::path>("/nonexistent/verd"); };
   manager.setHooks(h);
   manager.start();
-  runUntil(io, [&] { return !manager.isBootstrapping() && manager.state().kind != State::Kind::starting; },
-           std::chrono::seconds(10));
+  runUntil(
+      io,
+      [&] { return !manager.isBootstrapping() && manager.state().kind != State::Kind::starting; },
+      std::chrono::seconds(10));
   EXPECT_EQ(manager.state().kind, State::Kind::failed);
   EXPECT_EQ(manager.state().message.rfind("Failed to start: ", 0), 0u) << manager.state().message;
   EXPECT_EQ(manager.localEndpoint(), DaemonManager::LocalEndpointHealth::down);
@@ -186,8 +202,10 @@ TEST_F(DaemonManagerSim, LaunchFailureAndMissingEngine) {
   h.locateEngine = [] { return std::optional<std::filesystem::path>(); };
   manager.setHooks(h);
   manager.start();
-  runUntil(io, [&] { return !manager.isBootstrapping() && manager.state().kind != State::Kind::starting; },
-           std::chrono::seconds(10));
+  runUntil(
+      io,
+      [&] { return !manager.isBootstrapping() && manager.state().kind != State::Kind::starting; },
+      std::chrono::seconds(10));
   EXPECT_EQ(manager.state(), State::notInstalled());
   EXPECT_EQ(manager.state().displayText(), "Engine not found — update Tamsel Desktop to reinstall");
 }

@@ -24,7 +24,8 @@ class DesktopRPCSim : public ::testing::Test {
   std::unique_ptr<test::SimEngine> launch(const std::string& scenario = "") {
     test::SimEngine::Options options;
     options.scenarioJSON = scenario;
-    options.extraArguments = {"--rpc-socket", socketPath().string(), "--rpc-record", recordPath().string()};
+    options.extraArguments = {"--rpc-socket", socketPath().string(), "--rpc-record",
+                              recordPath().string()};
     return std::make_unique<test::SimEngine>(options);
   }
   std::filesystem::path socketPath() const { return dir.path() / "daemon.sock"; }
@@ -58,7 +59,8 @@ class DesktopRPCSim : public ::testing::Test {
     co_return "ok";
   }
 
-  static asio::awaitable<bool> eventually(std::function<bool()> done, std::chrono::milliseconds limit = 10000ms) {
+  static asio::awaitable<bool> eventually(std::function<bool()> done,
+                                          std::chrono::milliseconds limit = 10000ms) {
     asio::steady_timer timer(co_await asio::this_coro::executor);
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!done()) {
@@ -96,39 +98,45 @@ TEST_F(DesktopRPCSim, ComesOnlineAndServesTheEnginesScriptedRequests) {
   EXPECT_EQ(frames[2].at("payload").at("ok"), true);
   EXPECT_EQ(frames[2].at("payload").at("result").at("echo"), "pong");
   EXPECT_EQ(frames[3].at("payload").at("request_id"), "c1");
-  EXPECT_EQ(frames[3].at("payload").at("error").at("message"), "Unknown method: calendar.get_event");
+  EXPECT_EQ(frames[3].at("payload").at("error").at("message"),
+            "Unknown method: calendar.get_event");
 }
 
 TEST_F(DesktopRPCSim, AnUnreadableFrameEndsTheConnection) {
-  auto sim = launch(R"({"rpc_frames": [{"raw": "{\"type\": \"desktop_rpc_request\", \"payload\": ", "delay_seconds": 0.1}]})");
+  auto sim = launch(
+      R"({"rpc_frames": [{"raw": "{\"type\": \"desktop_rpc_request\", \"payload\": ", "delay_seconds": 0.1}]})");
   EXPECT_TRUE(test::runAsync([&]() -> asio::awaitable<bool> {
     DesktopRPCService service(co_await asio::this_coro::executor, dispatcher, options());
     EXPECT_EQ(co_await startService(service), "ok");
     EXPECT_TRUE(co_await eventually([&] { return !service.isOnline(); }));
-    EXPECT_TRUE(service.lastError().value_or("").starts_with("transport error: invalid JSON")) << *service.lastError();
+    EXPECT_TRUE(service.lastError().value_or("").starts_with("transport error: invalid JSON"))
+        << *service.lastError();
     co_return true;
   }()));
 }
 
 TEST_F(DesktopRPCSim, GoesOfflineWhenTheEngineDiesAndBackWhenItReturns) {
   auto sim = launch();
-  EXPECT_TRUE(test::runAsync([&]() -> asio::awaitable<bool> {
-    DesktopRPCService service(co_await asio::this_coro::executor, dispatcher, options());
-    EXPECT_EQ(co_await startService(service), "ok");
-    sim.reset();  // SIGKILL: no goodbye on the socket
-    EXPECT_TRUE(co_await eventually([&] { return !service.isOnline(); }));
-    EXPECT_TRUE(service.lastError().value_or("").starts_with("transport error: ")) << *service.lastError();
+  EXPECT_TRUE(test::runAsync(
+      [&]() -> asio::awaitable<bool> {
+        DesktopRPCService service(co_await asio::this_coro::executor, dispatcher, options());
+        EXPECT_EQ(co_await startService(service), "ok");
+        sim.reset();  // SIGKILL: no goodbye on the socket
+        EXPECT_TRUE(co_await eventually([&] { return !service.isOnline(); }));
+        EXPECT_TRUE(service.lastError().value_or("").starts_with("transport error: "))
+            << *service.lastError();
 
-    // The dead engine's socket file is left behind; nobody accepts on it.
-    const std::string refused = co_await startService(service);
-    EXPECT_TRUE(refused.starts_with("failed after 30 attempts: ")) << refused;
+        // The dead engine's socket file is left behind; nobody accepts on it.
+        const std::string refused = co_await startService(service);
+        EXPECT_TRUE(refused.starts_with("failed after 30 attempts: ")) << refused;
 
-    sim = launch();
-    EXPECT_EQ(co_await startService(service), "ok");
-    EXPECT_TRUE(service.isOnline());
-    EXPECT_FALSE(service.lastError());
-    co_return true;
-  }(), std::chrono::seconds(40)));
+        sim = launch();
+        EXPECT_EQ(co_await startService(service), "ok");
+        EXPECT_TRUE(service.isOnline());
+        EXPECT_FALSE(service.lastError());
+        co_return true;
+      }(),
+      std::chrono::seconds(40)));
 }
 
 }  // namespace

@@ -17,28 +17,37 @@ namespace asio = boost::asio;
 
 class EventStreamSim : public ::testing::Test {
  protected:
-  void runUntil(asio::io_context& io, const std::function<bool()>& done, std::chrono::milliseconds limit) {
+  void runUntil(asio::io_context& io, const std::function<bool()>& done,
+                std::chrono::milliseconds limit) {
     test::runUntil(io, done, limit);
   }
 
   // Emits an event through the simulator's test hook, from inside the loop.
   void emit(asio::io_context& io, DaemonClient& client, const std::string& name, JSON data) {
     bool sent = false;
-    asio::co_spawn(io, [&]() -> asio::awaitable<void> {
-      std::vector<std::string> path{"debug", "emit"};
-      std::optional<JSON> body = JSON{{"event", name}, {"data", std::move(data)}};
-      co_await client.call("POST", std::move(path), std::move(body));
-      sent = true;
-    }, asio::detached);
-    runUntil(io, [&] { return sent; }, std::chrono::seconds(5));
+    asio::co_spawn(
+        io,
+        [&]() -> asio::awaitable<void> {
+          std::vector<std::string> path{"debug", "emit"};
+          std::optional<JSON> body = JSON{{"event", name}, {"data", std::move(data)}};
+          co_await client.call("POST", std::move(path), std::move(body));
+          sent = true;
+        },
+        asio::detached);
+    runUntil(
+        io, [&] { return sent; }, std::chrono::seconds(5));
     ASSERT_TRUE(sent);
   }
 
   // Drains a subscription from inside the loop into `into`.
-  void drain(asio::io_context& io, std::shared_ptr<EventSubscription> events, std::vector<DaemonEventPtr>& into) {
-    asio::co_spawn(io, [events, &into]() -> asio::awaitable<void> {
-      while (auto e = co_await events->next()) into.push_back(*e);
-    }, asio::detached);
+  void drain(asio::io_context& io, std::shared_ptr<EventSubscription> events,
+             std::vector<DaemonEventPtr>& into) {
+    asio::co_spawn(
+        io,
+        [events, &into]() -> asio::awaitable<void> {
+          while (auto e = co_await events->next()) into.push_back(*e);
+        },
+        asio::detached);
   }
 
   static std::vector<std::string> eventsQueries(const test::SimEngine& sim) {
@@ -63,13 +72,16 @@ TEST_F(EventStreamSim, DeliversDecodedEventsAndResumesAfterADrop) {
   auto subscription = events.subscribe();
   std::vector<DaemonEventPtr> seen;
   drain(io, subscription.events, seen);
-  runUntil(io, [&] { return events.isConnected(); }, std::chrono::seconds(5));
+  runUntil(
+      io, [&] { return events.isConnected(); }, std::chrono::seconds(5));
   ASSERT_TRUE(events.isConnected());
 
-  emit(io, client, "tool_status", JSON{{"tool", "bash"}, {"status", "running"}, {"session_id", "s1"}});
+  emit(io, client, "tool_status",
+       JSON{{"tool", "bash"}, {"status", "running"}, {"session_id", "s1"}});
   emit(io, client, "not_an_event_we_know", JSON{{"x", 1}});
   emit(io, client, "approval_request", JSON{{"request_id", "r1"}, {"tool", "bash"}});
-  runUntil(io, [&] { return seen.size() == 2; }, std::chrono::seconds(5));
+  runUntil(
+      io, [&] { return seen.size() == 2; }, std::chrono::seconds(5));
   ASSERT_EQ(seen.size(), 2u);
   EXPECT_EQ(seen[0]->get<DaemonEvent::ToolStatus>()->value.sessionId, "s1");
   EXPECT_EQ(seen[1]->get<DaemonEvent::ApprovalRequest>()->value.requestId, "r1");
@@ -78,17 +90,24 @@ TEST_F(EventStreamSim, DeliversDecodedEventsAndResumesAfterADrop) {
 
   // Drop the stream and publish while the client is away: the resume point brings it back.
   emit(io, client, "run_status", JSON{{"code", "x"}});  // arrives before the drop
-  runUntil(io, [&] { return seen.size() == 3; }, std::chrono::seconds(5));
+  runUntil(
+      io, [&] { return seen.size() == 3; }, std::chrono::seconds(5));
   std::vector<std::string> dropPath{"debug", "drop-streams"};
   bool dropped = false;
-  asio::co_spawn(io, [&]() -> asio::awaitable<void> {
-    std::string method = "POST";
-    co_await client.call(std::move(method), dropPath);
-    dropped = true;
-  }, asio::detached);
-  runUntil(io, [&] { return dropped && !events.isConnected(); }, std::chrono::seconds(5));
-  emit(io, client, "session_title_updated", JSON{{"session_id", "s1"}, {"title", "Missed while away"}});
-  runUntil(io, [&] { return seen.size() == 4; }, std::chrono::seconds(5));
+  asio::co_spawn(
+      io,
+      [&]() -> asio::awaitable<void> {
+        std::string method = "POST";
+        co_await client.call(std::move(method), dropPath);
+        dropped = true;
+      },
+      asio::detached);
+  runUntil(
+      io, [&] { return dropped && !events.isConnected(); }, std::chrono::seconds(5));
+  emit(io, client, "session_title_updated",
+       JSON{{"session_id", "s1"}, {"title", "Missed while away"}});
+  runUntil(
+      io, [&] { return seen.size() == 4; }, std::chrono::seconds(5));
   ASSERT_EQ(seen.size(), 4u);
   EXPECT_EQ(seen[3]->get<DaemonEvent::SessionTitleUpdated>()->value.title, "Missed while away");
 
@@ -96,7 +115,8 @@ TEST_F(EventStreamSim, DeliversDecodedEventsAndResumesAfterADrop) {
   ASSERT_GE(queries.size(), 2u);
   EXPECT_EQ(queries.front(), "-");
   EXPECT_NE(queries.back(), "-") << "the reconnect carries last_event_id";
-  EXPECT_EQ((std::vector<bool>{connections.begin(), connections.begin() + 3}), (std::vector<bool>{true, false, true}));
+  EXPECT_EQ((std::vector<bool>{connections.begin(), connections.begin() + 3}),
+            (std::vector<bool>{true, false, true}));
   events.stop();
 }
 
@@ -108,17 +128,20 @@ TEST_F(EventStreamSim, ASilentStreamCountsAsFailedAndIsReopened) {
   int opened = 0;
   events.connectionChanged().connect([&](bool up) { opened += up ? 1 : 0; });
   events.start();
-  runUntil(io, [&] { return opened >= 2; }, std::chrono::seconds(6));
+  runUntil(
+      io, [&] { return opened >= 2; }, std::chrono::seconds(6));
   EXPECT_GE(opened, 2) << "a stream silent past its limit is closed and opened again";
   events.stop();
 
   // Keepalive comments are traffic: with them the same limit holds the stream open.
   test::SimEngine chatty({.scenarioJSON = R"({"events_keepalive_seconds": 0.1})"});
-  EventStreamClient kept(io.get_executor(), {chatty.port(), chatty.token(), "DEVICE-9", std::chrono::milliseconds(300)});
+  EventStreamClient kept(io.get_executor(), {chatty.port(), chatty.token(), "DEVICE-9",
+                                             std::chrono::milliseconds(300)});
   int keptOpened = 0;
   kept.connectionChanged().connect([&](bool up) { keptOpened += up ? 1 : 0; });
   kept.start();
-  runUntil(io, [] { return false; }, std::chrono::milliseconds(1500));
+  runUntil(
+      io, [] { return false; }, std::chrono::milliseconds(1500));
   EXPECT_EQ(keptOpened, 1);
   EXPECT_TRUE(kept.isConnected());
   kept.stop();

@@ -33,7 +33,8 @@ using namespace std::chrono_literals;
 // Keeps the loop turning with nothing left to look at: whatever a destroyed object left behind
 // runs now.
 void keepRunning(asio::io_context& io, std::chrono::milliseconds span) {
-  test::runUntil(io, [] { return false; }, span);
+  test::runUntil(
+      io, [] { return false; }, span);
 }
 
 class Lifetimes : public ::testing::Test {
@@ -45,7 +46,8 @@ class Lifetimes : public ::testing::Test {
     if (auto pid = bridge::PidfileReader::readProcessID(paths.pidfilePath())) ::kill(*pid, SIGKILL);
   }
 
-  std::unique_ptr<app::DesktopServices> root(base::MainExecutor& main, std::vector<std::string> extra = {}) {
+  std::unique_ptr<app::DesktopServices> root(base::MainExecutor& main,
+                                             std::vector<std::string> extra = {}) {
     app::DesktopOptions options;
     options.enginePort = test::freePort();
     options.engineArguments = {"daemon", "--port", "{port}"};
@@ -54,7 +56,9 @@ class Lifetimes : public ::testing::Test {
     options.supervision.restartDelaySeconds = 0.3;
     options.supervision.readinessIntervalSeconds = 0.1;
     options.supervision.healthIntervalSeconds = 0.1;
-    options.supervisionHooks.locateEngine = [] { return std::optional<std::filesystem::path>(test::simPath()); };
+    options.supervisionHooks.locateEngine = [] {
+      return std::optional<std::filesystem::path>(test::simPath());
+    };
     options.supervisionHooks.claimLegacyService = [] {};
     return std::make_unique<app::DesktopServices>(main, base::env::read(), options);
   }
@@ -84,8 +88,9 @@ TEST_F(Lifetimes, TheSupervisorGoesMidStartMidRunAndWithARestartPending) {
     services->daemonManager().start();
     test::runUntil(io, [&] {
       auto* rpc = services->rpcService();
-      return services->daemonManager().state().kind == desktop::DaemonManager::State::Kind::running && rpc &&
-             rpc->isOnline() && services->eventStream().isConnected();
+      return services->daemonManager().state().kind ==
+                 desktop::DaemonManager::State::Kind::running &&
+             rpc && rpc->isOnline() && services->eventStream().isConnected();
     });
     ASSERT_TRUE(services->eventStream().isConnected());
   }
@@ -105,10 +110,12 @@ class LifetimesAgainstAnEngine : public Lifetimes {
  protected:
   LifetimesAgainstAnEngine()
       : sim({.scenarioJSON = R"({"message_hold_seconds": 30})",
-             .extraArguments = {"--rpc-socket", (dir.path() / "daemon.sock").string(), "--engine-home",
-                                (dir.path() / "verdane").string()}}) {}
+             .extraArguments = {"--rpc-socket", (dir.path() / "daemon.sock").string(),
+                                "--engine-home", (dir.path() / "verdane").string()}}) {}
 
-  bridge::DaemonClient client() { return bridge::DaemonClient({sim.port(), sim.token(), "DEVICE-1", {}}); }
+  bridge::DaemonClient client() {
+    return bridge::DaemonClient({sim.port(), sim.token(), "DEVICE-1", {}});
+  }
 
   test::SimEngine sim;
   asio::io_context io;
@@ -138,7 +145,9 @@ TEST_F(LifetimesAgainstAnEngine, TheRPCChannelGoesDuringItsHandshake) {
       bridge::rpc::DesktopRPCService::Options options;
       options.socketPath = dir.path() / "daemon.sock";
       auto service = std::make_shared<bridge::rpc::DesktopRPCService>(
-          main.ioExecutor(), std::make_shared<bridge::rpc::DesktopRPCMethodDispatcher>(bridge::rpc::Platform::current()),
+          main.ioExecutor(),
+          std::make_shared<bridge::rpc::DesktopRPCMethodDispatcher>(
+              bridge::rpc::Platform::current()),
           options);
       asio::co_spawn(io, service->start(), [&](std::exception_ptr) { startEnded = true; });
       keepRunning(io, moment);
@@ -192,17 +201,18 @@ TEST_F(Lifetimes, TheCalendarProviderGoesWhileAListingRuns) {
   {
     auto provider = std::make_shared<calendar::CalendarProvider>(
         main.ioExecutor(), store,
-        std::make_shared<calendar::MemoryPermissionStore>(calendar::CalendarPermissionStatus::granted));
+        std::make_shared<calendar::MemoryPermissionStore>(
+            calendar::CalendarPermissionStatus::granted));
     provider->startWatching();
     calendar::ListEventsParams params;
     params.end = params.start + std::chrono::hours(24);
-    asio::co_spawn(io, provider->listEvents(params, 5000ms), [&](std::exception_ptr, calendar::CalendarEventList) {
-      answered = true;
-    });
+    asio::co_spawn(io, provider->listEvents(params, 5000ms),
+                   [&](std::exception_ptr, calendar::CalendarEventList) { answered = true; });
     keepRunning(io, 50ms);
   }
   keepRunning(io, 600ms);
-  EXPECT_TRUE(answered) << "the request in flight is still answered, from the store call it started";
+  EXPECT_TRUE(answered)
+      << "the request in flight is still answered, from the store call it started";
 }
 
 }  // namespace

@@ -46,8 +46,9 @@ bool accepts(std::uint16_t port) {
 }  // namespace
 
 SimEngine::SimEngine(Options options) : options_(std::move(options)), port_(freePort()) {
-  std::vector<std::string> args{simPath().string(), "daemon", "--port", std::to_string(port_), "--record",
-                                (dir_.path() / "requests.jsonl").string()};
+  std::vector<std::string> args{simPath().string(), "daemon",
+                                "--port",           std::to_string(port_),
+                                "--record",         (dir_.path() / "requests.jsonl").string()};
   if (!options_.scenarioJSON.empty()) {
     const auto scenario = dir_.path() / "scenario.json";
     std::ofstream(scenario) << options_.scenarioJSON;
@@ -74,7 +75,8 @@ SimEngine::SimEngine(Options options) : options_(std::move(options)), port_(free
   if (rc != 0) throw std::runtime_error("cannot start the simulator");
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   while (!accepts(port_)) {
-    if (std::chrono::steady_clock::now() > deadline) throw std::runtime_error("the simulator did not start");
+    if (std::chrono::steady_clock::now() > deadline)
+      throw std::runtime_error("the simulator did not start");
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
 }

@@ -44,13 +44,13 @@ struct DesktopServices::Parts {
 };
 
 const std::vector<std::string>& DesktopServices::consumerCapabilities() {
-  static const std::vector<std::string> capabilities{"approvals", "questions",       "inject",
-                                                     "queue",     "session_started", "deliverables"};
+  static const std::vector<std::string> capabilities{
+      "approvals", "questions", "inject", "queue", "session_started", "deliverables"};
   return capabilities;
 }
 
-DesktopServices::DesktopServices(base::MainExecutor& main, base::env::Environment environment, DesktopOptions options,
-                                 FrontEndHooks hooks)
+DesktopServices::DesktopServices(base::MainExecutor& main, base::env::Environment environment,
+                                 DesktopOptions options, FrontEndHooks hooks)
     : main_(main),
       environment_(std::move(environment)),
       options_(std::move(options)),
@@ -66,12 +66,14 @@ fs::path DesktopServices::engineHome() const {
   return options_.engineHome ? *options_.engineHome : fs::path(environment_.home) / ".verdane";
 }
 
-bool DesktopServices::rpcEnabled() const { return bridge::DesktopRPCSwitch::isEnabled(environment_.desktopRPC); }
+bool DesktopServices::rpcEnabled() const {
+  return bridge::DesktopRPCSwitch::isEnabled(environment_.desktopRPC);
+}
 
 const std::string& DesktopServices::presenceToken() {
   if (!parts_->presenceToken)
-    parts_->presenceToken =
-        bridge::DaemonLocalPresence::forThisProcess(environment_.presenceToken, paths_.tokenFilePath());
+    parts_->presenceToken = bridge::DaemonLocalPresence::forThisProcess(environment_.presenceToken,
+                                                                        paths_.tokenFilePath());
   return *parts_->presenceToken;
 }
 
@@ -83,8 +85,9 @@ const std::string& DesktopServices::deviceID() {
 bridge::DaemonClient& DesktopServices::client() {
   if (!parts_->client) {
     parts_->sessions = std::make_shared<bridge::HttpSessions>();
-    parts_->client = std::make_unique<bridge::DaemonClient>(bridge::DaemonClient::Config{
-        options_.enginePort, presenceToken(), deviceID(), consumerCapabilities(), parts_->sessions});
+    parts_->client = std::make_unique<bridge::DaemonClient>(
+        bridge::DaemonClient::Config{options_.enginePort, presenceToken(), deviceID(),
+                                     consumerCapabilities(), parts_->sessions});
   }
   return *parts_->client;
 }
@@ -92,7 +95,8 @@ bridge::DaemonClient& DesktopServices::client() {
 bridge::EventStreamClient& DesktopServices::eventStream() {
   if (!parts_->eventStream) {
     parts_->eventStream = std::make_unique<bridge::EventStreamClient>(
-        main_.ioExecutor(), bridge::EventStreamClient::Config{options_.enginePort, presenceToken(), deviceID()});
+        main_.ioExecutor(),
+        bridge::EventStreamClient::Config{options_.enginePort, presenceToken(), deviceID()});
   }
   return *parts_->eventStream;
 }
@@ -100,19 +104,23 @@ bridge::EventStreamClient& DesktopServices::eventStream() {
 bridge::SessionHistory& DesktopServices::sessionHistory() {
   if (!parts_->history) {
     parts_->fileWorker = std::make_unique<boost::asio::thread_pool>(1);
-    parts_->history = std::make_unique<bridge::SessionHistory>(engineHome(), parts_->fileWorker->get_executor());
+    parts_->history =
+        std::make_unique<bridge::SessionHistory>(engineHome(), parts_->fileWorker->get_executor());
   }
   return *parts_->history;
 }
 
 kit::DraftStorage& DesktopServices::drafts() {
-  if (!parts_->drafts) parts_->drafts = std::make_unique<kit::DraftStorage>(kit::DraftStorage::defaultsIn(appFolder()));
+  if (!parts_->drafts)
+    parts_->drafts =
+        std::make_unique<kit::DraftStorage>(kit::DraftStorage::defaultsIn(appFolder()));
   return *parts_->drafts;
 }
 
 base::PreferencesStore& DesktopServices::preferences() {
   if (!parts_->preferences)
-    parts_->preferences = std::make_unique<base::PreferencesStore>(base::PreferencesStore::fileIn(appFolder()));
+    parts_->preferences =
+        std::make_unique<base::PreferencesStore>(base::PreferencesStore::fileIn(appFolder()));
   return *parts_->preferences;
 }
 
@@ -120,9 +128,10 @@ std::shared_ptr<calendar::CalendarProvider> DesktopServices::calendar() {
   if (!parts_->calendarTried) {
     parts_->calendarTried = true;
     try {
-      auto permissions = std::make_shared<calendar::PreferencesPermissionStore>(base::PreferencesStore::fileIn(appFolder()));
-      parts_->calendar = calendar::makeDesktopCalendarProvider(main_.ioExecutor(), appFolder(), std::move(permissions),
-                                                               hooks_.askCalendarPermission);
+      auto permissions = std::make_shared<calendar::PreferencesPermissionStore>(
+          base::PreferencesStore::fileIn(appFolder()));
+      parts_->calendar = calendar::makeDesktopCalendarProvider(
+          main_.ioExecutor(), appFolder(), std::move(permissions), hooks_.askCalendarPermission);
     } catch (const std::exception& e) {
       base::log::warn(kSource, "calendar unavailable: {}", e.what());
     }
@@ -134,15 +143,17 @@ bridge::rpc::DesktopRPCService* DesktopServices::rpcService() {
   if (!parts_->rpcMade) {
     parts_->rpcMade = true;
     if (!rpcEnabled()) return nullptr;
-    auto dispatcher = std::make_shared<bridge::rpc::DesktopRPCMethodDispatcher>(bridge::rpc::Platform::current());
+    auto dispatcher =
+        std::make_shared<bridge::rpc::DesktopRPCMethodDispatcher>(bridge::rpc::Platform::current());
     const auto provider = calendar();
     if (provider) calendar::registerCalendarMethods(*dispatcher, provider);
     bridge::rpc::DesktopRPCService::Options rpcOptions;
     rpcOptions.socketPath = paths_.socketPath();
     rpcOptions.pidfilePath = paths_.pidfilePath();
-    parts_->rpcService =
-        std::make_shared<bridge::rpc::DesktopRPCService>(main_.ioExecutor(), std::move(dispatcher), rpcOptions);
-    if (provider) calendar::forwardCalendarChanges(provider, parts_->rpcService, main_.ioExecutor());
+    parts_->rpcService = std::make_shared<bridge::rpc::DesktopRPCService>(
+        main_.ioExecutor(), std::move(dispatcher), rpcOptions);
+    if (provider)
+      calendar::forwardCalendarChanges(provider, parts_->rpcService, main_.ioExecutor());
   }
   return parts_->rpcService.get();
 }
@@ -153,23 +164,26 @@ desktop::DaemonManager& DesktopServices::daemonManager() {
     config.port = options_.enginePort;
     if (!options_.engineArguments.empty()) config.daemonArguments = options_.engineArguments;
     config.axServerBundleOverride = options_.axServerBundle;
-    if (!config.axServerBundleOverride && environment_.axServerBundlePath && !environment_.axServerBundlePath->empty())
+    if (!config.axServerBundleOverride && environment_.axServerBundlePath &&
+        !environment_.axServerBundlePath->empty())
       config.axServerBundleOverride = fs::path(*environment_.axServerBundlePath);
-    desktop::DaemonManager::Dependencies deps{&client(), &eventStream(), rpcService(), paths_, presenceToken()};
+    desktop::DaemonManager::Dependencies deps{&client(), &eventStream(), rpcService(), paths_,
+                                              presenceToken()};
     auto hooks = options_.supervisionHooks;
     if (!hooks.locateEngine) {
       hooks.locateEngine = [inputs = desktop::EngineLocator::forThisProcess(environment_)] {
         return desktop::EngineLocator::locate(inputs);
       };
     }
-    parts_->manager = std::make_unique<desktop::DaemonManager>(main_, std::move(config), std::move(deps), std::move(hooks));
+    parts_->manager = std::make_unique<desktop::DaemonManager>(main_, std::move(config),
+                                                               std::move(deps), std::move(hooks));
   }
   return *parts_->manager;
 }
 
 std::unique_ptr<desktop::DaemonChatViewModel> DesktopServices::makeChatViewModel() {
-  desktop::DaemonChatViewModel::Dependencies deps{&client(), &eventStream(), &sessionHistory(), &drafts(),
-                                                  &preferences()};
+  desktop::DaemonChatViewModel::Dependencies deps{&client(), &eventStream(), &sessionHistory(),
+                                                  &drafts(), &preferences()};
   return std::make_unique<desktop::DaemonChatViewModel>(main_, deps);
 }
 

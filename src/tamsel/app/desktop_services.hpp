@@ -71,8 +71,8 @@ class DesktopServices {
   // The capabilities this desktop announces to the engine on every call that starts work.
   static const std::vector<std::string>& consumerCapabilities();
 
-  DesktopServices(base::MainExecutor& main, base::env::Environment environment, DesktopOptions options,
-                  FrontEndHooks hooks = {});
+  DesktopServices(base::MainExecutor& main, base::env::Environment environment,
+                  DesktopOptions options, FrontEndHooks hooks = {});
   // Parts that depend on others go first.
   ~DesktopServices();
   DesktopServices(const DesktopServices&) = delete;

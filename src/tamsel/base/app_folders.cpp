@@ -9,11 +9,14 @@ namespace fs = std::filesystem;
 namespace {
 fs::path ensureDirectory(const fs::path& path) {
   std::error_code ec;
-  if (fs::create_directories(path, ec)) fs::permissions(path, fs::perms::owner_all, fs::perm_options::replace, ec);
+  if (fs::create_directories(path, ec))
+    fs::permissions(path, fs::perms::owner_all, fs::perm_options::replace, ec);
   return path;
 }
 
-bool usable(const std::optional<std::string>& xdg) { return xdg && !xdg->empty() && xdg->front() == '/'; }
+bool usable(const std::optional<std::string>& xdg) {
+  return xdg && !xdg->empty() && xdg->front() == '/';
+}
 }  // namespace
 
 AppFolders AppFolders::from(const env::Environment& environment) {
@@ -26,8 +29,12 @@ AppFolders AppFolders::from(const env::Environment& environment) {
   return folders;
 }
 
-fs::path AppFolders::engineSupportDirectory() const { return ensureDirectory(dataHome / engineSupportIdentifier); }
+fs::path AppFolders::engineSupportDirectory() const {
+  return ensureDirectory(dataHome / engineSupportIdentifier);
+}
 
-fs::path AppFolders::appSupportDirectory() const { return ensureDirectory(dataHome / appSupportIdentifier); }
+fs::path AppFolders::appSupportDirectory() const {
+  return ensureDirectory(dataHome / appSupportIdentifier);
+}
 
 }  // namespace tamsel::base

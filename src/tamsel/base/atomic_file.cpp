@@ -23,7 +23,8 @@ namespace {
 void writeFileAtomically(const std::filesystem::path& path, std::string_view contents,
                          unsigned mode) {
   const auto folder = path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
-  const auto temp = folder / ("." + path.filename().string() + "." + newUUIDString().substr(0, 8) + ".tmp");
+  const auto temp =
+      folder / ("." + path.filename().string() + "." + newUUIDString().substr(0, 8) + ".tmp");
   const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
   if (fd < 0) fail("cannot create " + temp.string());
   size_t written = 0;
@@ -68,7 +69,8 @@ std::optional<std::filesystem::path> moveAside(const std::filesystem::path& path
   const std::string base = path.string() + ".bad-" + stamp;
   std::filesystem::path target = base;
   std::error_code ec;
-  for (int n = 2; std::filesystem::exists(target, ec) && n < 100; ++n) target = base + "-" + std::to_string(n);
+  for (int n = 2; std::filesystem::exists(target, ec) && n < 100; ++n)
+    target = base + "-" + std::to_string(n);
   if (ec || std::filesystem::exists(target, ec)) return std::nullopt;
   std::filesystem::rename(path, target, ec);
   if (ec) return std::nullopt;

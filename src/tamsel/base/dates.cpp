@@ -22,9 +22,10 @@ bool digits(std::string_view text, size_t at, size_t count, int& out) {
 // the calendar arithmetic is the date library's.
 std::optional<Timestamp> parse(std::string_view s, bool withFraction) {
   int year, month, day, hour, minute, second;
-  if (!digits(s, 0, 4, year) || s.size() < 20 || s[4] != '-' || !digits(s, 5, 2, month) || s[7] != '-' ||
-      !digits(s, 8, 2, day) || (s[10] != 'T' && s[10] != 't') || !digits(s, 11, 2, hour) || s[13] != ':' ||
-      !digits(s, 14, 2, minute) || s[16] != ':' || !digits(s, 17, 2, second))
+  if (!digits(s, 0, 4, year) || s.size() < 20 || s[4] != '-' || !digits(s, 5, 2, month) ||
+      s[7] != '-' || !digits(s, 8, 2, day) || (s[10] != 'T' && s[10] != 't') ||
+      !digits(s, 11, 2, hour) || s[13] != ':' || !digits(s, 14, 2, minute) || s[16] != ':' ||
+      !digits(s, 17, 2, second))
     return std::nullopt;
   size_t at = 19;
   std::int64_t micros = 0;
@@ -46,8 +47,8 @@ std::optional<Timestamp> parse(std::string_view s, bool withFraction) {
     ++at;
   } else if (s[at] == '+' || s[at] == '-') {
     int oh, om;
-    if (!digits(s, at + 1, 2, oh) || at + 3 >= s.size() || s[at + 3] != ':' || !digits(s, at + 4, 2, om) || oh > 23 ||
-        om > 59)
+    if (!digits(s, at + 1, 2, oh) || at + 3 >= s.size() || s[at + 3] != ':' ||
+        !digits(s, at + 4, 2, om) || oh > 23 || om > 59)
       return std::nullopt;
     offset = std::chrono::hours(oh) + std::chrono::minutes(om);
     if (s[at] == '-') offset = -offset;

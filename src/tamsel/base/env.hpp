@@ -22,10 +22,10 @@ std::string homeDirectory();
 struct Environment {
   std::string home;
   std::optional<std::string> xdgDataHome, xdgConfigHome;
-  std::optional<std::string> verdBinary;           // VERD_BINARY: the engine executable to use
-  std::optional<std::string> desktopRPC;           // TAMSEL_DESKTOP_RPC: "0" switches the channel off
-  std::optional<std::string> presenceToken;        // TAMSEL_LOCAL_PRESENCE_TOKEN (a secret)
-  std::optional<std::string> axServerBundlePath;   // TAMSEL_AX_SERVER_BUNDLE_PATH
+  std::optional<std::string> verdBinary;     // VERD_BINARY: the engine executable to use
+  std::optional<std::string> desktopRPC;     // TAMSEL_DESKTOP_RPC: "0" switches the channel off
+  std::optional<std::string> presenceToken;  // TAMSEL_LOCAL_PRESENCE_TOKEN (a secret)
+  std::optional<std::string> axServerBundlePath;  // TAMSEL_AX_SERVER_BUNDLE_PATH
 };
 Environment read();
 

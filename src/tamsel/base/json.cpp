@@ -72,8 +72,10 @@ std::string serialize(const bj::value& value) {
 std::string Path::text() const {
   if (!parent) return "$";
   std::string out = parent->text();
-  if (key.empty()) out += "[" + std::to_string(index) + "]";
-  else out.append(".").append(key);
+  if (key.empty())
+    out += "[" + std::to_string(index) + "]";
+  else
+    out.append(".").append(key);
   return out;
 }
 
@@ -96,19 +98,26 @@ void decodeFrom(const bj::value& in, std::string& out, const Path& path) {
 }
 
 void decodeFrom(const bj::value& in, double& out, const Path& path) {
-  if (in.is_double()) out = in.get_double();
-  else if (in.is_int64()) out = static_cast<double>(in.get_int64());
-  else if (in.is_uint64()) out = static_cast<double>(in.get_uint64());
-  else typeMismatch(path, "a number");
+  if (in.is_double())
+    out = in.get_double();
+  else if (in.is_int64())
+    out = static_cast<double>(in.get_int64());
+  else if (in.is_uint64())
+    out = static_cast<double>(in.get_uint64());
+  else
+    typeMismatch(path, "a number");
 }
 
 void decodeFrom(const bj::value& in, std::int64_t& out, const Path& path) {
-  if (in.is_int64()) out = in.get_int64();
+  if (in.is_int64())
+    out = in.get_int64();
   else if (in.is_uint64() && in.get_uint64() <= static_cast<std::uint64_t>(INT64_MAX))
     out = static_cast<std::int64_t>(in.get_uint64());
-  else if (in.is_double() && in.get_double() == static_cast<double>(static_cast<std::int64_t>(in.get_double())))
+  else if (in.is_double() &&
+           in.get_double() == static_cast<double>(static_cast<std::int64_t>(in.get_double())))
     out = static_cast<std::int64_t>(in.get_double());
-  else typeMismatch(path, "an integer");
+  else
+    typeMismatch(path, "an integer");
 }
 
 void decodeFrom(const bj::value& in, Timestamp& out, const Path& path) {

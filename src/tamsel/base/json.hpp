@@ -62,8 +62,7 @@ inline void encodeInto(bj::value& out, const bj::value& v) { out = v; }
 inline void encodeInto(bj::value& out, const bj::object& v) { out = v; }
 inline void encodeInto(bj::value& out, Timestamp v) { out = bj::string(formatISO8601(v)); }
 template <class T>
-  requires(std::is_integral_v<T> && !std::is_same_v<T, bool>)
-void encodeInto(bj::value& out, T v) {
+requires(std::is_integral_v<T> && !std::is_same_v<T, bool>) void encodeInto(bj::value& out, T v) {
   out = static_cast<std::int64_t>(v);
 }
 template <class T>
@@ -73,13 +72,15 @@ void encodeInto(bj::value& out, const std::vector<T>& v);
 template <class T>
 void encodeInto(bj::value& out, const std::map<std::string, T>& v);
 template <class T>
-  requires boost::describe::has_describe_members<T>::value
-void encodeInto(bj::value& out, const T& record);
+requires boost::describe::has_describe_members<T>::value void encodeInto(bj::value& out,
+                                                                         const T& record);
 
 template <class T>
 void encodeInto(bj::value& out, const std::optional<T>& v) {
-  if (v) encodeInto(out, *v);
-  else out = nullptr;
+  if (v)
+    encodeInto(out, *v);
+  else
+    out = nullptr;
 }
 template <class T>
 void encodeInto(bj::value& out, const std::vector<T>& v) {
@@ -103,8 +104,8 @@ void encodeInto(bj::value& out, const std::map<std::string, T>& v) {
   out = std::move(object);
 }
 template <class T>
-  requires boost::describe::has_describe_members<T>::value
-void encodeInto(bj::value& out, const T& record) {
+requires boost::describe::has_describe_members<T>::value void encodeInto(bj::value& out,
+                                                                         const T& record) {
   bj::object object;
   const auto& keys = memberKeys<T>();
   std::size_t next = 0;
@@ -136,7 +137,7 @@ bj::value encode(const T& value) {
 // ("$.sessions[3].updated_at") only when something fails.
 struct Path {
   const Path* parent = nullptr;
-  std::string_view key;        // member name, or empty for an array element
+  std::string_view key;  // member name, or empty for an array element
   std::size_t index = 0;
   std::string text() const;
 };
@@ -144,7 +145,6 @@ inline const Path rootPath{};
 
 [[noreturn]] void typeMismatch(const Path& path, std::string_view expected);
 [[noreturn]] void invalidValue(const Path& path, std::string_view what);
-
 
 void decodeFrom(const bj::value& in, bool& out, const Path& path);
 void decodeFrom(const bj::value& in, std::string& out, const Path& path);
@@ -154,8 +154,9 @@ void decodeFrom(const bj::value& in, Timestamp& out, const Path& path);
 inline void decodeFrom(const bj::value& in, bj::value& out, const Path&) { out = in; }
 void decodeFrom(const bj::value& in, bj::object& out, const Path& path);
 template <class T>
-  requires(std::is_integral_v<T> && !std::is_same_v<T, bool> && !std::is_same_v<T, std::int64_t>)
-void decodeFrom(const bj::value& in, T& out, const Path& path) {
+requires(std::is_integral_v<T> && !std::is_same_v<T, bool> &&
+         !std::is_same_v<T, std::int64_t>) void decodeFrom(const bj::value& in, T& out,
+                                                           const Path& path) {
   std::int64_t wide = 0;
   decodeFrom(in, wide, path);
   if (wide < static_cast<std::int64_t>(std::numeric_limits<T>::min()) ||
@@ -170,8 +171,8 @@ void decodeFrom(const bj::value& in, std::vector<T>& out, const Path& path);
 template <class T>
 void decodeFrom(const bj::value& in, std::map<std::string, T>& out, const Path& path);
 template <class T>
-  requires boost::describe::has_describe_members<T>::value
-void decodeFrom(const bj::value& in, T& out, const Path& path);
+requires boost::describe::has_describe_members<T>::value void decodeFrom(const bj::value& in,
+                                                                         T& out, const Path& path);
 
 template <class T>
 void decodeFrom(const bj::value& in, std::optional<T>& out, const Path& path) {
@@ -208,8 +209,8 @@ void decodeFrom(const bj::value& in, std::map<std::string, T>& out, const Path& 
   }
 }
 template <class T>
-  requires boost::describe::has_describe_members<T>::value
-void decodeFrom(const bj::value& in, T& out, const Path& path) {
+requires boost::describe::has_describe_members<T>::value void decodeFrom(const bj::value& in,
+                                                                         T& out, const Path& path) {
   const auto* object = in.if_object();
   if (!object) typeMismatch(path, "an object");
   const auto& keys = memberKeys<T>();

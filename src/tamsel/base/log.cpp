@@ -1,7 +1,5 @@
 #include "tamsel/base/log.hpp"
 
-#include "tamsel/base/env.hpp"
-
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/sinks/systemd_sink.h>
 #include <spdlog/spdlog.h>
@@ -16,11 +14,16 @@ namespace {
 
 spdlog::level::level_enum toSpd(Level level) {
   switch (level) {
-    case Level::trace: return spdlog::level::trace;
-    case Level::debug: return spdlog::level::debug;
-    case Level::info: return spdlog::level::info;
-    case Level::warn: return spdlog::level::warn;
-    case Level::error: return spdlog::level::err;
+    case Level::trace:
+      return spdlog::level::trace;
+    case Level::debug:
+      return spdlog::level::debug;
+    case Level::info:
+      return spdlog::level::info;
+    case Level::warn:
+      return spdlog::level::warn;
+    case Level::error:
+      return spdlog::level::err;
   }
   return spdlog::level::info;
 }
@@ -31,10 +34,12 @@ spdlog::logger& logger() {
     // Started by the service manager with its output going to the journal: log there, with
     // levels the journal understands. Everywhere else stderr.
     if (env::get("JOURNAL_STREAM")) {
-      made = std::make_shared<spdlog::logger>("tamsel", std::make_shared<spdlog::sinks::systemd_sink_mt>("tamsel"));
+      made = std::make_shared<spdlog::logger>(
+          "tamsel", std::make_shared<spdlog::sinks::systemd_sink_mt>("tamsel"));
       made->set_pattern("%v");
     } else {
-      made = std::make_shared<spdlog::logger>("tamsel", std::make_shared<spdlog::sinks::stderr_sink_mt>());
+      made = std::make_shared<spdlog::logger>("tamsel",
+                                              std::make_shared<spdlog::sinks::stderr_sink_mt>());
       made->set_pattern("%H:%M:%S.%e %^%l%$ %v");
     }
     const auto level = env::get("TAMSEL_LOG");

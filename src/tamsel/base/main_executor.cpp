@@ -5,10 +5,16 @@
 
 namespace tamsel::base {
 
-void AsioMainExecutor::post(std::function<void()> work) const { boost::asio::post(*context_, std::move(work)); }
+void AsioMainExecutor::post(std::function<void()> work) const {
+  boost::asio::post(*context_, std::move(work));
+}
 
-bool AsioMainExecutor::runningInThisThread() const { return context_->get_executor().running_in_this_thread(); }
+bool AsioMainExecutor::runningInThisThread() const {
+  return context_->get_executor().running_in_this_thread();
+}
 
-boost::asio::any_io_executor AsioMainExecutor::ioExecutor() const { return context_->get_executor(); }
+boost::asio::any_io_executor AsioMainExecutor::ioExecutor() const {
+  return context_->get_executor();
+}
 
 }  // namespace tamsel::base

@@ -23,12 +23,14 @@ PreferencesStore::PreferencesStore(fs::path file) : file_(std::move(file)) {
   } catch (const base::json::DecodeError& e) {
     const auto aside = base::moveAside(file_);
     if (!aside) writable_ = false;  // keep the unreadable file rather than write over it
-    base::log::warn(kSource, "{} could not be read ({}); kept as {}, starting empty", file_.string(), e.what(),
-                    aside ? aside->string() : file_.string());
+    base::log::warn(kSource, "{} could not be read ({}); kept as {}, starting empty",
+                    file_.string(), e.what(), aside ? aside->string() : file_.string());
   }
 }
 
-fs::path PreferencesStore::fileIn(const fs::path& appFolder) { return appFolder / "preferences.json"; }
+fs::path PreferencesStore::fileIn(const fs::path& appFolder) {
+  return appFolder / "preferences.json";
+}
 
 std::optional<boost::json::value> PreferencesStore::value(const std::string& key) const {
   base::MutexLock lock(mutex_);
@@ -41,8 +43,10 @@ void PreferencesStore::set(const std::string& key, std::optional<boost::json::va
   std::string text;
   {
     base::MutexLock lock(mutex_);
-    if (value) values_[key] = std::move(*value);
-    else values_.erase(key);
+    if (value)
+      values_[key] = std::move(*value);
+    else
+      values_.erase(key);
     if (!writable_) return;
     text = base::json::serialize(values_);
   }

@@ -25,7 +25,8 @@ std::string snakeCase(std::string_view camel) {
     const char c = camel[i];
     if (isUpper(c)) {
       const bool prevLowerOrDigit =
-          i > 0 && (isLower(camel[i - 1]) || std::isdigit(static_cast<unsigned char>(camel[i - 1])));
+          i > 0 &&
+          (isLower(camel[i - 1]) || std::isdigit(static_cast<unsigned char>(camel[i - 1])));
       const bool prevUpperNextLower =
           i > 0 && isUpper(camel[i - 1]) && i + 1 < camel.size() && isLower(camel[i + 1]);
       if (!out.empty() && out.back() != '_' && (prevLowerOrDigit || prevUpperNextLower)) {

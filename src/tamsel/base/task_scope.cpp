@@ -28,22 +28,23 @@ void TaskScope::spawn(asio::awaitable<void> work, const char* source) {
   if (state_->closed) return;
   auto& signal = state_->signals.emplace_back();
   auto position = std::prev(state_->signals.end());
-  asio::co_spawn(
-      executor_, std::move(work),
-      asio::bind_cancellation_slot(signal.slot(), [state = state_, position, source](std::exception_ptr error) {
-        if (!state->closed) state->signals.erase(position);
-        if (!error) return;
-        try {
-          std::rethrow_exception(error);
-        } catch (const boost::system::system_error& e) {
-          if (state->closed && e.code() == asio::error::operation_aborted) return;
-          log::warn(source, "task failed: {}", e.what());
-        } catch (const std::exception& e) {
-          // A closed scope's tasks end however their cancellation surfaced; nobody waits for them.
-          if (state->closed) return;
-          log::warn(source, "task failed: {}", e.what());
-        }
-      }));
+  asio::co_spawn(executor_, std::move(work),
+                 asio::bind_cancellation_slot(
+                     signal.slot(), [state = state_, position, source](std::exception_ptr error) {
+                       if (!state->closed) state->signals.erase(position);
+                       if (!error) return;
+                       try {
+                         std::rethrow_exception(error);
+                       } catch (const boost::system::system_error& e) {
+                         if (state->closed && e.code() == asio::error::operation_aborted) return;
+                         log::warn(source, "task failed: {}", e.what());
+                       } catch (const std::exception& e) {
+                         // A closed scope's tasks end however their cancellation surfaced; nobody
+                         // waits for them.
+                         if (state->closed) return;
+                         log::warn(source, "task failed: {}", e.what());
+                       }
+                     }));
 }
 
 void TaskScope::close() {

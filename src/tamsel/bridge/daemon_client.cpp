@@ -26,7 +26,8 @@ Reply decodeReply(const std::string& body) {
     return json::decode<Reply>(body);
   } catch (const json::DecodeError& e) {
     // An undecodable 2xx reply is the engine's fault, reported like any other server error.
-    throw DaemonClientException({DaemonClientError::ServerError{200, std::string("Invalid reply: ") + e.what()}});
+    throw DaemonClientException(
+        {DaemonClientError::ServerError{200, std::string("Invalid reply: ") + e.what()}});
   }
 }
 
@@ -35,7 +36,8 @@ JSON decodeGeneric(const std::string& body) {
   try {
     return json::parse(body);
   } catch (const json::DecodeError& e) {
-    throw DaemonClientException({DaemonClientError::ServerError{200, std::string("Invalid reply: ") + e.what()}});
+    throw DaemonClientException(
+        {DaemonClientError::ServerError{200, std::string("Invalid reply: ") + e.what()}});
   }
 }
 }  // namespace
@@ -44,7 +46,8 @@ DaemonClient::DaemonClient(Config config) : config_(std::move(config)) {
   if (!config_.sessions) config_.sessions = std::make_shared<HttpSessions>();
 }
 
-std::string DaemonClient::buildTarget(const std::vector<std::string>& segments, const Query& query) {
+std::string DaemonClient::buildTarget(const std::vector<std::string>& segments,
+                                      const Query& query) {
   boost::urls::url url;
   url.set_path_absolute(true);
   for (const auto& segment : segments) url.segments().push_back(segment);
@@ -61,23 +64,27 @@ HttpSessionKind DaemonClient::sessionFor(const std::vector<std::string>& segment
   if (first == "config" || first == "instructions" || first == "skills" || first == "schedules" ||
       first == "mcp" || first == "migrate" || first == "projects")
     return HttpSessionKind::config;
-  if (first == "local" && segments.size() > 1 && segments[1] == "screenshot") return HttpSessionKind::capture;
+  if (first == "local" && segments.size() > 1 && segments[1] == "screenshot")
+    return HttpSessionKind::capture;
   return HttpSessionKind::control;
 }
 
 const std::string& DaemonClient::check(const HttpResponse& response) {
-  if (response.status >= 400) throw DaemonClientException(DaemonClientError::fromResponse(response.status, response.body));
+  if (response.status >= 400)
+    throw DaemonClientException(DaemonClientError::fromResponse(response.status, response.body));
   return response.body;
 }
 
-HttpRequest DaemonClient::makeRequest(std::string method, std::string target, bool identifiesWork) const {
+HttpRequest DaemonClient::makeRequest(std::string method, std::string target,
+                                      bool identifiesWork) const {
   HttpRequest request;
   request.method = std::move(method);
   request.target = std::move(target);
   request.headers.emplace_back(DaemonLocalPresence::headerName, config_.presenceToken);
   if (identifiesWork) {
     request.headers.emplace_back("X-Tamsel-Desktop-Device-ID", config_.deviceID);
-    request.headers.emplace_back("X-Tamsel-Consumer-Capabilities", base::join(config_.consumerCapabilities, ","));
+    request.headers.emplace_back("X-Tamsel-Consumer-Capabilities",
+                                 base::join(config_.consumerCapabilities, ","));
   }
   return request;
 }
@@ -123,7 +130,8 @@ asio::awaitable<std::vector<DaemonSession>> DaemonClient::sessions(SessionListQu
   if (q.scheduleId) query.emplace_back("schedule_id", *q.scheduleId);
   if (q.projectId) query.emplace_back("project_id", *q.projectId);
   std::string target = buildTarget(std::vector<std::string>{std::string("sessions")}, query);
-  co_return co_await getJSON<std::vector<DaemonSession>>(std::move(target), HttpSessionKind::control);
+  co_return co_await getJSON<std::vector<DaemonSession>>(std::move(target),
+                                                         HttpSessionKind::control);
 }
 
 asio::awaitable<SessionPage> DaemonClient::sessionPage(SessionPageQuery q) {
@@ -141,18 +149,22 @@ asio::awaitable<SessionPage> DaemonClient::searchSessions(SessionSearchQuery q) 
   Query query{{"q", q.query}};
   if (q.limit) query.emplace_back("limit", std::to_string(*q.limit));
   if (q.offset) query.emplace_back("offset", std::to_string(*q.offset));
-  std::string target = buildTarget(std::vector<std::string>{std::string("sessions"), std::string("search")}, query);
+  std::string target =
+      buildTarget(std::vector<std::string>{std::string("sessions"), std::string("search")}, query);
   co_return co_await getJSON<SessionPage>(std::move(target), HttpSessionKind::control);
 }
 
-asio::awaitable<SessionDetail> DaemonClient::sessionDetail(std::string sessionId, std::optional<std::string> agent) {
+asio::awaitable<SessionDetail> DaemonClient::sessionDetail(std::string sessionId,
+                                                           std::optional<std::string> agent) {
   Query query;
   if (agent) query.emplace_back("agent", *agent);
-  std::string target = buildTarget(std::vector<std::string>{std::string("sessions"), sessionId}, query);
+  std::string target =
+      buildTarget(std::vector<std::string>{std::string("sessions"), sessionId}, query);
   co_return co_await getJSON<SessionDetail>(std::move(target), HttpSessionKind::control);
 }
 
-asio::awaitable<ReplyStream> DaemonClient::openStream(std::string target, std::string body, const char* failureText) {
+asio::awaitable<ReplyStream> DaemonClient::openStream(std::string target, std::string body,
+                                                      const char* failureText) {
   auto request = makeRequest("POST", std::move(target), true);
   request.headers.emplace_back("Accept", "text/event-stream");
   request.contentType = kJSONType;
@@ -178,9 +190,10 @@ asio::awaitable<ReplyStream> DaemonClient::sendMessage(SendMessageRequest reques
   co_return co_await openStream(std::move(target), std::move(body), "SSE request failed");
 }
 
-asio::awaitable<ReplyStream> DaemonClient::editAndResend(std::string sessionId, EditMessageRequest request) {
-  std::string target =
-      buildTarget(std::vector<std::string>{std::string("sessions"), sessionId, std::string("edit")}, {});
+asio::awaitable<ReplyStream> DaemonClient::editAndResend(std::string sessionId,
+                                                         EditMessageRequest request) {
+  std::string target = buildTarget(
+      std::vector<std::string>{std::string("sessions"), sessionId, std::string("edit")}, {});
   std::string body = json::serialize(json::encode(request));
   co_return co_await openStream(std::move(target), std::move(body), "Edit request failed");
 }
@@ -200,7 +213,8 @@ asio::awaitable<InjectRetractOutcome> DaemonClient::retractInjected(std::string 
   if (response.status < 400) {
     try {
       const auto reply = json::parse(response.body);
-      if (const auto* outcome = reply.is_object() ? reply.as_object().if_contains("outcome") : nullptr;
+      if (const auto* outcome =
+              reply.is_object() ? reply.as_object().if_contains("outcome") : nullptr;
           outcome && outcome->is_string() && outcome->as_string() == "retracted")
         co_return InjectRetractOutcome::retracted;
     } catch (const json::DecodeError&) {
@@ -222,7 +236,8 @@ asio::awaitable<QueueEnqueueReply> DaemonClient::enqueue(QueueEnqueueRequest bod
   auto response = co_await exchange(HttpSessionKind::control, std::move(request));
   auto reply = decodeReply<QueueEnqueueReply>(check(response));
   if (!reply.messageId && reply.outcome != "deduped") {
-    throw DaemonClientException({DaemonClientError::ServerError{200, "enqueue: missing message_id"}});
+    throw DaemonClientException(
+        {DaemonClientError::ServerError{200, "enqueue: missing message_id"}});
   }
   co_return reply;
 }

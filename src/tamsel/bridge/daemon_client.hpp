@@ -55,12 +55,14 @@ class DaemonClient {
   boost::asio::awaitable<std::vector<DaemonSession>> sessions(SessionListQuery query = {});
   boost::asio::awaitable<SessionPage> sessionPage(SessionPageQuery query);
   boost::asio::awaitable<SessionPage> searchSessions(SessionSearchQuery query);
-  boost::asio::awaitable<SessionDetail> sessionDetail(std::string sessionId, std::optional<std::string> agent);
+  boost::asio::awaitable<SessionDetail> sessionDetail(std::string sessionId,
+                                                      std::optional<std::string> agent);
 
   // Streamed replies. A request that fails before its stream starts throws the mapped error
   // ("SSE request failed", "Edit request failed", "inject request failed" for plain failures).
   boost::asio::awaitable<ReplyStream> sendMessage(SendMessageRequest request);
-  boost::asio::awaitable<ReplyStream> editAndResend(std::string sessionId, EditMessageRequest request);
+  boost::asio::awaitable<ReplyStream> editAndResend(std::string sessionId,
+                                                    EditMessageRequest request);
   // Sends text into the reply running in a session; its stream reports "injected", then
   // "injected_committed" once the running turn took it.
   boost::asio::awaitable<ReplyStream> inject(InjectRequest request);
@@ -98,7 +100,8 @@ class DaemonClient {
   boost::asio::awaitable<HttpResponse> exchange(HttpSessionKind kind, HttpRequest request);
   template <class Reply>
   boost::asio::awaitable<Reply> getJSON(std::string target, HttpSessionKind kind);
-  boost::asio::awaitable<ReplyStream> openStream(std::string target, std::string body, const char* failureText);
+  boost::asio::awaitable<ReplyStream> openStream(std::string target, std::string body,
+                                                 const char* failureText);
 
   Config config_;
 };

@@ -32,7 +32,9 @@ std::string DaemonClientError::description() const {
       return e.details.autoRefillStarted ? "Credits exhausted; an automatic refill has started"
                                          : "Credits exhausted";
     }
-    std::string operator()(const WindowNotFound&) const { return "The window is no longer available"; }
+    std::string operator()(const WindowNotFound&) const {
+      return "The window is no longer available";
+    }
     std::string operator()(const CaptureFailed& e) const { return "Capture failed: " + e.message; }
     std::string operator()(const QueueFull&) const { return "The message queue is full"; }
     std::string operator()(const ScreenshotEndpointUnavailable&) const {
@@ -55,7 +57,8 @@ DaemonClientError DaemonClientError::fromErrorBody(int status, const DaemonError
   const std::string code = body.code.value_or("");
   if (!code.empty() && isBillingCode(code)) {
     if (code == kCreditsExhausted) {
-      return {CreditsExhausted{{code, body.autoRefillStarted.value_or(false), body.retryAfterSeconds}}};
+      return {
+          CreditsExhausted{{code, body.autoRefillStarted.value_or(false), body.retryAfterSeconds}}};
     }
     std::optional<base::Timestamp> resetAt;
     if (body.resetAt) resetAt = base::parseISO8601(*body.resetAt);
@@ -85,7 +88,8 @@ std::optional<DaemonError> DaemonClientError::parseErrorBody(std::string_view bo
   if (!object) return std::nullopt;
   // Read member by member: one malformed optional must not hide the code.
   auto text = [&](const char* key) -> std::optional<std::string> {
-    if (const auto* v = object->if_contains(key); v && v->is_string()) return std::string(v->get_string());
+    if (const auto* v = object->if_contains(key); v && v->is_string())
+      return std::string(v->get_string());
     return std::nullopt;
   };
   DaemonError decoded;

@@ -59,10 +59,10 @@ struct DaemonClientError {
   struct IdempotentRequestFailed {};
   struct IdempotentRequestInProgress {};
 
-  using Case = std::variant<ServerError, Validation, QuotaExceeded, CreditsExhausted, WindowNotFound,
-                            CaptureFailed, QueueFull, ScreenshotEndpointUnavailable,
-                            ScreenRecordingDenied, IdempotentRequestFailed,
-                            IdempotentRequestInProgress>;
+  using Case =
+      std::variant<ServerError, Validation, QuotaExceeded, CreditsExhausted, WindowNotFound,
+                   CaptureFailed, QueueFull, ScreenshotEndpointUnavailable, ScreenRecordingDenied,
+                   IdempotentRequestFailed, IdempotentRequestInProgress>;
   Case value;
 
   std::string description() const;

@@ -22,7 +22,8 @@ struct MessageReceivedPayload {
   OptText agent, source, sender, sessionId, messageId, text, textPreview;
   OptBool queued;
 };
-BOOST_DESCRIBE_STRUCT(MessageReceivedPayload, (), (agent, source, sender, sessionId, messageId, text, textPreview, queued))
+BOOST_DESCRIBE_STRUCT(MessageReceivedPayload, (),
+                      (agent, source, sender, sessionId, messageId, text, textPreview, queued))
 
 struct AgentReplyPayload {
   OptText agent, source, sessionId, text;
@@ -38,7 +39,8 @@ struct ApprovalRequestPayload {
   std::optional<std::vector<std::string>> flags;
   std::optional<Timestamp> ts;
 };
-BOOST_DESCRIBE_STRUCT(ApprovalRequestPayload, (), (requestId, sessionId, agent, tool, title, source, channel, args, flags, ts))
+BOOST_DESCRIBE_STRUCT(ApprovalRequestPayload, (),
+                      (requestId, sessionId, agent, tool, title, source, channel, args, flags, ts))
 
 struct ApprovalResolvedPayload {
   std::string requestId;
@@ -61,7 +63,8 @@ BOOST_DESCRIBE_STRUCT(ApprovalNoticePayload, (), (severity, code, tool, message)
 struct AgentErrorPayload {
   OptText agent, error, friendlyError, failureCode, source, sessionId;
 };
-BOOST_DESCRIBE_STRUCT(AgentErrorPayload, (), (agent, error, friendlyError, failureCode, source, sessionId))
+BOOST_DESCRIBE_STRUCT(AgentErrorPayload, (),
+                      (agent, error, friendlyError, failureCode, source, sessionId))
 
 struct HeartbeatAlertPayload {
   OptText agent, text, sessionId;
@@ -75,7 +78,8 @@ struct ToolStatusPayload {
   std::optional<JSON> args;
   OptText preview, toolUseId, sessionId;
 };
-BOOST_DESCRIBE_STRUCT(ToolStatusPayload, (), (tool, status, elapsed, isError, args, preview, toolUseId, sessionId))
+BOOST_DESCRIBE_STRUCT(ToolStatusPayload, (),
+                      (tool, status, elapsed, isError, args, preview, toolUseId, sessionId))
 
 struct AssistantTextPayload {
   OptText text, agent, sessionId;
@@ -94,7 +98,8 @@ struct UsagePayload {
   OptText model, sessionId;
 };
 BOOST_DESCRIBE_STRUCT(UsagePayload, (),
-                      (inputTokens, outputTokens, cacheReadTokens, cacheWriteTokens, costUsd, llmCalls, model, sessionId))
+                      (inputTokens, outputTokens, cacheReadTokens, cacheWriteTokens, costUsd,
+                       llmCalls, model, sessionId))
 
 struct CloudAgentPayload {
   OptText agentId, status, message, sessionId;
@@ -131,12 +136,14 @@ struct ScheduleRunPayload {
   OptText failureCode;
   std::optional<Timestamp> ts;
 };
-BOOST_DESCRIBE_STRUCT(ScheduleRunPayload, (), (scheduleId, sessionId, agent, phase, error, partial, failureCode, ts))
+BOOST_DESCRIBE_STRUCT(ScheduleRunPayload, (),
+                      (scheduleId, sessionId, agent, phase, error, partial, failureCode, ts))
 
 struct ShareProgressPayload {
   OptText taskId, sessionId, agent, phase, url, uploadId, error;
 };
-BOOST_DESCRIBE_STRUCT(ShareProgressPayload, (), (taskId, sessionId, agent, phase, url, uploadId, error))
+BOOST_DESCRIBE_STRUCT(ShareProgressPayload, (),
+                      (taskId, sessionId, agent, phase, url, uploadId, error))
 
 struct SessionTitleUpdatedPayload {
   std::string sessionId;
@@ -149,7 +156,8 @@ struct DeliverablePayload {
   OptInt byteSize;
   std::optional<Timestamp> ts;
 };
-BOOST_DESCRIBE_STRUCT(DeliverablePayload, (), (sessionId, id, path, filename, agent, source, title, mime, byteSize, ts))
+BOOST_DESCRIBE_STRUCT(DeliverablePayload, (),
+                      (sessionId, id, path, filename, agent, source, title, mime, byteSize, ts))
 
 struct WorkPlanStepPayload {
   std::string content;
@@ -166,8 +174,8 @@ struct WorkPlanUpdatedPayload {
   std::optional<Timestamp> updatedAt, ts;
 };
 BOOST_DESCRIBE_STRUCT(WorkPlanUpdatedPayload, (),
-                      (sessionId, runId, planId, revision, lifecycle, closeReason, explanation, steps, completed, total,
-                       updatedAt, ts))
+                      (sessionId, runId, planId, revision, lifecycle, closeReason, explanation,
+                       steps, completed, total, updatedAt, ts))
 
 // Events whose payloads belong to subsystems specified elsewhere travel as their JSON.
 struct RawPayload {
@@ -207,11 +215,13 @@ struct DaemonEvent {
   using WorkPlanUpdated = Case<WorkPlanUpdatedPayload, 25>;
   using ComputerUseActivityInvalid = Case<RawPayload, 26>;
 
-  using Value = std::variant<MessageReceived, AgentReply, ApprovalRequest, ApprovalResolved, QuestionRequest,
-                             QuestionResolved, ApprovalNotice, AgentError, HeartbeatAlert, ToolStatus, AssistantText,
-                             SuggestionReady, Usage, CloudAgent, CloudProgress, CloudPlan, RunStatus, Notification,
-                             ScheduleRun, ShareProgress, AuthStateChanged, SessionTitleUpdated, Deliverable,
-                             ComputerUseActivity, SkillRecommendation, WorkPlanUpdated, ComputerUseActivityInvalid>;
+  using Value =
+      std::variant<MessageReceived, AgentReply, ApprovalRequest, ApprovalResolved, QuestionRequest,
+                   QuestionResolved, ApprovalNotice, AgentError, HeartbeatAlert, ToolStatus,
+                   AssistantText, SuggestionReady, Usage, CloudAgent, CloudProgress, CloudPlan,
+                   RunStatus, Notification, ScheduleRun, ShareProgress, AuthStateChanged,
+                   SessionTitleUpdated, Deliverable, ComputerUseActivity, SkillRecommendation,
+                   WorkPlanUpdated, ComputerUseActivityInvalid>;
   Value value;
   std::optional<std::string> id;  // the stream's event id, when it gave one
   JSON data;                      // the payload as it arrived

@@ -1,6 +1,5 @@
 #include "tamsel/bridge/daemon_local_presence.hpp"
 
-
 #include "tamsel/base/atomic_file.hpp"
 #include "tamsel/base/env.hpp"
 #include "tamsel/base/strings.hpp"

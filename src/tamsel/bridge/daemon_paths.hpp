@@ -24,7 +24,9 @@ class DaemonPaths {
   // Output of an engine this desktop started, kept for diagnostics.
   std::filesystem::path engineLogPath() const { return engineSupportDirectory() / "engine.log"; }
   // ~/.config/systemd/user/<unit>: may keep a second engine alive.
-  std::filesystem::path legacyUnitPath() const { return folders_.configHome / "systemd" / "user" / legacyUnitName; }
+  std::filesystem::path legacyUnitPath() const {
+    return folders_.configHome / "systemd" / "user" / legacyUnitName;
+  }
 
  private:
   base::AppFolders folders_;

@@ -26,8 +26,8 @@ bool DaemonReconciler::isAlive(std::int32_t pid) const {
 
 asio::awaitable<bool> DaemonReconciler::waitUntilGone(std::int32_t pid, double graceSeconds) const {
   using Clock = std::chrono::steady_clock;
-  const auto interval = std::chrono::nanoseconds(
-      static_cast<std::int64_t>(inputs_.pollIntervalSeconds * 1e9));
+  const auto interval =
+      std::chrono::nanoseconds(static_cast<std::int64_t>(inputs_.pollIntervalSeconds * 1e9));
   const auto deadline =
       Clock::now() + std::chrono::nanoseconds(static_cast<std::int64_t>(graceSeconds * 1e9));
   asio::steady_timer timer(co_await asio::this_coro::executor);
@@ -42,8 +42,8 @@ asio::awaitable<bool> DaemonReconciler::waitUntilGone(std::int32_t pid, double g
 asio::awaitable<ReconcileDecision> DaemonReconciler::reconcile() const {
   const auto pid = PidfileReader::readProcessID(inputs_.pidfile);
   if (!pid) {
-    co_return ReconcileDecision{
-        ReconcileDecision::Respawn{"no pidfile or unparseable content at " + inputs_.pidfile.string()}};
+    co_return ReconcileDecision{ReconcileDecision::Respawn{"no pidfile or unparseable content at " +
+                                                           inputs_.pidfile.string()}};
   }
 
   const int test = inputs_.sendSignal(*pid, 0);
@@ -66,17 +66,20 @@ asio::awaitable<ReconcileDecision> DaemonReconciler::reconcile() const {
         ReconcileDecision::Respawn{"system.capabilities probe failed: " + probeError}};
   }
 
-  if (reported == inputs_.expectedProtocolVersion) co_return ReconcileDecision{ReconcileDecision::Reuse{}};
+  if (reported == inputs_.expectedProtocolVersion)
+    co_return ReconcileDecision{ReconcileDecision::Reuse{}};
 
-  const std::string reason = "protocol version mismatch (expected " + inputs_.expectedProtocolVersion +
-                             ", got " + reported + ")";
+  const std::string reason = "protocol version mismatch (expected " +
+                             inputs_.expectedProtocolVersion + ", got " + reported + ")";
   inputs_.sendSignal(*pid, SIGTERM);
   if (co_await waitUntilGone(*pid, inputs_.terminateGraceSeconds)) {
-    co_return ReconcileDecision{ReconcileDecision::Respawn{reason + "; old daemon exited on SIGTERM"}};
+    co_return ReconcileDecision{
+        ReconcileDecision::Respawn{reason + "; old daemon exited on SIGTERM"}};
   }
   inputs_.sendSignal(*pid, SIGKILL);
   if (co_await waitUntilGone(*pid, inputs_.killGraceSeconds)) {
-    co_return ReconcileDecision{ReconcileDecision::Respawn{reason + "; old daemon exited on SIGKILL"}};
+    co_return ReconcileDecision{
+        ReconcileDecision::Respawn{reason + "; old daemon exited on SIGKILL"}};
   }
   co_return ReconcileDecision{ReconcileDecision::Fatal{
       "Failed to terminate residual Tamsel Engine process (PID " + std::to_string(*pid) +

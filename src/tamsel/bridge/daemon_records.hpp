@@ -23,7 +23,8 @@ struct DaemonStatus {
   std::optional<JSON> memory;
   std::optional<std::vector<std::string>> capabilities;
 };
-BOOST_DESCRIBE_STRUCT(DaemonStatus, (), (isConnected, activeAgent, uptime, version, memory, capabilities))
+BOOST_DESCRIBE_STRUCT(DaemonStatus, (),
+                      (isConnected, activeAgent, uptime, version, memory, capabilities))
 
 struct DaemonAgent {
   std::string name;
@@ -57,8 +58,8 @@ struct DaemonSession {
   std::optional<std::string> projectId;
 };
 BOOST_DESCRIBE_STRUCT(DaemonSession, (),
-                      (id, title, cwd, createdAt, updatedAt, msgCount, source, scheduleId, inProgress,
-                       pinned, favorite, kind, agent, projectId))
+                      (id, title, cwd, createdAt, updatedAt, msgCount, source, scheduleId,
+                       inProgress, pinned, favorite, kind, agent, projectId))
 
 struct SessionPage {
   std::vector<DaemonSession> sessions;
@@ -92,7 +93,8 @@ struct MessageReply {
   std::optional<std::string> failureCode;
   std::optional<std::vector<JSON>> deliverables;
 };
-BOOST_DESCRIBE_STRUCT(MessageReply, (), (reply, sessionId, agent, usage, partial, failureCode, deliverables))
+BOOST_DESCRIBE_STRUCT(MessageReply, (),
+                      (reply, sessionId, agent, usage, partial, failureCode, deliverables))
 
 struct QueueEnqueueReply {
   bool ok = false;
@@ -155,7 +157,8 @@ struct EditMessageRequest {
   std::optional<std::string> agent;
   std::optional<std::string> clientMessageId;
 };
-BOOST_DESCRIBE_STRUCT(EditMessageRequest, (), (messageIndex, newContent, channel, source, agent, clientMessageId))
+BOOST_DESCRIBE_STRUCT(EditMessageRequest, (),
+                      (messageIndex, newContent, channel, source, agent, clientMessageId))
 
 struct InjectRequest {
   std::string text;  // already carries the injected-message prefix
@@ -174,7 +177,8 @@ struct QueueEnqueueRequest {
   std::optional<std::string> routeKey;
   std::optional<std::string> clientMessageId;
 };
-BOOST_DESCRIBE_STRUCT(QueueEnqueueRequest, (), (text, source, editable, sessionId, routeKey, clientMessageId))
+BOOST_DESCRIBE_STRUCT(QueueEnqueueRequest, (),
+                      (text, source, editable, sessionId, routeKey, clientMessageId))
 
 struct CancelRequest {
   std::optional<std::string> sessionId;

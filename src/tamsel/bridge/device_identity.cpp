@@ -10,7 +10,8 @@ namespace tamsel::bridge {
 std::string desktopDeviceID(const std::filesystem::path& appFolder) {
   const auto file = appFolder / "device-id";
   std::string text;
-  if (base::readFile(file, text) && base::trim(text).size() == 36) return std::string(base::trim(text));
+  if (base::readFile(file, text) && base::trim(text).size() == 36)
+    return std::string(base::trim(text));
   std::string id = base::newUUIDString();
   try {
     base::writeFileAtomically(file, id + "\n", 0600);

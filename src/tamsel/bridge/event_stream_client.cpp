@@ -36,7 +36,8 @@ double EventStreamBackoff::afterConnection(double livedSeconds) {
 // ---- EventSubscription ----
 
 struct EventSubscription::Waiter {
-  explicit Waiter(asio::any_io_executor executor) : timer(executor, asio::steady_timer::time_point::max()) {}
+  explicit Waiter(asio::any_io_executor executor)
+      : timer(executor, asio::steady_timer::time_point::max()) {}
   asio::steady_timer timer;
 };
 
@@ -133,9 +134,13 @@ asio::awaitable<std::optional<DaemonEventPtr>> EventSubscription::next() {
 
 struct EventStreamClient::Impl {
   Impl(asio::any_io_executor executor, Config config, std::shared_ptr<HttpSession> session)
-      : config(std::move(config)), session(std::move(session)), waitTimer(executor), tasks(executor) {
+      : config(std::move(config)),
+        session(std::move(session)),
+        waitTimer(executor),
+        tasks(executor) {
     if (!this->session)
-      this->session = std::make_shared<HttpSession>(HttpSessionConfig{std::chrono::seconds(86400), 0});
+      this->session =
+          std::make_shared<HttpSession>(HttpSessionConfig{std::chrono::seconds(86400), 0});
   }
 
   Config config;
@@ -206,7 +211,8 @@ struct EventStreamClient::Impl {
     }
   }
 
-  static asio::awaitable<void> connectionLoop(std::shared_ptr<Impl> self, std::uint64_t generation) {
+  static asio::awaitable<void> connectionLoop(std::shared_ptr<Impl> self,
+                                              std::uint64_t generation) {
     EventStreamBackoff backoff;
     std::mt19937 random(std::random_device{}());
     std::uniform_real_distribution<double> jitter(0.0, 0.5);
@@ -220,10 +226,11 @@ struct EventStreamClient::Impl {
       }
       if (!self->current(generation)) co_return;
       self->setConnected(false);
-      const double lived = std::chrono::duration<double>(std::chrono::steady_clock::now() - opened).count();
+      const double lived =
+          std::chrono::duration<double>(std::chrono::steady_clock::now() - opened).count();
       const double wait = backoff.afterConnection(lived) + jitter(random);
-      self->waitTimer.expires_after(
-          std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(wait)));
+      self->waitTimer.expires_after(std::chrono::duration_cast<std::chrono::nanoseconds>(
+          std::chrono::duration<double>(wait)));
       boost::system::error_code ec;
       co_await self->waitTimer.async_wait(asio::redirect_error(asio::use_awaitable, ec));
     }
@@ -272,7 +279,9 @@ void EventStreamClient::stop() { impl_->stop(); }
 
 bool EventStreamClient::isRunning() const { return impl_->running; }
 bool EventStreamClient::isConnected() const { return impl_->connected; }
-const std::optional<std::string>& EventStreamClient::lastEventID() const { return impl_->lastEventID; }
+const std::optional<std::string>& EventStreamClient::lastEventID() const {
+  return impl_->lastEventID;
+}
 base::Signal<bool>& EventStreamClient::connectionChanged() { return impl_->connectionChanged; }
 
 void EventStreamClient::dispatch(const SSEMessage& message) { impl_->dispatch(message); }

@@ -36,7 +36,8 @@ namespace tamsel::bridge {
 
 class SSEBufferOverflowError : public std::runtime_error {
  public:
-  SSEBufferOverflowError() : std::runtime_error("The event consumer could not keep up with critical daemon events.") {}
+  SSEBufferOverflowError()
+      : std::runtime_error("The event consumer could not keep up with critical daemon events.") {}
 };
 
 // The backoff rule, kept apart from the loop so it can be checked without waiting.

@@ -104,7 +104,8 @@ namespace {
 std::string describe(const boost::system::error_code& ec, std::uint16_t port) {
   if (ec == beast::error::timeout) return "The request timed out";
   if (ec == asio::error::connection_refused)
-    return "Could not connect to the engine at 127.0.0.1:" + std::to_string(port) + " (connection refused)";
+    return "Could not connect to the engine at 127.0.0.1:" + std::to_string(port) +
+           " (connection refused)";
   return "Engine connection failed: " + ec.message();
 }
 
@@ -147,8 +148,8 @@ class BeastHttpStream final : public HttpStream {
   }
 
   asio::awaitable<void> readHeader() {
-    auto [ec, n] =
-        co_await http::async_read_header(stream_, buffer_, parser_, asio::as_tuple(asio::use_awaitable));
+    auto [ec, n] = co_await http::async_read_header(stream_, buffer_, parser_,
+                                                    asio::as_tuple(asio::use_awaitable));
     (void)n;
     if (ec) throw TransportError(describe(ec, port_));
     status_ = static_cast<int>(parser_.get().result_int());
@@ -169,8 +170,8 @@ class BeastHttpStream final : public HttpStream {
       if (idle_) stream_.expires_after(*idle_);
       parser_.get().body().data = chunk_;
       parser_.get().body().size = sizeof chunk_;
-      auto [ec, n] =
-          co_await http::async_read_some(stream_, buffer_, parser_, asio::as_tuple(asio::use_awaitable));
+      auto [ec, n] = co_await http::async_read_some(stream_, buffer_, parser_,
+                                                    asio::as_tuple(asio::use_awaitable));
       (void)n;
       if (ec == http::error::need_buffer) ec = {};
       if (ec == beast::error::timeout && idle_) throw TransportError("The stream went silent");
@@ -209,11 +210,16 @@ asio::awaitable<std::string> HttpStream::readAll() {
 HttpSessionConfig HttpSession::defaultConfig(HttpSessionKind kind) {
   using std::chrono::seconds;
   switch (kind) {
-    case HttpSessionKind::longLived: return {seconds(86400), 64};
-    case HttpSessionKind::control: return {seconds(5), 0};
-    case HttpSessionKind::capture: return {seconds(25), 0};
-    case HttpSessionKind::config: return {seconds(20), 0};
-    case HttpSessionKind::liveness: return {seconds(5), 0};
+    case HttpSessionKind::longLived:
+      return {seconds(86400), 64};
+    case HttpSessionKind::control:
+      return {seconds(5), 0};
+    case HttpSessionKind::capture:
+      return {seconds(25), 0};
+    case HttpSessionKind::config:
+      return {seconds(20), 0};
+    case HttpSessionKind::liveness:
+      return {seconds(5), 0};
   }
   return {seconds(5), 0};
 }
@@ -221,7 +227,8 @@ HttpSessionConfig HttpSession::defaultConfig(HttpSessionKind kind) {
 HttpSessions::HttpSessions() {
   for (auto kind : {HttpSessionKind::longLived, HttpSessionKind::control, HttpSessionKind::capture,
                     HttpSessionKind::config, HttpSessionKind::liveness})
-    sessions_[static_cast<int>(kind)] = std::make_shared<HttpSession>(HttpSession::defaultConfig(kind));
+    sessions_[static_cast<int>(kind)] =
+        std::make_shared<HttpSession>(HttpSession::defaultConfig(kind));
 }
 
 const std::shared_ptr<HttpSession>& HttpSessions::of(HttpSessionKind kind) const {
@@ -244,7 +251,8 @@ asio::awaitable<HttpResponse> HttpSession::send(std::uint16_t port, HttpRequest 
   beast::flat_buffer buffer;
   http::response_parser<http::string_body> parser;
   parser.body_limit(std::uint64_t(1) << 30);
-  auto [ec, n] = co_await http::async_read(stream, buffer, parser, asio::as_tuple(asio::use_awaitable));
+  auto [ec, n] =
+      co_await http::async_read(stream, buffer, parser, asio::as_tuple(asio::use_awaitable));
   (void)n;
   if (ec) throw TransportError(describe(ec, port));
   HttpResponse response;
@@ -254,7 +262,8 @@ asio::awaitable<HttpResponse> HttpSession::send(std::uint16_t port, HttpRequest 
   co_return response;
 }
 
-asio::awaitable<std::unique_ptr<HttpStream>> HttpSession::open(std::uint16_t port, HttpRequest request) {
+asio::awaitable<std::unique_ptr<HttpStream>> HttpSession::open(std::uint16_t port,
+                                                               HttpRequest request) {
   const auto timeLimit = config_.timeLimit;
   const auto limiter = limiter_;
   auto slot = co_await limiter->acquire();

@@ -31,7 +31,8 @@ std::optional<std::int32_t> PidfileReader::read(const std::filesystem::path& pid
   }
 }
 
-std::optional<std::int32_t> PidfileReader::readProcessID(const std::filesystem::path& pidfile) noexcept {
+std::optional<std::int32_t> PidfileReader::readProcessID(
+    const std::filesystem::path& pidfile) noexcept {
   auto pid = read(pidfile);
   if (pid && *pid <= 0) return std::nullopt;
   return pid;

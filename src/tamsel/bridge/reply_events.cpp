@@ -24,10 +24,13 @@ std::optional<SSEEvent> decodeError(const JSON& data, const std::string& name) {
   if (!body) return std::nullopt;
   const std::string code = body->code.value_or("");
   auto mapped = DaemonClientError::fromErrorBody(200, *body);
-  if (mapped.is<DaemonClientError::IdempotentRequestInProgress>()) throw DaemonClientException(std::move(mapped));
-  if (!mapped.is<DaemonClientError::ServerError>()) return SSEEvent{SSEEvent::Failure{{std::move(mapped)}}, name, data};
+  if (mapped.is<DaemonClientError::IdempotentRequestInProgress>())
+    throw DaemonClientException(std::move(mapped));
+  if (!mapped.is<DaemonClientError::ServerError>())
+    return SSEEvent{SSEEvent::Failure{{std::move(mapped)}}, name, data};
   if (body->error.empty() && !body->message) return std::nullopt;
-  return SSEEvent{SSEEvent::Error{{body->error.empty() ? *body->message : body->error, body->code}}, name, data};
+  return SSEEvent{SSEEvent::Error{{body->error.empty() ? *body->message : body->error, body->code}},
+                  name, data};
 }
 
 }  // namespace
@@ -49,8 +52,10 @@ std::optional<SSEEvent> decodeReplyEvent(const SSEMessage& message) {
   if (name == "error") return decodeError(data, name);
   if (name == "done") return as<SSEEvent::Done, MessageReply>(data, name);
   if (name == "injected") return as<SSEEvent::Injected, InjectedEvent>(data, name);
-  if (name == "injected_committed") return as<SSEEvent::InjectedCommitted, InjectedCommittedEvent>(data, name);
-  if (name == "session_started") return as<SSEEvent::SessionStarted, SessionStartedEvent>(data, name);
+  if (name == "injected_committed")
+    return as<SSEEvent::InjectedCommitted, InjectedCommittedEvent>(data, name);
+  if (name == "session_started")
+    return as<SSEEvent::SessionStarted, SessionStartedEvent>(data, name);
   if (name == "cloud_agent") return as<SSEEvent::CloudAgent, CloudAgentEvent>(data, name);
   if (name == "cloud_progress") return as<SSEEvent::CloudProgress, CloudProgressEvent>(data, name);
   if (name == "cloud_plan") return as<SSEEvent::CloudPlan, CloudPlanEvent>(data, name);

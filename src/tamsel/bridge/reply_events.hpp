@@ -57,7 +57,8 @@ struct QuestionEntryPayload {
   std::optional<bool> allowOther;
   std::optional<std::vector<QuestionOptionPayload>> options;
 };
-BOOST_DESCRIBE_STRUCT(QuestionEntryPayload, (), (id, header, question, multiSelect, allowOther, options))
+BOOST_DESCRIBE_STRUCT(QuestionEntryPayload, (),
+                      (id, header, question, multiSelect, allowOther, options))
 
 struct QuestionRequestPayload {
   std::string requestId;
@@ -71,7 +72,8 @@ struct QuestionRequestPayload {
   std::optional<Timestamp> ts;
 };
 BOOST_DESCRIBE_STRUCT(QuestionRequestPayload, (),
-                      (requestId, sessionId, agent, source, channel, threadId, questions, autoResolutionMs, ts))
+                      (requestId, sessionId, agent, source, channel, threadId, questions,
+                       autoResolutionMs, ts))
 
 // A non-fatal error reported inside the stream.
 struct ErrorEvent {
@@ -125,23 +127,52 @@ struct FailureEvent {
 };
 
 struct SSEEvent {
-  struct Tool { ToolEvent value; };
-  struct Delta { DeltaEvent value; };
-  struct AssistantText { AssistantTextEvent value; };
-  struct Approval { ApprovalEvent value; };
-  struct Question { QuestionRequestPayload value; };
-  struct Error { ErrorEvent value; };
-  struct Failure { FailureEvent value; };
-  struct Done { MessageReply value; };
-  struct InjectedCommitted { InjectedCommittedEvent value; };
-  struct SessionStarted { SessionStartedEvent value; };
-  struct CloudAgent { CloudAgentEvent value; };
-  struct CloudProgress { CloudProgressEvent value; };
-  struct CloudPlan { CloudPlanEvent value; };
-  struct Injected { InjectedEvent value; };
+  struct Tool {
+    ToolEvent value;
+  };
+  struct Delta {
+    DeltaEvent value;
+  };
+  struct AssistantText {
+    AssistantTextEvent value;
+  };
+  struct Approval {
+    ApprovalEvent value;
+  };
+  struct Question {
+    QuestionRequestPayload value;
+  };
+  struct Error {
+    ErrorEvent value;
+  };
+  struct Failure {
+    FailureEvent value;
+  };
+  struct Done {
+    MessageReply value;
+  };
+  struct InjectedCommitted {
+    InjectedCommittedEvent value;
+  };
+  struct SessionStarted {
+    SessionStartedEvent value;
+  };
+  struct CloudAgent {
+    CloudAgentEvent value;
+  };
+  struct CloudProgress {
+    CloudProgressEvent value;
+  };
+  struct CloudPlan {
+    CloudPlanEvent value;
+  };
+  struct Injected {
+    InjectedEvent value;
+  };
 
-  using Case = std::variant<Tool, Delta, AssistantText, Approval, Question, Error, Failure, Done, InjectedCommitted,
-                            SessionStarted, CloudAgent, CloudProgress, CloudPlan, Injected>;
+  using Case = std::variant<Tool, Delta, AssistantText, Approval, Question, Error, Failure, Done,
+                            InjectedCommitted, SessionStarted, CloudAgent, CloudProgress, CloudPlan,
+                            Injected>;
   Case value;
   // The wire name the event arrived under ("tool", "assistant_text", ...).
   std::string wireName;

@@ -1,21 +1,19 @@
 // Decoding of session files and the text rules of the displayed transcript: no file access
 // besides writing materialised images, so they can be fuzzed and benchmarked alone.
-#include "tamsel/bridge/session_history.hpp"
-
 #include <openssl/evp.h>
-
-#include <charconv>
 #include <simdjson.h>
 #include <sys/stat.h>
 
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
 #include <boost/json/parse.hpp>
+#include <charconv>
 
 #include "tamsel/base/atomic_file.hpp"
 #include "tamsel/base/log.hpp"
 #include "tamsel/base/strings.hpp"
 #include "tamsel/base/uuid.hpp"
+#include "tamsel/bridge/session_history.hpp"
 
 namespace tamsel::bridge {
 
@@ -32,16 +30,16 @@ constexpr std::size_t kPreviewLimit = 200;
 // ---------------------------------------------------------------- decoding
 
 // The engine writes snake-case keys; camel-case ones are accepted too.
-simdjson::simdjson_result<element> member(const simdjson::dom::object& object, std::string_view snake,
-                                          std::string_view camel = {}) {
+simdjson::simdjson_result<element> member(const simdjson::dom::object& object,
+                                          std::string_view snake, std::string_view camel = {}) {
   auto found = object[snake];
   if (found.error() == simdjson::NO_SUCH_FIELD && !camel.empty()) return object[camel];
   return found;
 }
 
 // Reads an optional string member: absent or null is fine, any other type spoils the block.
-bool optionalString(const simdjson::dom::object& object, std::string_view snake, std::string_view camel,
-                    std::optional<std::string>& out) {
+bool optionalString(const simdjson::dom::object& object, std::string_view snake,
+                    std::string_view camel, std::optional<std::string>& out) {
   auto found = member(object, snake, camel);
   if (found.error()) return true;
   element value = found.value_unsafe();
@@ -52,8 +50,8 @@ bool optionalString(const simdjson::dom::object& object, std::string_view snake,
   return true;
 }
 
-bool optionalBool(const simdjson::dom::object& object, std::string_view snake, std::string_view camel,
-                  std::optional<bool>& out) {
+bool optionalBool(const simdjson::dom::object& object, std::string_view snake,
+                  std::string_view camel, std::optional<bool>& out) {
   auto found = member(object, snake, camel);
   if (found.error()) return true;
   element value = found.value_unsafe();
@@ -64,8 +62,8 @@ bool optionalBool(const simdjson::dom::object& object, std::string_view snake, s
   return true;
 }
 
-bool optionalInt(const simdjson::dom::object& object, std::string_view snake, std::string_view camel,
-                 std::optional<std::int64_t>& out) {
+bool optionalInt(const simdjson::dom::object& object, std::string_view snake,
+                 std::string_view camel, std::optional<std::int64_t>& out) {
   auto found = member(object, snake, camel);
   if (found.error()) return true;
   element value = found.value_unsafe();
@@ -73,7 +71,8 @@ bool optionalInt(const simdjson::dom::object& object, std::string_view snake, st
   std::int64_t number = 0;
   if (value.get_int64().get(number)) {
     double d = 0;
-    if (value.get_double().get(d) || d != static_cast<double>(static_cast<std::int64_t>(d))) return false;
+    if (value.get_double().get(d) || d != static_cast<double>(static_cast<std::int64_t>(d)))
+      return false;
     number = static_cast<std::int64_t>(d);
   }
   out = number;
@@ -87,7 +86,8 @@ std::optional<ContentBlock> decodeBlock(element value) {
   std::optional<std::string> type;
   if (!optionalString(object, "type", {}, type) || !type) return std::nullopt;
   block.type = std::move(*type);
-  if (!optionalString(object, "text", {}, block.text) || !optionalString(object, "name", {}, block.name) ||
+  if (!optionalString(object, "text", {}, block.text) ||
+      !optionalString(object, "name", {}, block.name) ||
       !optionalString(object, "id", {}, block.id) ||
       !optionalString(object, "tool_use_id", "toolUseId", block.toolUseId) ||
       !optionalBool(object, "is_error", "isError", block.isError) ||
@@ -103,7 +103,8 @@ std::optional<ContentBlock> decodeBlock(element value) {
     for (auto field : args) {
       std::string_view text;
       // Mixed-type inputs are normal; only the strings matter for summaries.
-      if (!field.value.get_string().get(text)) strings.emplace(std::string(field.key), std::string(text));
+      if (!field.value.get_string().get(text))
+        strings.emplace(std::string(field.key), std::string(text));
     }
     block.inputArgs = std::move(strings);
   }
@@ -121,7 +122,9 @@ std::optional<ContentBlock> decodeBlock(element value) {
         simdjson::dom::object part;
         if (item.get_object().get(part)) return std::nullopt;
         std::optional<std::string> partType, partText;
-        if (!optionalString(part, "type", {}, partType) || !optionalString(part, "text", {}, partText)) return std::nullopt;
+        if (!optionalString(part, "type", {}, partType) ||
+            !optionalString(part, "text", {}, partText))
+          return std::nullopt;
         if (partType == "text" && partText) {
           if (!first) joined += "\n";
           joined += *partText;
@@ -138,7 +141,8 @@ std::optional<ContentBlock> decodeBlock(element value) {
     simdjson::dom::object src;
     if (source.value_unsafe().get_object().get(src)) return std::nullopt;
     ContentBlock::ImageSource image;
-    if (!optionalString(src, "type", {}, image.type) || !optionalString(src, "media_type", "mediaType", image.mediaType) ||
+    if (!optionalString(src, "type", {}, image.type) ||
+        !optionalString(src, "media_type", "mediaType", image.mediaType) ||
         !optionalString(src, "data", {}, image.data))
       return std::nullopt;
     block.source = std::move(image);
@@ -196,7 +200,8 @@ std::optional<MessageMeta> decodeMeta(element value) {
   return meta;
 }
 
-std::optional<Timestamp> optionalDate(const simdjson::dom::object& object, std::string_view snake, std::string_view camel) {
+std::optional<Timestamp> optionalDate(const simdjson::dom::object& object, std::string_view snake,
+                                      std::string_view camel) {
   std::optional<std::string> text;
   if (!optionalString(object, snake, camel, text) || !text) return std::nullopt;
   return base::parseISO8601(*text);
@@ -222,17 +227,24 @@ std::string cutCharacters(std::string_view text, std::size_t limit, bool& cut) {
 
 const std::map<std::string_view, std::string_view>& keyArguments() {
   static const std::map<std::string_view, std::string_view> table{
-      {"bash", "command"},     {"file_read", "path"},     {"file_write", "path"},      {"file_edit", "path"},
-      {"directory_list", "path"}, {"grep", "pattern"},    {"glob", "pattern"},         {"web_search", "query"},
-      {"session_search", "query"}, {"web_fetch", "url"},  {"web_crawl", "url"},        {"http", "url"},
-      {"use_skill", "name"},   {"memory_append", "name"}};
+      {"bash", "command"},   {"file_read", "path"},      {"file_write", "path"},
+      {"file_edit", "path"}, {"directory_list", "path"}, {"grep", "pattern"},
+      {"glob", "pattern"},   {"web_search", "query"},    {"session_search", "query"},
+      {"web_fetch", "url"},  {"web_crawl", "url"},       {"http", "url"},
+      {"use_skill", "name"}, {"memory_append", "name"}};
   return table;
 }
 
-constexpr std::string_view kNudgePrefixes[] = {
-    "You've used ",   "You've called ", "You've completed ",           "You have called ",
-    "You described ", "Your previous ", "Multiple approaches have failed", "Do not poll or wait in loops",
-    "Stop retrying",  "STOP."};
+constexpr std::string_view kNudgePrefixes[] = {"You've used ",
+                                               "You've called ",
+                                               "You've completed ",
+                                               "You have called ",
+                                               "You described ",
+                                               "Your previous ",
+                                               "Multiple approaches have failed",
+                                               "Do not poll or wait in loops",
+                                               "Stop retrying",
+                                               "STOP."};
 
 // Text blocks the engine writes for attached files; shown as attachments, not as text.
 bool isAttachmentMarker(std::string_view text) {
@@ -244,9 +256,12 @@ bool isAttachmentMarker(std::string_view text) {
 // only the first line counts (the file's text may follow it).
 std::optional<kit::Attachment> attachmentFromMarker(std::string_view text) {
   std::size_t prefix = 0;
-  if (base::startsWith(text, "[User attached")) prefix = 14;
-  else if (base::startsWith(text, "[File:")) prefix = 6;
-  else return std::nullopt;
+  if (base::startsWith(text, "[User attached"))
+    prefix = 14;
+  else if (base::startsWith(text, "[File:"))
+    prefix = 6;
+  else
+    return std::nullopt;
   std::string_view line = text.substr(prefix);
   line = line.substr(0, line.find('\n'));
   const auto sizeEnd = line.find(" bytes)");
@@ -272,7 +287,8 @@ std::optional<kit::Attachment> attachmentFromMarker(std::string_view text) {
     if (!path.empty() && path.back() == ']') path.remove_suffix(1);
     attachment.filePath = std::string(base::trim(path));
   }
-  if (attachment.filename.empty() && attachment.filePath) attachment.filename = fs::path(*attachment.filePath).filename().string();
+  if (attachment.filename.empty() && attachment.filePath)
+    attachment.filename = fs::path(*attachment.filePath).filename().string();
   return attachment;
 }
 
@@ -284,7 +300,8 @@ std::optional<std::string> decodeBase64(std::string_view text) {
   if (clean.empty() || clean.size() % 4 != 0) return std::nullopt;
   std::string out(clean.size() / 4 * 3, '\0');
   const int n = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(out.data()),
-                                reinterpret_cast<const unsigned char*>(clean.data()), static_cast<int>(clean.size()));
+                                reinterpret_cast<const unsigned char*>(clean.data()),
+                                static_cast<int>(clean.size()));
   if (n < 0) return std::nullopt;
   std::size_t size = static_cast<std::size_t>(n);
   // EVP_DecodeBlock counts the padding as zero bytes.
@@ -326,11 +343,12 @@ std::string SessionHistory::normalisePreview(std::string_view text) {
   return out;
 }
 
-std::optional<std::string> SessionHistory::argsSummary(const std::string& toolName,
-                                                       const std::map<std::string, std::string>& input) {
+std::optional<std::string> SessionHistory::argsSummary(
+    const std::string& toolName, const std::map<std::string, std::string>& input) {
   std::optional<std::string> chosen;
   if (auto key = keyArguments().find(toolName); key != keyArguments().end()) {
-    if (auto it = input.find(std::string(key->second)); it != input.end() && !it->second.empty()) chosen = it->second;
+    if (auto it = input.find(std::string(key->second)); it != input.end() && !it->second.empty())
+      chosen = it->second;
   }
   if (!chosen) {
     for (const auto& [name, value] : input) {
@@ -368,12 +386,14 @@ std::vector<ToolResultExtract> SessionHistory::toolResults(const RawMessage& use
   std::vector<ToolResultExtract> out;
   for (const auto& block : user.blocks) {
     if (block.type != "tool_result" || !block.toolUseId) continue;
-    out.push_back({*block.toolUseId, normalisePreview(block.resultText.value_or("")), block.isError.value_or(false)});
+    out.push_back({*block.toolUseId, normalisePreview(block.resultText.value_or("")),
+                   block.isError.value_or(false)});
   }
   return out;
 }
 
-std::optional<fs::path> SessionHistory::materialiseImage(std::string_view base64, std::optional<std::string> mediaType) {
+std::optional<fs::path> SessionHistory::materialiseImage(std::string_view base64,
+                                                         std::optional<std::string> mediaType) {
   auto bytes = decodeBase64(base64);
   if (!bytes) return std::nullopt;
   std::string type = mediaType.value_or("image/png");
@@ -416,7 +436,8 @@ std::optional<SessionFile> SessionHistory::decode(std::string_view json) {
   if (auto meta = member(object, "message_meta", "messageMeta"); !meta.error()) {
     simdjson::dom::array entries;
     if (!meta.value_unsafe().get_array().get(entries)) {
-      for (element entry : entries) file.messageMeta.push_back(entry.is_null() ? std::nullopt : decodeMeta(entry));
+      for (element entry : entries)
+        file.messageMeta.push_back(entry.is_null() ? std::nullopt : decodeMeta(entry));
     }
   }
   return file;
@@ -461,7 +482,9 @@ SessionHistory::Folded SessionHistory::fold(const SessionFile& file, bool materi
       for (auto& use : toolUses(raw)) {
         // The work plan is shown elsewhere, never as a tool row.
         if (use.name == "set_work_plan") continue;
-        if (!reply->toolBlock) reply->toolBlock = kit::ToolBlockSnapshot{"session-toolblock-" + std::to_string(blockCounter++), {}, {}, {}, {}};
+        if (!reply->toolBlock)
+          reply->toolBlock = kit::ToolBlockSnapshot{
+              "session-toolblock-" + std::to_string(blockCounter++), {}, {}, {}, {}};
         kit::ToolEntrySnapshot entry;
         entry.id = use.id.empty() ? "session-tool-" + std::to_string(toolCounter) : use.id;
         ++toolCounter;
@@ -494,10 +517,12 @@ SessionHistory::Folded SessionHistory::fold(const SessionFile& file, bool materi
           const bj::object* result = ec ? nullptr : parsed.if_object();
           const bj::value* delivered = result ? result->if_contains("delivered") : nullptr;
           const bj::value* deliverable = result ? result->if_contains("deliverable") : nullptr;
-          if (delivered && delivered->is_bool() && delivered->get_bool() && deliverable && deliverable->is_object()) {
+          if (delivered && delivered->is_bool() && delivered->get_bool() && deliverable &&
+              deliverable->is_object()) {
             const auto& d = deliverable->get_object();
             auto text = [&](const char* key) -> std::optional<std::string> {
-              if (const auto* v = d.if_contains(key); v && v->is_string()) return std::string(v->get_string());
+              if (const auto* v = d.if_contains(key); v && v->is_string())
+                return std::string(v->get_string());
               return std::nullopt;
             };
             kit::SessionResource resource;
@@ -537,7 +562,10 @@ SessionHistory::Folded SessionHistory::fold(const SessionFile& file, bool materi
         message.conversationAnnotations = meta->conversationAnnotations;
       }
       std::size_t attachmentCounter = 0;
-      auto nextId = [&] { return "session-attachment-" + std::to_string(i) + "-" + std::to_string(attachmentCounter++); };
+      auto nextId = [&] {
+        return "session-attachment-" + std::to_string(i) + "-" +
+               std::to_string(attachmentCounter++);
+      };
       for (const auto& block : raw.blocks) {
         if (block.type == "image" && block.source && block.source->data) {
           if (!materialiseImages) continue;
@@ -557,7 +585,8 @@ SessionHistory::Folded SessionHistory::fold(const SessionFile& file, bool materi
           a.id = nextId();
           a.kind = kit::Attachment::Kind::fileRef;
           a.filePath = block.filePath;
-          a.filename = block.filename.value_or(block.filePath ? fs::path(*block.filePath).filename().string() : "");
+          a.filename = block.filename.value_or(
+              block.filePath ? fs::path(*block.filePath).filename().string() : "");
           a.byteSize = block.byteSize;
           message.attachments.push_back(std::move(a));
         }
@@ -590,11 +619,13 @@ kit::JSON toJSON(const SessionMessage& m) {
   for (const auto& a : m.attachments) attachments.push_back(kit::toJSON(a));
   return bj::object{{"role", m.role},
                     {"content", m.content},
-                    {"timestamp", m.timestamp ? bj::value(base::formatISO8601(*m.timestamp)) : bj::value(nullptr)},
+                    {"timestamp", m.timestamp ? bj::value(base::formatISO8601(*m.timestamp))
+                                              : bj::value(nullptr)},
                     {"rawIndex", m.rawIndex},
                     {"rawIndexEnd", m.rawIndexEnd},
                     {"attachments", std::move(attachments)},
-                    {"conversationAnnotations", m.conversationAnnotations ? *m.conversationAnnotations : bj::value(nullptr)},
+                    {"conversationAnnotations",
+                     m.conversationAnnotations ? *m.conversationAnnotations : bj::value(nullptr)},
                     {"toolBlock", m.toolBlock ? kit::toJSON(*m.toolBlock) : bj::value(nullptr)}};
 }
 

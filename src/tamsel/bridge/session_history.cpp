@@ -42,9 +42,11 @@ SessionHistory::SessionHistory(fs::path verdaneDir, std::optional<asio::any_io_e
 
 SessionHistory::~SessionHistory() = default;
 
-std::optional<fs::path> SessionHistory::locate(const std::string& sessionID, const std::optional<std::string>& agent) const {
+std::optional<fs::path> SessionHistory::locate(const std::string& sessionID,
+                                               const std::optional<std::string>& agent) const {
   // Ids come from outside: never let one climb out of its folder.
-  if (sessionID.empty() || sessionID.find('/') != std::string::npos || sessionID == "." || sessionID == "..")
+  if (sessionID.empty() || sessionID.find('/') != std::string::npos || sessionID == "." ||
+      sessionID == "..")
     return std::nullopt;
   const std::string name = sessionID + ".json";
   std::error_code ec;
@@ -58,7 +60,8 @@ std::optional<fs::path> SessionHistory::locate(const std::string& sessionID, con
     return candidate(verdaneDir_ / "agents" / *agent / "sessions" / name);
   }
   if (auto found = candidate(verdaneDir_ / "sessions" / name)) return found;
-  for (fs::directory_iterator it(verdaneDir_ / "agents", ec), end; !ec && it != end; it.increment(ec)) {
+  for (fs::directory_iterator it(verdaneDir_ / "agents", ec), end; !ec && it != end;
+       it.increment(ec)) {
     std::error_code e;
     if (!it->is_directory(e) || it->path().filename() == "_builtin") continue;
     if (auto found = candidate(it->path() / "sessions" / name)) return found;
@@ -66,8 +69,9 @@ std::optional<fs::path> SessionHistory::locate(const std::string& sessionID, con
   return std::nullopt;
 }
 
-SessionLoadResult SessionHistory::loadNow(const std::string& sessionID, const std::optional<std::string>& agent,
-                                          const std::optional<SessionFileFingerprint>& lastSeen) const {
+SessionLoadResult SessionHistory::loadNow(
+    const std::string& sessionID, const std::optional<std::string>& agent,
+    const std::optional<SessionFileFingerprint>& lastSeen) const {
   SessionLoadResult result;
   const auto file = locate(sessionID, agent);
   if (!file) return result;
@@ -94,8 +98,9 @@ SessionLoadResult SessionHistory::loadNow(const std::string& sessionID, const st
   return result;
 }
 
-asio::awaitable<SessionLoadResult> SessionHistory::load(std::string sessionID, std::optional<std::string> agent,
-                                                        std::optional<SessionFileFingerprint> lastSeen) {
+asio::awaitable<SessionLoadResult> SessionHistory::load(
+    std::string sessionID, std::optional<std::string> agent,
+    std::optional<SessionFileFingerprint> lastSeen) {
   if (!worker_) co_return loadNow(sessionID, agent, lastSeen);
   // The load keeps its own reader and strand: the history may be destroyed while it runs.
   const auto worker = worker_;

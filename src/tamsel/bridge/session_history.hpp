@@ -124,7 +124,8 @@ class SessionHistory {
                                               const std::optional<std::string>& agent) const;
 
   // Runs on the worker, one load at a time, and resumes on the caller's executor.
-  boost::asio::awaitable<SessionLoadResult> load(std::string sessionID, std::optional<std::string> agent,
+  boost::asio::awaitable<SessionLoadResult> load(std::string sessionID,
+                                                 std::optional<std::string> agent,
                                                  std::optional<SessionFileFingerprint> lastSeen);
   // The same, blocking, on the calling thread.
   SessionLoadResult loadNow(const std::string& sessionID, const std::optional<std::string>& agent,
@@ -148,7 +149,8 @@ class SessionHistory {
   static std::string normalisePreview(std::string_view text);
   static bool isSystemInjected(std::string_view text);
   // Writes the image to <tmp>/quenlo-images/<uuid>.<ext>; nothing when it cannot.
-  static std::optional<std::filesystem::path> materialiseImage(std::string_view base64, std::optional<std::string> mediaType);
+  static std::optional<std::filesystem::path> materialiseImage(
+      std::string_view base64, std::optional<std::string> mediaType);
 
  private:
   std::filesystem::path verdaneDir_;

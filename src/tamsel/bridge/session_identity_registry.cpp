@@ -2,7 +2,8 @@
 
 namespace tamsel::bridge {
 
-void SessionIdentityRegistry::registerPair(const std::string& pendingID, const std::string& realID) {
+void SessionIdentityRegistry::registerPair(const std::string& pendingID,
+                                           const std::string& realID) {
   if (pendingID.empty() || realID.empty()) return;
   auto it = pendingToReal_.find(pendingID);
   if (it != pendingToReal_.end()) {
@@ -27,13 +28,15 @@ std::string SessionIdentityRegistry::pendingID(const std::string& id) const {
   return it == realToPending_.end() ? id : it->second;
 }
 
-std::optional<std::string> SessionIdentityRegistry::realIDIfRegistered(const std::string& pendingID) const {
+std::optional<std::string> SessionIdentityRegistry::realIDIfRegistered(
+    const std::string& pendingID) const {
   auto it = pendingToReal_.find(pendingID);
   if (it == pendingToReal_.end()) return std::nullopt;
   return it->second;
 }
 
-std::optional<std::string> SessionIdentityRegistry::pendingIDIfRegistered(const std::string& realID) const {
+std::optional<std::string> SessionIdentityRegistry::pendingIDIfRegistered(
+    const std::string& realID) const {
   auto it = realToPending_.find(realID);
   if (it == realToPending_.end()) return std::nullopt;
   return it->second;

@@ -3,9 +3,11 @@
 namespace tamsel::bridge {
 
 namespace {
-// The value after "name:", with one optional blank removed; nothing when the line is not that field.
+// The value after "name:", with one optional blank removed; nothing when the line is not that
+// field.
 std::optional<std::string_view> field(std::string_view line, std::string_view name) {
-  if (line.size() <= name.size() || line.compare(0, name.size(), name) != 0 || line[name.size()] != ':')
+  if (line.size() <= name.size() || line.compare(0, name.size(), name) != 0 ||
+      line[name.size()] != ':')
     return std::nullopt;
   std::string_view value = line.substr(name.size() + 1);
   if (!value.empty() && value.front() == ' ') value.remove_prefix(1);

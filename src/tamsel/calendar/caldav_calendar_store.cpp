@@ -1,12 +1,12 @@
 #include "tamsel/calendar/caldav_calendar_store.hpp"
 
+#include <fmt/format.h>
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 
 #include <algorithm>
 #include <boost/json.hpp>
 #include <cstring>
-#include <fmt/format.h>
 #include <set>
 
 #include "tamsel/base/atomic_file.hpp"
@@ -32,7 +32,9 @@ constexpr const char* kICal = "http://apple.com/ns/ical/";
 constexpr const char* kICalendarType = "text/calendar; charset=utf-8";
 constexpr const char* kXMLType = "application/xml; charset=utf-8";
 
-[[noreturn]] void internal(const std::string& what) { throw CalendarException(CalendarRPCError::internalError(what)); }
+[[noreturn]] void internal(const std::string& what) {
+  throw CalendarException(CalendarRPCError::internalError(what));
+}
 
 // ------------------------------------------------------------------ multistatus
 
@@ -81,7 +83,8 @@ class Multistatus {
     doc_.reset(xmlReadMemory(body.data(), static_cast<int>(body.size()), "multistatus.xml", nullptr,
                              XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING));
     const xmlNode* root = doc_ ? xmlDocGetRootElement(doc_.get()) : nullptr;
-    if (!is(root, kDAV, "multistatus")) throw DAVTransportError("the server's answer is not a DAV multistatus");
+    if (!is(root, kDAV, "multistatus"))
+      throw DAVTransportError("the server's answer is not a DAV multistatus");
     for (const xmlNode* r = root->children; r; r = r->next) {
       if (!is(r, kDAV, "response")) continue;
       Response response{text(child(r, kDAV, "href")), {}};
@@ -105,11 +108,20 @@ std::string escapeXML(std::string_view in) {
   std::string out;
   for (const char c : in) {
     switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      default: out += c;
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      default:
+        out += c;
     }
   }
   return out;
@@ -119,9 +131,9 @@ std::string utcStamp(Timestamp t) {
   const auto days = std::chrono::floor<std::chrono::days>(t);
   const std::chrono::year_month_day ymd(days);
   const std::chrono::hh_mm_ss hms(t - days);
-  return fmt::format("{:04}{:02}{:02}T{:02}{:02}{:02}Z", static_cast<int>(ymd.year()), static_cast<unsigned>(ymd.month()),
-                     static_cast<unsigned>(ymd.day()), hms.hours().count(), hms.minutes().count(),
-                     hms.seconds().count());
+  return fmt::format("{:04}{:02}{:02}T{:02}{:02}{:02}Z", static_cast<int>(ymd.year()),
+                     static_cast<unsigned>(ymd.month()), static_cast<unsigned>(ymd.day()),
+                     hms.hours().count(), hms.minutes().count(), hms.seconds().count());
 }
 
 std::string lastSegment(const std::string& url) {
@@ -133,7 +145,9 @@ std::string lastSegment(const std::string& url) {
   return name;
 }
 
-std::string objectKey(const std::string& calendarID, const std::string& uid) { return calendarID + "|" + uid; }
+std::string objectKey(const std::string& calendarID, const std::string& uid) {
+  return calendarID + "|" + uid;
+}
 
 const char* const kCollectionProps =
     R"(<?xml version="1.0" encoding="utf-8"?>)"
@@ -156,7 +170,9 @@ bool isSuccess(int status) { return status >= 200 && status < 300; }
 
 // ------------------------------------------------------------------ accounts file
 
-fs::path calDAVAccountsFileIn(const fs::path& appFolder) { return appFolder / "caldav-accounts.json"; }
+fs::path calDAVAccountsFileIn(const fs::path& appFolder) {
+  return appFolder / "caldav-accounts.json";
+}
 
 std::vector<CalDAVAccount> loadCalDAVAccounts(const fs::path& file) {
   std::error_code ec;
@@ -173,7 +189,8 @@ std::vector<CalDAVAccount> loadCalDAVAccounts(const fs::path& file) {
         return v && v->is_string() ? std::string(v->as_string()) : std::string();
       };
       CalDAVAccount account{str("id"), str("url"), str("user"), str("password")};
-      if (account.id.empty() || account.url.empty()) throw std::runtime_error("an account without id or url");
+      if (account.id.empty() || account.url.empty())
+        throw std::runtime_error("an account without id or url");
       out.push_back(std::move(account));
     }
   } catch (const std::exception& e) {
@@ -184,8 +201,9 @@ std::vector<CalDAVAccount> loadCalDAVAccounts(const fs::path& file) {
 
 CalDAVAccount saveCalDAVAccount(const fs::path& file, CalDAVAccount account) {
   auto accounts = loadCalDAVAccounts(file);
-  auto same = std::find_if(accounts.begin(), accounts.end(),
-                           [&](const auto& a) { return a.url == account.url && a.user == account.user; });
+  auto same = std::find_if(accounts.begin(), accounts.end(), [&](const auto& a) {
+    return a.url == account.url && a.user == account.user;
+  });
   if (same != accounts.end()) {
     account.id = same->id;
     *same = account;
@@ -193,20 +211,25 @@ CalDAVAccount saveCalDAVAccount(const fs::path& file, CalDAVAccount account) {
     std::string host = DAVClient(account.url, "", "").authority();
     std::string id = (account.user.empty() ? "" : account.user + "@") + host;
     for (auto& c : id)
-      if (!std::isalnum(static_cast<unsigned char>(c)) && c != '.' && c != '-' && c != '_' && c != '@' && c != ':')
+      if (!std::isalnum(static_cast<unsigned char>(c)) && c != '.' && c != '-' && c != '_' &&
+          c != '@' && c != ':')
         c = '_';
     account.id = id;
-    for (int n = 2; std::any_of(accounts.begin(), accounts.end(), [&](const auto& a) { return a.id == account.id; }); ++n)
+    for (int n = 2; std::any_of(accounts.begin(), accounts.end(),
+                                [&](const auto& a) { return a.id == account.id; });
+         ++n)
       account.id = fmt::format("{}-{}", id, n);
     accounts.push_back(account);
   }
   json::array items;
   for (const auto& a : accounts)
-    items.push_back(json::object{{"id", a.id}, {"url", a.url}, {"user", a.user}, {"password", a.password}});
+    items.push_back(
+        json::object{{"id", a.id}, {"url", a.url}, {"user", a.user}, {"password", a.password}});
   std::error_code ec;
   fs::create_directories(file.parent_path(), ec);
   try {
-    base::writeFileAtomically(file, json::serialize(json::object{{"accounts", std::move(items)}}) + "\n", 0600);
+    base::writeFileAtomically(
+        file, json::serialize(json::object{{"accounts", std::move(items)}}) + "\n", 0600);
   } catch (const std::exception& e) {
     internal("cannot write " + file.string() + ": " + e.what());
   }
@@ -234,12 +257,13 @@ void CalDAVCalendarStore::discoverHomeLocked() {
       R"(<?xml version="1.0" encoding="utf-8"?><d:propfind xmlns:d="DAV:" xmlns:c="urn:ietf:params:xml:ns:caldav">)"
       R"(<d:prop><d:current-user-principal/><c:calendar-home-set/></d:prop></d:propfind>)";
   // One PROPFIND, following the redirects servers use for their well-known entry point.
-  const auto propfind = [&](std::string url) REQUIRES(mutex_) -> std::pair<std::string, std::optional<Multistatus>> {
+  const auto propfind = [&](std::string url)
+                            REQUIRES(mutex_) -> std::pair<std::string, std::optional<Multistatus>> {
     for (int hop = 0; hop < 5; ++hop) {
       const auto res = client_->request("PROPFIND", url, {{"Depth", "0"}}, body, kXMLType);
       if (res.status == 401 || res.status == 403)
-        internal("the CalDAV server at " + client_->authority() + " refused the credentials (HTTP " +
-                 std::to_string(res.status) + ")");
+        internal("the CalDAV server at " + client_->authority() +
+                 " refused the credentials (HTTP " + std::to_string(res.status) + ")");
       if (res.status >= 300 && res.status < 400 && !res.location.empty()) {
         url = client_->resolve(res.location, url);
         continue;
@@ -271,22 +295,26 @@ void CalDAVCalendarStore::discoverHomeLocked() {
     if (!principal.empty()) {
       const std::string principalURL = client_->resolve(principal, url);
       auto [at, principalAnswer] = propfind(principalURL);
-      if (principalAnswer) home = client_->resolve(hrefIn(*principalAnswer, kCalDAV, "calendar-home-set"), at);
+      if (principalAnswer)
+        home = client_->resolve(hrefIn(*principalAnswer, kCalDAV, "calendar-home-set"), at);
     }
   } else {
     home = client_->resolve(home, url);
   }
   // A URL that already names the calendar home (or a server without principals) is the home.
   homeURL_ = home.empty() ? url : home;
-  base::log::debug(kSource, "account {}: calendar home {}", account_.id, DAVClient::pathOf(homeURL_));
+  base::log::debug(kSource, "account {}: calendar home {}", account_.id,
+                   DAVClient::pathOf(homeURL_));
 }
 
-std::map<std::string, CalDAVCalendarStore::Collection> CalDAVCalendarStore::listCollectionsLocked() {
+std::map<std::string, CalDAVCalendarStore::Collection>
+CalDAVCalendarStore::listCollectionsLocked() {
   discoverHomeLocked();
-  const auto res = client_->request("PROPFIND", homeURL_, {{"Depth", "1"}}, kCollectionProps, kXMLType);
+  const auto res =
+      client_->request("PROPFIND", homeURL_, {{"Depth", "1"}}, kCollectionProps, kXMLType);
   if (res.status != 207)
-    internal("the CalDAV server at " + client_->authority() + " answered HTTP " + std::to_string(res.status) +
-             " when listing calendars");
+    internal("the CalDAV server at " + client_->authority() + " answered HTTP " +
+             std::to_string(res.status) + " when listing calendars");
   std::map<std::string, Collection> out;
   for (const auto& r : Multistatus(res.body).responses) {
     const auto* type = r.find(kDAV, "resourcetype");
@@ -297,7 +325,8 @@ std::map<std::string, CalDAVCalendarStore::Collection> CalDAVCalendarStore::list
       for (const xmlNode* c = comps->children; c; c = c->next) {
         if (!is(c, kCalDAV, "comp")) continue;
         xmlChar* name = xmlGetProp(c, reinterpret_cast<const xmlChar*>("name"));
-        events = events || (name && std::strcmp(reinterpret_cast<const char*>(name), "VEVENT") == 0);
+        events =
+            events || (name && std::strcmp(reinterpret_cast<const char*>(name), "VEVENT") == 0);
         xmlFree(name);
       }
       if (!events) continue;
@@ -321,7 +350,8 @@ std::map<std::string, CalDAVCalendarStore::Collection> CalDAVCalendarStore::list
       bool write = false;
       for (const xmlNode* p = privileges->children; p; p = p->next) {
         if (!is(p, kDAV, "privilege")) continue;
-        write = write || child(p, kDAV, "write") || child(p, kDAV, "write-content") || child(p, kDAV, "all");
+        write = write || child(p, kDAV, "write") || child(p, kDAV, "write-content") ||
+                child(p, kDAV, "all");
       }
       c.writable = write;
     }
@@ -350,9 +380,10 @@ std::optional<std::string> CalDAVCalendarStore::defaultCalendarID() {
   return std::nullopt;
 }
 
-const CalDAVCalendarStore::Collection& CalDAVCalendarStore::collectionLocked(const std::string& calendarID,
-                                                                             const std::string& idForErrors) {
-  if (!calendarID.starts_with(idPrefix())) throw CalendarException(CalendarRPCError::notFound(idForErrors));
+const CalDAVCalendarStore::Collection& CalDAVCalendarStore::collectionLocked(
+    const std::string& calendarID, const std::string& idForErrors) {
+  if (!calendarID.starts_with(idPrefix()))
+    throw CalendarException(CalendarRPCError::notFound(idForErrors));
   auto it = collections_.find(calendarID);
   if (it == collections_.end()) {
     collections_ = listCollectionsLocked();
@@ -362,27 +393,31 @@ const CalDAVCalendarStore::Collection& CalDAVCalendarStore::collectionLocked(con
   return it->second;
 }
 
-std::vector<CalendarEvent> CalDAVCalendarStore::events(Timestamp start, Timestamp end,
-                                                       const std::vector<std::string>& calendarIDs) {
+std::vector<CalendarEvent> CalDAVCalendarStore::events(
+    Timestamp start, Timestamp end, const std::vector<std::string>& calendarIDs) {
   base::MutexLock lock(mutex_);
   std::vector<CalendarEvent> out;
   try {
     collections_ = listCollectionsLocked();
-    const std::string query =
-        calendarQuery(fmt::format(R"(<c:time-range start="{}" end="{}"/>)", utcStamp(start), utcStamp(end)));
+    const std::string query = calendarQuery(
+        fmt::format(R"(<c:time-range start="{}" end="{}"/>)", utcStamp(start), utcStamp(end)));
     for (const auto& [id, collection] : collections_) {
-      if (!calendarIDs.empty() && std::find(calendarIDs.begin(), calendarIDs.end(), id) == calendarIDs.end()) continue;
-      const auto res = client_->request("REPORT", collection.url, {{"Depth", "1"}}, query, kXMLType);
+      if (!calendarIDs.empty() &&
+          std::find(calendarIDs.begin(), calendarIDs.end(), id) == calendarIDs.end())
+        continue;
+      const auto res =
+          client_->request("REPORT", collection.url, {{"Depth", "1"}}, query, kXMLType);
       if (res.status != 207)
-        internal("the CalDAV server answered HTTP " + std::to_string(res.status) + " to a query of " + id);
+        internal("the CalDAV server answered HTTP " + std::to_string(res.status) +
+                 " to a query of " + id);
       for (const auto& r : Multistatus(res.body).responses) {
         const std::string data = text(r.find(kCalDAV, "calendar-data"));
         if (data.empty()) continue;
         try {
           const auto series = ICalSeries::parse(data);
           series.expand(start, end, id, out);
-          objects_[objectKey(id, series.uid())] =
-              StoredObject{client_->resolve(r.href, collection.url), text(r.find(kDAV, "getetag")), data};
+          objects_[objectKey(id, series.uid())] = StoredObject{
+              client_->resolve(r.href, collection.url), text(r.find(kDAV, "getetag")), data};
         } catch (const ICalFormatError& e) {
           base::log::debug(kSource, "skipping {}: {}", r.href, e.what());
         }
@@ -394,18 +429,21 @@ std::vector<CalendarEvent> CalDAVCalendarStore::events(Timestamp start, Timestam
   return out;
 }
 
-std::optional<CalDAVCalendarStore::StoredObject> CalDAVCalendarStore::findByUIDLocked(const Collection& collection,
-                                                                                     const std::string& uid) {
-  const auto query = calendarQuery(R"(<c:prop-filter name="UID"><c:text-match collation="i;octet">)" + escapeXML(uid) +
-                                   "</c:text-match></c:prop-filter>");
+std::optional<CalDAVCalendarStore::StoredObject> CalDAVCalendarStore::findByUIDLocked(
+    const Collection& collection, const std::string& uid) {
+  const auto query =
+      calendarQuery(R"(<c:prop-filter name="UID"><c:text-match collation="i;octet">)" +
+                    escapeXML(uid) + "</c:text-match></c:prop-filter>");
   const auto res = client_->request("REPORT", collection.url, {{"Depth", "1"}}, query, kXMLType);
-  if (res.status != 207) internal("the CalDAV server answered HTTP " + std::to_string(res.status) + " to a UID query");
+  if (res.status != 207)
+    internal("the CalDAV server answered HTTP " + std::to_string(res.status) + " to a UID query");
   // text-match is a substring match: take only the object whose UID is exactly this one.
   for (const auto& r : Multistatus(res.body).responses) {
     const std::string data = text(r.find(kCalDAV, "calendar-data"));
     try {
       if (!data.empty() && ICalSeries::parse(data).uid() == uid)
-        return StoredObject{client_->resolve(r.href, collection.url), text(r.find(kDAV, "getetag")), data};
+        return StoredObject{client_->resolve(r.href, collection.url), text(r.find(kDAV, "getetag")),
+                            data};
     } catch (const ICalFormatError&) {
     }
   }
@@ -423,7 +461,8 @@ std::optional<CalendarEvent> CalDAVCalendarStore::event(const std::string& id) {
     std::optional<StoredObject> fresh;
     if (const auto known = objects_.find(key); known != objects_.end()) {
       const auto res = client_->request("GET", known->second.url);
-      if (res.status == 200 && !res.body.empty()) fresh = StoredObject{known->second.url, res.etag, res.body};
+      if (res.status == 200 && !res.body.empty())
+        fresh = StoredObject{known->second.url, res.etag, res.body};
     }
     if (!fresh) fresh = findByUIDLocked(collection, parsed->uid);
     if (!fresh) {
@@ -443,9 +482,8 @@ std::optional<CalendarEvent> CalDAVCalendarStore::event(const std::string& id) {
   }
 }
 
-CalDAVCalendarStore::StoredObject& CalDAVCalendarStore::objectForWriteLocked(const std::string& calendarID,
-                                                                              const std::string& uid,
-                                                                              const std::string& id) {
+CalDAVCalendarStore::StoredObject& CalDAVCalendarStore::objectForWriteLocked(
+    const std::string& calendarID, const std::string& uid, const std::string& id) {
   const auto key = objectKey(calendarID, uid);
   auto it = objects_.find(key);
   if (it == objects_.end()) {
@@ -457,7 +495,8 @@ CalDAVCalendarStore::StoredObject& CalDAVCalendarStore::objectForWriteLocked(con
 }
 
 std::string CalDAVCalendarStore::putLocked(const Collection& collection, const std::string& url,
-                                           const std::string& text, const std::string& etag, const std::string& id) {
+                                           const std::string& text, const std::string& etag,
+                                           const std::string& id) {
   std::vector<std::pair<std::string, std::string>> headers;
   if (etag.empty())
     headers.emplace_back("If-None-Match", "*");
@@ -466,26 +505,33 @@ std::string CalDAVCalendarStore::putLocked(const Collection& collection, const s
   const auto res = client_->request("PUT", url, headers, text, kICalendarType);
   if (isSuccess(res.status)) return res.etag;
   if (res.status == 412)
-    internal(etag.empty() ? "conflict: an event with this UID already exists on the CalDAV server: " + id
-                          : "conflict: " + id +
-                                " was changed on the CalDAV server since it was read; read it again before writing");
-  if (res.status == 403) throw CalendarException({CalendarRPCError::ReadOnlyCalendar{collection.calendar.title}});
+    internal(etag.empty()
+                 ? "conflict: an event with this UID already exists on the CalDAV server: " + id
+                 : "conflict: " + id +
+                       " was changed on the CalDAV server since it was read; read it again before "
+                       "writing");
+  if (res.status == 403)
+    throw CalendarException({CalendarRPCError::ReadOnlyCalendar{collection.calendar.title}});
   internal("the CalDAV server answered HTTP " + std::to_string(res.status) + " when saving " + id);
 }
 
-void CalDAVCalendarStore::deleteLocked(const Collection& collection, const std::string& url, const std::string& etag,
-                                       const std::string& id) {
+void CalDAVCalendarStore::deleteLocked(const Collection& collection, const std::string& url,
+                                       const std::string& etag, const std::string& id) {
   std::vector<std::pair<std::string, std::string>> headers;
   if (!etag.empty()) headers.emplace_back("If-Match", etag);
   const auto res = client_->request("DELETE", url, headers);
   if (isSuccess(res.status) || res.status == 404) return;
   if (res.status == 412)
-    internal("conflict: " + id + " was changed on the CalDAV server since it was read; read it again before deleting");
-  if (res.status == 403) throw CalendarException({CalendarRPCError::ReadOnlyCalendar{collection.calendar.title}});
-  internal("the CalDAV server answered HTTP " + std::to_string(res.status) + " when deleting " + id);
+    internal("conflict: " + id +
+             " was changed on the CalDAV server since it was read; read it again before deleting");
+  if (res.status == 403)
+    throw CalendarException({CalendarRPCError::ReadOnlyCalendar{collection.calendar.title}});
+  internal("the CalDAV server answered HTTP " + std::to_string(res.status) + " when deleting " +
+           id);
 }
 
-StoreWriteOutcome CalDAVCalendarStore::createEvent(const std::string& calendarID, const EventFields& fields) {
+StoreWriteOutcome CalDAVCalendarStore::createEvent(const std::string& calendarID,
+                                                   const EventFields& fields) {
   base::MutexLock lock(mutex_);
   try {
     const auto& collection = collectionLocked(calendarID, calendarID);
@@ -505,7 +551,8 @@ StoreWriteOutcome CalDAVCalendarStore::createEvent(const std::string& calendarID
   }
 }
 
-StoreWriteOutcome CalDAVCalendarStore::updateEvent(const std::string& id, const EventFields& fields, SaveSpan span) {
+StoreWriteOutcome CalDAVCalendarStore::updateEvent(const std::string& id, const EventFields& fields,
+                                                   SaveSpan span) {
   const auto parsed = EventID::parse(id);
   if (!parsed) throw CalendarException(CalendarRPCError::notFound(id));
   base::MutexLock lock(mutex_);
@@ -570,7 +617,8 @@ bool CalDAVCalendarStore::removeEvent(const std::string& id, RemoveSpan span) {
         objects_.erase(key);
       } else {
         const std::string text = series.serialize();
-        const auto etag = putLocked(collection, object.url, text, object.etag.empty() ? "*" : object.etag, id);
+        const auto etag =
+            putLocked(collection, object.url, text, object.etag.empty() ? "*" : object.etag, id);
         if (etag.empty())
           objects_.erase(key);
         else
@@ -596,7 +644,8 @@ std::string CalDAVCalendarStore::changeToken() {
     internal(e.what());
   }
   std::string token;
-  for (const auto& [id, c] : collections_) token += id + "=" + c.tag + (c.calendar.writable ? "" : "!") + ";";
+  for (const auto& [id, c] : collections_)
+    token += id + "=" + c.tag + (c.calendar.writable ? "" : "!") + ";";
   return token;
 }
 

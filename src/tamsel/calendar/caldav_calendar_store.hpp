@@ -50,10 +50,12 @@ class CalDAVCalendarStore : public CalendarStore {
   std::vector<StoreCalendar> calendars() override;
   // The first writable calendar; the desktop's default stays local unless none is writable.
   std::optional<std::string> defaultCalendarID() override;
-  std::vector<CalendarEvent> events(Timestamp start, Timestamp end, const std::vector<std::string>& calendarIDs) override;
+  std::vector<CalendarEvent> events(Timestamp start, Timestamp end,
+                                    const std::vector<std::string>& calendarIDs) override;
   std::optional<CalendarEvent> event(const std::string& id) override;
   StoreWriteOutcome createEvent(const std::string& calendarID, const EventFields& fields) override;
-  StoreWriteOutcome updateEvent(const std::string& id, const EventFields& fields, SaveSpan span) override;
+  StoreWriteOutcome updateEvent(const std::string& id, const EventFields& fields,
+                                SaveSpan span) override;
   bool removeEvent(const std::string& id, RemoveSpan span) override;
   // The calendars' ctags / sync tokens; throws when the server cannot be reached.
   std::string changeToken() override;
@@ -77,12 +79,13 @@ class CalDAVCalendarStore : public CalendarStore {
       REQUIRES(mutex_);
   std::optional<StoredObject> findByUIDLocked(const Collection& collection, const std::string& uid)
       REQUIRES(mutex_);
-  StoredObject& objectForWriteLocked(const std::string& calendarID, const std::string& uid, const std::string& id)
-      REQUIRES(mutex_);
+  StoredObject& objectForWriteLocked(const std::string& calendarID, const std::string& uid,
+                                     const std::string& id) REQUIRES(mutex_);
   // PUT guarded by If-Match (etag) or If-None-Match: * (no etag); returns the new ETag, or an
   // empty one when the server sent none. Throws the conflict / read-only / server errors.
-  std::string putLocked(const Collection& collection, const std::string& url, const std::string& text,
-                        const std::string& etag, const std::string& id) REQUIRES(mutex_);
+  std::string putLocked(const Collection& collection, const std::string& url,
+                        const std::string& text, const std::string& etag, const std::string& id)
+      REQUIRES(mutex_);
   void deleteLocked(const Collection& collection, const std::string& url, const std::string& etag,
                     const std::string& id) REQUIRES(mutex_);
 

@@ -1,19 +1,20 @@
 #include "tamsel/calendar/caldav_http.hpp"
 
-#include <cctype>
+#include <openssl/evp.h>
+#include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
+
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/core/tcp_stream.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/asio/ssl/error.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/ssl/ssl_stream.hpp>
 #include <boost/url/parse.hpp>
 #include <boost/url/url.hpp>
-#include <openssl/evp.h>
-#include <openssl/ssl.h>
-#include <openssl/x509_vfy.h>
+#include <cctype>
 #include <stdexcept>
 
 #include "tamsel/base/log.hpp"
@@ -33,7 +34,8 @@ constexpr const char* kSource = "calendar.caldav";
 std::string base64(const std::string& text) {
   std::string out(4 * ((text.size() + 2) / 3) + 1, '\0');
   const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
-                                reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
+                                reinterpret_cast<const unsigned char*>(text.data()),
+                                static_cast<int>(text.size()));
   out.resize(static_cast<std::size_t>(n));
   return out;
 }
@@ -49,14 +51,20 @@ urls::url parseAbsolute(const std::string& text) {
 std::optional<std::string> unsupportedDAVURL(const std::string& url) {
   auto parsed = urls::parse_uri(url);
   if (!parsed) return "not a URL: " + url;
-  if (parsed->scheme() != "http" && parsed->scheme() != "https") return "expected an http or https URL, got " + url;
+  if (parsed->scheme() != "http" && parsed->scheme() != "https")
+    return "expected an http or https URL, got " + url;
   if (parsed->host().empty()) return "the URL has no host: " + url;
-  if (parsed->has_userinfo()) return "put the user name in --user and the password in --password-env, not in the URL";
+  if (parsed->has_userinfo())
+    return "put the user name in --user and the password in --password-env, not in the URL";
   return std::nullopt;
 }
 
-DAVClient::DAVClient(std::string baseURL, std::string user, std::string password, std::chrono::milliseconds timeout)
-    : base_(std::move(baseURL)), user_(std::move(user)), password_(std::move(password)), timeout_(timeout) {
+DAVClient::DAVClient(std::string baseURL, std::string user, std::string password,
+                     std::chrono::milliseconds timeout)
+    : base_(std::move(baseURL)),
+      user_(std::move(user)),
+      password_(std::move(password)),
+      timeout_(timeout) {
   if (const auto reason = unsupportedDAVURL(base_)) throw std::invalid_argument(*reason);
   // A collection URL without its slash makes every relative href resolve one level too high.
   auto url = parseAbsolute(base_);
@@ -69,7 +77,8 @@ std::string DAVClient::resolve(const std::string& reference, const std::string& 
   auto ref = urls::parse_uri_reference(reference);
   if (!ref) throw DAVTransportError("the server gave a malformed href: " + reference);
   urls::url out;
-  if (auto r = urls::resolve(base, *ref, out); !r) throw DAVTransportError("cannot resolve href: " + reference);
+  if (auto r = urls::resolve(base, *ref, out); !r)
+    throw DAVTransportError("cannot resolve href: " + reference);
   return std::string(out.buffer());
 }
 
@@ -92,7 +101,8 @@ namespace {
 asio::ssl::context tlsContext() {
   asio::ssl::context ctx(asio::ssl::context::tls_client);
   ctx.set_options(asio::ssl::context::default_workarounds | asio::ssl::context::no_sslv2 |
-                  asio::ssl::context::no_sslv3 | asio::ssl::context::no_tlsv1 | asio::ssl::context::no_tlsv1_1);
+                  asio::ssl::context::no_sslv3 | asio::ssl::context::no_tlsv1 |
+                  asio::ssl::context::no_tlsv1_1);
   SSL_CTX_set_min_proto_version(ctx.native_handle(), TLS1_2_VERSION);
   ctx.set_default_verify_paths();
   ctx.set_verify_mode(asio::ssl::verify_peer);
@@ -102,11 +112,13 @@ asio::ssl::context tlsContext() {
 // The certificate must name the host the URL names: an IP address as an IP entry, a name as
 // a DNS entry. SNI carries names only, never addresses.
 void expectPeer(SSL* ssl, const urls::url& url, const std::string& host) {
-  const bool isAddress = url.host_type() == urls::host_type::ipv4 || url.host_type() == urls::host_type::ipv6;
+  const bool isAddress =
+      url.host_type() == urls::host_type::ipv4 || url.host_type() == urls::host_type::ipv6;
   X509_VERIFY_PARAM* param = SSL_get0_param(ssl);
   X509_VERIFY_PARAM_set_hostflags(param, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
   const bool set = isAddress ? X509_VERIFY_PARAM_set1_ip_asc(param, host.c_str()) == 1
-                             : SSL_set1_host(ssl, host.c_str()) == 1 && SSL_set_tlsext_host_name(ssl, host.c_str()) == 1;
+                             : SSL_set1_host(ssl, host.c_str()) == 1 &&
+                                   SSL_set_tlsext_host_name(ssl, host.c_str()) == 1;
   if (!set) throw DAVTransportError("cannot set up TLS for host " + host);
 }
 
@@ -125,7 +137,8 @@ bool DAVClient::sameOrigin(const std::string& a, const std::string& b) {
       return s;
     };
     return lower(std::string(x.scheme())) == lower(std::string(y.scheme())) &&
-           lower(std::string(x.encoded_host())) == lower(std::string(y.encoded_host())) && port(x) == port(y);
+           lower(std::string(x.encoded_host())) == lower(std::string(y.encoded_host())) &&
+           port(x) == port(y);
   } catch (const std::exception&) {
     return false;
   }
@@ -136,10 +149,12 @@ DAVResponse DAVClient::request(const std::string& method, const std::string& tar
                                const std::string& body, const std::string& contentType) const {
   const auto url = parseAbsolute(resolve(target));
   const bool tls = url.scheme() == "https";
-  if (!tls && url.scheme() != "http") throw DAVTransportError("refusing to follow a link to " + std::string(url.scheme()));
+  if (!tls && url.scheme() != "http")
+    throw DAVTransportError("refusing to follow a link to " + std::string(url.scheme()));
   // The credentials go with every request, so an https account never falls back to plain http.
   if (!tls && parseAbsolute(base_).scheme() == "https")
-    throw DAVTransportError("refusing to follow a link from https to http: " + std::string(url.buffer()));
+    throw DAVTransportError("refusing to follow a link from https to http: " +
+                            std::string(url.buffer()));
   const std::string host(url.host_address());
   const std::string port = url.has_port() ? std::string(url.port()) : (tls ? "443" : "80");
   std::string path(url.encoded_path());
@@ -184,21 +199,22 @@ DAVResponse DAVClient::request(const std::string& method, const std::string& tar
     });
   };
   tcpStream.expires_after(timeout_);
-  resolver.async_resolve(host, port, [&](beast::error_code ec, tcp::resolver::results_type results) {
-    if (ec) return void(failure = ec);
-    stage = "connect";
-    tcpStream.async_connect(results, [&](beast::error_code ec, const tcp::endpoint&) {
-      if (ec) return void(failure = ec);
-      stage = "send";
-      if (!tls) return exchange(tcpStream);
-      stage = "handshake";
-      stream.async_handshake(asio::ssl::stream_base::client, [&](beast::error_code ec) {
+  resolver.async_resolve(
+      host, port, [&](beast::error_code ec, tcp::resolver::results_type results) {
         if (ec) return void(failure = ec);
-        stage = "send";
-        exchange(stream);
+        stage = "connect";
+        tcpStream.async_connect(results, [&](beast::error_code ec, const tcp::endpoint&) {
+          if (ec) return void(failure = ec);
+          stage = "send";
+          if (!tls) return exchange(tcpStream);
+          stage = "handshake";
+          stream.async_handshake(asio::ssl::stream_base::client, [&](beast::error_code ec) {
+            if (ec) return void(failure = ec);
+            stage = "send";
+            exchange(stream);
+          });
+        });
       });
-    });
-  });
   io.run();
   beast::error_code ignored;
   tcpStream.socket().shutdown(tcp::socket::shutdown_both, ignored);
@@ -208,9 +224,11 @@ DAVResponse DAVClient::request(const std::string& method, const std::string& tar
     if (tls) {
       if (const long verify = SSL_get_verify_result(stream.native_handle()); verify != X509_V_OK)
         throw DAVTransportError("the CalDAV server's certificate is not trusted: " +
-                                std::string(X509_verify_cert_error_string(verify)) + " (" + authority() + ")");
+                                std::string(X509_verify_cert_error_string(verify)) + " (" +
+                                authority() + ")");
     }
-    throw DAVTransportError("cannot reach the CalDAV server at " + authority() + " (" + stage + ": " + reason + ")");
+    throw DAVTransportError("cannot reach the CalDAV server at " + authority() + " (" + stage +
+                            ": " + reason + ")");
   }
   auto& res = parser.get();
   DAVResponse out;

@@ -13,7 +13,8 @@ struct CalendarRPCError {
   // The wording for an update with scope "all", kept in this one place: agents read it and act on
   // it, so it names the calls that do what was asked.
   static constexpr const char* updateScopeAllRefusal =
-      "update_event does not accept scope=\"all\"; use \"this\" or \"this_and_future\". To replace an entire "
+      "update_event does not accept scope=\"all\"; use \"this\" or \"this_and_future\". To replace "
+      "an entire "
       "series, call delete_event(scope=all) followed by create_event.";
 
   struct PermissionDenied {
@@ -42,7 +43,9 @@ struct CalendarRPCError {
     return {InvalidArgument{std::move(field), std::move(reason)}};
   }
   static CalendarRPCError notFound(std::string id) { return {NotFound{std::move(id)}}; }
-  static CalendarRPCError internalError(std::string message) { return {InternalError{std::move(message)}}; }
+  static CalendarRPCError internalError(std::string message) {
+    return {InternalError{std::move(message)}};
+  }
 
   // The wire code (CalendarErrorWireCodes).
   std::string code() const;

@@ -35,7 +35,8 @@ class PreferencesPermissionStore : public CalendarPermissionStore {
 // Kept in memory only: for tests and for front ends without preferences.
 class MemoryPermissionStore : public CalendarPermissionStore {
  public:
-  explicit MemoryPermissionStore(CalendarPermissionStatus status = CalendarPermissionStatus::notDetermined)
+  explicit MemoryPermissionStore(
+      CalendarPermissionStatus status = CalendarPermissionStatus::notDetermined)
       : status_(status) {}
   CalendarPermissionStatus status() const override {
     base::MutexLock lock(mutex_);

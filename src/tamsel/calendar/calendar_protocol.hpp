@@ -17,7 +17,8 @@ inline constexpr std::string_view calendarRequestPermission = "calendar.request_
 
 namespace ErrorCode {
 inline constexpr std::string_view calendarPermissionDenied = "calendar_permission_denied";
-inline constexpr std::string_view calendarPermissionNotDetermined = "calendar_permission_not_determined";
+inline constexpr std::string_view calendarPermissionNotDetermined =
+    "calendar_permission_not_determined";
 inline constexpr std::string_view readOnlyCalendar = "read_only_calendar";
 }  // namespace ErrorCode
 

@@ -26,36 +26,41 @@ constexpr const char* kSource = "calendar";
 
 bool containsFolded(const std::optional<std::string>& haystack, const std::string& needle) {
   if (!haystack) return false;
-  const auto it = std::search(haystack->begin(), haystack->end(), needle.begin(), needle.end(),
-                              [](unsigned char a, unsigned char b) { return std::tolower(a) == std::tolower(b); });
+  const auto it = std::search(
+      haystack->begin(), haystack->end(), needle.begin(), needle.end(),
+      [](unsigned char a, unsigned char b) { return std::tolower(a) == std::tolower(b); });
   return it != haystack->end();
 }
 
 EventFields fieldsOf(const CalendarEvent& event) {
-  return EventFields{event.title,     event.start,     event.end,       event.allDay,
-                     event.location,  event.notes,     event.url,       event.attendees,
-                     event.alarms,    event.recurrenceRule};
+  return EventFields{event.title, event.start, event.end,       event.allDay, event.location,
+                     event.notes, event.url,   event.attendees, event.alarms, event.recurrenceRule};
 }
 
-std::vector<Attendee> attendeesFrom(const std::vector<AttendeeDraft>& drafts, const std::vector<Attendee>& known) {
+std::vector<Attendee> attendeesFrom(const std::vector<AttendeeDraft>& drafts,
+                                    const std::vector<Attendee>& known) {
   std::vector<Attendee> out;
   for (const auto& d : drafts) {
     // Someone already invited keeps their answer.
-    const auto it = std::find_if(known.begin(), known.end(), [&](const Attendee& a) { return a.email == d.email; });
+    const auto it = std::find_if(known.begin(), known.end(),
+                                 [&](const Attendee& a) { return a.email == d.email; });
     out.push_back(Attendee{d.email, d.name ? d.name : (it != known.end() ? it->name : std::nullopt),
                            it != known.end() ? it->status : "needs_action"});
   }
   return out;
 }
 
-const StoreCalendar& findCalendar(const std::vector<StoreCalendar>& calendars, const std::string& id) {
-  const auto it = std::find_if(calendars.begin(), calendars.end(), [&](const auto& c) { return c.id == id; });
+const StoreCalendar& findCalendar(const std::vector<StoreCalendar>& calendars,
+                                  const std::string& id) {
+  const auto it =
+      std::find_if(calendars.begin(), calendars.end(), [&](const auto& c) { return c.id == id; });
   if (it == calendars.end()) throw CalendarException(CalendarRPCError::notFound(id));
   return *it;
 }
 
 void requireWritable(const StoreCalendar& calendar) {
-  if (!calendar.writable) throw CalendarException({CalendarRPCError::ReadOnlyCalendar{calendar.title}});
+  if (!calendar.writable)
+    throw CalendarException({CalendarRPCError::ReadOnlyCalendar{calendar.title}});
 }
 
 }  // namespace
@@ -73,9 +78,12 @@ struct CalendarProvider::Impl : std::enable_shared_from_this<Impl> {
   std::optional<CalendarPermissionStatus> lastStatus;
   bool watchBusy = false;
 
-  Impl(asio::any_io_executor e, std::shared_ptr<CalendarStore> s, std::shared_ptr<CalendarPermissionStore> p,
-       PermissionPrompter prompt, Options o)
-      : executor(std::move(e)), store(std::move(s)), permissions(std::move(p)), prompter(std::move(prompt)),
+  Impl(asio::any_io_executor e, std::shared_ptr<CalendarStore> s,
+       std::shared_ptr<CalendarPermissionStore> p, PermissionPrompter prompt, Options o)
+      : executor(std::move(e)),
+        store(std::move(s)),
+        permissions(std::move(p)),
+        prompter(std::move(prompt)),
         options(o) {}
   ~Impl() { worker.join(); }
 
@@ -102,7 +110,8 @@ struct CalendarProvider::Impl : std::enable_shared_from_this<Impl> {
       }
       // The race and the answer move on to the executor, so the worker never holds the last
       // reference to the timer or to an exception the caller is still reading.
-      asio::post(executor, [race = std::move(race), value = std::move(value), error = std::move(error)]() mutable {
+      asio::post(executor, [race = std::move(race), value = std::move(value),
+                            error = std::move(error)]() mutable {
         race->value = std::move(value);
         race->error = error;
         race->done = true;
@@ -162,16 +171,19 @@ struct CalendarProvider::Impl : std::enable_shared_from_this<Impl> {
   }
 };
 
-CalendarProvider::CalendarProvider(asio::any_io_executor executor, std::shared_ptr<CalendarStore> store,
-                                   std::shared_ptr<CalendarPermissionStore> permissions, PermissionPrompter prompter,
-                                   Options options)
+CalendarProvider::CalendarProvider(asio::any_io_executor executor,
+                                   std::shared_ptr<CalendarStore> store,
+                                   std::shared_ptr<CalendarPermissionStore> permissions,
+                                   PermissionPrompter prompter, Options options)
     : impl_(std::make_shared<Impl>(std::move(executor), std::move(store), std::move(permissions),
                                    std::move(prompter), options)) {}
 
-CalendarProvider::CalendarProvider(asio::any_io_executor executor, std::shared_ptr<CalendarStore> store,
-                                   std::shared_ptr<CalendarPermissionStore> permissions, PermissionPrompter prompter)
-    : CalendarProvider(std::move(executor), std::move(store), std::move(permissions), std::move(prompter),
-                       Options{}) {}
+CalendarProvider::CalendarProvider(asio::any_io_executor executor,
+                                   std::shared_ptr<CalendarStore> store,
+                                   std::shared_ptr<CalendarPermissionStore> permissions,
+                                   PermissionPrompter prompter)
+    : CalendarProvider(std::move(executor), std::move(store), std::move(permissions),
+                       std::move(prompter), Options{}) {}
 
 CalendarProvider::~CalendarProvider() { stopWatching(); }
 
@@ -191,7 +203,8 @@ void CalendarProvider::stopWatching() {
 }
 
 milliseconds CalendarProvider::timerFor(std::int64_t timeoutMs) const {
-  const milliseconds asked = timeoutMs > 0 ? milliseconds(timeoutMs) : impl_->options.defaultTimeout;
+  const milliseconds asked =
+      timeoutMs > 0 ? milliseconds(timeoutMs) : impl_->options.defaultTimeout;
   return std::min<milliseconds>(asked, maximumTimeout);
 }
 
@@ -199,143 +212,157 @@ asio::awaitable<std::vector<CalendarSource>> CalendarProvider::listSources(milli
   impl_->requireAccess();
   auto store = impl_->store;
   std::function<std::vector<CalendarSource>()> work = [store] {
-        const auto defaultID = store->defaultCalendarID();
-        std::vector<CalendarSource> sources;
-        for (const auto& c : store->calendars())
-          sources.push_back(CalendarSource{c.id, c.title, CalendarMappers::accountType(c.sourceTitle, c.kind),
-                                           c.colorHex, c.writable, defaultID && *defaultID == c.id});
-        return sources;
+    const auto defaultID = store->defaultCalendarID();
+    std::vector<CalendarSource> sources;
+    for (const auto& c : store->calendars())
+      sources.push_back(CalendarSource{c.id, c.title,
+                                       CalendarMappers::accountType(c.sourceTitle, c.kind),
+                                       c.colorHex, c.writable, defaultID && *defaultID == c.id});
+    return sources;
   };
   co_return co_await impl_->run<std::vector<CalendarSource>>(std::move(work), timeout);
 }
 
-asio::awaitable<CalendarEventList> CalendarProvider::listEvents(ListEventsParams params, milliseconds timeout) {
+asio::awaitable<CalendarEventList> CalendarProvider::listEvents(ListEventsParams params,
+                                                                milliseconds timeout) {
   impl_->requireAccess();
   auto store = impl_->store;
   std::function<CalendarEventList()> work = [store, params = std::move(params)] {
-        std::vector<std::string> ids;
-        if (params.calendarIDs) {
-          const auto calendars = store->calendars();
-          for (const auto& id : *params.calendarIDs) findCalendar(calendars, id);
-          ids = *params.calendarIDs;
-          // An empty list names no calendar, which is not the same as naming none.
-          if (ids.empty()) return CalendarEventList{};
-        }
-        auto events = store->events(params.start, params.end, ids);
-        if (params.query && !params.query->empty()) {
-          std::erase_if(events, [&](const CalendarEvent& e) {
-            return !containsFolded(e.title, *params.query) && !containsFolded(e.location, *params.query) &&
-                   !containsFolded(e.notes, *params.query);
-          });
-        }
-        std::sort(events.begin(), events.end(), [](const CalendarEvent& a, const CalendarEvent& b) {
-          return std::tie(a.start, a.end, a.title, a.id) < std::tie(b.start, b.end, b.title, b.id);
-        });
-        CalendarEventList list;
-        const auto limit = static_cast<std::size_t>(params.limit);
-        list.truncated = events.size() > limit;
-        if (list.truncated) events.resize(limit);
-        list.events = std::move(events);
-        return list;
+    std::vector<std::string> ids;
+    if (params.calendarIDs) {
+      const auto calendars = store->calendars();
+      for (const auto& id : *params.calendarIDs) findCalendar(calendars, id);
+      ids = *params.calendarIDs;
+      // An empty list names no calendar, which is not the same as naming none.
+      if (ids.empty()) return CalendarEventList{};
+    }
+    auto events = store->events(params.start, params.end, ids);
+    if (params.query && !params.query->empty()) {
+      std::erase_if(events, [&](const CalendarEvent& e) {
+        return !containsFolded(e.title, *params.query) &&
+               !containsFolded(e.location, *params.query) &&
+               !containsFolded(e.notes, *params.query);
+      });
+    }
+    std::sort(events.begin(), events.end(), [](const CalendarEvent& a, const CalendarEvent& b) {
+      return std::tie(a.start, a.end, a.title, a.id) < std::tie(b.start, b.end, b.title, b.id);
+    });
+    CalendarEventList list;
+    const auto limit = static_cast<std::size_t>(params.limit);
+    list.truncated = events.size() > limit;
+    if (list.truncated) events.resize(limit);
+    list.events = std::move(events);
+    return list;
   };
   co_return co_await impl_->run<CalendarEventList>(std::move(work), timeout);
 }
 
-asio::awaitable<CalendarEvent> CalendarProvider::getEvent(GetEventParams params, milliseconds timeout) {
+asio::awaitable<CalendarEvent> CalendarProvider::getEvent(GetEventParams params,
+                                                          milliseconds timeout) {
   impl_->requireAccess();
   auto store = impl_->store;
   std::function<CalendarEvent()> work = [store, id = params.id] {
-        auto event = store->event(id);
-        if (!event) throw CalendarException(CalendarRPCError::notFound(id));
-        return *event;
+    auto event = store->event(id);
+    if (!event) throw CalendarException(CalendarRPCError::notFound(id));
+    return *event;
   };
   co_return co_await impl_->run<CalendarEvent>(std::move(work), timeout);
 }
 
-asio::awaitable<WriteEventResult> CalendarProvider::createEvent(CalendarEventDraft draft, milliseconds timeout) {
+asio::awaitable<WriteEventResult> CalendarProvider::createEvent(CalendarEventDraft draft,
+                                                                milliseconds timeout) {
   impl_->requireAccess();
   auto store = impl_->store;
   std::function<WriteEventResult()> work = [store, draft = std::move(draft)] {
-        const auto calendarID = draft.calendarID ? draft.calendarID : store->defaultCalendarID();
-        if (!calendarID)
-          throw CalendarException(CalendarRPCError::invalidArgument("calendar_id", "no default calendar for new events"));
-        requireWritable(findCalendar(store->calendars(), *calendarID));
-        EventFields fields{draft.title, draft.start, draft.end,  draft.allDay, draft.location,
-                           draft.notes, draft.url,   {},         draft.alarms, draft.recurrenceRule};
-        fields.attendees = attendeesFrom(draft.attendees, {});
-        const auto outcome = store->createEvent(*calendarID, fields);
-        return WriteEventResult{outcome.id, outcome.pendingRemoteSync, false};
+    const auto calendarID = draft.calendarID ? draft.calendarID : store->defaultCalendarID();
+    if (!calendarID)
+      throw CalendarException(
+          CalendarRPCError::invalidArgument("calendar_id", "no default calendar for new events"));
+    requireWritable(findCalendar(store->calendars(), *calendarID));
+    EventFields fields{draft.title, draft.start, draft.end, draft.allDay, draft.location,
+                       draft.notes, draft.url,   {},        draft.alarms, draft.recurrenceRule};
+    fields.attendees = attendeesFrom(draft.attendees, {});
+    const auto outcome = store->createEvent(*calendarID, fields);
+    return WriteEventResult{outcome.id, outcome.pendingRemoteSync, false};
   };
   co_return co_await impl_->run<WriteEventResult>(std::move(work), timeout);
 }
 
-asio::awaitable<WriteEventResult> CalendarProvider::updateEvent(UpdateEventParams params, milliseconds timeout) {
+asio::awaitable<WriteEventResult> CalendarProvider::updateEvent(UpdateEventParams params,
+                                                                milliseconds timeout) {
   impl_->requireAccess();
   auto store = impl_->store;
   std::function<WriteEventResult()> work = [store, params = std::move(params)] {
-        const auto current = store->event(params.id);
-        if (!current) throw CalendarException(CalendarRPCError::notFound(params.id));
-        const auto calendars = store->calendars();
-        requireWritable(findCalendar(calendars, current->calendarID));
+    const auto current = store->event(params.id);
+    if (!current) throw CalendarException(CalendarRPCError::notFound(params.id));
+    const auto calendars = store->calendars();
+    requireWritable(findCalendar(calendars, current->calendarID));
 
-        const auto& patch = params.patch;
-        EventFields fields = fieldsOf(*current);
-        if (patch.title) fields.title = *patch.title;
-        if (patch.start) {
-          // Moving only the start keeps the event's length.
-          if (!patch.end) fields.end = *patch.start + (current->end - current->start);
-          fields.start = *patch.start;
-        }
-        if (patch.end) fields.end = *patch.end;
-        if (patch.allDay) fields.allDay = *patch.allDay;
-        if (patch.location) fields.location = *patch.location;
-        if (patch.notes) fields.notes = *patch.notes;
-        if (patch.url) fields.url = *patch.url;
-        if (patch.attendees) fields.attendees = attendeesFrom(*patch.attendees, current->attendees);
-        if (patch.alarms) fields.alarms = *patch.alarms;
-        if (patch.recurrenceRule) fields.recurrenceRule = patch.recurrenceRule;
-        if (params.clearRecurrence) fields.recurrenceRule.reset();
-        if (fields.end < fields.start) throw CalendarException(CalendarRPCError::invalidArgument("end", "must not be before start"));
+    const auto& patch = params.patch;
+    EventFields fields = fieldsOf(*current);
+    if (patch.title) fields.title = *patch.title;
+    if (patch.start) {
+      // Moving only the start keeps the event's length.
+      if (!patch.end) fields.end = *patch.start + (current->end - current->start);
+      fields.start = *patch.start;
+    }
+    if (patch.end) fields.end = *patch.end;
+    if (patch.allDay) fields.allDay = *patch.allDay;
+    if (patch.location) fields.location = *patch.location;
+    if (patch.notes) fields.notes = *patch.notes;
+    if (patch.url) fields.url = *patch.url;
+    if (patch.attendees) fields.attendees = attendeesFrom(*patch.attendees, current->attendees);
+    if (patch.alarms) fields.alarms = *patch.alarms;
+    if (patch.recurrenceRule) fields.recurrenceRule = patch.recurrenceRule;
+    if (params.clearRecurrence) fields.recurrenceRule.reset();
+    if (fields.end < fields.start)
+      throw CalendarException(CalendarRPCError::invalidArgument("end", "must not be before start"));
 
-        const bool ruleChanged = patch.recurrenceRule.has_value() || params.clearRecurrence;
-        if (params.scope == EventScope::thisEvent && current->isRecurring && ruleChanged)
-          throw CalendarException(CalendarRPCError::invalidArgument(
-              "recurrence_rule", "one occurrence cannot change its series' recurrence; use scope \"this_and_future\""));
+    const bool ruleChanged = patch.recurrenceRule.has_value() || params.clearRecurrence;
+    if (params.scope == EventScope::thisEvent && current->isRecurring && ruleChanged)
+      throw CalendarException(CalendarRPCError::invalidArgument(
+          "recurrence_rule",
+          "one occurrence cannot change its series' recurrence; use scope \"this_and_future\""));
 
-        if (patch.calendarID && *patch.calendarID != current->calendarID) {
-          if (current->isRecurring)
-            throw CalendarException(CalendarRPCError::invalidArgument(
-                "calendar_id", "a recurring event cannot move to another calendar; delete it and create it there"));
-          requireWritable(findCalendar(calendars, *patch.calendarID));
-          const auto created = store->createEvent(*patch.calendarID, fields);
-          const bool pending = store->removeEvent(params.id, RemoveSpan::all);
-          return WriteEventResult{created.id, created.pendingRemoteSync || pending, false};
-        }
-        const auto span = params.scope == EventScope::thisEvent ? SaveSpan::thisEvent : SaveSpan::futureEvents;
-        const auto outcome = store->updateEvent(params.id, fields, span);
-        return WriteEventResult{outcome.id, outcome.pendingRemoteSync, false};
+    if (patch.calendarID && *patch.calendarID != current->calendarID) {
+      if (current->isRecurring)
+        throw CalendarException(CalendarRPCError::invalidArgument(
+            "calendar_id",
+            "a recurring event cannot move to another calendar; delete it and create it there"));
+      requireWritable(findCalendar(calendars, *patch.calendarID));
+      const auto created = store->createEvent(*patch.calendarID, fields);
+      const bool pending = store->removeEvent(params.id, RemoveSpan::all);
+      return WriteEventResult{created.id, created.pendingRemoteSync || pending, false};
+    }
+    const auto span =
+        params.scope == EventScope::thisEvent ? SaveSpan::thisEvent : SaveSpan::futureEvents;
+    const auto outcome = store->updateEvent(params.id, fields, span);
+    return WriteEventResult{outcome.id, outcome.pendingRemoteSync, false};
   };
   co_return co_await impl_->run<WriteEventResult>(std::move(work), timeout);
 }
 
-asio::awaitable<DeleteEventResult> CalendarProvider::deleteEvent(DeleteEventParams params, milliseconds timeout) {
+asio::awaitable<DeleteEventResult> CalendarProvider::deleteEvent(DeleteEventParams params,
+                                                                 milliseconds timeout) {
   impl_->requireAccess();
   auto store = impl_->store;
   std::function<DeleteEventResult()> work = [store, params = std::move(params)] {
-        const auto current = store->event(params.id);
-        if (!current) throw CalendarException(CalendarRPCError::notFound(params.id));
-        requireWritable(findCalendar(store->calendars(), current->calendarID));
-        const auto span = params.scope == EventScope::all            ? RemoveSpan::all
-                          : params.scope == EventScope::thisAndFuture ? RemoveSpan::futureEvents
-                                                                      : RemoveSpan::thisEvent;
-        try {
-          return DeleteEventResult{true, store->removeEvent(params.id, span)};
-        } catch (const CalendarException& e) {
-          if (std::holds_alternative<CalendarRPCError::NotFound>(e.error().value)) throw;
-          throw CalendarException(CalendarRPCError::internalError("remove failed: " + e.error().message()));
-        } catch (const std::exception& e) {
-          throw CalendarException(CalendarRPCError::internalError(std::string("remove failed: ") + e.what()));
-        }
+    const auto current = store->event(params.id);
+    if (!current) throw CalendarException(CalendarRPCError::notFound(params.id));
+    requireWritable(findCalendar(store->calendars(), current->calendarID));
+    const auto span = params.scope == EventScope::all             ? RemoveSpan::all
+                      : params.scope == EventScope::thisAndFuture ? RemoveSpan::futureEvents
+                                                                  : RemoveSpan::thisEvent;
+    try {
+      return DeleteEventResult{true, store->removeEvent(params.id, span)};
+    } catch (const CalendarException& e) {
+      if (std::holds_alternative<CalendarRPCError::NotFound>(e.error().value)) throw;
+      throw CalendarException(
+          CalendarRPCError::internalError("remove failed: " + e.error().message()));
+    } catch (const std::exception& e) {
+      throw CalendarException(
+          CalendarRPCError::internalError(std::string("remove failed: ") + e.what()));
+    }
   };
   co_return co_await impl_->run<DeleteEventResult>(std::move(work), timeout);
 }
@@ -360,14 +387,16 @@ asio::awaitable<PermissionResult> CalendarProvider::requestPermission(millisecon
     auto prompter = impl->prompter;
     auto permissions = impl->permissions;
     std::function<CalendarPermissionStatus()> ask = [prompter, permissions] {
-          std::optional<bool> answer;
-          try {
-            answer = prompter();
-            if (answer)
-              permissions->setStatus(*answer ? CalendarPermissionStatus::granted : CalendarPermissionStatus::denied);
-          } catch (const std::exception& e) {
-            throw CalendarException(CalendarRPCError::internalError(std::string("request_permission failed: ") + e.what()));
-          }
+      std::optional<bool> answer;
+      try {
+        answer = prompter();
+        if (answer)
+          permissions->setStatus(*answer ? CalendarPermissionStatus::granted
+                                         : CalendarPermissionStatus::denied);
+      } catch (const std::exception& e) {
+        throw CalendarException(
+            CalendarRPCError::internalError(std::string("request_permission failed: ") + e.what()));
+      }
       return permissions->status();
     };
     status = co_await impl->run<CalendarPermissionStatus>(std::move(ask), timeout);
@@ -376,7 +405,8 @@ asio::awaitable<PermissionResult> CalendarProvider::requestPermission(millisecon
   co_return PermissionResult{"calendar", status, CalendarMappers::permissionMessage(status)};
 }
 
-asio::awaitable<JSONValue> CalendarProvider::handle(std::string method, JSONValue params, std::int64_t timeoutMs) {
+asio::awaitable<JSONValue> CalendarProvider::handle(std::string method, JSONValue params,
+                                                    std::int64_t timeoutMs) {
   const auto limit = timerFor(timeoutMs);
   if (method == Method::calendarListSources) {
     const std::vector<CalendarSource> sources = co_await listSources(limit);

@@ -30,24 +30,32 @@ class CalendarProvider {
   static constexpr std::chrono::seconds maximumTimeout{3600};
 
   CalendarProvider(boost::asio::any_io_executor executor, std::shared_ptr<CalendarStore> store,
-                   std::shared_ptr<CalendarPermissionStore> permissions, PermissionPrompter prompter,
-                   Options options);
+                   std::shared_ptr<CalendarPermissionStore> permissions,
+                   PermissionPrompter prompter, Options options);
   CalendarProvider(boost::asio::any_io_executor executor, std::shared_ptr<CalendarStore> store,
-                   std::shared_ptr<CalendarPermissionStore> permissions, PermissionPrompter prompter = {});
+                   std::shared_ptr<CalendarPermissionStore> permissions,
+                   PermissionPrompter prompter = {});
   ~CalendarProvider();
   CalendarProvider(const CalendarProvider&) = delete;
   CalendarProvider& operator=(const CalendarProvider&) = delete;
 
   // Serves one "calendar." method: decodes `params`, answers the result object. Throws
   // CalendarException for every failure (an unknown method is notFound).
-  boost::asio::awaitable<JSONValue> handle(std::string method, JSONValue params, std::int64_t timeoutMs);
+  boost::asio::awaitable<JSONValue> handle(std::string method, JSONValue params,
+                                           std::int64_t timeoutMs);
 
-  boost::asio::awaitable<std::vector<CalendarSource>> listSources(std::chrono::milliseconds timeout);
-  boost::asio::awaitable<CalendarEventList> listEvents(ListEventsParams params, std::chrono::milliseconds timeout);
-  boost::asio::awaitable<CalendarEvent> getEvent(GetEventParams params, std::chrono::milliseconds timeout);
-  boost::asio::awaitable<WriteEventResult> createEvent(CalendarEventDraft draft, std::chrono::milliseconds timeout);
-  boost::asio::awaitable<WriteEventResult> updateEvent(UpdateEventParams params, std::chrono::milliseconds timeout);
-  boost::asio::awaitable<DeleteEventResult> deleteEvent(DeleteEventParams params, std::chrono::milliseconds timeout);
+  boost::asio::awaitable<std::vector<CalendarSource>> listSources(
+      std::chrono::milliseconds timeout);
+  boost::asio::awaitable<CalendarEventList> listEvents(ListEventsParams params,
+                                                       std::chrono::milliseconds timeout);
+  boost::asio::awaitable<CalendarEvent> getEvent(GetEventParams params,
+                                                 std::chrono::milliseconds timeout);
+  boost::asio::awaitable<WriteEventResult> createEvent(CalendarEventDraft draft,
+                                                       std::chrono::milliseconds timeout);
+  boost::asio::awaitable<WriteEventResult> updateEvent(UpdateEventParams params,
+                                                       std::chrono::milliseconds timeout);
+  boost::asio::awaitable<DeleteEventResult> deleteEvent(DeleteEventParams params,
+                                                        std::chrono::milliseconds timeout);
   PermissionResult checkPermission() const;
   boost::asio::awaitable<PermissionResult> requestPermission(std::chrono::milliseconds timeout);
   // For front ends that take the user's answer themselves (`tamsel calendar permission`).

@@ -1,12 +1,13 @@
 #include "tamsel/calendar/calendar_records.hpp"
 
-#include <ctime>
 #include <fmt/format.h>
+
+#include <ctime>
 
 #include "tamsel/base/dates.hpp"
 #include "tamsel/bridge/rpc/protocol_constants.hpp"
-#include "tamsel/calendar/calendar_protocol.hpp"
 #include "tamsel/calendar/calendar_error.hpp"
+#include "tamsel/calendar/calendar_protocol.hpp"
 
 namespace tamsel::calendar {
 
@@ -14,11 +15,16 @@ namespace PC = CalendarProtocol;
 
 std::string_view toWire(CalendarPermissionStatus status) {
   switch (status) {
-    case CalendarPermissionStatus::notDetermined: return PC::PermissionStatus::notDetermined;
-    case CalendarPermissionStatus::restricted: return PC::PermissionStatus::restricted;
-    case CalendarPermissionStatus::denied: return PC::PermissionStatus::denied;
-    case CalendarPermissionStatus::granted: return PC::PermissionStatus::granted;
-    case CalendarPermissionStatus::writeOnly: return PC::PermissionStatus::writeOnly;
+    case CalendarPermissionStatus::notDetermined:
+      return PC::PermissionStatus::notDetermined;
+    case CalendarPermissionStatus::restricted:
+      return PC::PermissionStatus::restricted;
+    case CalendarPermissionStatus::denied:
+      return PC::PermissionStatus::denied;
+    case CalendarPermissionStatus::granted:
+      return PC::PermissionStatus::granted;
+    case CalendarPermissionStatus::writeOnly:
+      return PC::PermissionStatus::writeOnly;
   }
   return PC::PermissionStatus::notDetermined;
 }
@@ -33,16 +39,20 @@ std::optional<CalendarPermissionStatus> permissionStatusFromWire(std::string_vie
 
 std::string_view toWire(EventScope scope) {
   switch (scope) {
-    case EventScope::thisEvent: return PC::EventScope::thisOccurrence;
-    case EventScope::thisAndFuture: return PC::EventScope::thisAndFuture;
-    case EventScope::all: return PC::EventScope::all;
+    case EventScope::thisEvent:
+      return PC::EventScope::thisOccurrence;
+    case EventScope::thisAndFuture:
+      return PC::EventScope::thisAndFuture;
+    case EventScope::all:
+      return PC::EventScope::all;
   }
   return PC::EventScope::thisOccurrence;
 }
 
 std::string_view desktopEventName(CalendarChangeEvent change) {
-  return change == CalendarChangeEvent::permissionChanged ? PC::DesktopEvent::calendarPermissionChanged
-                                                          : PC::DesktopEvent::calendarDataChanged;
+  return change == CalendarChangeEvent::permissionChanged
+             ? PC::DesktopEvent::calendarPermissionChanged
+             : PC::DesktopEvent::calendarDataChanged;
 }
 
 std::string formatTimestamp(Timestamp when) {
@@ -51,9 +61,9 @@ std::string formatTimestamp(Timestamp when) {
   ::localtime_r(&t, &local);
   const long offset = local.tm_gmtoff;
   const long minutes = (offset < 0 ? -offset : offset) / 60;
-  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}{}{:02}:{:02}", local.tm_year + 1900, local.tm_mon + 1,
-                     local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, offset < 0 ? '-' : '+',
-                     minutes / 60, minutes % 60);
+  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}{}{:02}:{:02}", local.tm_year + 1900,
+                     local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+                     offset < 0 ? '-' : '+', minutes / 60, minutes % 60);
 }
 
 std::optional<Timestamp> parseTimestamp(std::string_view text) {
@@ -145,7 +155,8 @@ std::vector<AttendeeDraft> decodeAttendees(const JSONValue& value) {
     const auto* object = item.ifObject();
     if (!object) invalid("attendees", "expected objects with \"email\"");
     AttendeeDraft draft{requiredString(*object, "email"), optionalString(*object, "name")};
-    if (draft.email.find('@') == std::string::npos) invalid("attendees", "not an email address: " + draft.email);
+    if (draft.email.find('@') == std::string::npos)
+      invalid("attendees", "not an email address: " + draft.email);
     attendees.push_back(std::move(draft));
   }
   return attendees;
@@ -182,23 +193,29 @@ RecurrenceRule decodeRule(const JSONValue& value) {
   if (!object) invalid("recurrence_rule", "expected an object");
   RecurrenceRule rule;
   rule.frequency = requiredString(*object, "frequency");
-  if (rule.frequency != PC::RecurrenceFrequency::daily && rule.frequency != PC::RecurrenceFrequency::weekly &&
-      rule.frequency != PC::RecurrenceFrequency::monthly && rule.frequency != PC::RecurrenceFrequency::yearly)
+  if (rule.frequency != PC::RecurrenceFrequency::daily &&
+      rule.frequency != PC::RecurrenceFrequency::weekly &&
+      rule.frequency != PC::RecurrenceFrequency::monthly &&
+      rule.frequency != PC::RecurrenceFrequency::yearly)
     invalid("frequency", "expected daily, weekly, monthly or yearly");
   rule.interval = optionalInt(*object, "interval").value_or(1);
   if (rule.interval < 1) invalid("interval", "must be at least 1");
   if (const auto* days = present(*object, "by_day")) {
     for (const auto& day : arrayValue(*days, "by_day")) {
       const auto* code = day.ifString();
-      if (!code || !isWeekdayCode(*code)) invalid("by_day", "expected weekday codes like \"MO\" or \"-1FR\"");
+      if (!code || !isWeekdayCode(*code))
+        invalid("by_day", "expected weekday codes like \"MO\" or \"-1FR\"");
       rule.byDay.push_back(*code);
     }
   }
-  if (const auto* end = present(*object, "end_date")) rule.endDate = timestampValue(*end, "end_date");
+  if (const auto* end = present(*object, "end_date"))
+    rule.endDate = timestampValue(*end, "end_date");
   rule.occurrenceCount = optionalInt(*object, "occurrence_count");
-  if (rule.occurrenceCount && *rule.occurrenceCount < 1) invalid("occurrence_count", "must be at least 1");
+  if (rule.occurrenceCount && *rule.occurrenceCount < 1)
+    invalid("occurrence_count", "must be at least 1");
   // UNTIL and COUNT never stand side by side in a rule.
-  if (rule.endDate && rule.occurrenceCount) invalid("recurrence_rule", "give end_date or occurrence_count, not both");
+  if (rule.endDate && rule.occurrenceCount)
+    invalid("recurrence_rule", "give end_date or occurrence_count, not both");
   return rule;
 }
 
@@ -291,14 +308,16 @@ UpdateEventParams decodeUpdateEventParams(const JSONValue& params) {
   p.calendarID = optionalString(*patch, "calendar_id");
   if (const auto* v = member(*patch, "attendees"))
     p.attendees = v->isNull() ? std::vector<AttendeeDraft>{} : decodeAttendees(*v);
-  if (const auto* v = member(*patch, "alarms")) p.alarms = v->isNull() ? std::vector<Alarm>{} : decodeAlarms(*v);
+  if (const auto* v = member(*patch, "alarms"))
+    p.alarms = v->isNull() ? std::vector<Alarm>{} : decodeAlarms(*v);
   if (const auto* v = present(*patch, "recurrence_rule")) p.recurrenceRule = decodeRule(*v);
   return out;
 }
 
 DeleteEventParams decodeDeleteEventParams(const JSONValue& params) {
   const auto& object = paramsObject(params);
-  return DeleteEventParams{requiredString(object, "id"), decodeScope(member(object, "scope"), true)};
+  return DeleteEventParams{requiredString(object, "id"),
+                           decodeScope(member(object, "scope"), true)};
 }
 
 JSONValue toJSON(const CalendarSource& s) {
@@ -312,37 +331,41 @@ JSONValue toJSON(const CalendarSource& s) {
 
 JSONValue toJSON(const RecurrenceRule& r) {
   JSONValue::Array days(r.byDay.begin(), r.byDay.end());
-  return JSONValue::object({{"frequency", r.frequency},
-                            {"interval", r.interval},
-                            {"by_day", std::move(days)},
-                            {"end_date", r.endDate ? JSONValue(formatTimestamp(*r.endDate)) : JSONValue(nullptr)},
-                            {"occurrence_count", r.occurrenceCount ? JSONValue(*r.occurrenceCount) : JSONValue()},
-                            {"raw_rrule", r.rawRRule}});
+  return JSONValue::object(
+      {{"frequency", r.frequency},
+       {"interval", r.interval},
+       {"by_day", std::move(days)},
+       {"end_date", r.endDate ? JSONValue(formatTimestamp(*r.endDate)) : JSONValue(nullptr)},
+       {"occurrence_count", r.occurrenceCount ? JSONValue(*r.occurrenceCount) : JSONValue()},
+       {"raw_rrule", r.rawRRule}});
 }
 
 JSONValue toJSON(const CalendarEvent& e) {
   JSONValue::Array attendees;
   for (const auto& a : e.attendees)
-    attendees.push_back(JSONValue::object({{"email", a.email}, {"name", optionalText(a.name)}, {"status", a.status}}));
+    attendees.push_back(JSONValue::object(
+        {{"email", a.email}, {"name", optionalText(a.name)}, {"status", a.status}}));
   JSONValue::Array alarms;
-  for (const auto& a : e.alarms) alarms.push_back(JSONValue::object({{"minutes_before", a.minutesBefore}}));
-  return JSONValue::object({{"id", e.id},
-                            {"calendar_id", e.calendarID},
-                            {"title", e.title},
-                            {"start", formatTimestamp(e.start)},
-                            {"end", formatTimestamp(e.end)},
-                            {"all_day", e.allDay},
-                            {"location", optionalText(e.location)},
-                            {"notes", optionalText(e.notes)},
-                            {"url", optionalText(e.url)},
-                            {"is_recurring", e.isRecurring},
-                            {"is_recurring_instance", e.isRecurringInstance},
-                            {"series_master_id", optionalText(e.seriesMasterID)},
-                            {"attendees", std::move(attendees)},
-                            {"organizer_email", optionalText(e.organizerEmail)},
-                            {"has_alarms", e.hasAlarms},
-                            {"recurrence_rule", e.recurrenceRule ? toJSON(*e.recurrenceRule) : JSONValue(nullptr)},
-                            {"alarms", std::move(alarms)}});
+  for (const auto& a : e.alarms)
+    alarms.push_back(JSONValue::object({{"minutes_before", a.minutesBefore}}));
+  return JSONValue::object(
+      {{"id", e.id},
+       {"calendar_id", e.calendarID},
+       {"title", e.title},
+       {"start", formatTimestamp(e.start)},
+       {"end", formatTimestamp(e.end)},
+       {"all_day", e.allDay},
+       {"location", optionalText(e.location)},
+       {"notes", optionalText(e.notes)},
+       {"url", optionalText(e.url)},
+       {"is_recurring", e.isRecurring},
+       {"is_recurring_instance", e.isRecurringInstance},
+       {"series_master_id", optionalText(e.seriesMasterID)},
+       {"attendees", std::move(attendees)},
+       {"organizer_email", optionalText(e.organizerEmail)},
+       {"has_alarms", e.hasAlarms},
+       {"recurrence_rule", e.recurrenceRule ? toJSON(*e.recurrenceRule) : JSONValue(nullptr)},
+       {"alarms", std::move(alarms)}});
 }
 
 JSONValue toJSON(const CalendarEventList& list) {
@@ -353,8 +376,9 @@ JSONValue toJSON(const CalendarEventList& list) {
 }
 
 JSONValue toJSON(const WriteEventResult& r) {
-  return JSONValue::object(
-      {{"id", r.id}, {"pending_remote_sync", r.pendingRemoteSync}, {"invitations_sent", r.invitationsSent}});
+  return JSONValue::object({{"id", r.id},
+                            {"pending_remote_sync", r.pendingRemoteSync},
+                            {"invitations_sent", r.invitationsSent}});
 }
 
 JSONValue toJSON(const DeleteEventResult& r) {
@@ -362,7 +386,8 @@ JSONValue toJSON(const DeleteEventResult& r) {
 }
 
 JSONValue toJSON(const PermissionResult& r) {
-  return JSONValue::object({{"permission", r.permission}, {"status", toWire(r.status)}, {"message", r.message}});
+  return JSONValue::object(
+      {{"permission", r.permission}, {"status", toWire(r.status)}, {"message", r.message}});
 }
 
 }  // namespace tamsel::calendar

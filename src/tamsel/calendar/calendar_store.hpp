@@ -57,8 +57,10 @@ class CalendarStore {
                                             const std::vector<std::string>& calendarIDs) = 0;
   // One event or occurrence by the id events() gave it; a series id names its first occurrence.
   virtual std::optional<CalendarEvent> event(const std::string& id) = 0;
-  virtual StoreWriteOutcome createEvent(const std::string& calendarID, const EventFields& fields) = 0;
-  virtual StoreWriteOutcome updateEvent(const std::string& id, const EventFields& fields, SaveSpan span) = 0;
+  virtual StoreWriteOutcome createEvent(const std::string& calendarID,
+                                        const EventFields& fields) = 0;
+  virtual StoreWriteOutcome updateEvent(const std::string& id, const EventFields& fields,
+                                        SaveSpan span) = 0;
   // Returns whether the removal still waits for a remote account.
   virtual bool removeEvent(const std::string& id, RemoveSpan span) = 0;
   // Changes whenever the stored data changes, whoever changed it; cheap to compute.

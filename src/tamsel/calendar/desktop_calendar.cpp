@@ -5,13 +5,13 @@
 #include <filesystem>
 
 #include "tamsel/base/log.hpp"
+#include "tamsel/bridge/rpc/desktop_rpc_method_dispatcher.hpp"
 #include "tamsel/bridge/rpc/desktop_rpc_service.hpp"
 #include "tamsel/calendar/caldav_calendar_store.hpp"
 #include "tamsel/calendar/calendar_error.hpp"
+#include "tamsel/calendar/calendar_protocol.hpp"
 #include "tamsel/calendar/ical_series.hpp"
 #include "tamsel/calendar/vdir_calendar_store.hpp"
-#include "tamsel/bridge/rpc/desktop_rpc_method_dispatcher.hpp"
-#include "tamsel/calendar/calendar_protocol.hpp"
 
 namespace tamsel::calendar {
 
@@ -22,7 +22,8 @@ std::vector<StoreCalendar> CombinedCalendarStore::calendars() {
   for (const auto& part : parts_) {
     try {
       auto some = part.store->calendars();
-      out.insert(out.end(), std::make_move_iterator(some.begin()), std::make_move_iterator(some.end()));
+      out.insert(out.end(), std::make_move_iterator(some.begin()),
+                 std::make_move_iterator(some.end()));
     } catch (const std::exception& e) {
       base::log::warn("calendar", "calendars of {} left out: {}", part.idPrefix, e.what());
     }
@@ -41,8 +42,8 @@ std::optional<std::string> CombinedCalendarStore::defaultCalendarID() {
   return std::nullopt;
 }
 
-std::vector<CalendarEvent> CombinedCalendarStore::events(Timestamp start, Timestamp end,
-                                                         const std::vector<std::string>& calendarIDs) {
+std::vector<CalendarEvent> CombinedCalendarStore::events(
+    Timestamp start, Timestamp end, const std::vector<std::string>& calendarIDs) {
   std::vector<CalendarEvent> out;
   for (const auto& part : parts_) {
     std::vector<std::string> mine;
@@ -51,7 +52,8 @@ std::vector<CalendarEvent> CombinedCalendarStore::events(Timestamp start, Timest
     if (!calendarIDs.empty() && mine.empty()) continue;
     try {
       auto some = part.store->events(start, end, mine);
-      out.insert(out.end(), std::make_move_iterator(some.begin()), std::make_move_iterator(some.end()));
+      out.insert(out.end(), std::make_move_iterator(some.begin()),
+                 std::make_move_iterator(some.end()));
     } catch (const std::exception& e) {
       if (!mine.empty()) throw;
       base::log::warn("calendar", "events of {} left out: {}", part.idPrefix, e.what());
@@ -60,7 +62,8 @@ std::vector<CalendarEvent> CombinedCalendarStore::events(Timestamp start, Timest
   return out;
 }
 
-CalendarStore& CombinedCalendarStore::owner(const std::string& calendarID, const std::string& idForErrors) const {
+CalendarStore& CombinedCalendarStore::owner(const std::string& calendarID,
+                                            const std::string& idForErrors) const {
   for (const auto& part : parts_)
     if (calendarID.starts_with(part.idPrefix)) return *part.store;
   throw CalendarException(CalendarRPCError::notFound(idForErrors));
@@ -74,11 +77,13 @@ std::optional<CalendarEvent> CombinedCalendarStore::event(const std::string& id)
   return std::nullopt;
 }
 
-StoreWriteOutcome CombinedCalendarStore::createEvent(const std::string& calendarID, const EventFields& fields) {
+StoreWriteOutcome CombinedCalendarStore::createEvent(const std::string& calendarID,
+                                                     const EventFields& fields) {
   return owner(calendarID, calendarID).createEvent(calendarID, fields);
 }
 
-StoreWriteOutcome CombinedCalendarStore::updateEvent(const std::string& id, const EventFields& fields, SaveSpan span) {
+StoreWriteOutcome CombinedCalendarStore::updateEvent(const std::string& id,
+                                                     const EventFields& fields, SaveSpan span) {
   const auto parsed = EventID::parse(id);
   if (!parsed) throw CalendarException(CalendarRPCError::notFound(id));
   return owner(parsed->calendarID, id).updateEvent(id, fields, span);
@@ -131,11 +136,11 @@ std::shared_ptr<CalendarStore> openDesktopCalendarStore(const std::filesystem::p
   return std::make_shared<CombinedCalendarStore>(std::move(parts));
 }
 
-std::shared_ptr<CalendarProvider> makeDesktopCalendarProvider(asio::any_io_executor executor,
-                                                              const std::filesystem::path& appFolder,
-                                                              std::shared_ptr<CalendarPermissionStore> permissions,
-                                                              PermissionPrompter prompter) {
-  return std::make_shared<CalendarProvider>(std::move(executor), openDesktopCalendarStore(appFolder),
+std::shared_ptr<CalendarProvider> makeDesktopCalendarProvider(
+    asio::any_io_executor executor, const std::filesystem::path& appFolder,
+    std::shared_ptr<CalendarPermissionStore> permissions, PermissionPrompter prompter) {
+  return std::make_shared<CalendarProvider>(std::move(executor),
+                                            openDesktopCalendarStore(appFolder),
                                             std::move(permissions), std::move(prompter));
 }
 
@@ -144,10 +149,11 @@ void registerCalendarMethods(bridge::rpc::DesktopRPCMethodDispatcher& dispatcher
   namespace Method = CalendarProtocol::Method;
   for (std::string_view name :
        {Method::calendarListSources, Method::calendarListEvents, Method::calendarGetEvent,
-        Method::calendarCheckPermission, Method::calendarRequestPermission, Method::calendarCreateEvent,
-        Method::calendarUpdateEvent, Method::calendarDeleteEvent}) {
+        Method::calendarCheckPermission, Method::calendarRequestPermission,
+        Method::calendarCreateEvent, Method::calendarUpdateEvent, Method::calendarDeleteEvent}) {
     dispatcher.registerMethod(
-        std::string(name), [provider](bridge::rpc::RPCRequest request) -> asio::awaitable<bridge::rpc::RPCResult> {
+        std::string(name),
+        [provider](bridge::rpc::RPCRequest request) -> asio::awaitable<bridge::rpc::RPCResult> {
           std::optional<bridge::rpc::RPCError> failure;
           try {
             const auto served = provider.lock();
@@ -155,7 +161,8 @@ void registerCalendarMethods(bridge::rpc::DesktopRPCMethodDispatcher& dispatcher
             std::string method = request.method;
             JSONValue params = request.params;
             const std::int64_t timeoutMs = request.timeoutMs;
-            JSONValue result = co_await served->handle(std::move(method), std::move(params), timeoutMs);
+            JSONValue result =
+                co_await served->handle(std::move(method), std::move(params), timeoutMs);
             co_return bridge::rpc::RPCResult::success(request.requestID, std::move(result));
           } catch (const CalendarException& e) {
             failure = e.error().toRPCError();
@@ -169,7 +176,8 @@ void registerCalendarMethods(bridge::rpc::DesktopRPCMethodDispatcher& dispatcher
 
 namespace {
 
-asio::awaitable<void> sendChange(std::weak_ptr<bridge::rpc::DesktopRPCService> weak, bridge::rpc::DesktopEvent event) {
+asio::awaitable<void> sendChange(std::weak_ptr<bridge::rpc::DesktopRPCService> weak,
+                                 bridge::rpc::DesktopEvent event) {
   const auto service = weak.lock();
   if (!service) co_return;
   const bool sent = co_await service->sendEvent(std::move(event));
@@ -179,13 +187,15 @@ asio::awaitable<void> sendChange(std::weak_ptr<bridge::rpc::DesktopRPCService> w
 }  // namespace
 
 void forwardCalendarChanges(const std::shared_ptr<CalendarProvider>& provider,
-                            std::weak_ptr<bridge::rpc::DesktopRPCService> service, asio::any_io_executor executor) {
+                            std::weak_ptr<bridge::rpc::DesktopRPCService> service,
+                            asio::any_io_executor executor) {
   std::weak_ptr<CalendarProvider> weakProvider = provider;
   provider->changeEvents().connect([weakProvider, service, executor](CalendarChangeEvent change) {
     const auto channel = service.lock();
     const auto source = weakProvider.lock();
     if (!channel || !source || !channel->isOnline()) return;
-    bridge::rpc::DesktopEvent event{std::string(desktopEventName(change)), std::nullopt, bridge::rpc::rpcTimestampNow()};
+    bridge::rpc::DesktopEvent event{std::string(desktopEventName(change)), std::nullopt,
+                                    bridge::rpc::rpcTimestampNow()};
     if (change == CalendarChangeEvent::permissionChanged)
       event.data = JSONValue::object({{"status", toWire(source->checkPermission().status)}});
     asio::co_spawn(executor, sendChange(service, std::move(event)), asio::detached);

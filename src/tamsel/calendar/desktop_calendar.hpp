@@ -13,7 +13,7 @@
 namespace tamsel::bridge::rpc {
 class DesktopRPCMethodDispatcher;
 class DesktopRPCService;
-}
+}  // namespace tamsel::bridge::rpc
 
 namespace tamsel::calendar {
 
@@ -31,10 +31,12 @@ class CombinedCalendarStore : public CalendarStore {
 
   std::vector<StoreCalendar> calendars() override;
   std::optional<std::string> defaultCalendarID() override;
-  std::vector<CalendarEvent> events(Timestamp start, Timestamp end, const std::vector<std::string>& calendarIDs) override;
+  std::vector<CalendarEvent> events(Timestamp start, Timestamp end,
+                                    const std::vector<std::string>& calendarIDs) override;
   std::optional<CalendarEvent> event(const std::string& id) override;
   StoreWriteOutcome createEvent(const std::string& calendarID, const EventFields& fields) override;
-  StoreWriteOutcome updateEvent(const std::string& id, const EventFields& fields, SaveSpan span) override;
+  StoreWriteOutcome updateEvent(const std::string& id, const EventFields& fields,
+                                SaveSpan span) override;
   bool removeEvent(const std::string& id, RemoveSpan span) override;
   std::string changeToken() override;
 
@@ -50,10 +52,9 @@ std::shared_ptr<CalendarStore> openDesktopCalendarStore(const std::filesystem::p
 
 // `prompter` is how calendar.request_permission asks the user (on a terminal, in a dialog);
 // without one the status stays as it is.
-std::shared_ptr<CalendarProvider> makeDesktopCalendarProvider(boost::asio::any_io_executor executor,
-                                                              const std::filesystem::path& appFolder,
-                                                              std::shared_ptr<CalendarPermissionStore> permissions,
-                                                              PermissionPrompter prompter);
+std::shared_ptr<CalendarProvider> makeDesktopCalendarProvider(
+    boost::asio::any_io_executor executor, const std::filesystem::path& appFolder,
+    std::shared_ptr<CalendarPermissionStore> permissions, PermissionPrompter prompter);
 
 // Registers the calendar methods on the RPC channel. Each answers from the provider while it
 // exists and "internal_error" once it is gone; every calendar failure becomes its RPC error.

@@ -1,13 +1,11 @@
 #include "tamsel/calendar/ical_series.hpp"
 
-#include "tamsel/base/env.hpp"
-
+#include <fmt/format.h>
 #include <libical/ical.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <ctime>
-#include <fmt/format.h>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -80,7 +78,8 @@ icaltimezone* zoneOf(icalcomponent* root, icalproperty* property) {
 
 icaltimezone* localZone() {
   const std::string name = localTimeZoneName();
-  if (name.empty() || name == "UTC" || name == "Etc/UTC" || name == "Etc/GMT" || name == "GMT") return utcZone();
+  if (name.empty() || name == "UTC" || name == "Etc/UTC" || name == "Etc/GMT" || name == "GMT")
+    return utcZone();
   auto* zone = icaltimezone_get_builtin_timezone(name.c_str());
   return zone ? zone : utcZone();
 }
@@ -96,8 +95,8 @@ std::string utcKey(Timestamp t) {
   const std::time_t tt = toTimeT(t);
   std::tm utc{};
   ::gmtime_r(&tt, &utc);
-  return fmt::format("{:04}{:02}{:02}T{:02}{:02}{:02}Z", utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour,
-                     utc.tm_min, utc.tm_sec);
+  return fmt::format("{:04}{:02}{:02}T{:02}{:02}{:02}Z", utc.tm_year + 1900, utc.tm_mon + 1,
+                     utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
 }
 
 std::string occurrenceKey(Timestamp t, bool allDay) { return allDay ? localDateKey(t) : utcKey(t); }
@@ -105,7 +104,8 @@ std::string occurrenceKey(Timestamp t, bool allDay) { return allDay ? localDateK
 std::optional<Timestamp> keyInstant(std::string_view key) {
   int y, m, d, hh = 0, mm = 0, ss = 0;
   const std::string text(key);
-  if (text.size() == 8 && std::sscanf(text.c_str(), "%4d%2d%2d", &y, &m, &d) == 3) return localWall(y, m, d);
+  if (text.size() == 8 && std::sscanf(text.c_str(), "%4d%2d%2d", &y, &m, &d) == 3)
+    return localWall(y, m, d);
   if (text.size() == 16 && text[8] == 'T' && text[15] == 'Z' &&
       std::sscanf(text.c_str(), "%4d%2d%2dT%2d%2d%2dZ", &y, &m, &d, &hh, &mm, &ss) == 6) {
     std::tm t{};
@@ -141,7 +141,8 @@ icalproperty* timeProperty(icalproperty_kind kind, Timestamp t, bool allDay, ica
     return property;
   }
   if (!zone || zone == utcZone()) {
-    icalproperty_set_value(property, icalvalue_new_datetime(icaltime_from_timet_with_zone(toTimeT(t), 0, utcZone())));
+    icalproperty_set_value(
+        property, icalvalue_new_datetime(icaltime_from_timet_with_zone(toTimeT(t), 0, utcZone())));
     return property;
   }
   icaltimetype wall = icaltime_from_timet_with_zone(toTimeT(t), 0, zone);
@@ -183,7 +184,8 @@ void embedZone(icalcomponent* root, icaltimezone* zone, Timestamp from) {
   icalcomponent* copy = icalcomponent_new_clone(source);
   removeAll(copy, ICAL_TZID_PROPERTY);
   icalcomponent_add_property(copy, icalproperty_new_tzid(location.c_str()));
-  const auto cut = icaltime_from_timet_with_zone(toTimeT(from - std::chrono::hours(24 * 366)), 0, utcZone());
+  const auto cut =
+      icaltime_from_timet_with_zone(toTimeT(from - std::chrono::hours(24 * 366)), 0, utcZone());
   icaltimezone_truncate_vtimezone(copy, cut, icaltime_null_time(), 1);
   icalcomponent_add_component(root, copy);
 }
@@ -196,10 +198,14 @@ std::string mailAddress(const char* value) {
 
 const char* attendeeStatus(icalparameter_partstat status) {
   switch (status) {
-    case ICAL_PARTSTAT_ACCEPTED: return "accepted";
-    case ICAL_PARTSTAT_TENTATIVE: return "tentative";
-    case ICAL_PARTSTAT_DECLINED: return "declined";
-    default: return "needs_action";
+    case ICAL_PARTSTAT_ACCEPTED:
+      return "accepted";
+    case ICAL_PARTSTAT_TENTATIVE:
+      return "tentative";
+    case ICAL_PARTSTAT_DECLINED:
+      return "declined";
+    default:
+      return "needs_action";
   }
 }
 
@@ -218,10 +224,18 @@ std::optional<std::string> textOf(const char* value) {
 RecurrenceRule recordOf(const icalrecurrencetype& rule) {
   RecurrenceRule out;
   switch (rule.freq) {
-    case ICAL_WEEKLY_RECURRENCE: out.frequency = "weekly"; break;
-    case ICAL_MONTHLY_RECURRENCE: out.frequency = "monthly"; break;
-    case ICAL_YEARLY_RECURRENCE: out.frequency = "yearly"; break;
-    default: out.frequency = "daily"; break;
+    case ICAL_WEEKLY_RECURRENCE:
+      out.frequency = "weekly";
+      break;
+    case ICAL_MONTHLY_RECURRENCE:
+      out.frequency = "monthly";
+      break;
+    case ICAL_YEARLY_RECURRENCE:
+      out.frequency = "yearly";
+      break;
+    default:
+      out.frequency = "daily";
+      break;
   }
   out.interval = rule.interval > 0 ? rule.interval : 1;
   static constexpr const char* days[] = {"", "SU", "MO", "TU", "WE", "TH", "FR", "SA"};
@@ -242,7 +256,8 @@ RecurrenceRule recordOf(const icalrecurrencetype& rule) {
     const auto at = out.rawRRule.find("UNTIL=");
     if (at != std::string::npos) {
       const auto stop = out.rawRRule.find(';', at);
-      out.rawRRule.replace(at + 6, (stop == std::string::npos ? out.rawRRule.size() : stop) - at - 6,
+      out.rawRRule.replace(at + 6,
+                           (stop == std::string::npos ? out.rawRRule.size() : stop) - at - 6,
                            CalendarMappers::compactLocalTime(*out.endDate));
     }
   }
@@ -251,7 +266,8 @@ RecurrenceRule recordOf(const icalrecurrencetype& rule) {
 
 icalrecurrencetype ruleOf(const RecurrenceRule& record, bool allDay) {
   std::string freq = record.frequency;
-  std::transform(freq.begin(), freq.end(), freq.begin(), [](unsigned char c) { return std::toupper(c); });
+  std::transform(freq.begin(), freq.end(), freq.begin(),
+                 [](unsigned char c) { return std::toupper(c); });
   std::string text = "FREQ=" + freq;
   if (record.interval > 1) text += fmt::format(";INTERVAL={}", record.interval);
   if (!record.byDay.empty()) text += fmt::format(";BYDAY={}", fmt::join(record.byDay, ","));
@@ -280,15 +296,17 @@ void bumpSequence(icalcomponent* event) {
 
 // Writes everything but the recurrence rule.
 void applyFields(icalcomponent* event, const EventFields& f, icaltimezone* zone) {
-  for (auto kind : {ICAL_SUMMARY_PROPERTY, ICAL_LOCATION_PROPERTY, ICAL_DESCRIPTION_PROPERTY, ICAL_URL_PROPERTY,
-                    ICAL_ATTENDEE_PROPERTY, ICAL_DTSTART_PROPERTY, ICAL_DTEND_PROPERTY, ICAL_DURATION_PROPERTY})
+  for (auto kind :
+       {ICAL_SUMMARY_PROPERTY, ICAL_LOCATION_PROPERTY, ICAL_DESCRIPTION_PROPERTY, ICAL_URL_PROPERTY,
+        ICAL_ATTENDEE_PROPERTY, ICAL_DTSTART_PROPERTY, ICAL_DTEND_PROPERTY, ICAL_DURATION_PROPERTY})
     removeAll(event, kind);
   removeComponents(event, ICAL_VALARM_COMPONENT);
   icalcomponent_add_property(event, icalproperty_new_summary(f.title.c_str()));
   icalcomponent_add_property(event, timeProperty(ICAL_DTSTART_PROPERTY, f.start, f.allDay, zone));
   Timestamp end = f.end;
   // An all-day event covers at least its own day.
-  if (f.allDay && localDateKey(end) <= localDateKey(f.start)) end = f.start + std::chrono::hours(24);
+  if (f.allDay && localDateKey(end) <= localDateKey(f.start))
+    end = f.start + std::chrono::hours(24);
   icalcomponent_add_property(event, timeProperty(ICAL_DTEND_PROPERTY, end, f.allDay, zone));
   if (f.location) icalcomponent_add_property(event, icalproperty_new_location(f.location->c_str()));
   if (f.notes) icalcomponent_add_property(event, icalproperty_new_description(f.notes->c_str()));
@@ -303,7 +321,8 @@ void applyFields(icalcomponent* event, const EventFields& f, icaltimezone* zone)
   for (const auto& alarm : f.alarms) {
     icalcomponent* valarm = icalcomponent_new(ICAL_VALARM_COMPONENT);
     icalcomponent_add_property(valarm, icalproperty_new_action(ICAL_ACTION_DISPLAY));
-    icalcomponent_add_property(valarm, icalproperty_new_description(f.title.empty() ? "Reminder" : f.title.c_str()));
+    icalcomponent_add_property(
+        valarm, icalproperty_new_description(f.title.empty() ? "Reminder" : f.title.c_str()));
     icaltriggertype trigger{};
     trigger.time = icaltime_null_time();
     trigger.duration = icaldurationtype_from_int(static_cast<int>(-alarm.minutesBefore * 60));
@@ -332,11 +351,14 @@ std::string localTimeZoneName() {
 }
 
 std::string EventID::seriesText() const { return calendarID + "|" + uid; }
-std::string EventID::text() const { return occurrence ? seriesText() + "|" + *occurrence : seriesText(); }
+std::string EventID::text() const {
+  return occurrence ? seriesText() + "|" + *occurrence : seriesText();
+}
 
 std::optional<EventID> EventID::parse(std::string_view text) {
   const auto first = text.find('|');
-  if (first == std::string_view::npos || first == 0 || first + 1 >= text.size()) return std::nullopt;
+  if (first == std::string_view::npos || first == 0 || first + 1 >= text.size())
+    return std::nullopt;
   EventID id{std::string(text.substr(0, first)), std::string(text.substr(first + 1)), std::nullopt};
   const auto last = id.uid.rfind('|');
   if (last != std::string::npos && keyInstant(std::string_view(id.uid).substr(last + 1))) {
@@ -400,7 +422,8 @@ struct ICalSeries::Impl {
 
     Timestamp end = start;
     if (icalproperty* p = icalcomponent_get_first_property(master, ICAL_DTEND_PROPERTY)) {
-      end = instantOf(icalproperty_get_dtend(p), zoneOf(root.get(), p) ? zoneOf(root.get(), p) : zone);
+      end = instantOf(icalproperty_get_dtend(p),
+                      zoneOf(root.get(), p) ? zoneOf(root.get(), p) : zone);
     } else if (icalproperty* d = icalcomponent_get_first_property(master, ICAL_DURATION_PROPERTY)) {
       end = start + std::chrono::seconds(icaldurationtype_as_int(icalproperty_get_duration(d)));
     } else if (allDay) {
@@ -438,7 +461,8 @@ struct ICalSeries::Impl {
     icalrecur_iterator* it = icalrecur_iterator_new(rule, first);
     if (!it) return;
     int steps = 0;
-    for (icaltimetype t = icalrecur_iterator_next(it); !icaltime_is_null_time(t) && steps < kMaximumSteps;
+    for (icaltimetype t = icalrecur_iterator_next(it);
+         !icaltime_is_null_time(t) && steps < kMaximumSteps;
          t = icalrecur_iterator_next(it), ++steps) {
       if (!visit(t, instantOf(t, t.is_date ? nullptr : zone))) break;
     }
@@ -453,7 +477,8 @@ struct ICalSeries::Impl {
   }
 
   CalendarEvent eventFrom(icalcomponent* component, Timestamp begin, Timestamp end, bool isAllDay,
-                          const std::string& calendarID, const std::optional<std::string>& key) const {
+                          const std::string& calendarID,
+                          const std::optional<std::string>& key) const {
     CalendarEvent e;
     const EventID id{calendarID, uid, key};
     e.id = id.text();
@@ -497,7 +522,8 @@ struct ICalSeries::Impl {
   }
 
   // An override's own times.
-  std::pair<Timestamp, Timestamp> overrideSpan(icalcomponent* c, Timestamp rid, bool& isAllDay) const {
+  std::pair<Timestamp, Timestamp> overrideSpan(icalcomponent* c, Timestamp rid,
+                                               bool& isAllDay) const {
     Timestamp begin = rid;
     isAllDay = allDay;
     icalproperty* s = icalcomponent_get_first_property(c, ICAL_DTSTART_PROPERTY);
@@ -591,10 +617,12 @@ ICalSeries ICalSeries::create(const std::string& uid, const EventFields& fields)
   embedZone(impl->root.get(), zone, fields.start);
   icalcomponent* event = icalcomponent_new(ICAL_VEVENT_COMPONENT);
   icalcomponent_add_property(event, icalproperty_new_uid(uid.c_str()));
-  icalcomponent_add_property(event, icalproperty_new_dtstamp(icaltime_current_time_with_zone(utcZone())));
+  icalcomponent_add_property(event,
+                             icalproperty_new_dtstamp(icaltime_current_time_with_zone(utcZone())));
   applyFields(event, fields, zone);
   if (fields.recurrenceRule)
-    icalcomponent_add_property(event, icalproperty_new_rrule(ruleOf(*fields.recurrenceRule, fields.allDay)));
+    icalcomponent_add_property(
+        event, icalproperty_new_rrule(ruleOf(*fields.recurrenceRule, fields.allDay)));
   icalcomponent_add_component(impl->root.get(), event);
   impl->reindex();
   return ICalSeries(std::move(impl));
@@ -631,7 +659,8 @@ void ICalSeries::expand(Timestamp from, Timestamp to, const std::string& calenda
   const auto& s = *impl_;
   if (!s.recurring) {
     const Timestamp end = s.start + s.duration;
-    if (Impl::overlaps(s.start, end, from, to)) out.push_back(s.eventFrom(s.master, s.start, end, s.allDay, calendarID, std::nullopt));
+    if (Impl::overlaps(s.start, end, from, to))
+      out.push_back(s.eventFrom(s.master, s.start, end, s.allDay, calendarID, std::nullopt));
     return;
   }
   s.walk([&](const icaltimetype& wall, Timestamp begin) {
@@ -639,7 +668,8 @@ void ICalSeries::expand(Timestamp from, Timestamp to, const std::string& calenda
     if (s.exdates.count(begin) || s.overrides.count(begin)) return true;
     const Timestamp end = s.endFor(wall, begin);
     if (Impl::overlaps(begin, end, from, to))
-      out.push_back(s.eventFrom(s.master, begin, end, s.allDay, calendarID, occurrenceKey(begin, s.allDay)));
+      out.push_back(
+          s.eventFrom(s.master, begin, end, s.allDay, calendarID, occurrenceKey(begin, s.allDay)));
     return true;
   });
   // Overrides are checked on their own times, so one moved into the range from outside it shows.
@@ -648,14 +678,16 @@ void ICalSeries::expand(Timestamp from, Timestamp to, const std::string& calenda
     bool allDay = false;
     const auto [begin, end] = s.overrideSpan(component, rid, allDay);
     if (Impl::overlaps(begin, end, from, to))
-      out.push_back(s.eventFrom(component, begin, end, allDay, calendarID, occurrenceKey(rid, s.allDay)));
+      out.push_back(
+          s.eventFrom(component, begin, end, allDay, calendarID, occurrenceKey(rid, s.allDay)));
   }
 }
 
 std::optional<CalendarEvent> ICalSeries::occurrence(const std::optional<std::string>& key,
                                                     const std::string& calendarID) const {
   const auto& s = *impl_;
-  if (!key) return s.eventFrom(s.master, s.start, s.start + s.duration, s.allDay, calendarID, std::nullopt);
+  if (!key)
+    return s.eventFrom(s.master, s.start, s.start + s.duration, s.allDay, calendarID, std::nullopt);
   const auto at = keyInstant(*key);
   if (!at || !s.recurring || s.exdates.count(*at)) return std::nullopt;
   if (const auto it = s.overrides.find(*at); it != s.overrides.end()) {
@@ -666,14 +698,16 @@ std::optional<CalendarEvent> ICalSeries::occurrence(const std::optional<std::str
   std::optional<CalendarEvent> found;
   s.walk([&](const icaltimetype& wall, Timestamp begin) {
     if (begin > *at) return false;
-    if (begin == *at) found = s.eventFrom(s.master, begin, s.endFor(wall, begin), s.allDay, calendarID, *key);
+    if (begin == *at)
+      found = s.eventFrom(s.master, begin, s.endFor(wall, begin), s.allDay, calendarID, *key);
     return !found;
   });
   return found;
 }
 
-ICalSeries::UpdateOutcome ICalSeries::update(const std::optional<std::string>& key, const EventFields& fields,
-                                             SaveSpan span, const std::string& newUID) {
+ICalSeries::UpdateOutcome ICalSeries::update(const std::optional<std::string>& key,
+                                             const EventFields& fields, SaveSpan span,
+                                             const std::string& newUID) {
   auto& s = *impl_;
   std::optional<Timestamp> at;
   if (key) {
@@ -692,7 +726,8 @@ ICalSeries::UpdateOutcome ICalSeries::update(const std::optional<std::string>& k
     if (!ruleKept) {
       removeAll(s.master, ICAL_RRULE_PROPERTY);
       if (fields.recurrenceRule) {
-        icalcomponent_add_property(s.master, icalproperty_new_rrule(ruleOf(*fields.recurrenceRule, fields.allDay)));
+        icalcomponent_add_property(
+            s.master, icalproperty_new_rrule(ruleOf(*fields.recurrenceRule, fields.allDay)));
       } else {
         // A single event keeps no exceptions.
         removeAll(s.master, ICAL_EXDATE_PROPERTY);
@@ -714,7 +749,8 @@ ICalSeries::UpdateOutcome ICalSeries::update(const std::optional<std::string>& k
     } else {
       event = icalcomponent_new(ICAL_VEVENT_COMPONENT);
       icalcomponent_add_property(event, icalproperty_new_uid(s.uid.c_str()));
-      icalcomponent_add_property(event, timeProperty(ICAL_RECURRENCEID_PROPERTY, target, s.allDay, s.writeZone()));
+      icalcomponent_add_property(
+          event, timeProperty(ICAL_RECURRENCEID_PROPERTY, target, s.allDay, s.writeZone()));
       icalcomponent_add_component(s.root.get(), event);
     }
     icaltimezone* zone = fields.allDay ? nullptr : s.writeZone();
@@ -746,7 +782,9 @@ ICalSeries::UpdateOutcome ICalSeries::update(const std::optional<std::string>& k
         icalcomponent_add_component(n.root.get(), copy);
       }
       for (const auto& ex : s.exdates)
-        if (ex >= target) icalcomponent_add_property(n.master, timeProperty(ICAL_EXDATE_PROPERTY, ex, s.allDay, n.writeZone()));
+        if (ex >= target)
+          icalcomponent_add_property(
+              n.master, timeProperty(ICAL_EXDATE_PROPERTY, ex, s.allDay, n.writeZone()));
     }
   }
   n.reindex();
@@ -772,7 +810,8 @@ bool ICalSeries::remove(const std::optional<std::string>& key, RemoveSpan span) 
     icalcomponent_remove_component(s.root.get(), it->second);
     icalcomponent_free(it->second);
   }
-  icalcomponent_add_property(s.master, timeProperty(ICAL_EXDATE_PROPERTY, target, s.allDay, s.writeZone()));
+  icalcomponent_add_property(s.master,
+                             timeProperty(ICAL_EXDATE_PROPERTY, target, s.allDay, s.writeZone()));
   bumpSequence(s.master);
   s.reindex();
   return false;

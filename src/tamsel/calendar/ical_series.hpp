@@ -55,9 +55,11 @@ class ICalSeries {
 
   // Occurrences overlapping [from, to): instances not excluded by EXDATE or replaced by an
   // override, and overrides (also ones moved into the range from outside it).
-  void expand(Timestamp from, Timestamp to, const std::string& calendarID, std::vector<CalendarEvent>& out) const;
+  void expand(Timestamp from, Timestamp to, const std::string& calendarID,
+              std::vector<CalendarEvent>& out) const;
   // The occurrence a key names, the series' first occurrence without one.
-  std::optional<CalendarEvent> occurrence(const std::optional<std::string>& key, const std::string& calendarID) const;
+  std::optional<CalendarEvent> occurrence(const std::optional<std::string>& key,
+                                          const std::string& calendarID) const;
 
   // Applies fields to the occurrence `key` names (the first one without a key). thisEvent on a
   // recurring series writes an override; futureEvents from a later occurrence ends this series
@@ -68,8 +70,8 @@ class ICalSeries {
     std::string uid;
     std::optional<std::string> occurrence;
   };
-  UpdateOutcome update(const std::optional<std::string>& key, const EventFields& fields, SaveSpan span,
-                       const std::string& newUID);
+  UpdateOutcome update(const std::optional<std::string>& key, const EventFields& fields,
+                       SaveSpan span, const std::string& newUID);
   // True when nothing is left and the object should be deleted.
   bool remove(const std::optional<std::string>& key, RemoveSpan span);
 

@@ -1,7 +1,8 @@
 #include "tamsel/calendar/vdir_calendar_store.hpp"
 
-#include <algorithm>
 #include <fmt/format.h>
+
+#include <algorithm>
 
 #include "tamsel/base/atomic_file.hpp"
 #include "tamsel/base/log.hpp"
@@ -20,13 +21,15 @@ constexpr const char* kSource = "calendar.vdir";
 std::string readSmallFile(const fs::path& path) {
   std::string text;
   if (!base::readFile(path, text)) return {};
-  while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' ')) text.pop_back();
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' '))
+    text.pop_back();
   return text;
 }
 
 bool isPlainName(const std::string& name) {
-  return !name.empty() && name != "." && name != ".." && name[0] != '.' && name.find('/') == std::string::npos &&
-         name.find('|') == std::string::npos && name.size() < 200;
+  return !name.empty() && name != "." && name != ".." && name[0] != '.' &&
+         name.find('/') == std::string::npos && name.find('|') == std::string::npos &&
+         name.size() < 200;
 }
 
 // The UID when it makes a safe file name, otherwise a fresh one; vdir readers go by the
@@ -50,7 +53,9 @@ fs::path VdirCalendarStore::rootIn(const fs::path& appFolder) { return appFolder
 
 std::string VdirCalendarStore::addCalendar(const std::string& name, const std::string& displayName,
                                            const std::string& colorHex, bool readOnly) {
-  if (!isPlainName(name)) throw CalendarException(CalendarRPCError::invalidArgument("name", "expected a plain folder name"));
+  if (!isPlainName(name))
+    throw CalendarException(
+        CalendarRPCError::invalidArgument("name", "expected a plain folder name"));
   base::MutexLock lock(mutex_);
   const fs::path folder = root_ / name;
   std::error_code ec;
@@ -70,7 +75,8 @@ void VdirCalendarStore::setDefaultCalendar(const std::string& calendarID) {
   base::MutexLock lock(mutex_);
   const fs::path folder = folderOf(calendarID);
   std::error_code ec;
-  if (folder.empty() || !fs::is_directory(folder, ec)) throw CalendarException(CalendarRPCError::notFound(calendarID));
+  if (folder.empty() || !fs::is_directory(folder, ec))
+    throw CalendarException(CalendarRPCError::notFound(calendarID));
   base::writeFileAtomically(root_ / ".default", folder.filename().string(), 0600);
 }
 
@@ -160,7 +166,8 @@ std::vector<CalendarEvent> VdirCalendarStore::events(Timestamp start, Timestamp 
   base::MutexLock lock(mutex_);
   std::vector<CalendarEvent> out;
   for (const auto& calendar : calendarsLocked()) {
-    if (!calendarIDs.empty() && std::find(calendarIDs.begin(), calendarIDs.end(), calendar.id) == calendarIDs.end())
+    if (!calendarIDs.empty() &&
+        std::find(calendarIDs.begin(), calendarIDs.end(), calendar.id) == calendarIDs.end())
       continue;
     const auto& folder = refresh(folderOf(calendar.id));
     for (const auto& [path, entry] : folder.files) {
@@ -193,28 +200,33 @@ void VdirCalendarStore::store(const fs::path& file, const ICalSeries& series) {
   }
 }
 
-fs::path VdirCalendarStore::fileFor(const std::string& calendarID, const std::string& uid, const std::string& id) {
+fs::path VdirCalendarStore::fileFor(const std::string& calendarID, const std::string& uid,
+                                    const std::string& id) {
   const fs::path folder = folderOf(calendarID);
   std::error_code ec;
-  if (folder.empty() || !fs::is_directory(folder, ec)) throw CalendarException(CalendarRPCError::notFound(id));
+  if (folder.empty() || !fs::is_directory(folder, ec))
+    throw CalendarException(CalendarRPCError::notFound(id));
   const auto& cache = refresh(folder);
   const auto it = cache.byUID.find(uid);
   if (it == cache.byUID.end()) throw CalendarException(CalendarRPCError::notFound(id));
   return it->second;
 }
 
-StoreWriteOutcome VdirCalendarStore::createEvent(const std::string& calendarID, const EventFields& fields) {
+StoreWriteOutcome VdirCalendarStore::createEvent(const std::string& calendarID,
+                                                 const EventFields& fields) {
   base::MutexLock lock(mutex_);
   const fs::path folder = folderOf(calendarID);
   std::error_code ec;
-  if (folder.empty() || !fs::is_directory(folder, ec)) throw CalendarException(CalendarRPCError::notFound(calendarID));
+  if (folder.empty() || !fs::is_directory(folder, ec))
+    throw CalendarException(CalendarRPCError::notFound(calendarID));
   const std::string uid = base::newUUIDString();
   const auto series = ICalSeries::create(uid, fields);
   store(folder / fileNameFor(uid), series);
   return {EventID{calendarID, uid, std::nullopt}.text(), false};
 }
 
-StoreWriteOutcome VdirCalendarStore::updateEvent(const std::string& id, const EventFields& fields, SaveSpan span) {
+StoreWriteOutcome VdirCalendarStore::updateEvent(const std::string& id, const EventFields& fields,
+                                                 SaveSpan span) {
   const auto parsed = EventID::parse(id);
   if (!parsed) throw CalendarException(CalendarRPCError::notFound(id));
   base::MutexLock lock(mutex_);

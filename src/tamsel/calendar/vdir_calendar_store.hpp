@@ -30,16 +30,18 @@ class VdirCalendarStore : public CalendarStore {
 
   // Creates (or renames) the calendar folder `name`; returns the calendar's id.
   // Throws CalendarException(invalidArgument) for a name that is no plain folder name.
-  std::string addCalendar(const std::string& name, const std::string& displayName, const std::string& colorHex,
-                          bool readOnly = false);
+  std::string addCalendar(const std::string& name, const std::string& displayName,
+                          const std::string& colorHex, bool readOnly = false);
   void setDefaultCalendar(const std::string& calendarID);
 
   std::vector<StoreCalendar> calendars() override;
   std::optional<std::string> defaultCalendarID() override;
-  std::vector<CalendarEvent> events(Timestamp start, Timestamp end, const std::vector<std::string>& calendarIDs) override;
+  std::vector<CalendarEvent> events(Timestamp start, Timestamp end,
+                                    const std::vector<std::string>& calendarIDs) override;
   std::optional<CalendarEvent> event(const std::string& id) override;
   StoreWriteOutcome createEvent(const std::string& calendarID, const EventFields& fields) override;
-  StoreWriteOutcome updateEvent(const std::string& id, const EventFields& fields, SaveSpan span) override;
+  StoreWriteOutcome updateEvent(const std::string& id, const EventFields& fields,
+                                SaveSpan span) override;
   bool removeEvent(const std::string& id, RemoveSpan span) override;
   std::string changeToken() override;
 
@@ -60,8 +62,8 @@ class VdirCalendarStore : public CalendarStore {
   Folder& refresh(const std::filesystem::path& folder) REQUIRES(mutex_);
   void store(const std::filesystem::path& file, const ICalSeries& series);
   // The file holding `uid` in the calendar, or throws notFound.
-  std::filesystem::path fileFor(const std::string& calendarID, const std::string& uid, const std::string& id)
-      REQUIRES(mutex_);
+  std::filesystem::path fileFor(const std::string& calendarID, const std::string& uid,
+                                const std::string& id) REQUIRES(mutex_);
   std::vector<StoreCalendar> calendarsLocked() REQUIRES(mutex_);
 
   std::filesystem::path root_;

@@ -6,17 +6,17 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/use_awaitable.hpp>
 
-#include "tamsel/base/json.hpp"
 #include "tamsel/base/change_publisher.hpp"
+#include "tamsel/base/json.hpp"
 #include "tamsel/base/log.hpp"
-#include "tamsel/base/task_scope.hpp"
+#include "tamsel/base/preferences_store.hpp"
 #include "tamsel/base/strings.hpp"
+#include "tamsel/base/task_scope.hpp"
 #include "tamsel/base/uuid.hpp"
 #include "tamsel/kit/composer_draft_key.hpp"
 #include "tamsel/kit/desktop_local_echo_suppressor.hpp"
 #include "tamsel/kit/injected_message_prefix.hpp"
 #include "tamsel/kit/transcript_merge_planner.hpp"
-#include "tamsel/base/preferences_store.hpp"
 
 namespace tamsel::desktop {
 
@@ -55,10 +55,14 @@ kit::Message fromSessionMessage(const bridge::SessionMessage& m) {
 
 const char* decisionText(VM::ApprovalDecision decision) {
   switch (decision) {
-    case VM::ApprovalDecision::once: return "once";
-    case VM::ApprovalDecision::session: return "session";
-    case VM::ApprovalDecision::always: return "always";
-    case VM::ApprovalDecision::deny: return "deny";
+    case VM::ApprovalDecision::once:
+      return "once";
+    case VM::ApprovalDecision::session:
+      return "session";
+    case VM::ApprovalDecision::always:
+      return "always";
+    case VM::ApprovalDecision::deny:
+      return "deny";
   }
   return "deny";
 }
@@ -86,7 +90,8 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
   std::optional<std::string> selectedAgent_;
   std::vector<bridge::DaemonSession> sessions_;
   std::vector<PendingSession> pendingSessions_;
-  std::optional<std::string> currentSessionID_, currentSessionTitle_, currentPendingSessionLocalID_, currentSessionAgent_;
+  std::optional<std::string> currentSessionID_, currentSessionTitle_, currentPendingSessionLocalID_,
+      currentSessionAgent_;
   std::vector<kit::Message> messages_;
   bool isLoading_ = false;
   std::int64_t totalSessionMessageCount_ = 0;
@@ -105,10 +110,13 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
   std::map<std::string, QuestionRow> questionRows_;
   kit::SessionScopedValueStore<bool> resolvedRequestIDs_{Bounds::maxResolvedRequestIDCount};
   kit::SessionScopedValueStore<bool> resolvedQuestionRequestIDs_{Bounds::maxResolvedRequestIDCount};
-  kit::SessionScopedValueStore<CachedSessionWindow> cachedSessionWindows_{Bounds::maxCachedSessions};
-  kit::SessionScopedValueStore<InFlightSessionState> inFlightSessionStates_{Bounds::maxInFlightSessionStates};
+  kit::SessionScopedValueStore<CachedSessionWindow> cachedSessionWindows_{
+      Bounds::maxCachedSessions};
+  kit::SessionScopedValueStore<InFlightSessionState> inFlightSessionStates_{
+      Bounds::maxInFlightSessionStates};
   kit::SessionScopedValueStore<bool> recentSSEDoneSessions_{Bounds::maxRecentSSEDoneSessionCount};
-  kit::SessionScopedValueStore<bool> handledMessageReceivedIDs_{Bounds::maxHandledMessageReceivedIDCount};
+  kit::SessionScopedValueStore<bool> handledMessageReceivedIDs_{
+      Bounds::maxHandledMessageReceivedIDCount};
   std::uint64_t selectAgentGeneration_ = 0, sessionLoadGeneration_ = 0, sidebarLoadGeneration_ = 0;
   std::optional<std::string> errorMessage_;
   std::optional<bridge::QuotaDetails> quotaError_;
@@ -153,10 +161,12 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
   // Every task holds the Impl until it ends, so a task resumed after the view model went still
   // finds its state; the scope's cancellation ends it at its next suspension.
   void spawn(asio::awaitable<void> work) {
-    tasks.spawn([](std::shared_ptr<Impl> keep, asio::awaitable<void> work) -> asio::awaitable<void> {
-      co_await std::move(work);
-      (void)keep;
-    }(shared_from_this(), std::move(work)), kSource);
+    tasks.spawn(
+        [](std::shared_ptr<Impl> keep, asio::awaitable<void> work) -> asio::awaitable<void> {
+          co_await std::move(work);
+          (void)keep;
+        }(shared_from_this(), std::move(work)),
+        kSource);
   }
 
   void saveSidebarState() {
@@ -193,11 +203,14 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
       const auto& error = client->error();
       if (const auto* quota = std::get_if<bridge::DaemonClientError::QuotaExceeded>(&error.value)) {
         quotaError_ = quota->details;
-      } else if (const auto* credits = std::get_if<bridge::DaemonClientError::CreditsExhausted>(&error.value)) {
+      } else if (const auto* credits =
+                     std::get_if<bridge::DaemonClientError::CreditsExhausted>(&error.value)) {
         creditsError_ = credits->details;
-      } else if (const auto* validation = std::get_if<bridge::DaemonClientError::Validation>(&error.value);
+      } else if (const auto* validation =
+                     std::get_if<bridge::DaemonClientError::Validation>(&error.value);
                  validation && validation->code) {
-        errorMessage_ = conversationAnnotationErrorText(*validation->code).value_or(validation->message);
+        errorMessage_ =
+            conversationAnnotationErrorText(*validation->code).value_or(validation->message);
       } else {
         errorMessage_ = error.description();
       }
@@ -241,9 +254,10 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
       auto session = streamSession.find(token);
       if (session == streamSession.end()) continue;
       // Captured by name: clang before 16 cannot capture structured bindings.
-      withTranscript(session->second, [&token = token, &text = text](std::vector<kit::Message>& messages) {
-        if (auto* reply = find(messages, "stream-" + token)) reply->content += text;
-      });
+      withTranscript(session->second,
+                     [&token = token, &text = text](std::vector<kit::Message>& messages) {
+                       if (auto* reply = find(messages, "stream-" + token)) reply->content += text;
+                     });
       text.clear();
     }
     deltaBuffer_.clear();
@@ -261,9 +275,11 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
   }
 
   void setRunning(const std::string& sessionKey, bool running) {
-    const bool pending = base::startsWith(sessionKey, "pending-") && registry_.realID(sessionKey) == sessionKey;
+    const bool pending =
+        base::startsWith(sessionKey, "pending-") && registry_.realID(sessionKey) == sessionKey;
     auto& set = pending ? runningPendingSessionIDs_ : runningSessionIDs_;
-    if (running) set.insert(sessionKey);
+    if (running)
+      set.insert(sessionKey);
     else {
       runningPendingSessionIDs_.erase(sessionKey);
       runningSessionIDs_.erase(keyOf(sessionKey));
@@ -279,8 +295,10 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
   }
 
   std::optional<std::string> tokenFor(const std::string& sessionKey) const {
-    for (const auto& key : {sessionKey, keyOf(sessionKey), registry_.pendingID(keyOf(sessionKey))}) {
-      if (auto it = streamingTokensBySession_.find(key); it != streamingTokensBySession_.end()) return it->second;
+    for (const auto& key :
+         {sessionKey, keyOf(sessionKey), registry_.pendingID(keyOf(sessionKey))}) {
+      if (auto it = streamingTokensBySession_.find(key); it != streamingTokensBySession_.end())
+        return it->second;
     }
     return std::nullopt;
   }
@@ -298,7 +316,9 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
   }
 
   void addQuestion(const bridge::QuestionRequestPayload& request, const std::string& sessionKey) {
-    if (resolvedQuestionRequestIDs_.value(request.requestId) || questionRows_.count(request.requestId)) return;
+    if (resolvedQuestionRequestIDs_.value(request.requestId) ||
+        questionRows_.count(request.requestId))
+      return;
     questionRows_[request.requestId] = QuestionRow{request, sessionKey};
     publish();
   }
@@ -315,21 +335,24 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
     publish();
   }
 
-  void handleToolEvent(const std::string& token, const std::string& sessionKey, const bridge::ToolEvent& tool) {
+  void handleToolEvent(const std::string& token, const std::string& sessionKey,
+                       const bridge::ToolEvent& tool) {
     kit::ToolEntrySnapshot entry;
     entry.id = tool.toolUseId.value_or(tool.tool);
     entry.name = tool.tool;
     const std::string status = tool.status.value_or("running");
-    entry.status = status == "denied"                                           ? kit::ToolRunStatus::denied
-                   : (status == "done" || status == "completed" || status == "error") ? kit::ToolRunStatus::completed
-                                                                                       : kit::ToolRunStatus::running;
+    entry.status = status == "denied" ? kit::ToolRunStatus::denied
+                   : (status == "done" || status == "completed" || status == "error")
+                       ? kit::ToolRunStatus::completed
+                       : kit::ToolRunStatus::running;
     entry.elapsed = tool.elapsed;
     entry.isError = tool.isError.value_or(false);
     if (tool.args) {
       std::map<std::string, std::string> strings;
       if (const auto* object = tool.args->if_object())
         for (const auto& member : *object)
-          if (member.value().is_string()) strings.emplace(std::string(member.key()), std::string(member.value().get_string()));
+          if (member.value().is_string())
+            strings.emplace(std::string(member.key()), std::string(member.value().get_string()));
       entry.args = bridge::SessionHistory::argsSummary(tool.tool, strings);
     }
     if (tool.preview) entry.preview = bridge::SessionHistory::normalisePreview(*tool.preview);
@@ -337,7 +360,8 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
     withTranscript(sessionKey, [&](std::vector<kit::Message>& messages) {
       auto* reply = find(messages, "stream-" + token);
       if (!reply) return;
-      if (!reply->toolBlock) reply->toolBlock = kit::ToolBlockSnapshot{"stream-toolblock-" + token, {}, now(), {}, {}};
+      if (!reply->toolBlock)
+        reply->toolBlock = kit::ToolBlockSnapshot{"stream-toolblock-" + token, {}, now(), {}, {}};
       for (auto& existing : reply->toolBlock->tools) {
         if (existing.id == entry.id) {
           existing = entry;
@@ -348,16 +372,20 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
     });
     if (isVisible(sessionKey)) {
       auto& statuses = streamingStatus_.toolStatuses;
-      auto it = std::find_if(statuses.begin(), statuses.end(), [&](const auto& s) { return s.id == entry.id; });
-      if (it == statuses.end()) statuses.push_back(entry);
-      else *it = entry;
+      auto it = std::find_if(statuses.begin(), statuses.end(),
+                             [&](const auto& s) { return s.id == entry.id; });
+      if (it == statuses.end())
+        statuses.push_back(entry);
+      else
+        *it = entry;
       streamingStatus_.activityLine = entry.name + (entry.args ? " " + *entry.args : std::string());
       publish();
     }
   }
 
   // Reads a reply stream to its end, keeping the transcript of its session current.
-  asio::awaitable<void> runStream(std::string token, std::string sessionKey, bridge::ReplyStream stream) {
+  asio::awaitable<void> runStream(std::string token, std::string sessionKey,
+                                  bridge::ReplyStream stream) {
     streams[token] = &stream;
     streamSession[token] = sessionKey;
     bool sawText = false;
@@ -365,9 +393,11 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
       while (auto event = co_await stream.next()) {
         if (closed()) co_return;
         sessionKey = streamSession[token];
-        const auto ownership = kit::StreamOwnershipPlanner::decide(token, keyOf(sessionKey), streamingTokensBySession_,
-                                                                   currentSessionKey() ? std::optional(keyOf(*currentSessionKey())) : std::nullopt);
-        if (ownership == kit::StreamOwnership::drop && !event->get<SSEEvent::SessionStarted>()) continue;
+        const auto ownership = kit::StreamOwnershipPlanner::decide(
+            token, keyOf(sessionKey), streamingTokensBySession_,
+            currentSessionKey() ? std::optional(keyOf(*currentSessionKey())) : std::nullopt);
+        if (ownership == kit::StreamOwnership::drop && !event->get<SSEEvent::SessionStarted>())
+          continue;
         if (const auto* started = event->get<SSEEvent::SessionStarted>()) {
           const std::string& real = started->value.sessionId;
           if (real != sessionKey) {
@@ -375,7 +405,9 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
             streamingTokensBySession_[real] = token;
             if (runningPendingSessionIDs_.erase(sessionKey)) runningSessionIDs_.insert(real);
             if (currentPendingSessionLocalID_ == sessionKey) currentSessionID_ = real;
-            if (deps.drafts) deps.drafts->rekey(kit::ComposerDraftKey::forPendingSession(sessionKey), kit::ComposerDraftKey::forSession(real));
+            if (deps.drafts)
+              deps.drafts->rekey(kit::ComposerDraftKey::forPendingSession(sessionKey),
+                                 kit::ComposerDraftKey::forSession(real));
             auto queued = queuedDraftMessageStore_.items(sessionKey);
             if (!queued.empty()) {
               queuedDraftMessageStore_.remove(sessionKey);
@@ -437,7 +469,9 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
     finishStream(token, sessionKey, cancelled);
   }
 
-  bool streamCancellationTrackerHas(const std::string& token) const { return streamCancellationTracker_.isCancelling(token); }
+  bool streamCancellationTrackerHas(const std::string& token) const {
+    return streamCancellationTracker_.isCancelling(token);
+  }
 
   void finishStream(const std::string& token, const std::string& sessionKey, bool cancelled) {
     streams.erase(token);
@@ -449,8 +483,10 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
     withTranscript(sessionKey, [&](std::vector<kit::Message>& messages) {
       auto* reply = find(messages, "stream-" + token);
       if (reply && reply->content.empty() && !reply->toolBlock) {
-        if (cancelled) reply->content = kCancelledBeforeResponse;
-        else std::erase_if(messages, [&](const kit::Message& m) { return m.id == "stream-" + token; });
+        if (cancelled)
+          reply->content = kCancelledBeforeResponse;
+        else
+          std::erase_if(messages, [&](const kit::Message& m) { return m.id == "stream-" + token; });
       }
     });
     setRunning(sessionKey, false);
@@ -473,7 +509,8 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
 
   void drainQueue(const std::string& sessionKey) {
     auto queued = queuedDraftMessageStore_.items(sessionKey);
-    const auto action = queuedDraftDrainCoordinator_.action(sessionKey, !queued.empty(), isRunning(sessionKey));
+    const auto action =
+        queuedDraftDrainCoordinator_.action(sessionKey, !queued.empty(), isRunning(sessionKey));
     if (action != kit::QueuedDraftDrainAction::drainNow) return;
     auto joined = kit::QueuedDraftJoinPlanner::join(queued);
     queuedDraftMessageStore_.remove(sessionKey);
@@ -484,7 +521,8 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
   // Appends the optimistic user message and opens the reply stream.
   void startSend(const std::string& sessionKey, std::string text) {
     const std::string token = base::newUUIDString();
-    const bool pending = base::startsWith(sessionKey, "pending-") && keyOf(sessionKey) == sessionKey;
+    const bool pending =
+        base::startsWith(sessionKey, "pending-") && keyOf(sessionKey) == sessionKey;
     withTranscript(sessionKey, [&](std::vector<kit::Message>& messages) {
       kit::Message user;
       user.id = "local-" + token;
@@ -514,10 +552,13 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
     bridge::SendMessageRequest request;
     request.text = std::move(text);
     request.agent = currentSessionAgent_ ? currentSessionAgent_ : selectedAgent_;
-    if (pending) request.newSession = true;
-    else request.sessionId = keyOf(sessionKey);
+    if (pending)
+      request.newSession = true;
+    else
+      request.sessionId = keyOf(sessionKey);
     request.clientMessageId = token;
-    spawn([](Impl* self, std::string token, std::string sessionKey, bridge::SendMessageRequest request) -> asio::awaitable<void> {
+    spawn([](Impl* self, std::string token, std::string sessionKey,
+             bridge::SendMessageRequest request) -> asio::awaitable<void> {
       std::optional<bridge::ReplyStream> stream;
       try {
         stream.emplace(co_await self->deps.client->sendMessage(request));
@@ -599,18 +640,22 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
       state.eventSessionID = p.sessionId;
       state.currentSessionID = currentSessionID_;
       state.currentPendingSessionLocalID = currentPendingSessionLocalID_;
-      if (p.sessionId) state.pendingAliasForEventSession = registry_.pendingIDIfRegistered(*p.sessionId);
+      if (p.sessionId)
+        state.pendingAliasForEventSession = registry_.pendingIDIfRegistered(*p.sessionId);
       state.runningSessionIDs = runningSessionIDs_;
       state.runningPendingSessionIDs = runningPendingSessionIDs_;
       state.isForegroundStreamActive = p.sessionId && isVisible(*p.sessionId) && isStreamActive_;
       if (kit::DesktopLocalEchoSuppressor::decide(state)) return;
-      if (p.queued.value_or(false) && p.sessionId && p.source != kit::DesktopLocalEchoSuppressor::desktopSource) {
-        externalQueued_.enqueue({p.messageId.value_or(base::newUUIDString()), p.source.value_or(""), p.sender.value_or(""),
-                                    p.text.value_or(""), now()},
-                                   *p.sessionId);
+      if (p.queued.value_or(false) && p.sessionId &&
+          p.source != kit::DesktopLocalEchoSuppressor::desktopSource) {
+        externalQueued_.enqueue({p.messageId.value_or(base::newUUIDString()), p.source.value_or(""),
+                                 p.sender.value_or(""), p.text.value_or(""), now()},
+                                *p.sessionId);
       }
-      if (p.sessionId && isVisible(*p.sessionId)) refreshOwner();
-      else reloadOwnerSidebar();
+      if (p.sessionId && isVisible(*p.sessionId))
+        refreshOwner();
+      else
+        reloadOwnerSidebar();
     } else if (const auto* request = event.get<bridge::DaemonEvent::ApprovalRequest>()) {
       const auto& p = request->value;
       bridge::ApprovalEvent approval{p.requestId, p.tool, p.args, p.flags};
@@ -628,7 +673,8 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
       publish();
     } else if (const auto* reply = event.get<bridge::DaemonEvent::AgentReply>()) {
       // A reply that ran elsewhere (another channel) shows up once its file has it.
-      if (reply->value.sessionId && isVisible(*reply->value.sessionId) && !isRunning(*reply->value.sessionId))
+      if (reply->value.sessionId && isVisible(*reply->value.sessionId) &&
+          !isRunning(*reply->value.sessionId))
         refreshOwner();
     }
   }
@@ -636,25 +682,26 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
   void subscribe() {
     if (!deps.events || subscription) return;
     subscription = deps.events->subscribe();
-    spawn([](Impl* self, std::shared_ptr<bridge::EventSubscription> events) -> asio::awaitable<void> {
-      while (true) {
-        std::optional<bridge::DaemonEventPtr> event;
-        try {
-          event = co_await events->next();
-        } catch (const bridge::SSEBufferOverflowError& e) {
-          // Too far behind to trust what we show: resubscribe and reload.
-          base::log::warn(kSource, "{}", e.what());
-          if (self->closed()) co_return;
-          self->subscription.reset();
-          self->subscribe();
-          self->reloadOwnerSidebar();
-          self->refreshOwner();
-          co_return;
-        }
-        if (!event || self->closed()) co_return;
-        self->onEvent(**event);
-      }
-    }(this, subscription->events));
+    spawn(
+        [](Impl* self, std::shared_ptr<bridge::EventSubscription> events) -> asio::awaitable<void> {
+          while (true) {
+            std::optional<bridge::DaemonEventPtr> event;
+            try {
+              event = co_await events->next();
+            } catch (const bridge::SSEBufferOverflowError& e) {
+              // Too far behind to trust what we show: resubscribe and reload.
+              base::log::warn(kSource, "{}", e.what());
+              if (self->closed()) co_return;
+              self->subscription.reset();
+              self->subscribe();
+              self->reloadOwnerSidebar();
+              self->refreshOwner();
+              co_return;
+            }
+            if (!event || self->closed()) co_return;
+            self->onEvent(**event);
+          }
+        }(this, subscription->events));
   }
 };
 
@@ -667,7 +714,9 @@ DaemonChatViewModel::DaemonChatViewModel(base::MainExecutor& executor, Dependenc
 
 DaemonChatViewModel::~DaemonChatViewModel() { impl_->close(); }
 
-std::optional<std::string> DaemonChatViewModel::currentSessionKey() const { return impl_->currentSessionKey(); }
+std::optional<std::string> DaemonChatViewModel::currentSessionKey() const {
+  return impl_->currentSessionKey();
+}
 
 std::vector<kit::QueuedDraftMessage> DaemonChatViewModel::queuedDrafts() const {
   auto key = currentSessionKey();
@@ -698,9 +747,10 @@ void DaemonChatViewModel::start() {
       if (self->closed() || generation != self->selectAgentGeneration_) co_return;
       self->agents_.clear();
       for (const auto& a : agents) {
-        self->agents_.push_back(AgentItem{a.name, a.name, a.displayName, a.avatar, a.hasMemory.value_or(false),
-                                             a.builtin.value_or(false), a.isOverride.value_or(false),
-                                             a.commandCount.value_or(0), a.skillCount.value_or(0)});
+        self->agents_.push_back(AgentItem{a.name, a.name, a.displayName, a.avatar,
+                                          a.hasMemory.value_or(false), a.builtin.value_or(false),
+                                          a.isOverride.value_or(false), a.commandCount.value_or(0),
+                                          a.skillCount.value_or(0)});
       }
       if (!self->selectedAgent_ && !agents.empty()) self->selectedAgent_ = agents.front().name;
       self->publish();
@@ -712,7 +762,8 @@ void DaemonChatViewModel::start() {
 }
 
 void DaemonChatViewModel::selectAgent(std::string name) {
-  const bool known = std::any_of(impl_->agents_.begin(), impl_->agents_.end(), [&](const AgentItem& a) { return a.name == name; });
+  const bool known = std::any_of(impl_->agents_.begin(), impl_->agents_.end(),
+                                 [&](const AgentItem& a) { return a.name == name; });
   if (!known && !impl_->agents_.empty()) {
     impl_->errorMessage_ = "That agent no longer exists.";
     impl_->publish();
@@ -748,16 +799,23 @@ void DaemonChatViewModel::selectSession(std::string sessionID) {
     if (impl_->isRunning(key)) {
       impl_->partialSessions_.insert(key);
       impl_->flushDeltas();
-      impl_->inFlightSessionStates_.set(InFlightSessionState{impl_->messages_, impl_->streamingStatus_, impl_->deltaBuffer_, impl_->isSending_, impl_->isStreamActive_}, key);
+      impl_->inFlightSessionStates_.set(
+          InFlightSessionState{impl_->messages_, impl_->streamingStatus_, impl_->deltaBuffer_,
+                               impl_->isSending_, impl_->isStreamActive_},
+          key);
     } else {
-      impl_->cachedSessionWindows_.set(CachedSessionWindow{impl_->messages_, impl_->totalSessionMessageCount_, {}, impl_->fingerprints[key],
-                                                    impl_->optimisticLoadedMessageCount_},
-                                key);
+      impl_->cachedSessionWindows_.set(CachedSessionWindow{impl_->messages_,
+                                                           impl_->totalSessionMessageCount_,
+                                                           {},
+                                                           impl_->fingerprints[key],
+                                                           impl_->optimisticLoadedMessageCount_},
+                                       key);
     }
   }
   impl_->currentSessionID_ = sessionID;
   impl_->currentPendingSessionLocalID_ = impl_->registry_.pendingIDIfRegistered(sessionID);
-  if (impl_->completedUnreadSessions_.erase(sessionID) + (impl_->isRunning(sessionID) ? 0 : impl_->partialSessions_.erase(sessionID)))
+  if (impl_->completedUnreadSessions_.erase(sessionID) +
+      (impl_->isRunning(sessionID) ? 0 : impl_->partialSessions_.erase(sessionID)))
     impl_->saveSidebarState();
   impl_->currentSessionTitle_.reset();
   for (const auto& s : impl_->sessions_)
@@ -788,12 +846,18 @@ void DaemonChatViewModel::selectSession(std::string sessionID) {
 }
 
 void DaemonChatViewModel::startNewSession() {
-  if (auto leaving = currentSessionKey(); leaving && !impl_->isRunning(*leaving) && impl_->currentSessionID_) {
-    impl_->cachedSessionWindows_.set(CachedSessionWindow{impl_->messages_, impl_->totalSessionMessageCount_, {}, impl_->fingerprints[*impl_->currentSessionID_],
-                                                  impl_->optimisticLoadedMessageCount_},
-                              *impl_->currentSessionID_);
+  if (auto leaving = currentSessionKey();
+      leaving && !impl_->isRunning(*leaving) && impl_->currentSessionID_) {
+    impl_->cachedSessionWindows_.set(
+        CachedSessionWindow{impl_->messages_,
+                            impl_->totalSessionMessageCount_,
+                            {},
+                            impl_->fingerprints[*impl_->currentSessionID_],
+                            impl_->optimisticLoadedMessageCount_},
+        *impl_->currentSessionID_);
   }
-  PendingSession pending{"pending-" + base::newUUIDString(), std::nullopt, now(), std::nullopt, std::nullopt};
+  PendingSession pending{"pending-" + base::newUUIDString(), std::nullopt, now(), std::nullopt,
+                         std::nullopt};
   impl_->pendingSessions_.push_back(pending);
   impl_->currentPendingSessionLocalID_ = pending.id;
   impl_->currentSessionID_.reset();
@@ -818,8 +882,10 @@ DaemonChatViewModel::SubmitOutcome DaemonChatViewModel::submit(std::string text,
       bridge::InjectRequest request;
       request.text = kit::InjectedMessagePrefix::apply(text);
       request.sessionId = real;
-      request.agent = impl_->currentSessionAgent_ ? impl_->currentSessionAgent_ : impl_->selectedAgent_;
-      impl_->spawn([](Impl* self, bridge::InjectRequest request, std::string text, std::string key) -> asio::awaitable<void> {
+      request.agent =
+          impl_->currentSessionAgent_ ? impl_->currentSessionAgent_ : impl_->selectedAgent_;
+      impl_->spawn([](Impl* self, bridge::InjectRequest request, std::string text,
+                      std::string key) -> asio::awaitable<void> {
         try {
           auto stream = co_await self->deps.client->inject(request);
           while (auto event = co_await stream.next()) {
@@ -833,7 +899,8 @@ DaemonChatViewModel::SubmitOutcome DaemonChatViewModel::submit(std::string text,
           // Not lost: it waits in the queue instead.
           base::log::info(kSource, "injection failed, queued instead: {}", e.what());
           auto queued = self->queuedDraftMessageStore_.items(key);
-          queued.push_back(kit::QueuedDraftMessage{base::newUUIDString(), text, {}, {}, now(), std::nullopt, {}});
+          queued.push_back(kit::QueuedDraftMessage{
+              base::newUUIDString(), text, {}, {}, now(), std::nullopt, {}});
           self->queuedDraftMessageStore_.replace(key, std::move(queued));
           self->notice_ = "Could not inject; the message is queued.";
           self->publish();
@@ -842,7 +909,8 @@ DaemonChatViewModel::SubmitOutcome DaemonChatViewModel::submit(std::string text,
       return SubmitOutcome::injected;
     }
     auto queued = impl_->queuedDraftMessageStore_.items(real);
-    queued.push_back(kit::QueuedDraftMessage{base::newUUIDString(), std::move(text), {}, {}, now(), std::nullopt, {}});
+    queued.push_back(kit::QueuedDraftMessage{
+        base::newUUIDString(), std::move(text), {}, {}, now(), std::nullopt, {}});
     impl_->queuedDraftMessageStore_.replace(real, std::move(queued));
     impl_->notice_ = "Queued: it will be sent when the reply finishes.";
     impl_->publish();
@@ -875,14 +943,20 @@ void DaemonChatViewModel::forceSendQueued(std::string typedText) {
   auto key = currentSessionKey();
   if (!key) return;
   const std::string real = impl_->registry_.realID(*key);
-  auto plan = kit::QueueForceSendPlanner::plan(impl_->queuedDraftMessageStore_.items(real), typedText);
+  auto plan =
+      kit::QueueForceSendPlanner::plan(impl_->queuedDraftMessageStore_.items(real), typedText);
   if (!plan) return;
   auto payload = kit::QueueForceSendPayloadPlanner::plan(*plan);
   impl_->queuedDraftMessageStore_.remove(real);
   if (impl_->isRunning(*key)) {
     // Sent as soon as the cancelled reply has ended: it drains as the queue would.
-    impl_->queuedDraftMessageStore_.replace(real, {kit::QueuedDraftMessage{base::newUUIDString(), payload.promptText, payload.attachments,
-                                                                    payload.contentBlocks, now(), std::nullopt, {}}});
+    impl_->queuedDraftMessageStore_.replace(real, {kit::QueuedDraftMessage{base::newUUIDString(),
+                                                                           payload.promptText,
+                                                                           payload.attachments,
+                                                                           payload.contentBlocks,
+                                                                           now(),
+                                                                           std::nullopt,
+                                                                           {}}});
     cancel();
   } else {
     impl_->startSend(*key, payload.promptText);
@@ -903,17 +977,21 @@ void DaemonChatViewModel::cancel() {
     kit::PendingCancelCleanupPlanner::Input input;
     input.candidate = {pending, impl_->messages_.size() <= 2 && composerText().empty()};
     input.realSessionID = impl_->registry_.realIDIfRegistered(pending);
-    input.isListedPending = std::any_of(impl_->pendingSessions_.begin(), impl_->pendingSessions_.end(),
-                                        [&](const PendingSession& p) { return p.id == pending; });
+    input.isListedPending =
+        std::any_of(impl_->pendingSessions_.begin(), impl_->pendingSessions_.end(),
+                    [&](const PendingSession& p) { return p.id == pending; });
     input.currentPendingSessionLocalID = impl_->currentPendingSessionLocalID_;
     switch (kit::PendingCancelCleanupPlanner::plan(input)) {
       case kit::PendingCancelCleanupPlan::promoteToReal:
         impl_->currentSessionID_ = input.realSessionID;
-        std::erase_if(impl_->pendingSessions_, [&](const PendingSession& p) { return p.id == pending; });
+        std::erase_if(impl_->pendingSessions_,
+                      [&](const PendingSession& p) { return p.id == pending; });
         break;
       case kit::PendingCancelCleanupPlan::discardPendingDraft:
-        std::erase_if(impl_->pendingSessions_, [&](const PendingSession& p) { return p.id == pending; });
-        if (impl_->deps.drafts) impl_->deps.drafts->set({}, kit::ComposerDraftKey::forPendingSession(pending));
+        std::erase_if(impl_->pendingSessions_,
+                      [&](const PendingSession& p) { return p.id == pending; });
+        if (impl_->deps.drafts)
+          impl_->deps.drafts->set({}, kit::ComposerDraftKey::forPendingSession(pending));
         break;
       case kit::PendingCancelCleanupPlan::detachStalePendingMarker:
         impl_->currentPendingSessionLocalID_.reset();
@@ -928,32 +1006,44 @@ void DaemonChatViewModel::cancel() {
   const std::string real = impl_->registry_.realID(*key);
   if (!base::startsWith(real, "pending-")) request.sessionId = real;
   request.agent = impl_->currentSessionAgent_ ? impl_->currentSessionAgent_ : impl_->selectedAgent_;
-  impl_->spawn([](Impl* self, bridge::CancelRequest request, std::string token) -> asio::awaitable<void> {
-    try {
-      co_await self->deps.client->cancel(request);
-    } catch (const std::exception& e) {
-      base::log::info(kSource, "cancel request failed: {}", e.what());
-    }
-    // The engine may not know a run that has not started yet: end our side regardless.
-    if (self->closed()) co_return;
-    if (auto it = self->streams.find(token); it != self->streams.end()) it->second->cancel();
-  }(impl_.get(), std::move(request), *token));
+  impl_->spawn(
+      [](Impl* self, bridge::CancelRequest request, std::string token) -> asio::awaitable<void> {
+        try {
+          co_await self->deps.client->cancel(request);
+        } catch (const std::exception& e) {
+          base::log::info(kSource, "cancel request failed: {}", e.what());
+        }
+        // The engine may not know a run that has not started yet: end our side regardless.
+        if (self->closed()) co_return;
+        if (auto it = self->streams.find(token); it != self->streams.end()) it->second->cancel();
+      }(impl_.get(), std::move(request), *token));
 }
 
 void DaemonChatViewModel::answerApproval(const std::string& requestID, ApprovalDecision decision) {
   auto row = impl_->approvalRows_.find(requestID);
-  const std::string tool = row != impl_->approvalRows_.end() ? row->second.info.tool : std::string();
+  const std::string tool =
+      row != impl_->approvalRows_.end() ? row->second.info.tool : std::string();
   impl_->resolveApproval(requestID);
-  impl_->spawn([](Impl* self, std::string requestID, ApprovalDecision decision, std::string tool) -> asio::awaitable<void> {
+  impl_->spawn([](Impl* self, std::string requestID, ApprovalDecision decision,
+                  std::string tool) -> asio::awaitable<void> {
     try {
       bridge::ApprovalResponseBody body{requestID, decisionText(decision)};
       co_await self->deps.client->answerApproval(body);
       if (self->closed()) co_return;
       switch (decision) {
-        case ApprovalDecision::once: self->notice_ = "Allowed for this turn. High-risk commands are never saved as Always Allow."; break;
-        case ApprovalDecision::session: self->notice_ = tool + " allowed for this session."; break;
-        case ApprovalDecision::always: self->notice_ = tool + " is always allowed from now on."; break;
-        case ApprovalDecision::deny: self->notice_ = "Denied."; break;
+        case ApprovalDecision::once:
+          self->notice_ =
+              "Allowed for this turn. High-risk commands are never saved as Always Allow.";
+          break;
+        case ApprovalDecision::session:
+          self->notice_ = tool + " allowed for this session.";
+          break;
+        case ApprovalDecision::always:
+          self->notice_ = tool + " is always allowed from now on.";
+          break;
+        case ApprovalDecision::deny:
+          self->notice_ = "Denied.";
+          break;
       }
       self->publish();
     } catch (const std::exception& e) {
@@ -962,7 +1052,8 @@ void DaemonChatViewModel::answerApproval(const std::string& requestID, ApprovalD
   }(impl_.get(), requestID, decision, tool));
 }
 
-void DaemonChatViewModel::answerQuestion(const std::string& requestID, std::vector<bridge::AnswerBody> answers) {
+void DaemonChatViewModel::answerQuestion(const std::string& requestID,
+                                         std::vector<bridge::AnswerBody> answers) {
   impl_->resolveQuestion(requestID);
   impl_->spawn([](Impl* self, bridge::QuestionResponseBody body) -> asio::awaitable<void> {
     try {
@@ -970,7 +1061,8 @@ void DaemonChatViewModel::answerQuestion(const std::string& requestID, std::vect
     } catch (const std::exception& e) {
       if (!self->closed()) self->showError(e);
     }
-  }(impl_.get(), bridge::QuestionResponseBody{requestID, std::string("answer"), std::move(answers)}));
+  }(impl_.get(), bridge::QuestionResponseBody{requestID, std::string("answer"),
+                                              std::move(answers)}));
 }
 
 void DaemonChatViewModel::declineQuestion(const std::string& requestID) {
@@ -993,26 +1085,35 @@ void DaemonChatViewModel::refreshCurrentSession() {
 std::string DaemonChatViewModel::composerText() const {
   if (!impl_->deps.drafts) return {};
   auto key = impl_->currentSessionID_ ? kit::ComposerDraftKey::forSession(*impl_->currentSessionID_)
-             : impl_->currentPendingSessionLocalID_ ? kit::ComposerDraftKey::forPendingSession(*impl_->currentPendingSessionLocalID_)
-                                             : kit::ComposerDraftKey::forNewSession(impl_->selectedAgent_.value_or(""));
+             : impl_->currentPendingSessionLocalID_
+                 ? kit::ComposerDraftKey::forPendingSession(*impl_->currentPendingSessionLocalID_)
+                 : kit::ComposerDraftKey::forNewSession(impl_->selectedAgent_.value_or(""));
   return impl_->deps.drafts->draft(key).value_or("");
 }
 
 void DaemonChatViewModel::setComposerText(std::string text) {
   if (!impl_->deps.drafts) return;
   auto key = impl_->currentSessionID_ ? kit::ComposerDraftKey::forSession(*impl_->currentSessionID_)
-             : impl_->currentPendingSessionLocalID_ ? kit::ComposerDraftKey::forPendingSession(*impl_->currentPendingSessionLocalID_)
-                                             : kit::ComposerDraftKey::forNewSession(impl_->selectedAgent_.value_or(""));
+             : impl_->currentPendingSessionLocalID_
+                 ? kit::ComposerDraftKey::forPendingSession(*impl_->currentPendingSessionLocalID_)
+                 : kit::ComposerDraftKey::forNewSession(impl_->selectedAgent_.value_or(""));
   impl_->deps.drafts->set(std::move(text), key);
 }
 
-std::string DaemonChatViewModel::sessionKeyFor(const kit::Message& message) { return mergeKey(message.author, message.content); }
+std::string DaemonChatViewModel::sessionKeyFor(const kit::Message& message) {
+  return mergeKey(message.author, message.content);
+}
 
-std::optional<std::string> DaemonChatViewModel::conversationAnnotationErrorText(std::string_view code) {
-  if (code == "conversation_reply_quote_too_long") return "A selected passage is too long (max 8,000 characters).";
-  if (code == "conversation_reply_comment_too_long") return "A reply is too long (max 2,000 characters).";
-  if (code == "conversation_replies_too_many") return "Too many annotations — the limit is 100 per message.";
-  if (code == "conversation_replies_malformed") return "The annotations could not be read. Re-select the text and try again.";
+std::optional<std::string> DaemonChatViewModel::conversationAnnotationErrorText(
+    std::string_view code) {
+  if (code == "conversation_reply_quote_too_long")
+    return "A selected passage is too long (max 8,000 characters).";
+  if (code == "conversation_reply_comment_too_long")
+    return "A reply is too long (max 2,000 characters).";
+  if (code == "conversation_replies_too_many")
+    return "Too many annotations — the limit is 100 per message.";
+  if (code == "conversation_replies_malformed")
+    return "The annotations could not be read. Re-select the text and try again.";
   return std::nullopt;
 }
 
@@ -1027,31 +1128,76 @@ void DaemonChatViewModel::setSessionBrowseScope(std::string scope) {
 
 auto DaemonChatViewModel::changed() -> base::Signal<>& { return impl_->publisher.changed(); }
 auto DaemonChatViewModel::agents() const -> const std::vector<AgentItem>& { return impl_->agents_; }
-auto DaemonChatViewModel::selectedAgent() const -> const std::optional<std::string>& { return impl_->selectedAgent_; }
-auto DaemonChatViewModel::sessions() const -> const std::vector<bridge::DaemonSession>& { return impl_->sessions_; }
-auto DaemonChatViewModel::pendingSessions() const -> const std::vector<PendingSession>& { return impl_->pendingSessions_; }
-auto DaemonChatViewModel::currentSessionID() const -> const std::optional<std::string>& { return impl_->currentSessionID_; }
-auto DaemonChatViewModel::currentSessionTitle() const -> const std::optional<std::string>& { return impl_->currentSessionTitle_; }
-auto DaemonChatViewModel::currentPendingSessionLocalID() const -> const std::optional<std::string>& { return impl_->currentPendingSessionLocalID_; }
-auto DaemonChatViewModel::messages() const -> const std::vector<kit::Message>& { return impl_->messages_; }
+auto DaemonChatViewModel::selectedAgent() const -> const std::optional<std::string>& {
+  return impl_->selectedAgent_;
+}
+auto DaemonChatViewModel::sessions() const -> const std::vector<bridge::DaemonSession>& {
+  return impl_->sessions_;
+}
+auto DaemonChatViewModel::pendingSessions() const -> const std::vector<PendingSession>& {
+  return impl_->pendingSessions_;
+}
+auto DaemonChatViewModel::currentSessionID() const -> const std::optional<std::string>& {
+  return impl_->currentSessionID_;
+}
+auto DaemonChatViewModel::currentSessionTitle() const -> const std::optional<std::string>& {
+  return impl_->currentSessionTitle_;
+}
+auto DaemonChatViewModel::currentPendingSessionLocalID() const
+    -> const std::optional<std::string>& {
+  return impl_->currentPendingSessionLocalID_;
+}
+auto DaemonChatViewModel::messages() const -> const std::vector<kit::Message>& {
+  return impl_->messages_;
+}
 auto DaemonChatViewModel::isLoading() const -> bool { return impl_->isLoading_; }
 auto DaemonChatViewModel::isSending() const -> bool { return impl_->isSending_; }
 auto DaemonChatViewModel::isCancelling() const -> bool { return impl_->isCancelling_; }
 auto DaemonChatViewModel::isStreamActive() const -> bool { return impl_->isStreamActive_; }
-auto DaemonChatViewModel::streamingStatus() const -> const StreamingStatus& { return impl_->streamingStatus_; }
-auto DaemonChatViewModel::transcriptPublishRevision() const -> std::uint64_t { return impl_->transcriptPublishRevision_; }
-auto DaemonChatViewModel::runningSessionIDs() const -> const std::set<std::string>& { return impl_->runningSessionIDs_; }
-auto DaemonChatViewModel::runningPendingSessionIDs() const -> const std::set<std::string>& { return impl_->runningPendingSessionIDs_; }
-auto DaemonChatViewModel::errorMessage() const -> const std::optional<std::string>& { return impl_->errorMessage_; }
-auto DaemonChatViewModel::quotaError() const -> const std::optional<bridge::QuotaDetails>& { return impl_->quotaError_; }
-auto DaemonChatViewModel::creditsError() const -> const std::optional<bridge::CreditsDetails>& { return impl_->creditsError_; }
-auto DaemonChatViewModel::isRetryingAfterRefill() const -> bool { return impl_->isRetryingAfterRefill_; }
-auto DaemonChatViewModel::notice() const -> const std::optional<std::string>& { return impl_->notice_; }
-auto DaemonChatViewModel::sessionIdentityRegistry() -> bridge::SessionIdentityRegistry& { return impl_->registry_; }
-auto DaemonChatViewModel::cachedSessionCount() const -> std::size_t { return impl_->cachedSessionWindows_.valuesByKey().size(); }
-auto DaemonChatViewModel::externalQueuedMessages() const -> const kit::ExternalQueuedMessageStore& { return impl_->externalQueued_; }
-auto DaemonChatViewModel::sessionBrowseScope() const -> const std::string& { return impl_->sessionBrowseScope_; }
-auto DaemonChatViewModel::partialSessions() const -> const std::set<std::string>& { return impl_->partialSessions_; }
-auto DaemonChatViewModel::completedUnreadSessions() const -> const std::set<std::string>& { return impl_->completedUnreadSessions_; }
+auto DaemonChatViewModel::streamingStatus() const -> const StreamingStatus& {
+  return impl_->streamingStatus_;
+}
+auto DaemonChatViewModel::transcriptPublishRevision() const -> std::uint64_t {
+  return impl_->transcriptPublishRevision_;
+}
+auto DaemonChatViewModel::runningSessionIDs() const -> const std::set<std::string>& {
+  return impl_->runningSessionIDs_;
+}
+auto DaemonChatViewModel::runningPendingSessionIDs() const -> const std::set<std::string>& {
+  return impl_->runningPendingSessionIDs_;
+}
+auto DaemonChatViewModel::errorMessage() const -> const std::optional<std::string>& {
+  return impl_->errorMessage_;
+}
+auto DaemonChatViewModel::quotaError() const -> const std::optional<bridge::QuotaDetails>& {
+  return impl_->quotaError_;
+}
+auto DaemonChatViewModel::creditsError() const -> const std::optional<bridge::CreditsDetails>& {
+  return impl_->creditsError_;
+}
+auto DaemonChatViewModel::isRetryingAfterRefill() const -> bool {
+  return impl_->isRetryingAfterRefill_;
+}
+auto DaemonChatViewModel::notice() const -> const std::optional<std::string>& {
+  return impl_->notice_;
+}
+auto DaemonChatViewModel::sessionIdentityRegistry() -> bridge::SessionIdentityRegistry& {
+  return impl_->registry_;
+}
+auto DaemonChatViewModel::cachedSessionCount() const -> std::size_t {
+  return impl_->cachedSessionWindows_.valuesByKey().size();
+}
+auto DaemonChatViewModel::externalQueuedMessages() const -> const kit::ExternalQueuedMessageStore& {
+  return impl_->externalQueued_;
+}
+auto DaemonChatViewModel::sessionBrowseScope() const -> const std::string& {
+  return impl_->sessionBrowseScope_;
+}
+auto DaemonChatViewModel::partialSessions() const -> const std::set<std::string>& {
+  return impl_->partialSessions_;
+}
+auto DaemonChatViewModel::completedUnreadSessions() const -> const std::set<std::string>& {
+  return impl_->completedUnreadSessions_;
+}
 
 }  // namespace tamsel::desktop

@@ -121,7 +121,7 @@ class DaemonChatViewModel {
     bridge::DaemonClient* client = nullptr;
     bridge::EventStreamClient* events = nullptr;  // optional
     bridge::SessionHistory* history = nullptr;
-    kit::DraftStorage* drafts = nullptr;          // optional
+    kit::DraftStorage* drafts = nullptr;            // optional
     base::PreferencesStore* preferences = nullptr;  // sidebar state; optional
   };
 
@@ -201,7 +201,8 @@ class DaemonChatViewModel {
   const std::set<std::string>& completedUnreadSessions() const;
   static constexpr const char* sessionBrowseKey = "dev.tamsel.desktop.daemonChat.sessionBrowse";
   static constexpr const char* partialSessionsKey = "dev.tamsel.desktop.daemonChat.partialSessions";
-  static constexpr const char* completedUnreadSessionsKey = "dev.tamsel.desktop.daemonChat.completedUnreadSessions";
+  static constexpr const char* completedUnreadSessionsKey =
+      "dev.tamsel.desktop.daemonChat.completedUnreadSessions";
 
  public:
   struct Impl;

@@ -57,32 +57,46 @@ std::string DaemonManagerError::description() const {
 
 std::string DaemonManager::State::displayText() const {
   switch (kind) {
-    case Kind::running: return "Tamsel Engine is running";
-    case Kind::failed: return message;
-    case Kind::unknown: return "Tamsel Engine state unknown";
-    case Kind::notInstalled: return DaemonManagerError{DaemonManagerError::BinaryNotFound{}}.description();
-    case Kind::starting: return "Tamsel Engine starting…";
+    case Kind::running:
+      return "Tamsel Engine is running";
+    case Kind::failed:
+      return message;
+    case Kind::unknown:
+      return "Tamsel Engine state unknown";
+    case Kind::notInstalled:
+      return DaemonManagerError{DaemonManagerError::BinaryNotFound{}}.description();
+    case Kind::starting:
+      return "Tamsel Engine starting…";
   }
   return {};
 }
 
 std::string DaemonManager::State::name() const {
   switch (kind) {
-    case Kind::running: return "running";
-    case Kind::failed: return "failed";
-    case Kind::unknown: return "unknown";
-    case Kind::notInstalled: return "not_installed";
-    case Kind::starting: return "starting";
+    case Kind::running:
+      return "running";
+    case Kind::failed:
+      return "failed";
+    case Kind::unknown:
+      return "unknown";
+    case Kind::notInstalled:
+      return "not_installed";
+    case Kind::starting:
+      return "starting";
   }
   return {};
 }
 
 std::string DaemonManager::name(LocalEndpointHealth health) {
   switch (health) {
-    case LocalEndpointHealth::unknown: return "unknown";
-    case LocalEndpointHealth::ready: return "ready";
-    case LocalEndpointHealth::reconnecting: return "reconnecting";
-    case LocalEndpointHealth::down: return "down";
+    case LocalEndpointHealth::unknown:
+      return "unknown";
+    case LocalEndpointHealth::ready:
+      return "ready";
+    case LocalEndpointHealth::reconnecting:
+      return "reconnecting";
+    case LocalEndpointHealth::down:
+      return "down";
   }
   return {};
 }
@@ -91,8 +105,12 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
   using Self = std::shared_ptr<Impl>;
 
   Impl(base::MainExecutor& executor, Config config, Dependencies deps)
-      : executor(executor), config(std::move(config)), deps(std::move(deps)),
-        publisher(executor), monitorTimer(executor.ioExecutor()), tasks(executor.ioExecutor()) {}
+      : executor(executor),
+        config(std::move(config)),
+        deps(std::move(deps)),
+        publisher(executor),
+        monitorTimer(executor.ioExecutor()),
+        tasks(executor.ioExecutor()) {}
 
   base::MainExecutor& executor;
   Config config;
@@ -153,7 +171,8 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
 
   void observeStatus(const bridge::DaemonStatus& status) {
     DaemonCapabilityState next{true, {}};
-    if (status.capabilities) next.tokens.insert(status.capabilities->begin(), status.capabilities->end());
+    if (status.capabilities)
+      next.tokens.insert(status.capabilities->begin(), status.capabilities->end());
     bool dirty = false;
     if (next != capabilityState) {
       capabilityState = std::move(next);
@@ -198,9 +217,10 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
       self->hooks.claimLegacyService();
     }
 
-    bridge::DaemonReconciler reconciler({self->deps.paths.pidfilePath(), bridge::desktopRPCProtocolVersion,
-                                         self->hooks.probe, self->hooks.sendSignal, self->config.terminateGraceSeconds,
-                                         self->config.killGraceSeconds, self->config.reconcilePollSeconds});
+    bridge::DaemonReconciler reconciler(
+        {self->deps.paths.pidfilePath(), bridge::desktopRPCProtocolVersion, self->hooks.probe,
+         self->hooks.sendSignal, self->config.terminateGraceSeconds, self->config.killGraceSeconds,
+         self->config.reconcilePollSeconds});
     const auto decision = co_await reconciler.reconcile();
     if (self->closed()) co_return;
     if (const auto* fatal = std::get_if<bridge::ReconcileDecision::Fatal>(&decision.value)) {
@@ -244,13 +264,16 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
       self->runningSince = std::chrono::steady_clock::now();
       self->setEndpoint(LocalEndpointHealth::ready);
       self->setState(State::running());
-      if (self->config.connectEventStream && self->deps.eventStream) self->deps.eventStream->start();
+      if (self->config.connectEventStream && self->deps.eventStream)
+        self->deps.eventStream->start();
       self->startRPCChannel();
     } else {
-      self->setEndpoint(self->processRunning() ? LocalEndpointHealth::reconnecting : LocalEndpointHealth::down);
+      self->setEndpoint(self->processRunning() ? LocalEndpointHealth::reconnecting
+                                               : LocalEndpointHealth::down);
       if (self->processIsOurs) {
-        base::log::warn(kSource, "engine did not answer; command line: {} {}; last output:\n{}", engine->string(),
-                        base::join(self->lastLaunchArguments, " "), lastLines(self->deps.paths.engineLogPath(), 15));
+        base::log::warn(kSource, "engine did not answer; command line: {} {}; last output:\n{}",
+                        engine->string(), base::join(self->lastLaunchArguments, " "),
+                        lastLines(self->deps.paths.engineLogPath(), 15));
       }
       self->setState(State::failed("Engine not responding"));
     }
@@ -263,8 +286,9 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
     std::error_code ec;
     fs::remove(deps.paths.tokenFilePath(), ec);
 
-    lastLaunchArguments = engineArguments(config.daemonArguments, config.port, deps.rpcService != nullptr,
-                                          deps.paths.socketPath(), deps.paths.pidfilePath());
+    lastLaunchArguments =
+        engineArguments(config.daemonArguments, config.port, deps.rpcService != nullptr,
+                        deps.paths.socketPath(), deps.paths.pidfilePath());
     platform::LaunchOptions options;
     options.executable = engine;
     options.arguments = lastLaunchArguments;
@@ -276,7 +300,8 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
       options.environment.push_back(std::string(key) + "=" + value);
     };
     setVariable(bridge::DaemonLocalPresence::environmentKey, deps.presenceToken);
-    if (config.axServerBundleOverride) setVariable("TAMSEL_AX_SERVER_BUNDLE_PATH", config.axServerBundleOverride->string());
+    if (config.axServerBundleOverride)
+      setVariable("TAMSEL_AX_SERVER_BUNDLE_PATH", config.axServerBundleOverride->string());
     options.outputFile = deps.paths.engineLogPath();
     try {
       process = hooks.launch(options);
@@ -330,12 +355,14 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
     monitorTimer.cancel();
     if (terminationRequested) return;
     if (state.kind == State::Kind::running &&
-        std::chrono::steady_clock::now() - runningSince > std::chrono::duration<double>(config.stableRunSeconds)) {
+        std::chrono::steady_clock::now() - runningSince >
+            std::chrono::duration<double>(config.stableRunSeconds)) {
       restartCount = 0;
     }
     if (restartCount > maxRestarts - 1) {
       setEndpoint(LocalEndpointHealth::down);
-      setState(State::failed("Engine crashed " + std::to_string(maxRestarts) + " times, stopped restarting"));
+      setState(State::failed("Engine crashed " + std::to_string(maxRestarts) +
+                             " times, stopped restarting"));
       return;
     }
     ++restartCount;
@@ -343,7 +370,8 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
     publish();
     spawn([](Self self, std::uint64_t expected) -> asio::awaitable<void> {
       co_await sleepFor(self->config.restartDelaySeconds);
-      if (expected != self->generation || self->isBootstrapping || self->terminationRequested || self->closed())
+      if (expected != self->generation || self->isBootstrapping || self->terminationRequested ||
+          self->closed())
         co_return;
       self->isBootstrapping = true;
       co_await startSequence(self);
@@ -375,11 +403,12 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
     spawn([](Self self, std::uint64_t watched) -> asio::awaitable<void> {
       int failures = 0;
       while (watched == self->generation && !self->closed()) {
-        self->monitorTimer.expires_after(
-            std::chrono::nanoseconds(static_cast<std::int64_t>(self->config.healthIntervalSeconds * 1e9)));
+        self->monitorTimer.expires_after(std::chrono::nanoseconds(
+            static_cast<std::int64_t>(self->config.healthIntervalSeconds * 1e9)));
         boost::system::error_code ec;
         co_await self->monitorTimer.async_wait(asio::redirect_error(asio::use_awaitable, ec));
-        if (ec || watched != self->generation || self->terminationRequested || self->closed()) co_return;
+        if (ec || watched != self->generation || self->terminationRequested || self->closed())
+          co_return;
         try {
           auto status = co_await self->deps.client->status();
           if (watched != self->generation || self->closed()) co_return;
@@ -388,7 +417,8 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
           self->setEndpoint(LocalEndpointHealth::ready);
           // The engine answers but the channel dropped (the engine closed it, or it was not
           // listening yet): connect again.
-          if (self->state.kind == State::Kind::running && self->rpcChannelNeedsRetry()) self->startRPCChannel();
+          if (self->state.kind == State::Kind::running && self->rpcChannelNeedsRetry())
+            self->startRPCChannel();
           if (self->state == State::failed("Engine not responding")) {
             self->runningSince = std::chrono::steady_clock::now();
             self->setState(State::running());
@@ -397,8 +427,10 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
           if (watched != self->generation || self->closed()) co_return;
           ++failures;
           base::log::debug(kSource, "health check failed: {}", e.what());
-          self->setEndpoint(self->processRunning() ? LocalEndpointHealth::reconnecting : LocalEndpointHealth::down);
-          if (failures >= self->config.healthFailuresBeforeFailed) self->setState(State::failed("Engine not responding"));
+          self->setEndpoint(self->processRunning() ? LocalEndpointHealth::reconnecting
+                                                   : LocalEndpointHealth::down);
+          if (failures >= self->config.healthFailuresBeforeFailed)
+            self->setState(State::failed("Engine not responding"));
         }
       }
     }(shared_from_this(), generation));
@@ -423,8 +455,10 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
     if (self->closed()) co_return;
     // Wait for the engine to go: our handle when we have one, else the pidfile's PID.
     std::optional<std::int32_t> pid;
-    if (self->process) pid = self->process->pid();
-    else pid = bridge::PidfileReader::readProcessID(self->deps.paths.pidfilePath());
+    if (self->process)
+      pid = self->process->pid();
+    else
+      pid = bridge::PidfileReader::readProcessID(self->deps.paths.pidfilePath());
     const std::function<bool()> alive = [self, pid] {
       if (self->process) return self->process->isRunning();
       return pid && platform::processExists(*pid);
@@ -439,7 +473,8 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
         co_await waitUntilGone(alive, self->config.killGraceSeconds);
       }
     }
-    if (self->process && self->process->isChild() && !self->process->isRunning()) co_await self->process->waitForExit();
+    if (self->process && self->process->isChild() && !self->process->isRunning())
+      co_await self->process->waitForExit();
     if (!alive()) {
       std::error_code ec;
       fs::remove(self->deps.paths.tokenFilePath(), ec);
@@ -450,10 +485,13 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
   }
 };
 
-DaemonManager::DaemonManager(base::MainExecutor& executor, Config config, Dependencies dependencies, Hooks hooks)
+DaemonManager::DaemonManager(base::MainExecutor& executor, Config config, Dependencies dependencies,
+                             Hooks hooks)
     : impl_(std::make_shared<Impl>(executor, std::move(config), std::move(dependencies))) {
   Hooks defaults;
-  defaults.launch = [](const platform::LaunchOptions& options) { return platform::Process::launch(options); };
+  defaults.launch = [](const platform::LaunchOptions& options) {
+    return platform::Process::launch(options);
+  };
   defaults.adopt = [](std::int32_t pid) { return platform::Process::adopt(pid); };
   defaults.sendSignal = &bridge::DaemonReconciler::systemSignal;
   if (auto* service = impl_->deps.rpcService) {
@@ -473,12 +511,14 @@ DaemonManager::DaemonManager(base::MainExecutor& executor, Config config, Depend
   defaults.claimLegacyService = [unit = impl_->deps.paths.legacyUnitPath()] {
     std::error_code ec;
     if (!fs::exists(unit, ec)) return;
-    const fs::path systemctl = platform::isExecutableFile("/usr/bin/systemctl") ? "/usr/bin/systemctl" : "/bin/systemctl";
+    const fs::path systemctl =
+        platform::isExecutableFile("/usr/bin/systemctl") ? "/usr/bin/systemctl" : "/bin/systemctl";
     try {
       runCommand(systemctl, {"--user", "disable", "--now", unit.filename().string()}, false);
       base::log::info(kSource, "disabled legacy user service {}", unit.filename().string());
     } catch (const std::exception& e) {
-      base::log::warn(kSource, "could not disable legacy user service {}: {}", unit.string(), e.what());
+      base::log::warn(kSource, "could not disable legacy user service {}: {}", unit.string(),
+                      e.what());
     }
   };
   impl_->hooks = std::move(defaults);
@@ -498,14 +538,22 @@ void DaemonManager::setHooks(Hooks hooks) {
 }
 
 const DaemonManager::State& DaemonManager::state() const { return impl_->state; }
-DaemonManager::LocalEndpointHealth DaemonManager::localEndpoint() const { return impl_->localEndpoint; }
-const DaemonManager::DaemonCapabilityState& DaemonManager::capabilityState() const { return impl_->capabilityState; }
-const std::optional<std::string>& DaemonManager::installedVersion() const { return impl_->installedVersion; }
+DaemonManager::LocalEndpointHealth DaemonManager::localEndpoint() const {
+  return impl_->localEndpoint;
+}
+const DaemonManager::DaemonCapabilityState& DaemonManager::capabilityState() const {
+  return impl_->capabilityState;
+}
+const std::optional<std::string>& DaemonManager::installedVersion() const {
+  return impl_->installedVersion;
+}
 const std::optional<std::string>& DaemonManager::activeAgent() const { return impl_->activeAgent; }
 std::int64_t DaemonManager::restartCount() const { return impl_->restartCount; }
 bool DaemonManager::isBootstrapping() const { return impl_->isBootstrapping; }
 const std::optional<fs::path>& DaemonManager::enginePath() const { return impl_->enginePath; }
-const std::vector<std::string>& DaemonManager::lastLaunchArguments() const { return impl_->lastLaunchArguments; }
+const std::vector<std::string>& DaemonManager::lastLaunchArguments() const {
+  return impl_->lastLaunchArguments;
+}
 base::Signal<>& DaemonManager::changed() { return impl_->publisher.changed(); }
 bridge::DaemonClient& DaemonManager::client() { return *impl_->deps.client; }
 bridge::rpc::DesktopRPCService* DaemonManager::rpcService() { return impl_->deps.rpcService; }
@@ -530,16 +578,18 @@ std::optional<std::string> DaemonManager::runCommand(const fs::path& executable,
   return result.output;
 }
 
-std::vector<std::string> DaemonManager::engineArguments(const std::vector<std::string>& daemonArguments,
-                                                        std::uint16_t port, bool rpcEnabled,
-                                                        const fs::path& socketPath, const fs::path& pidfilePath) {
+std::vector<std::string> DaemonManager::engineArguments(
+    const std::vector<std::string>& daemonArguments, std::uint16_t port, bool rpcEnabled,
+    const fs::path& socketPath, const fs::path& pidfilePath) {
   std::vector<std::string> args;
   for (auto arg : daemonArguments) {
-    if (auto at = arg.find("{port}"); at != std::string::npos) arg.replace(at, 6, std::to_string(port));
+    if (auto at = arg.find("{port}"); at != std::string::npos)
+      arg.replace(at, 6, std::to_string(port));
     args.push_back(std::move(arg));
   }
   if (rpcEnabled) {
-    args.insert(args.end(), {"--rpc-socket", socketPath.string(), "--rpc-pidfile", pidfilePath.string()});
+    args.insert(args.end(),
+                {"--rpc-socket", socketPath.string(), "--rpc-pidfile", pidfilePath.string()});
   }
   return args;
 }
@@ -568,10 +618,11 @@ void DaemonManager::restart() {
 }
 
 void DaemonManager::stop(std::function<void()> done, double graceSeconds) {
-  impl_->spawn([](Impl::Self self, std::function<void()> done, double grace) -> asio::awaitable<void> {
-    co_await Impl::stopSequence(self, grace);
-    if (done && !self->closed()) done();
-  }(impl_, std::move(done), graceSeconds));
+  impl_->spawn(
+      [](Impl::Self self, std::function<void()> done, double grace) -> asio::awaitable<void> {
+        co_await Impl::stopSequence(self, grace);
+        if (done && !self->closed()) done();
+      }(impl_, std::move(done), graceSeconds));
 }
 
 }  // namespace tamsel::desktop

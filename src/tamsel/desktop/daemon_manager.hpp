@@ -127,7 +127,8 @@ class DaemonManager {
   };
 
   // `locateEngine` must be among `hooks`; the other effects have real defaults.
-  DaemonManager(base::MainExecutor& executor, Config config, Dependencies dependencies, Hooks hooks);
+  DaemonManager(base::MainExecutor& executor, Config config, Dependencies dependencies,
+                Hooks hooks);
   // Replaces some effects; call before start().
   void setHooks(Hooks hooks);
   ~DaemonManager();

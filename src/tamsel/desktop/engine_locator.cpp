@@ -13,18 +13,21 @@ namespace fs = std::filesystem;
 
 std::optional<fs::path> EngineLocator::locate(const Inputs& in) {
   auto hit = [&](const fs::path& candidate) { return in.isExecutable(candidate); };
-  if (in.verdBinary && !in.verdBinary->empty() && hit(*in.verdBinary)) return fs::path(*in.verdBinary);
+  if (in.verdBinary && !in.verdBinary->empty() && hit(*in.verdBinary))
+    return fs::path(*in.verdBinary);
   if (!in.executableDirectory.empty()) {
-    const auto bundled = (in.executableDirectory / ".." / "libexec" / "tamsel" / "verd").lexically_normal();
+    const auto bundled =
+        (in.executableDirectory / ".." / "libexec" / "tamsel" / "verd").lexically_normal();
     if (hit(bundled)) return bundled;
   }
   for (const fs::path& candidate :
-       {fs::path("/opt/homebrew/bin/verd"), fs::path("/usr/local/bin/verd"), in.homeDirectory / ".local/bin/verd"}) {
+       {fs::path("/opt/homebrew/bin/verd"), fs::path("/usr/local/bin/verd"),
+        in.homeDirectory / ".local/bin/verd"}) {
     if (hit(candidate)) return candidate;
   }
   std::error_code ec;
-  for (fs::directory_iterator it(in.homeDirectory / ".nvm/versions/node", ec), end; !ec && it != end;
-       it.increment(ec)) {
+  for (fs::directory_iterator it(in.homeDirectory / ".nvm/versions/node", ec), end;
+       !ec && it != end; it.increment(ec)) {
     const auto candidate = it->path() / "bin" / "verd";
     if (hit(candidate)) return candidate;
   }

@@ -18,21 +18,27 @@ PendingCancelCleanupPlan PendingCancelCleanupPlanner::plan(const Input& in) {
   if (in.candidate.id.empty()) return PendingCancelCleanupPlan::ignoreStaleOrphan;
   if (restoreNames(in)) return PendingCancelCleanupPlan::skip;
   if (!in.isListedPending) {
-    return in.currentPendingSessionLocalID == in.candidate.id ? PendingCancelCleanupPlan::detachStalePendingMarker
-                                                              : PendingCancelCleanupPlan::ignoreStaleOrphan;
+    return in.currentPendingSessionLocalID == in.candidate.id
+               ? PendingCancelCleanupPlan::detachStalePendingMarker
+               : PendingCancelCleanupPlan::ignoreStaleOrphan;
   }
   // An id the registry maps to itself is no real id yet.
-  if (present(in.realSessionID) && *in.realSessionID != in.candidate.id) return PendingCancelCleanupPlan::promoteToReal;
-  return in.candidate.canBeDiscarded ? PendingCancelCleanupPlan::discardPendingDraft : PendingCancelCleanupPlan::skip;
+  if (present(in.realSessionID) && *in.realSessionID != in.candidate.id)
+    return PendingCancelCleanupPlan::promoteToReal;
+  return in.candidate.canBeDiscarded ? PendingCancelCleanupPlan::discardPendingDraft
+                                     : PendingCancelCleanupPlan::skip;
 }
 
-StreamOwnership StreamOwnershipPlanner::decide(const std::string& streamToken, const std::string& sessionKey,
-                                               const std::map<std::string, std::string>& streamingTokensBySession,
-                                               const std::optional<std::string>& visibleSessionKey) {
+StreamOwnership StreamOwnershipPlanner::decide(
+    const std::string& streamToken, const std::string& sessionKey,
+    const std::map<std::string, std::string>& streamingTokensBySession,
+    const std::optional<std::string>& visibleSessionKey) {
   if (streamToken.empty()) return StreamOwnership::drop;
   auto it = streamingTokensBySession.find(sessionKey);
-  if (it == streamingTokensBySession.end() || it->second != streamToken) return StreamOwnership::drop;
-  return visibleSessionKey == sessionKey ? StreamOwnership::deliverToView : StreamOwnership::deliverInBackground;
+  if (it == streamingTokensBySession.end() || it->second != streamToken)
+    return StreamOwnership::drop;
+  return visibleSessionKey == sessionKey ? StreamOwnership::deliverToView
+                                         : StreamOwnership::deliverInBackground;
 }
 
 void StreamCancellationTracker::markCancelling(const std::string& token) {
@@ -47,20 +53,28 @@ bool StreamCancellationTracker::isCancelling(const std::string& token) const {
 
 const char* name(PendingCancelCleanupPlan plan) {
   switch (plan) {
-    case PendingCancelCleanupPlan::promoteToReal: return "promoteToReal";
-    case PendingCancelCleanupPlan::discardPendingDraft: return "discardPendingDraft";
-    case PendingCancelCleanupPlan::skip: return "skip";
-    case PendingCancelCleanupPlan::detachStalePendingMarker: return "detachStalePendingMarker";
-    case PendingCancelCleanupPlan::ignoreStaleOrphan: return "ignoreStaleOrphan";
+    case PendingCancelCleanupPlan::promoteToReal:
+      return "promoteToReal";
+    case PendingCancelCleanupPlan::discardPendingDraft:
+      return "discardPendingDraft";
+    case PendingCancelCleanupPlan::skip:
+      return "skip";
+    case PendingCancelCleanupPlan::detachStalePendingMarker:
+      return "detachStalePendingMarker";
+    case PendingCancelCleanupPlan::ignoreStaleOrphan:
+      return "ignoreStaleOrphan";
   }
   return "?";
 }
 
 const char* name(StreamOwnership ownership) {
   switch (ownership) {
-    case StreamOwnership::deliverToView: return "deliverToView";
-    case StreamOwnership::deliverInBackground: return "deliverInBackground";
-    case StreamOwnership::drop: return "drop";
+    case StreamOwnership::deliverToView:
+      return "deliverToView";
+    case StreamOwnership::deliverInBackground:
+      return "deliverInBackground";
+    case StreamOwnership::drop:
+      return "drop";
   }
   return "?";
 }

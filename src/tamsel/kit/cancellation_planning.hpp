@@ -35,8 +35,8 @@ struct PendingCancelPendingCandidate {
 //   2. the interrupt restore names it (its pending id, or its real id)    -> skip
 //      (the force send about to run takes care of that session)
 //   3. not listed in the pending sessions:
-//        it is the current pending session                                -> detachStalePendingMarker
-//        otherwise                                                        -> ignoreStaleOrphan
+//        it is the current pending session                                ->
+//        detachStalePendingMarker otherwise -> ignoreStaleOrphan
 //   4. listed, the engine has given it a real id                          -> promoteToReal
 //   5. listed, no real id, can be discarded                               -> discardPendingDraft
 //   6. listed, no real id, must be kept                                   -> skip
@@ -57,8 +57,9 @@ enum class StreamOwnership { deliverToView, deliverInBackground, drop };
 // the same form (the controller resolves pending ids through the identity registry first).
 //   empty token, or the session's recorded stream token is missing or another token   -> drop
 //     (the stream was superseded or cancelled; its late events must not touch the session)
-//   the stream owns the session and it is the visible one                            -> deliverToView
-//   the stream owns the session, another one (or none) is visible                     -> deliverInBackground
+//   the stream owns the session and it is the visible one                            ->
+//   deliverToView the stream owns the session, another one (or none) is visible ->
+//   deliverInBackground
 struct StreamOwnershipPlanner {
   static StreamOwnership decide(const std::string& streamToken, const std::string& sessionKey,
                                 const std::map<std::string, std::string>& streamingTokensBySession,

@@ -4,13 +4,17 @@
 
 namespace tamsel::kit {
 
-std::string ComposerDraftKey::forSession(const std::string& sessionID) { return sessionPrefix + sessionID; }
+std::string ComposerDraftKey::forSession(const std::string& sessionID) {
+  return sessionPrefix + sessionID;
+}
 
 std::string ComposerDraftKey::forPendingSession(const std::string& pendingLocalID) {
   return pendingPrefix + pendingLocalID;
 }
 
-std::string ComposerDraftKey::forNewSession(const std::string& agent) { return newSessionPrefix + agent; }
+std::string ComposerDraftKey::forNewSession(const std::string& agent) {
+  return newSessionPrefix + agent;
+}
 
 std::optional<std::string> ComposerDraftKey::pendingLocalID(const std::string& key) {
   const std::string_view prefix = pendingPrefix;

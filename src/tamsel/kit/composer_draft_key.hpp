@@ -14,7 +14,8 @@ struct ComposerDraftKey {
 
   static std::string forSession(const std::string& sessionID);  // an existing (real) session
   static std::string forPendingSession(const std::string& pendingLocalID);
-  static std::string forNewSession(const std::string& agent);  // the new-session composer of an agent
+  static std::string forNewSession(
+      const std::string& agent);  // the new-session composer of an agent
 
   // The pending local id a key was built from, when it is a pending key.
   static std::optional<std::string> pendingLocalID(const std::string& key);

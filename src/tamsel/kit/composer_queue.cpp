@@ -10,9 +10,10 @@ namespace tamsel::kit {
 namespace {
 
 std::vector<QueuedDraftMessage> oldestFirst(std::vector<QueuedDraftMessage> items) {
-  std::stable_sort(items.begin(), items.end(), [](const QueuedDraftMessage& a, const QueuedDraftMessage& b) {
-    return a.enqueuedAt < b.enqueuedAt;
-  });
+  std::stable_sort(items.begin(), items.end(),
+                   [](const QueuedDraftMessage& a, const QueuedDraftMessage& b) {
+                     return a.enqueuedAt < b.enqueuedAt;
+                   });
   return items;
 }
 
@@ -37,8 +38,8 @@ void appendText(std::vector<std::string>& parts, std::string_view text) {
 
 }  // namespace
 
-std::optional<QueueForceSendPlan> QueueForceSendPlanner::plan(const std::vector<QueuedDraftMessage>& queued,
-                                                              std::string_view typedText) {
+std::optional<QueueForceSendPlan> QueueForceSendPlanner::plan(
+    const std::vector<QueuedDraftMessage>& queued, std::string_view typedText) {
   std::string trimmed(base::trim(typedText));
   if (queued.empty() && trimmed.empty()) return std::nullopt;
   return QueueForceSendPlan{oldestFirst(queued), std::move(trimmed)};
@@ -53,14 +54,16 @@ QueueForceSendPayloadPlan QueueForceSendPayloadPlanner::plan(const QueueForceSen
   for (const auto& item : plan.queuedItems) {
     appendText(texts, item.text);
     appendAttachments(out.attachments, seenAttachmentIDs, item.attachments);
-    out.contentBlocks.insert(out.contentBlocks.end(), item.contentBlocks.begin(), item.contentBlocks.end());
+    out.contentBlocks.insert(out.contentBlocks.end(), item.contentBlocks.begin(),
+                             item.contentBlocks.end());
   }
   appendText(texts, plan.trimmedTypedText);
   out.promptText = base::join(texts, queuedDraftSeparator);
   return out;
 }
 
-std::optional<QueuedDraftMessage> QueuedDraftJoinPlanner::join(const std::vector<QueuedDraftMessage>& items) {
+std::optional<QueuedDraftMessage> QueuedDraftJoinPlanner::join(
+    const std::vector<QueuedDraftMessage>& items) {
   std::vector<QueuedDraftMessage> kept;
   for (const auto& item : oldestFirst(items)) {
     if (hasContent(item)) kept.push_back(item);
@@ -76,9 +79,12 @@ std::optional<QueuedDraftMessage> QueuedDraftJoinPlanner::join(const std::vector
   for (const auto& item : kept) {
     appendText(texts, item.text);
     appendAttachments(joined.attachments, seenAttachmentIDs, item.attachments);
-    joined.contentBlocks.insert(joined.contentBlocks.end(), item.contentBlocks.begin(), item.contentBlocks.end());
-    joined.replyAnchors.insert(joined.replyAnchors.end(), item.replyAnchors.begin(), item.replyAnchors.end());
-    if (!joined.injectRouteSessionID && item.injectRouteSessionID && !item.injectRouteSessionID->empty()) {
+    joined.contentBlocks.insert(joined.contentBlocks.end(), item.contentBlocks.begin(),
+                                item.contentBlocks.end());
+    joined.replyAnchors.insert(joined.replyAnchors.end(), item.replyAnchors.begin(),
+                               item.replyAnchors.end());
+    if (!joined.injectRouteSessionID && item.injectRouteSessionID &&
+        !item.injectRouteSessionID->empty()) {
       joined.injectRouteSessionID = item.injectRouteSessionID;
     }
   }
@@ -90,9 +96,12 @@ void QueuedDraftDrainCoordinator::markReady(const std::string& sessionKey) {
   if (!sessionKey.empty()) readySessionKeys_.insert(sessionKey);
 }
 
-void QueuedDraftDrainCoordinator::clear(const std::string& sessionKey) { readySessionKeys_.erase(sessionKey); }
+void QueuedDraftDrainCoordinator::clear(const std::string& sessionKey) {
+  readySessionKeys_.erase(sessionKey);
+}
 
-QueuedDraftDrainAction QueuedDraftDrainCoordinator::action(const std::string& sessionKey, bool hasQueuedItems,
+QueuedDraftDrainAction QueuedDraftDrainCoordinator::action(const std::string& sessionKey,
+                                                           bool hasQueuedItems,
                                                            bool isReplyRunning) {
   if (!readySessionKeys_.count(sessionKey)) return QueuedDraftDrainAction::none;
   if (isReplyRunning) return QueuedDraftDrainAction::none;

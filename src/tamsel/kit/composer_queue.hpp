@@ -86,7 +86,8 @@ class QueuedDraftDrainCoordinator {
  public:
   void markReady(const std::string& sessionKey);
   void clear(const std::string& sessionKey);
-  QueuedDraftDrainAction action(const std::string& sessionKey, bool hasQueuedItems, bool isReplyRunning);
+  QueuedDraftDrainAction action(const std::string& sessionKey, bool hasQueuedItems,
+                                bool isReplyRunning);
   const std::set<std::string>& readySessionKeys() const { return readySessionKeys_; }
   bool operator==(const QueuedDraftDrainCoordinator&) const = default;
 

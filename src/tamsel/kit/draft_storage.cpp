@@ -50,7 +50,8 @@ Sequence sequenceAt(std::string_view text, std::size_t i) {
     return {1, false};
   }
   for (std::size_t k = 1; k <= needed; ++k) {
-    const bool fits = i + k < text.size() && byte(i + k) >= (k == 1 ? low : 0x80) && byte(i + k) <= (k == 1 ? high : 0xBF);
+    const bool fits = i + k < text.size() && byte(i + k) >= (k == 1 ? low : 0x80) &&
+                      byte(i + k) <= (k == 1 ? high : 0xBF);
     if (!fits) return {k, false};
   }
   return {needed + 1, true};
@@ -68,8 +69,10 @@ LimitedText limitText(std::string_view text, std::size_t maxCharacters) {
   for (std::size_t i = 0; i < text.size();) {
     const Sequence sequence = sequenceAt(text, i);
     if (out.originalCharacters < maxCharacters) {
-      if (sequence.valid) out.text.append(text.substr(i, sequence.length));
-      else out.text.append(kReplacement);
+      if (sequence.valid)
+        out.text.append(text.substr(i, sequence.length));
+      else
+        out.text.append(kReplacement);
     } else {
       out.truncated = true;
     }
@@ -143,7 +146,9 @@ DraftStorage::~DraftStorage() {
   flushNow();
 }
 
-SteadyClock::time_point DraftStorage::now() const { return config_.clock ? config_.clock() : SteadyClock::now(); }
+SteadyClock::time_point DraftStorage::now() const {
+  return config_.clock ? config_.clock() : SteadyClock::now();
+}
 
 void DraftStorage::load() {
   const fs::path& path = config_.file;
@@ -152,7 +157,8 @@ void DraftStorage::load() {
     if (ec) {
       // Cannot tell whether drafts are there: keep whatever is there untouched.
       fileProtected_ = true;
-      base::log::error(kSource, "Cannot look at {}: {}; drafts will not be saved", path.string(), ec.message());
+      base::log::error(kSource, "Cannot look at {}: {}; drafts will not be saved", path.string(),
+                       ec.message());
     }
     return;
   }
@@ -179,13 +185,14 @@ void DraftStorage::moveAside(const std::string& reason) {
   const auto target = base::moveAside(path);
   if (!target) {
     fileProtected_ = true;
-    base::log::error(kSource, "{} does not decode ({}) and cannot be moved aside; drafts will not be saved",
+    base::log::error(kSource,
+                     "{} does not decode ({}) and cannot be moved aside; drafts will not be saved",
                      path.string(), reason);
     return;
   }
   setAsidePath_ = *target;
-  base::log::warn(kSource, "{} does not decode ({}); moved to {}, starting with no drafts", path.string(), reason,
-                  target->string());
+  base::log::warn(kSource, "{} does not decode ({}); moved to {}, starting with no drafts",
+                  path.string(), reason, target->string());
 }
 
 void DraftStorage::storeLocked(const std::string& key, std::string text) {
@@ -197,8 +204,8 @@ void DraftStorage::storeLocked(const std::string& key, std::string text) {
   }
   auto limited = limitText(text, config_.maxLengthPerEntry);
   if (limited.truncated) {
-    base::log::warn(kSource, "Draft for {} cut from {} to {} characters", key, limited.originalCharacters,
-                    config_.maxLengthPerEntry);
+    base::log::warn(kSource, "Draft for {} cut from {} to {} characters", key,
+                    limited.originalCharacters, config_.maxLengthPerEntry);
   }
   if (limited.text.empty()) {  // a bound of 0 keeps no text
     entries_.erase(key);
@@ -232,7 +239,8 @@ void DraftStorage::set(std::string text, const std::string& key) {
   auto it = entries_.find(key);
   if (text.empty()) {
     if (it == entries_.end()) return;
-  } else if (it != entries_.end() && it->second == text && !lruOrder_.empty() && lruOrder_.back() == key) {
+  } else if (it != entries_.end() && it->second == text && !lruOrder_.empty() &&
+             lruOrder_.back() == key) {
     return;  // the composer re-saving what is already the newest draft changes nothing
   }
   storeLocked(key, std::move(text));
@@ -275,8 +283,10 @@ void DraftStorage::writerLoop() {
     const auto current = now();
     if (current < pendingFlushItem_->due) {
       // An injected clock need not follow real time: look at it again at least once per debounce.
-      const SteadyClock::duration recheck = std::max<SteadyClock::duration>(config_.debounce, std::chrono::milliseconds(1));
-      flushWake_.waitFor(stateLock_, std::min<SteadyClock::duration>(pendingFlushItem_->due - current, recheck));
+      const SteadyClock::duration recheck =
+          std::max<SteadyClock::duration>(config_.debounce, std::chrono::milliseconds(1));
+      flushWake_.waitFor(
+          stateLock_, std::min<SteadyClock::duration>(pendingFlushItem_->due - current, recheck));
       continue;
     }
     const std::uint64_t generation = pendingFlushItem_->generation;
@@ -293,7 +303,8 @@ void DraftStorage::writeSnapshot(std::optional<std::uint64_t> scheduledGeneratio
   std::uint64_t generation = 0;
   {
     base::MutexLock stateGuard(stateLock_);
-    if (scheduledGeneration && *scheduledGeneration != flushGeneration_) return;  // a newer flush is due
+    if (scheduledGeneration && *scheduledGeneration != flushGeneration_)
+      return;  // a newer flush is due
     generation = flushGeneration_;
     if (generation == writtenGeneration_) return;
     ordered.reserve(lruOrder_.size());

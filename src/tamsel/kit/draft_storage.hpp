@@ -68,7 +68,7 @@ class DraftStorage {
   void flushNow();
 
   std::size_t writeCount() const { return writeCount_.load(); }  // files written so far
-  std::vector<std::string> keys() const;  // least recently written first
+  std::vector<std::string> keys() const;                         // least recently written first
   const Configuration& configuration() const { return config_; }
   // Where an undecodable drafts file was moved at load, if that happened.
   std::optional<std::filesystem::path> setAsidePath() const { return setAsidePath_; }
@@ -105,7 +105,7 @@ class DraftStorage {
 
   base::Mutex fileLock_;
   std::uint64_t writtenGeneration_ GUARDED_BY(fileLock_) = 0;
-  bool fileProtected_ = false;           // set while loading, before the writer starts
+  bool fileProtected_ = false;  // set while loading, before the writer starts
   std::optional<std::filesystem::path> setAsidePath_;
   std::atomic<std::size_t> writeCount_{0};
 

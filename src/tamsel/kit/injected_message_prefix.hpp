@@ -1,6 +1,7 @@
 #pragma once
 // The marker in front of user text injected into a reply that is still running, so the agent can
-// tell it apart from tool output. It is added when sending and taken off wherever the text is shown.
+// tell it apart from tool output. It is added when sending and taken off wherever the text is
+// shown.
 #include <string>
 #include <string_view>
 #include <vector>

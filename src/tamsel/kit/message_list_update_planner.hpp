@@ -23,7 +23,8 @@ struct MessageListUpdatePlanner {
   };
 
   static std::optional<std::vector<WebUpdate>> plan(const std::vector<Message>& previous,
-                                                    const std::vector<Message>& next, bool forceFullReload = false);
+                                                    const std::vector<Message>& next,
+                                                    bool forceFullReload = false);
 };
 
 }  // namespace tamsel::kit

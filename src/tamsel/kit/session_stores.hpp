@@ -14,7 +14,8 @@ namespace tamsel::kit {
 template <class Value>
 class SessionScopedValueStore {
  public:
-  explicit SessionScopedValueStore(long long maxEntries) : maxEntries_(maxEntries < 0 ? 0 : static_cast<std::size_t>(maxEntries)) {}
+  explicit SessionScopedValueStore(long long maxEntries)
+      : maxEntries_(maxEntries < 0 ? 0 : static_cast<std::size_t>(maxEntries)) {}
 
   std::optional<Value> value(const std::string& key) const {
     if (key.empty()) return std::nullopt;
@@ -62,8 +63,10 @@ class SessionScopedQueueStore {
     return it == itemsByKey_.end() ? std::vector<Item>{} : it->second;
   }
   void replace(const std::string& key, std::vector<Item> items) {
-    if (items.empty()) itemsByKey_.erase(key);
-    else itemsByKey_[key] = std::move(items);
+    if (items.empty())
+      itemsByKey_.erase(key);
+    else
+      itemsByKey_[key] = std::move(items);
   }
   void remove(const std::string& key) { itemsByKey_.erase(key); }
   const std::map<std::string, std::vector<Item>>& itemsByKey() const { return itemsByKey_; }

@@ -21,14 +21,19 @@ bj::value optionalDate(const std::optional<Timestamp>& value) {
 
 const char* name(ToolRunStatus status) {
   switch (status) {
-    case ToolRunStatus::running: return "running";
-    case ToolRunStatus::completed: return "completed";
-    case ToolRunStatus::denied: return "denied";
+    case ToolRunStatus::running:
+      return "running";
+    case ToolRunStatus::completed:
+      return "completed";
+    case ToolRunStatus::denied:
+      return "denied";
   }
   return "running";
 }
 
-const char* name(Attachment::Kind kind) { return kind == Attachment::Kind::image ? "image" : "fileRef"; }
+const char* name(Attachment::Kind kind) {
+  return kind == Attachment::Kind::image ? "image" : "fileRef";
+}
 
 JSON toJSON(const ToolBlockSnapshot& block) {
   bj::array tools;
@@ -44,7 +49,8 @@ JSON toJSON(const ToolBlockSnapshot& block) {
   }
   bj::value progress = nullptr;
   if (block.cloudProgress)
-    progress = bj::object{{"completed", block.cloudProgress->completed}, {"total", block.cloudProgress->total}};
+    progress = bj::object{{"completed", block.cloudProgress->completed},
+                          {"total", block.cloudProgress->total}};
   return bj::object{{"id", block.id},
                     {"tools", std::move(tools)},
                     {"startedAt", optionalDate(block.startedAt)},
@@ -64,7 +70,8 @@ JSON toJSON(const Attachment& a) {
 
 JSON toJSON(const SessionResource& r) {
   static const char* kinds[] = {"image", "link", "file"};
-  static const char* sources[] = {"remoteURL", "dataURL", "attachmentImage", "attachmentFile", "deliverable"};
+  static const char* sources[] = {"remoteURL", "dataURL", "attachmentImage", "attachmentFile",
+                                  "deliverable"};
   return bj::object{{"id", r.id},
                     {"kind", kinds[static_cast<int>(r.kind)]},
                     {"source", sources[static_cast<int>(r.source)]},

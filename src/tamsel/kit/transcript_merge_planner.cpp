@@ -14,7 +14,8 @@ using Op = TranscriptMergePlanner::MergeOp;
 // suffixes starting at i and j, so the walk can go forward. With at most a million cells the
 // shorter side is at most 1,000 long, so lengths fit 16 bits.
 void planByTable(const std::vector<std::string>& S, std::size_t s0, std::size_t s1,
-                 const std::vector<std::string>& D, std::size_t d0, std::size_t d1, std::vector<Op>& out) {
+                 const std::vector<std::string>& D, std::size_t d0, std::size_t d1,
+                 std::vector<Op>& out) {
   const std::size_t n = s1 - s0, m = d1 - d0;
   const std::size_t width = m + 1;
   std::vector<std::uint16_t> dp((n + 1) * width, 0);
@@ -48,8 +49,9 @@ void planByTable(const std::vector<std::string>& S, std::size_t s0, std::size_t 
 // it after the last match (so matches increase on both sides); disk messages skipped over are
 // taken before the match, unmatched state messages are kept where they stand, and the remaining
 // disk messages come last.
-void planByMap(const std::vector<std::string>& S, std::size_t s0, std::size_t s1, const std::vector<std::string>& D,
-               std::size_t d0, std::size_t d1, std::vector<Op>& out) {
+void planByMap(const std::vector<std::string>& S, std::size_t s0, std::size_t s1,
+               const std::vector<std::string>& D, std::size_t d0, std::size_t d1,
+               std::vector<Op>& out) {
   constexpr std::size_t none = static_cast<std::size_t>(-1);
   // Per key, the next unused disk position; later copies are chained through `nextSame`.
   std::unordered_map<std::string_view, std::size_t> nextOf;
@@ -88,7 +90,8 @@ void planByMap(const std::vector<std::string>& S, std::size_t s0, std::size_t s1
 
 }  // namespace
 
-std::vector<Op> TranscriptMergePlanner::plan(const std::vector<std::string>& S, const std::vector<std::string>& D) {
+std::vector<Op> TranscriptMergePlanner::plan(const std::vector<std::string>& S,
+                                             const std::vector<std::string>& D) {
   std::vector<Op> out;
   out.reserve(std::max(S.size(), D.size()) + 8);
   if (S.empty()) {
@@ -118,7 +121,8 @@ std::vector<Op> TranscriptMergePlanner::plan(const std::vector<std::string>& S, 
   } else {
     planByMap(S, s0, s1, D, d0, d1, out);
   }
-  for (std::size_t k = 0; k < q; ++k) out.push_back(Op::matched(S.size() - q + k, D.size() - q + k));
+  for (std::size_t k = 0; k < q; ++k)
+    out.push_back(Op::matched(S.size() - q + k, D.size() - q + k));
   return out;
 }
 

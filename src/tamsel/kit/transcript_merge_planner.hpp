@@ -26,7 +26,8 @@ struct TranscriptMergePlanner {
 
   static constexpr std::size_t tableCellBound = 1'000'000;
 
-  static std::vector<MergeOp> plan(const std::vector<std::string>& state, const std::vector<std::string>& disk);
+  static std::vector<MergeOp> plan(const std::vector<std::string>& state,
+                                   const std::vector<std::string>& disk);
   // Whether a middle of these lengths is planned by the table (otherwise by the map).
   static bool usesTable(std::size_t stateMiddle, std::size_t diskMiddle) {
     return diskMiddle > 0 && tableCellBound / diskMiddle >= stateMiddle;

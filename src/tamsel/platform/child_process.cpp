@@ -41,8 +41,8 @@ std::vector<char*> cStrings(std::vector<std::string>& strings) {
 }
 
 // posix_spawn with the given file actions; throws with the spawn error.
-pid_t spawn(const fs::path& executable, std::vector<std::string> argv, std::vector<std::string> envp,
-            posix_spawn_file_actions_t* actions, bool newSession) {
+pid_t spawn(const fs::path& executable, std::vector<std::string> argv,
+            std::vector<std::string> envp, posix_spawn_file_actions_t* actions, bool newSession) {
   posix_spawnattr_t attr;
   posix_spawnattr_init(&attr);
   short flags = POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;
@@ -62,7 +62,8 @@ pid_t spawn(const fs::path& executable, std::vector<std::string> argv, std::vect
   pid_t pid = 0;
   const int rc = ::posix_spawn(&pid, executable.c_str(), actions, &attr, args.data(), env.data());
   posix_spawnattr_destroy(&attr);
-  if (rc != 0) throw std::system_error(rc, std::generic_category(), "cannot start " + executable.string());
+  if (rc != 0)
+    throw std::system_error(rc, std::generic_category(), "cannot start " + executable.string());
   return pid;
 }
 
@@ -74,7 +75,8 @@ std::string ExitStatus::describe() const {
   return "exited with status " + std::to_string(code);
 }
 
-Process::Process(std::int32_t pid, int pidfd, bool isChild) : pid_(pid), pidfd_(pidfd), isChild_(isChild) {}
+Process::Process(std::int32_t pid, int pidfd, bool isChild)
+    : pid_(pid), pidfd_(pidfd), isChild_(isChild) {}
 
 Process::~Process() {
   if (pidfd_ >= 0) ::close(pidfd_);
@@ -93,7 +95,8 @@ std::unique_ptr<Process> Process::launch(const LaunchOptions& options) {
   argv.insert(argv.end(), options.arguments.begin(), options.arguments.end());
   pid_t pid = 0;
   try {
-    pid = spawn(options.executable, std::move(argv), options.environment, &actions, options.newSession);
+    pid = spawn(options.executable, std::move(argv), options.environment, &actions,
+                options.newSession);
   } catch (...) {
     posix_spawn_file_actions_destroy(&actions);
     throw;
@@ -128,7 +131,8 @@ asio::awaitable<ExitStatus> Process::waitForExit() {
     if (pidfd_ >= 0) {
       // Wait on a duplicate so the descriptor object can own and close it.
       asio::posix::stream_descriptor descriptor(co_await asio::this_coro::executor, ::dup(pidfd_));
-      co_await descriptor.async_wait(asio::posix::stream_descriptor::wait_read, asio::use_awaitable);
+      co_await descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
+                                     asio::use_awaitable);
       // Another waiter may have reaped it meanwhile.
       if (exited_) break;
     }
@@ -140,9 +144,12 @@ asio::awaitable<ExitStatus> Process::waitForExit() {
       do {
         got = ::waitpid(pid_, &status, WNOHANG);
       } while (got < 0 && errno == EINTR);
-      if (got == pid_) exited_ = fromWaitStatus(status);
-      else if (got < 0) exited_ = ExitStatus{false, 0, false};
-      else if (pidfd_ < 0) co_return ExitStatus{false, 0, false};
+      if (got == pid_)
+        exited_ = fromWaitStatus(status);
+      else if (got < 0)
+        exited_ = ExitStatus{false, 0, false};
+      else if (pidfd_ < 0)
+        co_return ExitStatus{false, 0, false};
     } else if (!isRunning() || pidfd_ < 0) {
       exited_ = ExitStatus{false, 0, false};
     }
@@ -157,7 +164,8 @@ CommandResult runToCompletion(const fs::path& executable, const std::vector<std:
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
   if (collectOutput) {
-    if (::pipe2(pipeFds, O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
+    if (::pipe2(pipeFds, O_CLOEXEC) != 0)
+      throw std::system_error(errno, std::generic_category(), "pipe");
     posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
   } else {
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
@@ -185,7 +193,8 @@ CommandResult runToCompletion(const fs::path& executable, const std::vector<std:
     ::close(pipeFds[1]);
     char buffer[4096];
     while (true) {
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          deadline - std::chrono::steady_clock::now());
       pollfd p{pipeFds[0], POLLIN, 0};
       const int ready = ::poll(&p, 1, static_cast<int>(std::max<long long>(0, left.count())));
       if (ready == 0) {

@@ -13,16 +13,16 @@ namespace tamsel::platform {
 struct ExitStatus {
   bool signaled = false;  // killed by a signal (then `code` is the signal number)
   int code = 0;
-  bool known = true;      // false when the process was not our child and its status is unknowable
+  bool known = true;  // false when the process was not our child and its status is unknowable
   std::string describe() const;
 };
 
 struct LaunchOptions {
   std::filesystem::path executable;
-  std::vector<std::string> arguments;            // without argv[0]
-  std::vector<std::string> environment;          // "KEY=value"; the whole environment of the child
+  std::vector<std::string> arguments;    // without argv[0]
+  std::vector<std::string> environment;  // "KEY=value"; the whole environment of the child
   std::optional<std::filesystem::path> outputFile;  // stdout and stderr appended here (0600)
-  bool newSession = true;                        // own session: terminal signals to us do not reach it
+  bool newSession = true;  // own session: terminal signals to us do not reach it
 };
 
 class ProcessWatch;

@@ -17,7 +17,9 @@ namespace fs = std::filesystem;
 
 class TempDir {
  public:
-  TempDir() : path_(fs::temp_directory_path() / ("tamsel-test-" + newUUIDString())) { fs::create_directories(path_); }
+  TempDir() : path_(fs::temp_directory_path() / ("tamsel-test-" + newUUIDString())) {
+    fs::create_directories(path_);
+  }
   ~TempDir() { fs::remove_all(path_); }
   const fs::path& path() const { return path_; }
 
@@ -63,7 +65,8 @@ TEST(UUID, CanonicalUpperCaseAndUnique) {
     const auto id = newUUIDString();
     ASSERT_EQ(id.size(), 36u);
     ASSERT_EQ(id[14], '4');  // version 4
-    for (char c : id) ASSERT_TRUE((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F') || c == '-') << id;
+    for (char c : id)
+      ASSERT_TRUE((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F') || c == '-') << id;
     seen.insert(id);
   }
   EXPECT_EQ(seen.size(), 1000u);
@@ -76,7 +79,9 @@ TEST(Env, AllShowsTheLatestValueOfEachVariableOnce) {
   env::set(name.c_str(), "second=with equals");
   const auto all = env::all();
   EXPECT_EQ(std::count(all.begin(), all.end(), name + "=second=with equals"), 1);
-  EXPECT_EQ(std::count_if(all.begin(), all.end(), [&](const std::string& e) { return e.starts_with(name + "="); }), 1);
+  EXPECT_EQ(std::count_if(all.begin(), all.end(),
+                          [&](const std::string& e) { return e.starts_with(name + "="); }),
+            1);
   EXPECT_EQ(env::get(name.c_str()), "second=with equals");
   EXPECT_EQ(env::get((name + "_ABSENT").c_str()), std::nullopt);
   ::unsetenv(name.c_str());

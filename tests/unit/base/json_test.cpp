@@ -1,7 +1,8 @@
 #include "tamsel/base/json.hpp"
 
-#include <boost/describe/class.hpp>
 #include <gtest/gtest.h>
+
+#include <boost/describe/class.hpp>
 
 namespace tamsel::base::json {
 namespace {
@@ -22,7 +23,9 @@ struct Record {
   std::map<std::string, std::int64_t> counters;
   std::optional<bj::value> extra;
 };
-BOOST_DESCRIBE_STRUCT(Record, (), (sessionId, isConnected, msgCount, lastEventID, updatedAt, items, counters, extra))
+BOOST_DESCRIBE_STRUCT(Record, (),
+                      (sessionId, isConnected, msgCount, lastEventID, updatedAt, items, counters,
+                       extra))
 
 TEST(SnakeCase, FollowsWordBoundaries) {
   EXPECT_EQ(snakeCase("isConnected"), "is_connected");
@@ -41,8 +44,9 @@ TEST(RecordMapping, EncodesSnakeCaseKeysAndOmitsAbsentOptionals) {
   r.msgCount = 3;
   r.items = {{"a", 2.5}, {"b", std::nullopt}};
   const auto text = serialize(encode(r));
-  EXPECT_EQ(text,
-            R"({"session_id":"s1","is_connected":true,"msg_count":3,"items":[{"label":"a","weight":2.5},{"label":"b"}],"counters":{}})");
+  EXPECT_EQ(
+      text,
+      R"({"session_id":"s1","is_connected":true,"msg_count":3,"items":[{"label":"a","weight":2.5},{"label":"b"}],"counters":{}})");
 }
 
 TEST(RecordMapping, RoundTripsThroughText) {
@@ -61,12 +65,20 @@ TEST(RecordMapping, RoundTripsThroughText) {
 }
 
 TEST(RecordMapping, DecodeIsStrictAboutShapeButNotAboutExtras) {
-  const std::string ok = R"({"session_id":"s","is_connected":false,"msg_count":2,"items":[],"counters":{},"unknown":1,"last_event_id":null})";
+  const std::string ok =
+      R"({"session_id":"s","is_connected":false,"msg_count":2,"items":[],"counters":{},"unknown":1,"last_event_id":null})";
   EXPECT_FALSE(decode<Record>(ok).lastEventID.has_value());
   // Missing required member, wrong type, integer given as fraction.
-  EXPECT_THROW(decode<Record>(R"({"is_connected":false,"msg_count":2,"items":[],"counters":{}})"), DecodeError);
-  EXPECT_THROW(decode<Record>(R"({"session_id":1,"is_connected":false,"msg_count":2,"items":[],"counters":{}})"), DecodeError);
-  EXPECT_THROW(decode<Record>(R"({"session_id":"s","is_connected":false,"msg_count":2.5,"items":[],"counters":{}})"), DecodeError);
+  EXPECT_THROW(decode<Record>(R"({"is_connected":false,"msg_count":2,"items":[],"counters":{}})"),
+               DecodeError);
+  EXPECT_THROW(
+      decode<Record>(
+          R"({"session_id":1,"is_connected":false,"msg_count":2,"items":[],"counters":{}})"),
+      DecodeError);
+  EXPECT_THROW(
+      decode<Record>(
+          R"({"session_id":"s","is_connected":false,"msg_count":2.5,"items":[],"counters":{}})"),
+      DecodeError);
   EXPECT_THROW(decode<Record>("not json"), DecodeError);
 }
 
@@ -79,14 +91,18 @@ TEST(DateRule, AcceptsBothFormsAndFailsTheWholeDecodeOtherwise) {
   ASSERT_TRUE(offset);
   EXPECT_EQ(*offset, *without);
   EXPECT_TRUE(parseISO8601("2026-11-20T09:15:02.123456789Z"));
-  EXPECT_EQ(*parseISO8601("2026-11-20T09:15:02.5-02:30") - *without, std::chrono::minutes(150) + std::chrono::milliseconds(500));
-  for (const char* bad : {"2026-11-20", "2026-11-20 09:15:02Z", "2026-11-20T09:15:02", "2026-11-20T09:15:02.Z",
-                          "2026-11-20T09:15:02Zjunk", "yesterday", "", "2026-02-30T09:15:02Z", "2026-11-20T24:00:00Z",
-                          "2026-11-20T09:15:02+0100", "2026-11-20T09:15:02.12.3Z", "2026-11-20T09:15Z"}) {
+  EXPECT_EQ(*parseISO8601("2026-11-20T09:15:02.5-02:30") - *without,
+            std::chrono::minutes(150) + std::chrono::milliseconds(500));
+  for (const char* bad :
+       {"2026-11-20", "2026-11-20 09:15:02Z", "2026-11-20T09:15:02", "2026-11-20T09:15:02.Z",
+        "2026-11-20T09:15:02Zjunk", "yesterday", "", "2026-02-30T09:15:02Z", "2026-11-20T24:00:00Z",
+        "2026-11-20T09:15:02+0100", "2026-11-20T09:15:02.12.3Z", "2026-11-20T09:15Z"}) {
     EXPECT_FALSE(parseISO8601(bad)) << bad;
   }
-  EXPECT_THROW(decode<Record>(R"({"session_id":"s","is_connected":false,"msg_count":0,"items":[],"counters":{},"updated_at":"2026-11-20"})"),
-               DecodeError);
+  EXPECT_THROW(
+      decode<Record>(
+          R"({"session_id":"s","is_connected":false,"msg_count":0,"items":[],"counters":{},"updated_at":"2026-11-20"})"),
+      DecodeError);
   EXPECT_EQ(formatISO8601(*withFraction), "2026-11-20T09:15:02.123Z");
 }
 

@@ -5,8 +5,8 @@
 
 #include "../test_support.hpp"
 #include "tamsel/base/atomic_file.hpp"
-#include "tamsel/desktop/daemon_chat_view_model.hpp"
 #include "tamsel/base/preferences_store.hpp"
+#include "tamsel/desktop/daemon_chat_view_model.hpp"
 
 namespace tamsel::base {
 namespace {
@@ -50,11 +50,14 @@ TEST(PreferencesStore, AFileThatDoesNotDecodeIsKeptAside) {
 }
 
 TEST(ChatTexts, AnnotationErrorsAreWordedByTheInterface) {
-  EXPECT_EQ(desktop::DaemonChatViewModel::conversationAnnotationErrorText("conversation_replies_too_many"),
+  EXPECT_EQ(desktop::DaemonChatViewModel::conversationAnnotationErrorText(
+                "conversation_replies_too_many"),
             "Too many annotations — the limit is 100 per message.");
-  EXPECT_EQ(desktop::DaemonChatViewModel::conversationAnnotationErrorText("conversation_reply_quote_too_long"),
+  EXPECT_EQ(desktop::DaemonChatViewModel::conversationAnnotationErrorText(
+                "conversation_reply_quote_too_long"),
             "A selected passage is too long (max 8,000 characters).");
-  EXPECT_EQ(desktop::DaemonChatViewModel::conversationAnnotationErrorText("conversation_repl"), std::nullopt);
+  EXPECT_EQ(desktop::DaemonChatViewModel::conversationAnnotationErrorText("conversation_repl"),
+            std::nullopt);
 }
 
 }  // namespace

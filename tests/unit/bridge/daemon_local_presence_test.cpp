@@ -12,8 +12,9 @@
 namespace tamsel::bridge {
 namespace {
 
-const std::regex kGenerated("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[0-9A-F]{4}-[0-9A-F]{12}-"
-                            "[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[0-9A-F]{4}-[0-9A-F]{12}");
+const std::regex kGenerated(
+    "[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[0-9A-F]{4}-[0-9A-F]{12}-"
+    "[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[0-9A-F]{4}-[0-9A-F]{12}");
 
 TEST(DaemonLocalPresence, GeneratedTokenIsTwoUpperCaseUUIDs) {
   const auto token = DaemonLocalPresence::generate();

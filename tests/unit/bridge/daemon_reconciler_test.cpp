@@ -71,7 +71,8 @@ TEST_F(ReconcilerTest, NoOrBadPidfileRespawnsWithoutProbing) {
   // 0 and -1 would signal process groups: never a PID to test or terminate.
   for (const char* groupish : {"0", "-1", "-4242"}) {
     writePidfile(groupish);
-    EXPECT_EQ(reason(run([] { return "0.9.0"; })), "no pidfile or unparseable content at " + pidfile().string());
+    EXPECT_EQ(reason(run([] { return "0.9.0"; })),
+              "no pidfile or unparseable content at " + pidfile().string());
   }
   EXPECT_EQ(process.probes, 0);
   EXPECT_TRUE(process.signalsSent.empty());
@@ -124,9 +125,10 @@ TEST_F(ReconcilerTest, VersionMismatchEscalatesFromTermToKillToFatal) {
   process.ownedByOtherUser = true;  // EPERM in the polls still means alive
   d = run([] { return "0.9.0"; });
   ASSERT_TRUE(d.isFatal());
-  EXPECT_EQ(reason(d),
-            "Failed to terminate residual Tamsel Engine process (PID 4242) after SIGTERM + SIGKILL. "
-            "Please restart your computer.");
+  EXPECT_EQ(
+      reason(d),
+      "Failed to terminate residual Tamsel Engine process (PID 4242) after SIGTERM + SIGKILL. "
+      "Please restart your computer.");
 }
 
 TEST(ReconcilerSystemSignal, ReportsErrnoOfKill) {

@@ -10,12 +10,14 @@
 namespace tamsel::bridge {
 namespace {
 
-SSEMessage message(std::string event, std::string data, std::optional<std::string> id = std::nullopt) {
+SSEMessage message(std::string event, std::string data,
+                   std::optional<std::string> id = std::nullopt) {
   return SSEMessage{std::move(id), std::move(event), std::move(data)};
 }
 
 DaemonEventPtr usage(int n) {
-  auto decoded = decodeDaemonEvent(message("usage", "{\"input_tokens\":" + std::to_string(n) + "}"));
+  auto decoded =
+      decodeDaemonEvent(message("usage", "{\"input_tokens\":" + std::to_string(n) + "}"));
   return std::make_shared<const DaemonEvent>(std::move(*decoded));
 }
 
@@ -24,7 +26,9 @@ DaemonEventPtr approval(const std::string& id) {
   return std::make_shared<const DaemonEvent>(std::move(*decoded));
 }
 
-std::int64_t tokens(const DaemonEventPtr& e) { return *e->get<DaemonEvent::Usage>()->value.inputTokens; }
+std::int64_t tokens(const DaemonEventPtr& e) {
+  return *e->get<DaemonEvent::Usage>()->value.inputTokens;
+}
 
 TEST(EventStreamBackoff, DoublesAfterShortConnectionsAndResetsAfterLongOnes) {
   EventStreamBackoff b;
@@ -41,21 +45,27 @@ TEST(EventStreamBackoff, DoublesAfterShortConnectionsAndResetsAfterLongOnes) {
 }
 
 TEST(DaemonEvents, DecodeByWireNameAndSkipTheUnknown) {
-  auto e = decodeDaemonEvent(message("tool_status", R"({"tool":"bash","status":"done","is_error":false,"session_id":"s1"})", "41"));
+  auto e = decodeDaemonEvent(
+      message("tool_status",
+              R"({"tool":"bash","status":"done","is_error":false,"session_id":"s1"})", "41"));
   ASSERT_TRUE(e);
   EXPECT_EQ(e->wireName(), "tool_status");
   EXPECT_EQ(e->get<DaemonEvent::ToolStatus>()->value.sessionId, "s1");
   EXPECT_EQ(e->id, "41");
   EXPECT_FALSE(e->isCritical());
 
-  e = decodeDaemonEvent(message("work_plan_updated", R"({"session_id":"s","steps":[{"content":"a","status":"done"}],"updated_at":"2026-11-20T09:15:02.5Z"})"));
+  e = decodeDaemonEvent(message(
+      "work_plan_updated",
+      R"({"session_id":"s","steps":[{"content":"a","status":"done"}],"updated_at":"2026-11-20T09:15:02.5Z"})"));
   ASSERT_TRUE(e);
   EXPECT_EQ(e->get<DaemonEvent::WorkPlanUpdated>()->value.steps->at(0).content, "a");
   EXPECT_TRUE(decodeDaemonEvent(message("computer_use_activity", R"({"anything":[1,2]})")));
-  EXPECT_TRUE(decodeDaemonEvent(message("question_resolved", R"({"request_id":"q"})"))->isCritical());
+  EXPECT_TRUE(
+      decodeDaemonEvent(message("question_resolved", R"({"request_id":"q"})"))->isCritical());
 
   EXPECT_FALSE(decodeDaemonEvent(message("brand_new_event", "{}")));
-  EXPECT_FALSE(decodeDaemonEvent(message("approval_request", R"({"tool":"bash"})"))) << "request id is required";
+  EXPECT_FALSE(decodeDaemonEvent(message("approval_request", R"({"tool":"bash"})")))
+      << "request id is required";
   EXPECT_FALSE(decodeDaemonEvent(message("usage", "not json")));
   EXPECT_FALSE(decodeDaemonEvent(message("deliverable", R"({"ts":"last week"})")));
 }
@@ -95,7 +105,8 @@ TEST(EventSubscription, LosingACriticalEventEndsTheSequenceWithAnError) {
 
 TEST(EventStreamClient, FansOutToEverySubscriberIndependently) {
   boost::asio::io_context io;
-  EventStreamClient client(io.get_executor(), {.port = 1, .presenceToken = "t", .desktopDeviceID = "d"});
+  EventStreamClient client(io.get_executor(),
+                           {.port = 1, .presenceToken = "t", .desktopDeviceID = "d"});
   auto slow = client.subscribe();
   auto fast = client.subscribe();
   EXPECT_TRUE(client.isRunning()) << "the first subscription starts the loop";
@@ -103,7 +114,8 @@ TEST(EventStreamClient, FansOutToEverySubscriberIndependently) {
   EXPECT_NE(slow.id, fast.id);
 
   for (int i = 0; i < 3000; ++i) {
-    client.dispatch(message("usage", "{\"input_tokens\":" + std::to_string(i) + "}", std::to_string(i)));
+    client.dispatch(
+        message("usage", "{\"input_tokens\":" + std::to_string(i) + "}", std::to_string(i)));
     // The fast subscriber keeps up; the slow one never reads.
     ASSERT_EQ(tokens(*fast.events->tryNext()), i);
   }
@@ -116,10 +128,13 @@ TEST(EventStreamClient, FansOutToEverySubscriberIndependently) {
   // A waiting consumer wakes for a new event, and unsubscribing ends its sequence.
   std::vector<std::int64_t> seen;
   bool ended = false;
-  boost::asio::co_spawn(io, [&]() -> boost::asio::awaitable<void> {
-    while (auto e = co_await fast.events->next()) seen.push_back(tokens(*e));
-    ended = true;
-  }, boost::asio::detached);
+  boost::asio::co_spawn(
+      io,
+      [&]() -> boost::asio::awaitable<void> {
+        while (auto e = co_await fast.events->next()) seen.push_back(tokens(*e));
+        ended = true;
+      },
+      boost::asio::detached);
   io.poll();
   client.dispatch(message("usage", "{\"input_tokens\":77}"));
   io.poll();

@@ -17,7 +17,8 @@ TEST(PidfileReader, ParsesTrimmedSignedDecimal) {
 }
 
 TEST(PidfileReader, RejectsAnythingElse) {
-  for (const char* bad : {"12a4", "", "  \n", "99999999999", "2147483648", "+-5", "++5", "1 2", "0x10", "12.0", "+"}) {
+  for (const char* bad : {"12a4", "", "  \n", "99999999999", "2147483648", "+-5", "++5", "1 2",
+                          "0x10", "12.0", "+"}) {
     EXPECT_FALSE(PidfileReader::parse(bad)) << '"' << bad << '"';
   }
 }

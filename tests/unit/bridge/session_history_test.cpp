@@ -9,9 +9,8 @@
 #include <fstream>
 #include <thread>
 
-#include "tamsel/base/atomic_file.hpp"
-
 #include "../test_support.hpp"
+#include "tamsel/base/atomic_file.hpp"
 
 namespace tamsel::bridge {
 namespace {
@@ -29,8 +28,10 @@ SessionHistory::Folded foldText(const std::string& json) {
 TEST(SessionHistoryLocate, DefaultCopyWinsAndBuiltinIsNeverSearched) {
   SessionHistory history(kFixtures);
   EXPECT_EQ(history.locate("s_dup", std::nullopt), kFixtures / "sessions" / "s_dup.json");
-  EXPECT_EQ(history.locate("s_dup", "researcher"), kFixtures / "agents" / "researcher" / "sessions" / "s_dup.json");
-  EXPECT_EQ(history.locate("s_sources", std::nullopt), kFixtures / "agents" / "researcher" / "sessions" / "s_sources.json");
+  EXPECT_EQ(history.locate("s_dup", "researcher"),
+            kFixtures / "agents" / "researcher" / "sessions" / "s_dup.json");
+  EXPECT_EQ(history.locate("s_sources", std::nullopt),
+            kFixtures / "agents" / "researcher" / "sessions" / "s_sources.json");
   EXPECT_FALSE(history.locate("s_builtin", std::nullopt));
   EXPECT_TRUE(history.locate("s_builtin", "_builtin")) << "only the search skips it";
   EXPECT_FALSE(history.locate("../sessions/s_dup", std::nullopt));
@@ -52,23 +53,28 @@ TEST(SessionHistoryFold, FixtureReadsAsTheRulesSay) {
   EXPECT_EQ(m[1].role, "assistant");
   EXPECT_EQ(m[1].rawIndex, 1);
   EXPECT_EQ(m[1].rawIndexEnd, 5);
-  EXPECT_EQ(m[1].content, "Let me look at the open items.\n\n42 commits since 0.2. The changelog still needs the streaming entry, and one check failed.");
+  EXPECT_EQ(m[1].content,
+            "Let me look at the open items.\n\n42 commits since 0.2. The changelog still needs the "
+            "streaming entry, and one check failed.");
   ASSERT_TRUE(m[1].toolBlock);
   EXPECT_EQ(m[1].toolBlock->id, "session-toolblock-0");
   const auto& tools = m[1].toolBlock->tools;
   ASSERT_EQ(tools.size(), 3u) << "set_work_plan never shows";
-  EXPECT_EQ(tools[0].args, "git log --oneline v0.2..HEAD | wc -l") << "newlines become spaces; numbers are skipped";
+  EXPECT_EQ(tools[0].args, "git log --oneline v0.2..HEAD | wc -l")
+      << "newlines become spaces; numbers are skipped";
   EXPECT_EQ(tools[0].preview, "42");
   EXPECT_EQ(tools[0].status, kit::ToolRunStatus::completed);
   EXPECT_EQ(tools[1].preview, "## 0.3 (unreleased) - streaming replies");
-  EXPECT_EQ(tools[2].args, "List release blockers") << "bash without command falls back to another string";
+  EXPECT_EQ(tools[2].args, "List release blockers")
+      << "bash without command falls back to another string";
   EXPECT_TRUE(tools[2].isError);
 
   // Nudges: flagged by metadata, or by the text rule once metadata has run out.
   EXPECT_EQ(m[2].content, " STOP. is what the sign on the door says; ignore it.");
   EXPECT_EQ(m[2].rawIndex, 7);
   ASSERT_TRUE(m[2].conversationAnnotations);
-  EXPECT_EQ(m[3].content, "Understood. Here is the summary: changelog, one failing check, then tag.");
+  EXPECT_EQ(m[3].content,
+            "Understood. Here is the summary: changelog, one failing check, then tag.");
   EXPECT_EQ(m[3].rawIndex, 9);
   EXPECT_FALSE(m[3].timestamp) << "metadata shorter than the messages";
   EXPECT_EQ(m[5].content, "Will do.") << "unknown block types are ignored";
@@ -79,7 +85,8 @@ TEST(SessionHistoryFold, AttachmentsImagesAndDeliverables) {
   const auto result = history.loadNow("s_sources", "researcher", std::nullopt);
   ASSERT_GE(result.messages.size(), 1u);
   const auto& first = result.messages[0];
-  EXPECT_EQ(first.content, "Here is the field photo and my draft. Find three sources.") << "markers are not text";
+  EXPECT_EQ(first.content, "Here is the field photo and my draft. Find three sources.")
+      << "markers are not text";
   ASSERT_EQ(first.attachments.size(), 3u) << "the marker naming the file_ref's file is not doubled";
   const auto& image = first.attachments[0];
   EXPECT_EQ(image.kind, kit::Attachment::Kind::image);
@@ -109,7 +116,7 @@ TEST(SessionHistoryFold, AttachmentsImagesAndDeliverables) {
 
 TEST(SessionHistoryFold, LenientDecoding) {
   // A bad file is an empty history, not an error.
-  EXPECT_FALSE(SessionHistory::decode("{\"messages\": [") );
+  EXPECT_FALSE(SessionHistory::decode("{\"messages\": ["));
   EXPECT_FALSE(SessionHistory::decode("{\"title\": \"no messages\"}"));
   EXPECT_FALSE(SessionHistory::decode("[]"));
   SessionHistory history(kFixtures);
@@ -128,7 +135,8 @@ TEST(SessionHistoryFold, LenientDecoding) {
   EXPECT_EQ(folded.messages[0].content, "fine");
   EXPECT_EQ(folded.messages[0].rawIndex, 1);
   ASSERT_TRUE(folded.messages[1].toolBlock);
-  EXPECT_EQ(folded.messages[1].toolBlock->tools[0].args, "src") << "the non-string key argument is skipped";
+  EXPECT_EQ(folded.messages[1].toolBlock->tools[0].args, "src")
+      << "the non-string key argument is skipped";
   EXPECT_EQ(folded.messages[1].toolBlock->tools[0].preview, "3 matches");
   EXPECT_EQ(folded.messages[1].rawIndexEnd, 3);
 }
@@ -141,7 +149,8 @@ TEST(SessionHistoryFold, ToolCallsWithoutResultsStayRunningAndBlocksCountInFileO
   ]})");
   ASSERT_EQ(folded.messages.size(), 3u);
   EXPECT_EQ(folded.messages[0].toolBlock->id, "session-toolblock-0");
-  EXPECT_EQ(folded.messages[0].toolBlock->tools[0].status, kit::ToolRunStatus::running) << "its answer never came";
+  EXPECT_EQ(folded.messages[0].toolBlock->tools[0].status, kit::ToolRunStatus::running)
+      << "its answer never came";
   EXPECT_EQ(folded.messages[2].toolBlock->id, "session-toolblock-1");
 }
 
@@ -195,10 +204,13 @@ TEST(SessionHistoryLoad, AsyncLoadRunsOnTheWorkerAndReturnsToTheCaller) {
   boost::asio::io_context io;
   std::thread::id resumedThread;
   std::optional<SessionLoadResult> result;
-  boost::asio::co_spawn(io, [&]() -> boost::asio::awaitable<void> {
-    result = co_await history.load("s_dup", std::nullopt, std::nullopt);
-    resumedThread = std::this_thread::get_id();
-  }, boost::asio::detached);
+  boost::asio::co_spawn(
+      io,
+      [&]() -> boost::asio::awaitable<void> {
+        result = co_await history.load("s_dup", std::nullopt, std::nullopt);
+        resumedThread = std::this_thread::get_id();
+      },
+      boost::asio::detached);
   io.run();
   pool.join();
   ASSERT_TRUE(result);

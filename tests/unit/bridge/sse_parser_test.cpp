@@ -48,7 +48,8 @@ TEST(SSEParser, BlocksWithoutDataDispatchNothingAndStateResetsCompletely) {
 
 TEST(SSEParser, CommentsRetryAndUnknownLinesChangeNothing) {
   SSEParser parser;
-  for (const char* line : {":keepalive", ": comment", "retry: 1000", "data", "event", "ids: 3", "DATA: x", "x: y"}) {
+  for (const char* line :
+       {":keepalive", ": comment", "retry: 1000", "data", "event", "ids: 3", "DATA: x", "x: y"}) {
     EXPECT_FALSE(parser.feedLine(line).has_value()) << line;
   }
   EXPECT_EQ(parser.state().dataLineCount, 0u);
@@ -76,7 +77,8 @@ TEST(SSELineSplitter, SplitsOnLineFeedAcrossAnyChunkingAndDropsTheCRBeforeIt) {
     size_t at = 0;
     while (at < stream.size()) {
       const size_t n = std::min<size_t>(stream.size() - at, 1 + random() % 5);
-      splitter.feed(std::string_view(stream).substr(at, n), [&](std::string_view l) { lines.emplace_back(l); });
+      splitter.feed(std::string_view(stream).substr(at, n),
+                    [&](std::string_view l) { lines.emplace_back(l); });
       at += n;
     }
     ASSERT_EQ(lines, expected) << "round " << round;
@@ -96,15 +98,20 @@ std::vector<SSEEvent> decodeAll(const std::string& bytes, ReplyStream& stream) {
 TEST(ReplyStreamDecoding, EveryEventDecodesIntoItsCase) {
   const std::string bytes =
       "event: session_started\ndata: {\"session_id\":\"s1\"}\n\n"
-      "event: tool\ndata: {\"tool\":\"bash\",\"status\":\"running\",\"elapsed\":0,\"is_error\":false,"
+      "event: tool\ndata: "
+      "{\"tool\":\"bash\",\"status\":\"running\",\"elapsed\":0,\"is_error\":false,"
       "\"args\":{\"command\":\"ls\"},\"preview\":null,\"tool_use_id\":\"tu1\"}\n\n"
       "event: delta\ndata: {\"text\":\"Hel\"}\n\n"
       "event: assistant_text\ndata: {\"text\":\"Hello\"}\n\n"
-      "event: approval\ndata: {\"request_id\":\"r1\",\"tool\":\"bash\",\"args\":{},\"flags\":[\"writes_files\"]}\n\n"
-      "event: question\ndata: {\"request_id\":\"q1\",\"questions\":[{\"id\":\"a\",\"question\":\"Which?\","
-      "\"multi_select\":false,\"options\":[{\"label\":\"X\",\"recommended\":true}]}],\"ts\":\"2026-11-20T09:15:02Z\"}\n\n"
+      "event: approval\ndata: "
+      "{\"request_id\":\"r1\",\"tool\":\"bash\",\"args\":{},\"flags\":[\"writes_files\"]}\n\n"
+      "event: question\ndata: "
+      "{\"request_id\":\"q1\",\"questions\":[{\"id\":\"a\",\"question\":\"Which?\","
+      "\"multi_select\":false,\"options\":[{\"label\":\"X\",\"recommended\":true}]}],\"ts\":\"2026-"
+      "11-20T09:15:02Z\"}\n\n"
       "event: error\ndata: {\"error\":\"tool crashed\",\"code\":\"internal\"}\n\n"
-      "event: error\ndata: {\"error\":\"no credits\",\"code\":\"credits_exhausted\",\"auto_refill_started\":true}\n\n"
+      "event: error\ndata: {\"error\":\"no "
+      "credits\",\"code\":\"credits_exhausted\",\"auto_refill_started\":true}\n\n"
       "event: injected\ndata: {\"message_id\":\"i1\",\"text\":\"more\"}\n\n"
       "event: injected_committed\ndata: {\"message_id\":\"i1\",\"text\":\"more\"}\n\n"
       "event: cloud_agent\ndata: {\"agent_id\":\"c\",\"status\":\"up\",\"message\":\"m\"}\n\n"
@@ -123,7 +130,8 @@ TEST(ReplyStreamDecoding, EveryEventDecodesIntoItsCase) {
   EXPECT_EQ(events[5].get<SSEEvent::Question>()->value.questions.at(0).options->at(0).label, "X");
   EXPECT_EQ(events[6].get<SSEEvent::Error>()->value.error, "tool crashed");
   ASSERT_TRUE(events[7].get<SSEEvent::Failure>());
-  EXPECT_TRUE(events[7].get<SSEEvent::Failure>()->value.error.is<DaemonClientError::CreditsExhausted>());
+  EXPECT_TRUE(
+      events[7].get<SSEEvent::Failure>()->value.error.is<DaemonClientError::CreditsExhausted>());
   EXPECT_EQ(events[8].get<SSEEvent::Injected>()->value.messageId, "i1");
   EXPECT_EQ(events[9].get<SSEEvent::InjectedCommitted>()->value.messageId, "i1");
   EXPECT_TRUE(events[10].get<SSEEvent::CloudAgent>());

@@ -3,26 +3,26 @@
 // overwritten), a calendar the server keeps read-only, series edits, an account out of reach
 // beside the local calendars, the owner-only accounts file, and https with a certificate the
 // client trusts, one it does not, and one for another host.
-#include <gtest/gtest.h>
+#include "tamsel/calendar/caldav_calendar_store.hpp"
 
 #include <arpa/inet.h>
-#include <csignal>
-#include <cstdlib>
 #include <fcntl.h>
+#include <fmt/format.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 #include <boost/asio/this_coro.hpp>
-#include <fmt/format.h>
+#include <csignal>
+#include <cstdlib>
+#include <thread>
 
 #include "../test_support.hpp"
 #include "tamsel/base/atomic_file.hpp"
 #include "tamsel/bridge/rpc/desktop_rpc_method_dispatcher.hpp"
-#include "tamsel/calendar/caldav_calendar_store.hpp"
 #include "tamsel/calendar/caldav_http.hpp"
 #include "tamsel/calendar/calendar_error.hpp"
 #include "tamsel/calendar/desktop_calendar.hpp"
@@ -71,7 +71,8 @@ struct TLSFiles {
 TLSFiles selfSigned(const fs::path& dir, const std::string& altNames) {
   TLSFiles files{dir / "cert.pem", dir / "key.pem"};
   const auto command = fmt::format(
-      "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 -subj /CN=tamsel-test "
+      "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 -subj "
+      "/CN=tamsel-test "
       "-addext 'subjectAltName={}' -keyout '{}' -out '{}' >'{}' 2>&1",
       altNames, files.key.string(), files.certificate.string(), (dir / "openssl.log").string());
   if (std::system(command.c_str()) != 0) {
@@ -101,16 +102,17 @@ class Radicale {
                               "[calendars]\nuser: .+\ncollection: {user}/[^/]+\npermissions: rw\n",
                               0600);
     const auto config = dir / "radicale.conf";
-    base::writeFileAtomically(config,
-                              fmt::format("[server]\nhosts = 127.0.0.1:{}\n{}[auth]\ntype = none\n[rights]\ntype = "
-                                          "from_file\nfile = {}\n[storage]\nfilesystem_folder = {}\n"
-                                          "[logging]\nlevel = warning\n",
-                                          port_,
-                                          tls ? fmt::format("ssl = True\ncertificate = {}\nkey = {}\n",
-                                                            tls->certificate.string(), tls->key.string())
-                                              : std::string(),
-                                          (dir / "rights").string(), storage.string()),
-                              0600);
+    base::writeFileAtomically(
+        config,
+        fmt::format("[server]\nhosts = 127.0.0.1:{}\n{}[auth]\ntype = none\n[rights]\ntype = "
+                    "from_file\nfile = {}\n[storage]\nfilesystem_folder = {}\n"
+                    "[logging]\nlevel = warning\n",
+                    port_,
+                    tls ? fmt::format("ssl = True\ncertificate = {}\nkey = {}\n",
+                                      tls->certificate.string(), tls->key.string())
+                        : std::string(),
+                    (dir / "rights").string(), storage.string()),
+        0600);
     const auto log = dir / "radicale.log";
     pid_ = ::fork();
     if (pid_ == 0) {
@@ -131,7 +133,8 @@ class Radicale {
     }
     std::string text;
     base::readFile(log, text);
-    if (!accepts(port_)) throw std::runtime_error("radicale did not start (is it installed?): " + text);
+    if (!accepts(port_))
+      throw std::runtime_error("radicale did not start (is it installed?): " + text);
   }
   ~Radicale() {
     if (pid_ <= 0) return;
@@ -169,11 +172,13 @@ class CalDAVStore : public ::testing::Test {
     raw = std::make_unique<DAVClient>(server->url(), "test", "secret");
     // The user's principal appears on first contact; then two event calendars and a task list.
     ASSERT_EQ(raw->request("PROPFIND", "/test/", {{"Depth", "0"}}).status, 207);
-    ASSERT_EQ(raw->request("MKCALENDAR", "/test/work/", {}, mkcalendar("Work", "#FF8800FF", "VEVENT"),
-                          "application/xml").status,
+    ASSERT_EQ(raw->request("MKCALENDAR", "/test/work/", {},
+                           mkcalendar("Work", "#FF8800FF", "VEVENT"), "application/xml")
+                  .status,
               201);
-    ASSERT_EQ(raw->request("MKCALENDAR", "/test/tasks/", {}, mkcalendar("Tasks", "#00FF00", "VTODO"),
-                          "application/xml").status,
+    ASSERT_EQ(raw->request("MKCALENDAR", "/test/tasks/", {},
+                           mkcalendar("Tasks", "#00FF00", "VTODO"), "application/xml")
+                  .status,
               201);
   }
   void TearDown() override {
@@ -183,7 +188,6 @@ class CalDAVStore : public ::testing::Test {
       ::unsetenv("TZ");
     ::tzset();
   }
-
 
   CalDAVAccount account() const { return {"test@local", server->url(), "test", "secret"}; }
   std::string work() const { return "caldav:test@local/work"; }
@@ -195,12 +199,14 @@ class CalDAVStore : public ::testing::Test {
   }
   std::vector<std::string> summary(CalendarStore& s, const char* from, const char* to) {
     auto events = s.events(at(from), at(to), {});
-    std::sort(events.begin(), events.end(), [](const auto& a, const auto& b) { return a.start < b.start; });
+    std::sort(events.begin(), events.end(),
+              [](const auto& a, const auto& b) { return a.start < b.start; });
     std::vector<std::string> out;
     for (const auto& e : events) out.push_back(e.title + "@" + formatTimestamp(e.start));
     return out;
   }
-  static EventFields meeting(const char* title, const char* start, std::chrono::minutes length = 60min) {
+  static EventFields meeting(const char* title, const char* start,
+                             std::chrono::minutes length = 60min) {
     EventFields f;
     f.title = title;
     f.start = at(start);
@@ -281,19 +287,24 @@ TEST_F(CalDAVStore, AChangeOnTheServerAfterTheReadIsAConflictAndTheServerKeepsIt
   // Someone else renames it on the server between our read and our write.
   std::string text = onServer(id);
   text.replace(text.find("SUMMARY:Review"), 14, "SUMMARY:Renamed elsewhere");
-  const auto put = raw->request("PUT", "/test/work/" + EventID::parse(id)->uid + ".ics", {}, text, "text/calendar");
+  const auto put = raw->request("PUT", "/test/work/" + EventID::parse(id)->uid + ".ics", {}, text,
+                                "text/calendar");
   ASSERT_TRUE(put.status == 201 || put.status == 204) << put.status;
 
-  const auto update = errorCode([&] { store.updateEvent(id, meeting("Ours", "2026-03-10T10:00:00+01:00"), SaveSpan::thisEvent); });
+  const auto update = errorCode([&] {
+    store.updateEvent(id, meeting("Ours", "2026-03-10T10:00:00+01:00"), SaveSpan::thisEvent);
+  });
   EXPECT_NE(update.find("internal_error: conflict: "), std::string::npos) << update;
   EXPECT_NE(onServer(id).find("SUMMARY:Renamed elsewhere"), std::string::npos);
 
   // A delete built on a stale read is refused the same way.
-  ASSERT_EQ(store.events(at("2026-03-01T00:00:00Z"), at("2026-04-01T00:00:00Z"), {}).at(0).title, "Renamed elsewhere");
+  ASSERT_EQ(store.events(at("2026-03-01T00:00:00Z"), at("2026-04-01T00:00:00Z"), {}).at(0).title,
+            "Renamed elsewhere");
   text = onServer(id);
   text.replace(text.find("SUMMARY:Renamed elsewhere"), 25, "SUMMARY:Renamed again");
   raw->request("PUT", "/test/work/" + EventID::parse(id)->uid + ".ics", {}, text, "text/calendar");
-  EXPECT_NE(errorCode([&] { store.removeEvent(id, RemoveSpan::all); }).find("conflict"), std::string::npos);
+  EXPECT_NE(errorCode([&] { store.removeEvent(id, RemoveSpan::all); }).find("conflict"),
+            std::string::npos);
   EXPECT_NE(onServer(id).find("SUMMARY:Renamed again"), std::string::npos);
 
   // Once read again, the write goes through.
@@ -305,12 +316,16 @@ TEST_F(CalDAVStore, AChangeOnTheServerAfterTheReadIsAConflictAndTheServerKeepsIt
 TEST_F(CalDAVStore, TheServersReadOnlyCalendarIsRefusedByStoreAndProvider) {
   auto store = std::make_shared<CalDAVCalendarStore>(account());
   // The store itself, asked past the provider's check, reports the server's refusal.
-  EXPECT_EQ(errorCode([&] { store->createEvent("caldav:test@local/holidays", meeting("Party", "2026-03-10T09:00:00Z")); }),
-            "read_only_calendar: Calendar Holidays is read-only (subscription / birthdays / feed).");
+  EXPECT_EQ(
+      errorCode([&] {
+        store->createEvent("caldav:test@local/holidays", meeting("Party", "2026-03-10T09:00:00Z"));
+      }),
+      "read_only_calendar: Calendar Holidays is read-only (subscription / birthdays / feed).");
 
   const auto result = test::runAsync([&]() -> asio::awaitable<bridge::rpc::RPCResult> {
     auto provider = std::make_shared<CalendarProvider>(
-        co_await asio::this_coro::executor, store, std::make_shared<MemoryPermissionStore>(CalendarPermissionStatus::granted));
+        co_await asio::this_coro::executor, store,
+        std::make_shared<MemoryPermissionStore>(CalendarPermissionStatus::granted));
     bridge::rpc::DesktopRPCMethodDispatcher dispatcher(bridge::rpc::Platform{"Linux", "test", "0"});
     registerCalendarMethods(dispatcher, provider);
     const auto params = JSONValue::object({{"calendar_id", "caldav:test@local/holidays"},
@@ -318,12 +333,14 @@ TEST_F(CalDAVStore, TheServersReadOnlyCalendarIsRefusedByStoreAndProvider) {
                                            {"start", "2026-03-10T09:00:00Z"},
                                            {"end", "2026-03-10T10:00:00Z"}});
     // A named request: g++ 12 frees a braced temporary argument of a coroutine twice.
-    bridge::rpc::RPCRequest request{"r1", "calendar.create_event", params, 5000, "s", "main", "verd", "t"};
+    bridge::rpc::RPCRequest request{
+        "r1", "calendar.create_event", params, 5000, "s", "main", "verd", "t"};
     co_return co_await dispatcher.handle(request);
   }());
   ASSERT_FALSE(result.ok);
   EXPECT_EQ(result.error->code, "read_only_calendar");
-  EXPECT_EQ(raw->request("PROPFIND", "/test/holidays/", {{"Depth", "1"}}).body.find(".ics"), std::string::npos);
+  EXPECT_EQ(raw->request("PROPFIND", "/test/holidays/", {{"Depth", "1"}}).body.find(".ics"),
+            std::string::npos);
 }
 
 TEST_F(CalDAVStore, WeeklySeriesEditedThisThenThisAndFutureThenDeleted) {
@@ -350,9 +367,10 @@ TEST_F(CalDAVStore, WeeklySeriesEditedThisThenThisAndFutureThenDeleted) {
 
   CalDAVCalendarStore fresh(account());
   EXPECT_EQ(summary(fresh, "2026-03-01T00:00:00Z", "2026-05-01T00:00:00Z"),
-            (std::vector<std::string>{"Standup@2026-03-02T09:00:00+01:00", "Standup (late)@2026-03-09T11:00:00+01:00",
-                                      "Standup@2026-03-16T09:00:00+01:00", "Standup v2@2026-03-23T10:00:00+01:00",
-                                      "Standup v2@2026-03-30T10:00:00+02:00", "Standup v2@2026-04-06T10:00:00+02:00"}));
+            (std::vector<std::string>{
+                "Standup@2026-03-02T09:00:00+01:00", "Standup (late)@2026-03-09T11:00:00+01:00",
+                "Standup@2026-03-16T09:00:00+01:00", "Standup v2@2026-03-23T10:00:00+01:00",
+                "Standup v2@2026-03-30T10:00:00+02:00", "Standup v2@2026-04-06T10:00:00+02:00"}));
   // The original series now ends before the split: UNTIL, and no COUNT beside it.
   const auto original = onServer(series);
   EXPECT_NE(original.find("UNTIL="), std::string::npos) << original;
@@ -361,7 +379,8 @@ TEST_F(CalDAVStore, WeeklySeriesEditedThisThenThisAndFutureThenDeleted) {
   fresh.removeEvent(series, RemoveSpan::all);
   EXPECT_EQ(onServer(series), "");
   EXPECT_EQ(summary(store, "2026-03-01T00:00:00Z", "2026-05-01T00:00:00Z"),
-            (std::vector<std::string>{"Standup v2@2026-03-23T10:00:00+01:00", "Standup v2@2026-03-30T10:00:00+02:00",
+            (std::vector<std::string>{"Standup v2@2026-03-23T10:00:00+01:00",
+                                      "Standup v2@2026-03-30T10:00:00+02:00",
                                       "Standup v2@2026-04-06T10:00:00+02:00"}));
 }
 
@@ -371,27 +390,36 @@ TEST_F(CalDAVStore, BesideTheLocalCalendarsAnAccountOutOfReachHidesNothingLocal)
   local->createEvent("local:personal", meeting("Dentist", "2026-03-11T08:00:00+01:00"));
   auto remote = std::make_shared<CalDAVCalendarStore>(account());
   remote->createEvent(work(), meeting("Planning", "2026-03-10T09:00:00+01:00"));
-  auto gone = std::make_shared<CalDAVCalendarStore>(CalDAVAccount{"gone", "http://127.0.0.1:1/", "", ""}, 2s);
+  auto gone = std::make_shared<CalDAVCalendarStore>(
+      CalDAVAccount{"gone", "http://127.0.0.1:1/", "", ""}, 2s);
   CombinedCalendarStore combined({{VdirCalendarStore::idPrefix, local},
                                   {remote->idPrefix(), remote},
                                   {gone->idPrefix(), gone}});
 
   std::vector<std::string> ids;
   for (const auto& c : combined.calendars()) ids.push_back(c.id);
-  EXPECT_EQ(ids, (std::vector<std::string>{"local:personal", "caldav:test@local/holidays", work()}));
+  EXPECT_EQ(ids,
+            (std::vector<std::string>{"local:personal", "caldav:test@local/holidays", work()}));
   EXPECT_EQ(combined.defaultCalendarID(), "local:personal");
   EXPECT_EQ(summary(combined, "2026-03-01T00:00:00Z", "2026-04-01T00:00:00Z"),
-            (std::vector<std::string>{"Planning@2026-03-10T09:00:00+01:00", "Dentist@2026-03-11T08:00:00+01:00"}));
+            (std::vector<std::string>{"Planning@2026-03-10T09:00:00+01:00",
+                                      "Dentist@2026-03-11T08:00:00+01:00"}));
   // Asked for by id, the unreachable account's failure is the answer.
-  EXPECT_NE(errorCode([&] { combined.events(at("2026-03-01T00:00:00Z"), at("2026-04-01T00:00:00Z"), {"caldav:gone/x"}); })
-                .find("internal_error: cannot reach the CalDAV server at 127.0.0.1:1"),
+  EXPECT_NE(errorCode([&] {
+              combined.events(at("2026-03-01T00:00:00Z"), at("2026-04-01T00:00:00Z"),
+                              {"caldav:gone/x"});
+            }).find("internal_error: cannot reach the CalDAV server at 127.0.0.1:1"),
             std::string::npos);
-  EXPECT_NE(errorCode([&] { combined.createEvent("caldav:gone/x", meeting("X", "2026-03-10T09:00:00Z")); }), "no error");
+  EXPECT_NE(errorCode([&] {
+              combined.createEvent("caldav:gone/x", meeting("X", "2026-03-10T09:00:00Z"));
+            }),
+            "no error");
   // Writes are routed by calendar id.
   const auto id = combined.createEvent(work(), meeting("Retro", "2026-03-13T15:00:00+01:00")).id;
   EXPECT_NE(onServer(id).find("SUMMARY:Retro"), std::string::npos);
-  EXPECT_EQ(errorCode([&] { combined.createEvent("elsewhere:x", meeting("X", "2026-03-10T09:00:00Z")); }),
-            "not_found: Calendar or event not found: elsewhere:x");
+  EXPECT_EQ(
+      errorCode([&] { combined.createEvent("elsewhere:x", meeting("X", "2026-03-10T09:00:00Z")); }),
+      "not_found: Calendar or event not found: elsewhere:x");
   // The change check keeps working and notices a write on the server.
   const auto before = combined.changeToken();
   raw->request("DELETE", "/test/work/" + EventID::parse(id)->uid + ".ics");
@@ -431,7 +459,8 @@ TEST_F(CalDAVOverTLS, TheStoreWorksWhenTheCertificateIsTrusted) {
   DAVClient raw(server.url(), "test", "secret");
   ASSERT_EQ(raw.request("PROPFIND", "/test/", {{"Depth", "0"}}).status, 207);
   ASSERT_EQ(raw.request("MKCALENDAR", "/test/work/", {}, mkcalendar("Work", "#FF8800FF", "VEVENT"),
-                        "application/xml").status,
+                        "application/xml")
+                .status,
             201);
 
   // By address (checked against the certificate's IP entry) and by name (its DNS entry).
@@ -439,7 +468,9 @@ TEST_F(CalDAVOverTLS, TheStoreWorksWhenTheCertificateIsTrusted) {
     CalDAVCalendarStore store({"test@local", server.url(host), "test", "secret"});
     std::vector<std::string> ids;
     for (const auto& c : store.calendars()) ids.push_back(c.id);
-    EXPECT_EQ(ids, (std::vector<std::string>{"caldav:test@local/holidays", "caldav:test@local/work"})) << host;
+    EXPECT_EQ(ids,
+              (std::vector<std::string>{"caldav:test@local/holidays", "caldav:test@local/work"}))
+        << host;
     EventFields fields;
     fields.title = std::string("Planning via ") + host;
     fields.start = at("2026-03-10T09:00:00Z");
@@ -471,7 +502,8 @@ TEST_F(CalDAVOverTLS, ATrustedCertificateForAnotherHostIsAnError) {
   for (const char* host : {"127.0.0.1", "localhost"}) {
     CalDAVCalendarStore store({"test@local", server.url(host), "test", "secret"});
     const auto message = failure(store);
-    EXPECT_EQ(message.rfind("the CalDAV server's certificate is not trusted: ", 0), 0u) << host << ": " << message;
+    EXPECT_EQ(message.rfind("the CalDAV server's certificate is not trusted: ", 0), 0u)
+        << host << ": " << message;
   }
 }
 
@@ -479,14 +511,16 @@ TEST(CalDAVAccounts, KeptOwnerOnlyOneEntryPerURLAndUserAndADamagedFileIsLeftAlon
   test::TempDir dir;
   const auto file = dir.path() / "app" / "caldav-accounts.json";
   EXPECT_TRUE(loadCalDAVAccounts(file).empty());
-  const auto first = saveCalDAVAccount(file, {"", "http://cal.example.test:8080/dav/", "ann", "one"});
+  const auto first =
+      saveCalDAVAccount(file, {"", "http://cal.example.test:8080/dav/", "ann", "one"});
   EXPECT_EQ(first.id, "ann@cal.example.test:8080");
   struct stat info {};
   ASSERT_EQ(::stat(file.c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777, 0600u);
 
   // The same URL and user again: a new password, the same id.
-  EXPECT_EQ(saveCalDAVAccount(file, {"", "http://cal.example.test:8080/dav/", "ann", "two"}).id, first.id);
+  EXPECT_EQ(saveCalDAVAccount(file, {"", "http://cal.example.test:8080/dav/", "ann", "two"}).id,
+            first.id);
   // Another path on the same host and user: its own id.
   EXPECT_EQ(saveCalDAVAccount(file, {"", "http://cal.example.test:8080/other/", "ann", "x"}).id,
             "ann@cal.example.test:8080-2");
@@ -509,7 +543,8 @@ namespace tamsel::calendar {
 namespace {
 
 TEST(DAVClientOrigin, CredentialsStayWithTheAccountsOwnServer) {
-  EXPECT_TRUE(DAVClient::sameOrigin("https://dav.example.org/cal/", "https://DAV.example.org:443/principals/u/"));
+  EXPECT_TRUE(DAVClient::sameOrigin("https://dav.example.org/cal/",
+                                    "https://DAV.example.org:443/principals/u/"));
   EXPECT_TRUE(DAVClient::sameOrigin("http://127.0.0.1:5232/a", "http://127.0.0.1:5232/b/c"));
   EXPECT_FALSE(DAVClient::sameOrigin("https://dav.example.org/", "https://evil.example.net/"));
   EXPECT_FALSE(DAVClient::sameOrigin("https://dav.example.org/", "http://dav.example.org/"));

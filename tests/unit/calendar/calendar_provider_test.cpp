@@ -1,17 +1,18 @@
 // The provider over a scripted store: permission rules, limits, the default and read-only
 // calendars, timeouts, and the dispatcher's answers for the calendar methods.
+#include "tamsel/calendar/calendar_provider.hpp"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/this_coro.hpp>
+#include <boost/asio/use_awaitable.hpp>
 #include <thread>
 
 #include "../test_support.hpp"
 #include "tamsel/bridge/rpc/desktop_rpc_method_dispatcher.hpp"
-#include "tamsel/calendar/calendar_provider.hpp"
 #include "tamsel/calendar/desktop_calendar.hpp"
 
 namespace tamsel::calendar {
@@ -26,8 +27,9 @@ Timestamp at(const char* text) { return *parseTimestamp(text); }
 
 class FakeStore : public CalendarStore {
  public:
-  std::vector<StoreCalendar> cals{{"fake:home", "Home", "On this computer", SourceKind::local, "#112233", true},
-                                  {"fake:feed", "Holidays", "Feeds", SourceKind::subscribed, "#445566", false}};
+  std::vector<StoreCalendar> cals{
+      {"fake:home", "Home", "On this computer", SourceKind::local, "#112233", true},
+      {"fake:feed", "Holidays", "Feeds", SourceKind::subscribed, "#445566", false}};
   std::optional<std::string> defaultID = "fake:home";
   std::vector<CalendarEvent> stored;
   std::vector<std::pair<std::string, EventFields>> saved;  // id or calendar, fields
@@ -38,11 +40,13 @@ class FakeStore : public CalendarStore {
 
   std::vector<StoreCalendar> calendars() override { return cals; }
   std::optional<std::string> defaultCalendarID() override { return defaultID; }
-  std::vector<CalendarEvent> events(Timestamp s, Timestamp e, const std::vector<std::string>& ids) override {
+  std::vector<CalendarEvent> events(Timestamp s, Timestamp e,
+                                    const std::vector<std::string>& ids) override {
     std::this_thread::sleep_for(std::chrono::milliseconds(delayMs.load()));
     std::vector<CalendarEvent> out;
     for (const auto& ev : stored)
-      if (ev.start < e && ev.end > s && (ids.empty() || std::find(ids.begin(), ids.end(), ev.calendarID) != ids.end()))
+      if (ev.start < e && ev.end > s &&
+          (ids.empty() || std::find(ids.begin(), ids.end(), ev.calendarID) != ids.end()))
         out.push_back(ev);
     return out;
   }
@@ -55,7 +59,8 @@ class FakeStore : public CalendarStore {
     saved.emplace_back(calendarID, fields);
     return {calendarID + "|new", false};
   }
-  StoreWriteOutcome updateEvent(const std::string& id, const EventFields& fields, SaveSpan span) override {
+  StoreWriteOutcome updateEvent(const std::string& id, const EventFields& fields,
+                                SaveSpan span) override {
     saved.emplace_back(id, fields);
     spans.push_back(span);
     return {id, true};
@@ -83,8 +88,10 @@ CalendarEvent makeEvent(std::string id, std::string calendar, std::string title,
 class ProviderTest : public ::testing::Test {
  protected:
   ProviderTest() {
-    store->stored.push_back(makeEvent("fake:home|a", "fake:home", "Dentist", at("2026-01-05T09:00:00Z")));
-    store->stored.push_back(makeEvent("fake:feed|h", "fake:feed", "New Year", at("2026-01-01T00:00:00Z"), 24h));
+    store->stored.push_back(
+        makeEvent("fake:home|a", "fake:home", "Dentist", at("2026-01-05T09:00:00Z")));
+    store->stored.push_back(
+        makeEvent("fake:feed|h", "fake:feed", "New Year", at("2026-01-01T00:00:00Z"), 24h));
     auto lunch = makeEvent("fake:home|b", "fake:home", "Lunch", at("2026-01-05T12:00:00Z"));
     lunch.notes = "ask about the DENTIST bill";
     store->stored.push_back(lunch);
@@ -93,8 +100,10 @@ class ProviderTest : public ::testing::Test {
   // The result of one method through the dispatcher, as the engine would get it.
   RPCResult call(std::string method, JSONValue params, std::int64_t timeoutMs = 5000) {
     return test::runAsync([&]() -> asio::awaitable<RPCResult> {
-      auto provider = std::make_shared<CalendarProvider>(co_await asio::this_coro::executor, store, permissions, prompter);
-      bridge::rpc::DesktopRPCMethodDispatcher dispatcher(bridge::rpc::Platform{"Linux", "test", "0"});
+      auto provider = std::make_shared<CalendarProvider>(co_await asio::this_coro::executor, store,
+                                                         permissions, prompter);
+      bridge::rpc::DesktopRPCMethodDispatcher dispatcher(
+          bridge::rpc::Platform{"Linux", "test", "0"});
       registerCalendarMethods(dispatcher, provider);
       RPCRequest request{"r1", method, params, timeoutMs, "s", "main", "verd", "t"};
       co_return co_await dispatcher.handle(request);
@@ -116,9 +125,11 @@ TEST_F(ProviderTest, PermissionGatesEveryReadAndWrite) {
   auto result = call("calendar.list_events", range("2026-01-01T00:00:00Z", "2026-02-01T00:00:00Z"));
   ASSERT_FALSE(result.ok);
   EXPECT_EQ(result.error->code, "calendar_permission_not_determined");
-  for (auto status : {CalendarPermissionStatus::denied, CalendarPermissionStatus::restricted, CalendarPermissionStatus::writeOnly}) {
+  for (auto status : {CalendarPermissionStatus::denied, CalendarPermissionStatus::restricted,
+                      CalendarPermissionStatus::writeOnly}) {
     permissions->setStatus(status);
-    for (const char* method : {"calendar.list_sources", "calendar.create_event", "calendar.delete_event"}) {
+    for (const char* method :
+         {"calendar.list_sources", "calendar.create_event", "calendar.delete_event"}) {
       result = call(method, JSONValue::object({{"id", "fake:home|a"},
                                                {"start", "2026-01-07T10:00:00Z"},
                                                {"end", "2026-01-07T11:00:00Z"}}));
@@ -168,27 +179,33 @@ TEST_F(ProviderTest, ListSortsFiltersAndTruncates) {
   EXPECT_EQ(*result.result->find("truncated"), JSONValue(false));
 
   // "query" looks at title, location and notes, ignoring case.
-  auto params = JSONValue::object({{"start", "2026-01-01T00:00:00Z"}, {"end", "2026-02-01T00:00:00Z"}, {"query", "dentist"}});
+  auto params = JSONValue::object(
+      {{"start", "2026-01-01T00:00:00Z"}, {"end", "2026-02-01T00:00:00Z"}, {"query", "dentist"}});
   result = call("calendar.list_events", params);
   EXPECT_EQ(result.result->find("events")->ifArray()->size(), 2u);
 
-  params = JSONValue::object({{"start", "2026-01-01T00:00:00Z"}, {"end", "2026-02-01T00:00:00Z"},
+  params = JSONValue::object({{"start", "2026-01-01T00:00:00Z"},
+                              {"end", "2026-02-01T00:00:00Z"},
                               {"calendar_ids", JSONValue::Array{"fake:feed"}}});
   result = call("calendar.list_events", params);
   EXPECT_EQ(result.result->find("events")->ifArray()->size(), 1u);
-  params = JSONValue::object({{"start", "2026-01-01T00:00:00Z"}, {"end", "2026-02-01T00:00:00Z"},
+  params = JSONValue::object({{"start", "2026-01-01T00:00:00Z"},
+                              {"end", "2026-02-01T00:00:00Z"},
                               {"calendar_ids", JSONValue::Array{"fake:nowhere"}}});
-  EXPECT_EQ(call("calendar.list_events", params).error->message, "Calendar or event not found: fake:nowhere");
+  EXPECT_EQ(call("calendar.list_events", params).error->message,
+            "Calendar or event not found: fake:nowhere");
 }
 
 TEST_F(ProviderTest, LimitDefaultsTo500) {
   store->stored.clear();
   for (int i = 0; i < 620; ++i)
-    store->stored.push_back(makeEvent("fake:home|" + std::to_string(i), "fake:home", "E", at("2026-03-01T00:00:00Z") + std::chrono::minutes(i)));
+    store->stored.push_back(makeEvent("fake:home|" + std::to_string(i), "fake:home", "E",
+                                      at("2026-03-01T00:00:00Z") + std::chrono::minutes(i)));
   auto result = call("calendar.list_events", range("2026-03-01T00:00:00Z", "2026-04-01T00:00:00Z"));
   EXPECT_EQ(result.result->find("events")->ifArray()->size(), 500u);
   EXPECT_EQ(*result.result->find("truncated"), JSONValue(true));
-  auto params = JSONValue::object({{"start", "2026-03-01T00:00:00Z"}, {"end", "2026-04-01T00:00:00Z"}, {"limit", 620}});
+  auto params = JSONValue::object(
+      {{"start", "2026-03-01T00:00:00Z"}, {"end", "2026-04-01T00:00:00Z"}, {"limit", 620}});
   result = call("calendar.list_events", params);
   EXPECT_EQ(result.result->find("events")->ifArray()->size(), 620u);
   EXPECT_EQ(*result.result->find("truncated"), JSONValue(false));
@@ -196,29 +213,35 @@ TEST_F(ProviderTest, LimitDefaultsTo500) {
 
 TEST_F(ProviderTest, CreateUsesTheDefaultCalendarAndRefusesReadOnlyOnes) {
   const auto draft = [](std::optional<std::string> calendar) {
-    JSONValue::Object o{{"title", "Call"}, {"start", "2026-01-07T10:00:00+01:00"}, {"end", "2026-01-07T10:30:00+01:00"}};
+    JSONValue::Object o{{"title", "Call"},
+                        {"start", "2026-01-07T10:00:00+01:00"},
+                        {"end", "2026-01-07T10:30:00+01:00"}};
     if (calendar) o["calendar_id"] = *calendar;
     return JSONValue(o);
   };
   auto result = call("calendar.create_event", draft(std::nullopt));
   ASSERT_TRUE(result.ok);
-  EXPECT_EQ(result.result->serialize(), R"({"id":"fake:home|new","invitations_sent":false,"pending_remote_sync":false})");
+  EXPECT_EQ(result.result->serialize(),
+            R"({"id":"fake:home|new","invitations_sent":false,"pending_remote_sync":false})");
   EXPECT_EQ(store->saved.at(0).first, "fake:home");
 
   result = call("calendar.create_event", draft("fake:feed"));
   EXPECT_EQ(result.error->code, "read_only_calendar");
-  EXPECT_EQ(result.error->message, "Calendar Holidays is read-only (subscription / birthdays / feed).");
+  EXPECT_EQ(result.error->message,
+            "Calendar Holidays is read-only (subscription / birthdays / feed).");
 
   store->defaultID.reset();
   result = call("calendar.create_event", draft(std::nullopt));
-  EXPECT_EQ(result.error->message, "Invalid argument for `calendar_id`: no default calendar for new events");
+  EXPECT_EQ(result.error->message,
+            "Invalid argument for `calendar_id`: no default calendar for new events");
   EXPECT_EQ(store->saved.size(), 1u);
 }
 
 TEST_F(ProviderTest, UpdatesMergeThePatchAndPickTheSpan) {
-  auto params = JSONValue::object({{"id", "fake:home|a"},
-                                   {"scope", "this_and_future"},
-                                   {"patch", JSONValue::object({{"start", "2026-01-05T10:00:00Z"}, {"location", "Room 2"}})}});
+  auto params = JSONValue::object(
+      {{"id", "fake:home|a"},
+       {"scope", "this_and_future"},
+       {"patch", JSONValue::object({{"start", "2026-01-05T10:00:00Z"}, {"location", "Room 2"}})}});
   auto result = call("calendar.update_event", params);
   ASSERT_TRUE(result.ok) << result.error->message;
   EXPECT_EQ(*result.result->find("pending_remote_sync"), JSONValue(true));
@@ -228,22 +251,28 @@ TEST_F(ProviderTest, UpdatesMergeThePatchAndPickTheSpan) {
   EXPECT_EQ(fields.end - fields.start, 30min) << "moving the start keeps the length";
   EXPECT_EQ(store->spans.at(0), SaveSpan::futureEvents);
 
-  result = call("calendar.update_event", JSONValue::object({{"id", "fake:home|zzz"}, {"patch", JSONValue::object({})}}));
-  EXPECT_EQ(result.error->code, "not_found");
-  result = call("calendar.update_event", JSONValue::object({{"id", "fake:feed|h"}, {"patch", JSONValue::object({})}}));
-  EXPECT_EQ(result.error->code, "read_only_calendar");
   result = call("calendar.update_event",
-                JSONValue::object({{"id", "fake:home|a"}, {"patch", JSONValue::object({{"end", "2026-01-05T08:00:00Z"}})}}));
+                JSONValue::object({{"id", "fake:home|zzz"}, {"patch", JSONValue::object({})}}));
+  EXPECT_EQ(result.error->code, "not_found");
+  result = call("calendar.update_event",
+                JSONValue::object({{"id", "fake:feed|h"}, {"patch", JSONValue::object({})}}));
+  EXPECT_EQ(result.error->code, "read_only_calendar");
+  result =
+      call("calendar.update_event",
+           JSONValue::object({{"id", "fake:home|a"},
+                              {"patch", JSONValue::object({{"end", "2026-01-05T08:00:00Z"}})}}));
   EXPECT_EQ(result.error->details, JSONValue::object({{"field", "end"}}));
 }
 
 TEST_F(ProviderTest, DeletesMapScopesAndReportRemovalFailures) {
   for (const char* scope : {"this", "this_and_future", "all"}) {
-    auto result = call("calendar.delete_event", JSONValue::object({{"id", "fake:home|a"}, {"scope", scope}}));
+    auto result =
+        call("calendar.delete_event", JSONValue::object({{"id", "fake:home|a"}, {"scope", scope}}));
     ASSERT_TRUE(result.ok);
     EXPECT_EQ(result.result->serialize(), R"({"ok":true,"pending_remote_sync":false})");
   }
-  EXPECT_EQ(store->removals, (std::vector<RemoveSpan>{RemoveSpan::thisEvent, RemoveSpan::futureEvents, RemoveSpan::all}));
+  EXPECT_EQ(store->removals, (std::vector<RemoveSpan>{RemoveSpan::thisEvent,
+                                                      RemoveSpan::futureEvents, RemoveSpan::all}));
   store->failRemoval = true;
   auto result = call("calendar.delete_event", JSONValue::object({{"id", "fake:home|a"}}));
   EXPECT_EQ(result.error->code, "internal_error");
@@ -252,7 +281,8 @@ TEST_F(ProviderTest, DeletesMapScopesAndReportRemovalFailures) {
 
 TEST_F(ProviderTest, ASlowStoreLosesTheRaceAgainstTheRequestsTimeout) {
   store->delayMs = 400;
-  auto result = call("calendar.list_events", range("2026-01-01T00:00:00Z", "2026-02-01T00:00:00Z"), 50);
+  auto result =
+      call("calendar.list_events", range("2026-01-01T00:00:00Z", "2026-02-01T00:00:00Z"), 50);
   ASSERT_FALSE(result.ok);
   EXPECT_EQ(result.error->code, "timeout");
   EXPECT_EQ(result.error->message, "Operation timed out.");
@@ -269,7 +299,8 @@ TEST_F(ProviderTest, WatchingReportsDataAndPermissionChanges) {
   std::vector<CalendarChangeEvent> seen;
   test::runAsync([&]() -> asio::awaitable<bool> {
     auto executor = co_await asio::this_coro::executor;
-    CalendarProvider provider(executor, store, permissions, {}, CalendarProvider::Options{5000ms, 20ms});
+    CalendarProvider provider(executor, store, permissions, {},
+                              CalendarProvider::Options{5000ms, 20ms});
     provider.changeEvents().connect([&](CalendarChangeEvent e) { seen.push_back(e); });
     provider.startWatching();
     asio::steady_timer timer(executor);
@@ -289,7 +320,8 @@ TEST_F(ProviderTest, WatchingReportsDataAndPermissionChanges) {
 
 TEST(CalendarDispatcher, RegistersTheCalendarMethodsAndAnswersOnceTheProviderIsGone) {
   test::runAsync([&]() -> asio::awaitable<bool> {
-    auto provider = std::make_shared<CalendarProvider>(co_await asio::this_coro::executor, std::make_shared<FakeStore>(),
+    auto provider = std::make_shared<CalendarProvider>(co_await asio::this_coro::executor,
+                                                       std::make_shared<FakeStore>(),
                                                        std::make_shared<MemoryPermissionStore>());
     bridge::rpc::DesktopRPCMethodDispatcher with(bridge::rpc::Platform{"Linux", "t", "0"});
     registerCalendarMethods(with, provider);

@@ -1,5 +1,7 @@
 // The local vdir store on real files: recurring series edited and removed with each span,
 // all-day events across a DST change, overrides and exclusions written by other tools.
+#include "tamsel/calendar/vdir_calendar_store.hpp"
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -9,7 +11,6 @@
 #include "../test_support.hpp"
 #include "tamsel/base/atomic_file.hpp"
 #include "tamsel/calendar/calendar_error.hpp"
-#include "tamsel/calendar/vdir_calendar_store.hpp"
 
 namespace tamsel::calendar {
 namespace {
@@ -39,7 +40,8 @@ class VdirStore : public ::testing::Test {
 
   std::vector<CalendarEvent> list(const char* from, const char* to) {
     auto events = store.events(at(from), at(to), {});
-    std::sort(events.begin(), events.end(), [](const auto& a, const auto& b) { return a.start < b.start; });
+    std::sort(events.begin(), events.end(),
+              [](const auto& a, const auto& b) { return a.start < b.start; });
     return events;
   }
   // "title@local start" for each event, in order.
@@ -63,7 +65,8 @@ class VdirStore : public ::testing::Test {
     }
     return all;
   }
-  EventFields weekly(const char* title, const char* start, std::optional<std::int64_t> count = std::nullopt) {
+  EventFields weekly(const char* title, const char* start,
+                     std::optional<std::int64_t> count = std::nullopt) {
     EventFields f;
     f.title = title;
     f.start = at(start);
@@ -72,7 +75,8 @@ class VdirStore : public ::testing::Test {
     return f;
   }
   static EventFields fieldsOf(const CalendarEvent& e) {
-    return EventFields{e.title, e.start, e.end, e.allDay, e.location, e.notes, e.url, e.attendees, e.alarms, e.recurrenceRule};
+    return EventFields{e.title, e.start, e.end,       e.allDay, e.location,
+                       e.notes, e.url,   e.attendees, e.alarms, e.recurrenceRule};
   }
 
   std::optional<std::string> savedTZ;
@@ -84,9 +88,10 @@ class VdirStore : public ::testing::Test {
 TEST_F(VdirStore, WeeklySeriesEditedThisThenThisAndFutureThenDeletedAll) {
   const auto created = store.createEvent(calendar, weekly("Standup", "2026-03-02T09:00:00+01:00"));
   EXPECT_EQ(summary("2026-03-01T00:00:00Z", "2026-04-01T00:00:00Z"),
-            (std::vector<std::string>{"Standup@2026-03-02T09:00:00+01:00", "Standup@2026-03-09T09:00:00+01:00",
-                                      "Standup@2026-03-16T09:00:00+01:00", "Standup@2026-03-23T09:00:00+01:00",
-                                      "Standup@2026-03-30T09:00:00+02:00"}))
+            (std::vector<std::string>{
+                "Standup@2026-03-02T09:00:00+01:00", "Standup@2026-03-09T09:00:00+01:00",
+                "Standup@2026-03-16T09:00:00+01:00", "Standup@2026-03-23T09:00:00+01:00",
+                "Standup@2026-03-30T09:00:00+02:00"}))
       << "occurrences keep their wall time across the DST change";
 
   // "this": the second occurrence moves an hour and gets its own title.
@@ -101,7 +106,8 @@ TEST_F(VdirStore, WeeklySeriesEditedThisThenThisAndFutureThenDeletedAll) {
   EXPECT_EQ(edited.id, second.id) << "an override keeps its occurrence's id";
   EXPECT_EQ(store.event(second.id)->title, "Standup (moved)");
   EXPECT_EQ(summary("2026-03-01T00:00:00Z", "2026-03-17T00:00:00Z"),
-            (std::vector<std::string>{"Standup@2026-03-02T09:00:00+01:00", "Standup (moved)@2026-03-09T10:00:00+01:00",
+            (std::vector<std::string>{"Standup@2026-03-02T09:00:00+01:00",
+                                      "Standup (moved)@2026-03-09T10:00:00+01:00",
                                       "Standup@2026-03-16T09:00:00+01:00"}));
   EXPECT_EQ(files().size(), 1u) << "the override lives in the series' file";
 
@@ -112,13 +118,15 @@ TEST_F(VdirStore, WeeklySeriesEditedThisThenThisAndFutureThenDeletedAll) {
   const auto split = store.updateEvent(fourth.id, fields, SaveSpan::futureEvents);
   EXPECT_NE(split.id, created.id);
   EXPECT_EQ(summary("2026-03-01T00:00:00Z", "2026-04-07T00:00:00Z"),
-            (std::vector<std::string>{"Standup@2026-03-02T09:00:00+01:00", "Standup (moved)@2026-03-09T10:00:00+01:00",
-                                      "Standup@2026-03-16T09:00:00+01:00", "Standup v2@2026-03-23T09:00:00+01:00",
-                                      "Standup v2@2026-03-30T09:00:00+02:00", "Standup v2@2026-04-06T09:00:00+02:00"}));
+            (std::vector<std::string>{
+                "Standup@2026-03-02T09:00:00+01:00", "Standup (moved)@2026-03-09T10:00:00+01:00",
+                "Standup@2026-03-16T09:00:00+01:00", "Standup v2@2026-03-23T09:00:00+01:00",
+                "Standup v2@2026-03-30T09:00:00+02:00", "Standup v2@2026-04-06T09:00:00+02:00"}));
   EXPECT_EQ(files().size(), 2u);
   const auto oldSeries = store.event(created.id);
   ASSERT_TRUE(oldSeries && oldSeries->recurrenceRule && oldSeries->recurrenceRule->endDate);
-  EXPECT_EQ(*oldSeries->recurrenceRule->endDate, at("2026-03-23T07:59:59Z")) << "UNTIL just before the split, in UTC";
+  EXPECT_EQ(*oldSeries->recurrenceRule->endDate, at("2026-03-23T07:59:59Z"))
+      << "UNTIL just before the split, in UTC";
   EXPECT_NE(allText().find("UNTIL=20260323T075959Z"), std::string::npos);
 
   // "all" on an occurrence of the new series removes it and leaves the old one.
@@ -132,7 +140,8 @@ TEST_F(VdirStore, WeeklySeriesEditedThisThenThisAndFutureThenDeletedAll) {
 }
 
 TEST_F(VdirStore, CountCarriesOverASplitAndNeverStandsBesideUntil) {
-  const auto created = store.createEvent(calendar, weekly("Course", "2026-03-02T18:00:00+01:00", 6));
+  const auto created =
+      store.createEvent(calendar, weekly("Course", "2026-03-02T18:00:00+01:00", 6));
   EXPECT_EQ(list("2026-01-01T00:00:00Z", "2027-01-01T00:00:00Z").size(), 6u);
   const auto third = list("2026-03-16T00:00:00Z", "2026-03-17T00:00:00Z").at(0);
   auto fields = fieldsOf(third);
@@ -150,7 +159,9 @@ TEST_F(VdirStore, CountCarriesOverASplitAndNeverStandsBesideUntil) {
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
       if (line.starts_with("RRULE:")) {
-        EXPECT_FALSE(line.find("UNTIL=") != std::string::npos && line.find("COUNT=") != std::string::npos) << line;
+        EXPECT_FALSE(line.find("UNTIL=") != std::string::npos &&
+                     line.find("COUNT=") != std::string::npos)
+            << line;
       }
     }
   }
@@ -161,10 +172,12 @@ TEST_F(VdirStore, DeletingOneOccurrenceOrTheRestOfTheSeries) {
   const auto occurrences = list("2026-03-01T00:00:00Z", "2026-04-01T00:00:00Z");
   store.removeEvent(occurrences[1].id, RemoveSpan::thisEvent);
   EXPECT_FALSE(store.event(occurrences[1].id)) << "an excluded occurrence is gone";
-  EXPECT_NE(allText().find("EXDATE;TZID=Europe/Berlin:20260309T070000"), std::string::npos) << allText();
+  EXPECT_NE(allText().find("EXDATE;TZID=Europe/Berlin:20260309T070000"), std::string::npos)
+      << allText();
   store.removeEvent(occurrences[3].id, RemoveSpan::futureEvents);
-  EXPECT_EQ(summary("2026-03-01T00:00:00Z", "2026-06-01T00:00:00Z"),
-            (std::vector<std::string>{"Gym@2026-03-02T07:00:00+01:00", "Gym@2026-03-16T07:00:00+01:00"}));
+  EXPECT_EQ(
+      summary("2026-03-01T00:00:00Z", "2026-06-01T00:00:00Z"),
+      (std::vector<std::string>{"Gym@2026-03-02T07:00:00+01:00", "Gym@2026-03-16T07:00:00+01:00"}));
   // From the first occurrence, "this and future" is everything.
   store.removeEvent(created.id, RemoveSpan::futureEvents);
   EXPECT_TRUE(files().empty());
@@ -186,7 +199,8 @@ TEST_F(VdirStore, AllDayEventsAreDatesAndFollowLocalMidnightsAcrossDST) {
   EXPECT_EQ(formatTimestamp(days[1].end), "2026-03-30T00:00:00+02:00");
   EXPECT_EQ(days[1].end - days[1].start, 23h) << "the short day is a whole day";
   EXPECT_EQ(formatTimestamp(days[2].start), "2026-03-30T00:00:00+02:00");
-  EXPECT_EQ(days[2].id.substr(days[2].id.rfind('|') + 1), "20260330") << "all-day occurrences are named by date";
+  EXPECT_EQ(days[2].id.substr(days[2].id.rfind('|') + 1), "20260330")
+      << "all-day occurrences are named by date";
 
   // Ending it "this and future" from the last day writes UNTIL as a date.
   store.removeEvent(days[2].id, RemoveSpan::futureEvents);
@@ -206,7 +220,8 @@ constexpr const char* kForeignSeries =
     "BEGIN:VEVENT\r\nUID:review@example.org\r\nDTSTAMP:20260101T000000Z\r\n"
     "DTSTART;TZID=Europe/Berlin:20260302T140000\r\nDTEND;TZID=Europe/Berlin:20260302T150000\r\n"
     "RRULE:FREQ=WEEKLY\r\nEXDATE;TZID=Europe/Berlin:20260323T140000\r\nSUMMARY:Review\r\n"
-    "BEGIN:VALARM\r\nACTION:DISPLAY\r\nDESCRIPTION:Review\r\nTRIGGER:-PT15M\r\nEND:VALARM\r\nEND:VEVENT\r\n"
+    "BEGIN:VALARM\r\nACTION:DISPLAY\r\nDESCRIPTION:Review\r\nTRIGGER:-PT15M\r\nEND:VALARM\r\nEND:"
+    "VEVENT\r\n"
     "BEGIN:VEVENT\r\nUID:review@example.org\r\nDTSTAMP:20260101T000000Z\r\n"
     "RECURRENCE-ID:20260316T140000\r\n"
     "DTSTART;TZID=Europe/Berlin:20260312T160000\r\nDTEND;TZID=Europe/Berlin:20260312T170000\r\n"
@@ -259,7 +274,8 @@ TEST_F(VdirStore, CalendarsDefaultsAndFilesThatDoNotParse) {
   EXPECT_EQ(store.changeToken(), token);
   store.createEvent(calendar, weekly("More", "2026-03-03T09:00:00+01:00", 1));
   EXPECT_NE(store.changeToken(), token);
-  EXPECT_THROW(store.updateEvent("local:personal|nope", {}, SaveSpan::thisEvent), CalendarException);
+  EXPECT_THROW(store.updateEvent("local:personal|nope", {}, SaveSpan::thisEvent),
+               CalendarException);
   EXPECT_FALSE(store.event("not an id"));
 }
 

@@ -31,7 +31,8 @@ struct Fixture {
 
 TEST(EngineLocator, SearchOrder) {
   Fixture f;
-  f.executables = {"/custom/verd", "/opt/tamsel/libexec/tamsel/verd", "/usr/local/bin/verd", "/home/u/.local/bin/verd", "/usr/bin/verd"};
+  f.executables = {"/custom/verd", "/opt/tamsel/libexec/tamsel/verd", "/usr/local/bin/verd",
+                   "/home/u/.local/bin/verd", "/usr/bin/verd"};
   f.whichOutput = "/usr/bin/verd\n";
   auto in = f.inputs();
   in.verdBinary = "/custom/verd";
@@ -62,8 +63,8 @@ TEST(EngineLocator, VerdBinaryThatIsNotAnExecutableIsSkipped) {
 TEST(DaemonManagerArguments, RpcOptionsFollowTheDaemonArgumentsUnlessSwitchedOff) {
   const std::vector<std::string> daemon{"daemon", "--port", "{port}"};
   EXPECT_EQ(DaemonManager::engineArguments(daemon, 9000, true, "/d/daemon.sock", "/d/daemon.pid"),
-            (std::vector<std::string>{"daemon", "--port", "9000", "--rpc-socket", "/d/daemon.sock", "--rpc-pidfile",
-                                      "/d/daemon.pid"}));
+            (std::vector<std::string>{"daemon", "--port", "9000", "--rpc-socket", "/d/daemon.sock",
+                                      "--rpc-pidfile", "/d/daemon.pid"}));
   EXPECT_EQ(DaemonManager::engineArguments(daemon, 9000, false, "/d/daemon.sock", "/d/daemon.pid"),
             (std::vector<std::string>{"daemon", "--port", "9000"}));
 }

@@ -14,7 +14,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-base::Timestamp at(int seconds) { return base::Timestamp{} + std::chrono::seconds(1'800'000'000 + seconds); }
+base::Timestamp at(int seconds) {
+  return base::Timestamp{} + std::chrono::seconds(1'800'000'000 + seconds);
+}
 
 Attachment attachment(std::string id) {
   Attachment a;
@@ -41,16 +43,20 @@ TEST(InjectedMessagePrefix, AppliesAndStrips) {
 
   // Only the whole prefix, newline included, at the very start counts.
   EXPECT_EQ(InjectedMessagePrefix::strip("[New message from user]"), "[New message from user]");
-  EXPECT_EQ(InjectedMessagePrefix::strip("[New message from user] hi"), "[New message from user] hi");
-  EXPECT_EQ(InjectedMessagePrefix::strip(" [New message from user]\nhi"), " [New message from user]\nhi");
+  EXPECT_EQ(InjectedMessagePrefix::strip("[New message from user] hi"),
+            "[New message from user] hi");
+  EXPECT_EQ(InjectedMessagePrefix::strip(" [New message from user]\nhi"),
+            " [New message from user]\nhi");
   EXPECT_EQ(InjectedMessagePrefix::strip("plain"), "plain");
   // Only one prefix is taken off; a quoted second one is the user's text.
   EXPECT_EQ(InjectedMessagePrefix::strip("[New message from user]\n[New message from user]\nx"),
             "[New message from user]\nx");
 
   EXPECT_EQ(InjectedMessagePrefix::stripTrimmed("\n  [New message from user]\nhello  \n"), "hello");
-  EXPECT_EQ(InjectedMessagePrefix::stripTrimmed("  [New message from user]\n  indented"), "  indented");
-  EXPECT_EQ(InjectedMessagePrefix::stripTrimmed(" [New message from user] "), "[New message from user]");
+  EXPECT_EQ(InjectedMessagePrefix::stripTrimmed("  [New message from user]\n  indented"),
+            "  indented");
+  EXPECT_EQ(InjectedMessagePrefix::stripTrimmed(" [New message from user] "),
+            "[New message from user]");
 
   EXPECT_EQ(InjectedMessagePrefix::applyEach({"a", "b"}),
             "[New message from user]\na\n\n[New message from user]\nb");
@@ -229,7 +235,8 @@ TEST(PendingCancelCleanupPlanner, DecisionTable) {
   using Opt = std::optional<std::string>;
   using Restore = std::optional<PendingCancelInterruptRestoreSession>;
   const auto restore = [](Opt sessionID, Opt pendingLocalID) {
-    return Restore(PendingCancelInterruptRestoreSession{std::move(sessionID), std::move(pendingLocalID)});
+    return Restore(
+        PendingCancelInterruptRestoreSession{std::move(sessionID), std::move(pendingLocalID)});
   };
   struct Row {
     const char* id;
@@ -242,7 +249,8 @@ TEST(PendingCancelCleanupPlanner, DecisionTable) {
   const std::vector<Row> rows = {
       {"p1", true, true, "real-1", {}, none, P::promoteToReal},
       {"p1", true, false, "real-1", {}, none, P::promoteToReal},
-      {"p1", true, true, "p1", {}, none, P::discardPendingDraft},  // registry echoing the pending id
+      {"p1", true, true, "p1", {}, none, P::discardPendingDraft},  // registry echoing the pending
+                                                                   // id
       {"p1", true, true, "", {}, none, P::discardPendingDraft},
       {"p1", true, true, {}, {}, none, P::discardPendingDraft},
       {"p1", true, false, {}, {}, none, P::skip},
@@ -254,21 +262,27 @@ TEST(PendingCancelCleanupPlanner, DecisionTable) {
       {"p1", true, true, {}, {}, restore("other", "p2"), P::discardPendingDraft},
       {"p1", true, true, "real-1", {}, restore("real-1", {}), P::skip},
       {"p1", true, true, {}, {}, restore({}, {}), P::discardPendingDraft},  // names nothing
-      {"p1", false, true, {}, "p1", restore({}, "p1"), P::skip},  // restore wins over a stale marker
+      {"p1", false, true, {}, "p1", restore({}, "p1"), P::skip},  // restore wins over a stale
+                                                                  // marker
       {"", true, true, {}, "", none, P::ignoreStaleOrphan},
   };
   for (std::size_t i = 0; i < rows.size(); ++i) {
     const Row& r = rows[i];
-    PendingCancelCleanupPlanner::Input in{{r.id, r.discardable}, r.real, r.listed, r.current, r.restore};
-    EXPECT_EQ(name(PendingCancelCleanupPlanner::plan(in)), std::string(name(r.expected))) << "row " << i;
+    PendingCancelCleanupPlanner::Input in{
+        {r.id, r.discardable}, r.real, r.listed, r.current, r.restore};
+    EXPECT_EQ(name(PendingCancelCleanupPlanner::plan(in)), std::string(name(r.expected)))
+        << "row " << i;
   }
 }
 
 TEST(StreamOwnershipPlanner, DecisionTable) {
   const std::map<std::string, std::string> tokens{{"s1", "t1"}, {"s2", "t2"}};
-  EXPECT_EQ(StreamOwnershipPlanner::decide("t1", "s1", tokens, "s1"), StreamOwnership::deliverToView);
-  EXPECT_EQ(StreamOwnershipPlanner::decide("t1", "s1", tokens, "s2"), StreamOwnership::deliverInBackground);
-  EXPECT_EQ(StreamOwnershipPlanner::decide("t1", "s1", tokens, std::nullopt), StreamOwnership::deliverInBackground);
+  EXPECT_EQ(StreamOwnershipPlanner::decide("t1", "s1", tokens, "s1"),
+            StreamOwnership::deliverToView);
+  EXPECT_EQ(StreamOwnershipPlanner::decide("t1", "s1", tokens, "s2"),
+            StreamOwnership::deliverInBackground);
+  EXPECT_EQ(StreamOwnershipPlanner::decide("t1", "s1", tokens, std::nullopt),
+            StreamOwnership::deliverInBackground);
   // Superseded by a newer stream of the same session, or its session no longer streaming.
   EXPECT_EQ(StreamOwnershipPlanner::decide("t-old", "s1", tokens, "s1"), StreamOwnership::drop);
   EXPECT_EQ(StreamOwnershipPlanner::decide("t1", "s3", tokens, "s3"), StreamOwnership::drop);

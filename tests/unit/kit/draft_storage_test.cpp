@@ -1,3 +1,5 @@
+#include "tamsel/kit/draft_storage.hpp"
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -9,7 +11,6 @@
 #include <thread>
 
 #include "tamsel/base/atomic_file.hpp"
-#include "tamsel/kit/draft_storage.hpp"
 
 namespace tamsel::kit {
 namespace {
@@ -27,7 +28,8 @@ class DraftStorageTest : public ::testing::Test {
   }
   void TearDown() override { fs::remove_all(folder); }
 
-  // A long debounce so that only explicit flushes (or destruction) write, unless a test wants otherwise.
+  // A long debounce so that only explicit flushes (or destruction) write, unless a test wants
+  // otherwise.
   DraftStorage::Configuration config(std::chrono::milliseconds debounce = 1h) const {
     DraftStorage::Configuration c;
     c.file = file;
@@ -44,7 +46,8 @@ class DraftStorageTest : public ::testing::Test {
   std::vector<fs::path> setAsideFiles() const {
     std::vector<fs::path> out;
     for (const auto& entry : fs::directory_iterator(folder)) {
-      if (entry.path().filename().string().rfind("drafts.json.bad-", 0) == 0) out.push_back(entry.path());
+      if (entry.path().filename().string().rfind("drafts.json.bad-", 0) == 0)
+        out.push_back(entry.path());
     }
     return out;
   }
@@ -224,9 +227,9 @@ TEST_F(DraftStorageTest, LongDraftsAreCutAtACharacterBoundary) {
   c.maxLengthPerEntry = 5;
   {
     DraftStorage storage(c);
-    storage.set("héllo wörld", "accents");  // é is two bytes
-    storage.set("ab🙂🙂🙂🙂", "emoji");      // four-byte characters
-    storage.set("日本語です", "exact");      // exactly five three-byte characters
+    storage.set("héllo wörld", "accents");       // é is two bytes
+    storage.set("ab🙂🙂🙂🙂", "emoji");  // four-byte characters
+    storage.set("日本語です", "exact");          // exactly five three-byte characters
     EXPECT_EQ(storage.draft("accents"), "héllo");
     EXPECT_EQ(storage.draft("emoji"), "ab🙂🙂🙂");
     EXPECT_EQ(storage.draft("exact"), "日本語です");
@@ -242,16 +245,19 @@ TEST_F(DraftStorageTest, LongDraftsAreCutAtACharacterBoundary) {
   EXPECT_EQ(DraftStorage::truncatedToCharacters("\xE2\x82\xAC\xE2\x82\xAC", 1), "\xE2\x82\xAC");
   // A lead byte whose sequence is cut short is one broken character, not a swallowed neighbour.
   EXPECT_EQ(DraftStorage::truncatedToCharacters("\xE2\x82x", 10), "\uFFFDx");
-  EXPECT_EQ(DraftStorage::truncatedToCharacters("\xED\xA0\x80", 10), "\uFFFD\uFFFD\uFFFD");  // a surrogate
+  EXPECT_EQ(DraftStorage::truncatedToCharacters("\xED\xA0\x80", 10),
+            "\uFFFD\uFFFD\uFFFD");  // a surrogate
   EXPECT_EQ(DraftStorage::truncatedToCharacters("abc", 0), "");
 }
 
 TEST_F(DraftStorageTest, AFileOverTheBoundsLoadsItsNewestEntriesCut) {
   boost::json::array entries;
   for (int i = 0; i < 5; ++i) {
-    entries.push_back(boost::json::object{{"key", "k" + std::to_string(i)}, {"text", "0123456789"}});
+    entries.push_back(
+        boost::json::object{{"key", "k" + std::to_string(i)}, {"text", "0123456789"}});
   }
-  base::writeFileAtomically(file, boost::json::serialize(boost::json::object{{"version", 1}, {"entries", entries}}));
+  base::writeFileAtomically(
+      file, boost::json::serialize(boost::json::object{{"version", 1}, {"entries", entries}}));
   auto c = config();
   c.maxEntries = 3;
   c.maxLengthPerEntry = 4;

@@ -41,7 +41,8 @@ void checkInvariant(const Keys& S, const Keys& D, const std::vector<Op>& plan) {
 }
 
 std::size_t matches(const std::vector<Op>& plan) {
-  return static_cast<std::size_t>(std::count_if(plan.begin(), plan.end(), [](const Op& o) { return o.kind == Op::Kind::matched; }));
+  return static_cast<std::size_t>(std::count_if(
+      plan.begin(), plan.end(), [](const Op& o) { return o.kind == Op::Kind::matched; }));
 }
 
 TEST(TranscriptMergePlanner, ListedInputs) {
@@ -52,11 +53,13 @@ TEST(TranscriptMergePlanner, ListedInputs) {
             (std::vector<Op>{Op::matched(0, 0), Op::matched(1, 1), Op::takeDisk(2)}));
   EXPECT_EQ(TranscriptMergePlanner::plan({"a", "x", "c"}, {"a", "c"}),
             (std::vector<Op>{Op::matched(0, 0), Op::takeState(1), Op::matched(2, 1)}));
-  EXPECT_EQ(TranscriptMergePlanner::plan({}, {"a", "b"}), (std::vector<Op>{Op::takeDisk(0), Op::takeDisk(1)}));
+  EXPECT_EQ(TranscriptMergePlanner::plan({}, {"a", "b"}),
+            (std::vector<Op>{Op::takeDisk(0), Op::takeDisk(1)}));
   EXPECT_EQ(TranscriptMergePlanner::plan({"a"}, {}), (std::vector<Op>{Op::takeState(0)}));
   // The tie-break is fixed: equal inputs, equal plans, memory first.
-  EXPECT_EQ(TranscriptMergePlanner::plan({"a", "x", "z"}, {"a", "y", "z"}),
-            (std::vector<Op>{Op::matched(0, 0), Op::takeState(1), Op::takeDisk(1), Op::matched(2, 2)}));
+  EXPECT_EQ(
+      TranscriptMergePlanner::plan({"a", "x", "z"}, {"a", "y", "z"}),
+      (std::vector<Op>{Op::matched(0, 0), Op::takeState(1), Op::takeDisk(1), Op::matched(2, 2)}));
 }
 
 TEST(TranscriptMergePlanner, RandomInputsKeepTheInvariantAndTheTableFindsTheLongestMatch) {
@@ -64,7 +67,8 @@ TEST(TranscriptMergePlanner, RandomInputsKeepTheInvariantAndTheTableFindsTheLong
   for (int round = 0; round < 2000; ++round) {
     auto make = [&](std::size_t n) {
       Keys keys;
-      for (std::size_t i = 0; i < n; ++i) keys.push_back(std::string(1, static_cast<char>('a' + random() % 5)));
+      for (std::size_t i = 0; i < n; ++i)
+        keys.push_back(std::string(1, static_cast<char>('a' + random() % 5)));
       return keys;
     };
     const Keys S = make(random() % 12), D = make(random() % 12);
@@ -116,15 +120,18 @@ TEST(MessageListUpdatePlanner, ChoosesTheSmallestUpdate) {
 
   auto grown = a;
   grown[1].content = "hello";
-  EXPECT_EQ(MessageListUpdatePlanner::plan(a, grown), (std::vector<W>{{W::Kind::update, {grown[1]}}}));
+  EXPECT_EQ(MessageListUpdatePlanner::plan(a, grown),
+            (std::vector<W>{{W::Kind::update, {grown[1]}}}));
   auto appended = grown;
   appended.push_back(msg("3", "next"));
   EXPECT_EQ(MessageListUpdatePlanner::plan(a, appended),
             (std::vector<W>{{W::Kind::update, {grown[1]}}, {W::Kind::append, {appended[2]}}}));
   std::vector<Message> older{msg("0", "earlier"), a[0], a[1]};
-  EXPECT_EQ(MessageListUpdatePlanner::plan(a, older), (std::vector<W>{{W::Kind::prepend, {older[0]}}}));
+  EXPECT_EQ(MessageListUpdatePlanner::plan(a, older),
+            (std::vector<W>{{W::Kind::prepend, {older[0]}}}));
   std::vector<Message> other{msg("9", "x"), a[1]};
-  EXPECT_EQ(MessageListUpdatePlanner::plan(a, other), (std::vector<W>{{W::Kind::fullReload, other}}));
+  EXPECT_EQ(MessageListUpdatePlanner::plan(a, other),
+            (std::vector<W>{{W::Kind::fullReload, other}}));
   EXPECT_EQ(MessageListUpdatePlanner::plan(a, {}), (std::vector<W>{{W::Kind::fullReload, {}}}));
   EXPECT_EQ(MessageListUpdatePlanner::plan({}, a), (std::vector<W>{{W::Kind::append, a}}));
 }

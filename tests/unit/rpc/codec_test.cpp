@@ -1,10 +1,11 @@
 // Framing: the limits on both sides, short reads, and that a bad prefix never costs a body read.
+#include "tamsel/bridge/rpc/codec.hpp"
+
 #include <gtest/gtest.h>
 
 #include <boost/asio/awaitable.hpp>
 
 #include "../test_support.hpp"
-#include "tamsel/bridge/rpc/codec.hpp"
 #include "tamsel/bridge/rpc/unix_socket_client.hpp"
 
 namespace tamsel::bridge::rpc {
@@ -13,7 +14,8 @@ namespace {
 namespace asio = boost::asio;
 
 std::string prefix(std::uint32_t n) {
-  return {static_cast<char>(n >> 24), static_cast<char>(n >> 16), static_cast<char>(n >> 8), static_cast<char>(n)};
+  return {static_cast<char>(n >> 24), static_cast<char>(n >> 16), static_cast<char>(n >> 8),
+          static_cast<char>(n)};
 }
 
 // A stream fake: serves `data` and remembers every size asked for. Returns fewer bytes only
@@ -33,9 +35,8 @@ struct FakeStream {
 
 CodecError readError(FakeStream& stream) {
   // The asynchronous reader the socket client uses.
-  const LengthPrefixedCodec::AsyncRead read = [&stream](std::size_t n) -> asio::awaitable<std::string> {
-    co_return stream.read(n);
-  };
+  const LengthPrefixedCodec::AsyncRead read =
+      [&stream](std::size_t n) -> asio::awaitable<std::string> { co_return stream.read(n); };
   try {
     test::runAsync(LengthPrefixedCodec::readFrame(read));
   } catch (const CodecException& e) {
@@ -67,9 +68,8 @@ TEST(LengthPrefixedCodec, WriteLimitIsFourMebibytes) {
 
 TEST(LengthPrefixedCodec, ReadsExactlyFourMebibytes) {
   FakeStream stream{prefix(0x400000) + std::string(0x400000, 'z') + "next"};
-  const LengthPrefixedCodec::AsyncRead read = [&stream](std::size_t n) -> asio::awaitable<std::string> {
-    co_return stream.read(n);
-  };
+  const LengthPrefixedCodec::AsyncRead read =
+      [&stream](std::size_t n) -> asio::awaitable<std::string> { co_return stream.read(n); };
   const auto body = test::runAsync(LengthPrefixedCodec::readFrame(read));
   EXPECT_EQ(body.size(), 0x400000u);
   EXPECT_EQ(stream.asked, (std::vector<std::size_t>{4, 0x400000}));
@@ -107,7 +107,8 @@ TEST(LengthPrefixedCodec, BlockingReaderFollowsTheSameRules) {
   FakeStream ok{prefix(3) + "abc"};
   EXPECT_EQ(LengthPrefixedCodec::readFrameSync([&](std::size_t n) { return ok.read(n); }), "abc");
   FakeStream tooLarge{prefix(0x400001)};
-  EXPECT_THROW(LengthPrefixedCodec::readFrameSync([&](std::size_t n) { return tooLarge.read(n); }), CodecException);
+  EXPECT_THROW(LengthPrefixedCodec::readFrameSync([&](std::size_t n) { return tooLarge.read(n); }),
+               CodecException);
   EXPECT_EQ(tooLarge.asked, std::vector<std::size_t>{4});
 }
 

@@ -1,5 +1,7 @@
 // DesktopRPCService against a fake engine on a real Unix socket: the handshake, serving in
 // order, the ways a connection fails and coming back.
+#include "tamsel/bridge/rpc/desktop_rpc_service.hpp"
+
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -7,7 +9,6 @@
 #include "../test_support.hpp"
 #include "fake_engine.hpp"
 #include "tamsel/base/dates.hpp"
-#include "tamsel/bridge/rpc/desktop_rpc_service.hpp"
 #include "tamsel/bridge/rpc/unix_socket_client.hpp"
 
 namespace tamsel::bridge::rpc {
@@ -21,7 +22,8 @@ using namespace std::chrono_literals;
 // Records when each request begins and ends, and takes a while over each.
 class SlowDispatcher : public DesktopRPCMethodDispatcher {
  public:
-  SlowDispatcher() : DesktopRPCMethodDispatcher(Platform{"Linux", "Test OS 1 (kernel 6.1)", "9.9.9"}) {}
+  SlowDispatcher()
+      : DesktopRPCMethodDispatcher(Platform{"Linux", "Test OS 1 (kernel 6.1)", "9.9.9"}) {}
   std::vector<std::string> log;
 
   asio::awaitable<RPCResult> handle(RPCRequest request) override {
@@ -52,7 +54,8 @@ class DesktopRPCServiceTest : public ::testing::Test {
     return o;
   }
 
-  static std::shared_ptr<StartOutcome> begin(DesktopRPCService& service, const asio::any_io_executor& executor) {
+  static std::shared_ptr<StartOutcome> begin(DesktopRPCService& service,
+                                             const asio::any_io_executor& executor) {
     auto outcome = std::make_shared<StartOutcome>();
     asio::co_spawn(executor, service.start(), [outcome](std::exception_ptr e) {
       outcome->done = true;
@@ -88,7 +91,8 @@ class DesktopRPCServiceTest : public ::testing::Test {
 };
 
 RPCRequest engineRequest(std::string id, std::string method) {
-  return RPCRequest{std::move(id), std::move(method), JSONValue::object({}), 1000, "s", "main", "verd", "t"};
+  return RPCRequest{
+      std::move(id), std::move(method), JSONValue::object({}), 1000, "s", "main", "verd", "t"};
 }
 
 TEST_F(DesktopRPCServiceTest, HandshakeAnnouncesThenServesOneRequestAtATimeInOrder) {
@@ -104,18 +108,21 @@ TEST_F(DesktopRPCServiceTest, HandshakeAnnouncesThenServesOneRequestAtATimeInOrd
     const auto first = co_await engine.readFrame();
     EXPECT_TRUE(first && first->ifRequest());
     const RPCRequest handshake = *first->ifRequest();
-    EXPECT_TRUE(std::regex_match(handshake.requestID, std::regex("drpc_[A-Za-z0-9]{16}"))) << handshake.requestID;
+    EXPECT_TRUE(std::regex_match(handshake.requestID, std::regex("drpc_[A-Za-z0-9]{16}")))
+        << handshake.requestID;
     EXPECT_EQ(handshake.method, "system.capabilities");
     EXPECT_EQ(handshake.params, JSONValue(JSONValue::Object{}));
     EXPECT_EQ(handshake.timeoutMs, 5000);
     EXPECT_EQ(handshake.sessionID, "sess_reconciliation");
     EXPECT_EQ(handshake.agent, "desktop-rpc-service");
     EXPECT_EQ(handshake.source, "tamsel");
-    EXPECT_TRUE(base::parseISO8601(handshake.ts) && handshake.ts.find('.') != std::string::npos) << handshake.ts;
+    EXPECT_TRUE(base::parseISO8601(handshake.ts) && handshake.ts.find('.') != std::string::npos)
+        << handshake.ts;
     EXPECT_NE(DesktopRPCService::makeHandshakeRequest().requestID, handshake.requestID);
 
     // A result nobody waits for changes nothing; the real answer still completes the handshake.
-    co_await engine.send(Frame::rpcResult(RPCResult::success("drpc_nobodywaits0000", JSONValue("x"))));
+    co_await engine.send(
+        Frame::rpcResult(RPCResult::success("drpc_nobodywaits0000", JSONValue("x"))));
     EXPECT_FALSE(service.isOnline());
     co_await engine.answerHandshake(handshake, "1.0.0");
 
@@ -123,8 +130,9 @@ TEST_F(DesktopRPCServiceTest, HandshakeAnnouncesThenServesOneRequestAtATimeInOrd
     EXPECT_TRUE(announced && announced->ifEvent());
     const DesktopEvent online = *announced->ifEvent();
     EXPECT_EQ(online.event, "desktop_online");
-    EXPECT_EQ(online.data->serialize(),
-              R"j({"platform":{"app_version":"9.9.9","os":"Linux","os_version":"Test OS 1 (kernel 6.1)"},"version":"1.0.0"})j");
+    EXPECT_EQ(
+        online.data->serialize(),
+        R"j({"platform":{"app_version":"9.9.9","os":"Linux","os_version":"Test OS 1 (kernel 6.1)"},"version":"1.0.0"})j");
     EXPECT_TRUE(base::parseISO8601(online.ts));
     EXPECT_TRUE(co_await eventually([&] { return outcome->done; }));
     EXPECT_EQ(outcome->text, "ok");
@@ -133,7 +141,8 @@ TEST_F(DesktopRPCServiceTest, HandshakeAnnouncesThenServesOneRequestAtATimeInOrd
     EXPECT_EQ(changes, 1);
 
     // Three requests back to back: answered in arrival order, each finished before the next began.
-    for (const auto& [id, method] : {std::pair{"a", "system.ping"}, {"b", "system.capabilities"},
+    for (const auto& [id, method] : {std::pair{"a", "system.ping"},
+                                     {"b", "system.capabilities"},
                                      {"c", "calendar.list_events"}}) {
       co_await engine.send(Frame::rpcRequest(engineRequest(id, method)));
     }
@@ -143,7 +152,8 @@ TEST_F(DesktopRPCServiceTest, HandshakeAnnouncesThenServesOneRequestAtATimeInOrd
       EXPECT_TRUE(frame && frame->ifResult());
       if (frame && frame->ifResult()) results.push_back(*frame->ifResult());
     }
-    EXPECT_EQ(dispatcher->log, (std::vector<std::string>{"begin a", "end a", "begin b", "end b", "begin c", "end c"}));
+    EXPECT_EQ(dispatcher->log, (std::vector<std::string>{"begin a", "end a", "begin b", "end b",
+                                                         "begin c", "end c"}));
     EXPECT_EQ(results.size(), 3u);
     if (results.size() == 3) {
       EXPECT_EQ(results[0].requestID, "a");
@@ -157,7 +167,8 @@ TEST_F(DesktopRPCServiceTest, HandshakeAnnouncesThenServesOneRequestAtATimeInOrd
     }
 
     // A frame that arrives a byte at a time is still one frame.
-    const std::string split = LengthPrefixedCodec::encode(Frame::rpcRequest(engineRequest("d", "system.ping")).encode());
+    const std::string split =
+        LengthPrefixedCodec::encode(Frame::rpcRequest(engineRequest("d", "system.ping")).encode());
     asio::steady_timer pause(executor);
     for (char byte : split) {
       std::string one(1, byte);
@@ -193,12 +204,14 @@ TEST_F(DesktopRPCServiceTest, AnotherVersionIsRefusedWithoutAnnouncing) {
     const RPCRequest handshake = *request->ifRequest();
     co_await engine.answerHandshake(handshake, "1.0.1");
     EXPECT_TRUE(co_await eventually([&] { return outcome->done; }));
-    EXPECT_TRUE(outcome->serviceError &&
-                std::holds_alternative<ServiceError::ProtocolMismatch>(outcome->serviceError->value));
-    EXPECT_EQ(service.lastError().value_or(""), "protocol version mismatch (expected 1.0.0, got 1.0.1)");
+    EXPECT_TRUE(outcome->serviceError && std::holds_alternative<ServiceError::ProtocolMismatch>(
+                                             outcome->serviceError->value));
+    EXPECT_EQ(service.lastError().value_or(""),
+              "protocol version mismatch (expected 1.0.0, got 1.0.1)");
     EXPECT_FALSE(service.isOnline());
     const auto after = co_await engine.readFrame();
-    EXPECT_FALSE(after.has_value()) << "the desktop announced itself to an engine of another version";
+    EXPECT_FALSE(after.has_value())
+        << "the desktop announced itself to an engine of another version";
     co_return true;
   }()));
 }
@@ -210,8 +223,12 @@ TEST_F(DesktopRPCServiceTest, MalformedOrFailedHandshakeRepliesAreRefused) {
     DesktopRPCService service(executor, dispatcher, options());
     const std::vector<std::function<RPCResult(const std::string&)>> replies{
         [](const std::string& id) { return RPCResult::success(id, JSONValue("1.0.0")); },
-        [](const std::string& id) { return RPCResult::success(id, JSONValue::object({{"methods", JSONValue::Array{}}})); },
-        [](const std::string& id) { return RPCResult::success(id, JSONValue::object({{"version", 1}})); },
+        [](const std::string& id) {
+          return RPCResult::success(id, JSONValue::object({{"methods", JSONValue::Array{}}}));
+        },
+        [](const std::string& id) {
+          return RPCResult::success(id, JSONValue::object({{"version", 1}}));
+        },
         [](const std::string& id) {
           return RPCResult{id, false, JSONValue::object({{"version", "1.0.0"}}),
                            RPCError{"internal_error", "boom", true, std::nullopt}};
@@ -225,7 +242,8 @@ TEST_F(DesktopRPCServiceTest, MalformedOrFailedHandshakeRepliesAreRefused) {
       co_await engine.send(Frame::rpcResult(reply(id)));
       EXPECT_TRUE(co_await eventually([&] { return outcome->done; }));
       const std::string text = service.lastError().value_or("");
-      EXPECT_TRUE(text.starts_with("daemon system.capabilities response malformed or error: {\"request_id\":\"" + id))
+      EXPECT_TRUE(text.starts_with(
+          "daemon system.capabilities response malformed or error: {\"request_id\":\"" + id))
           << text;
       EXPECT_FALSE(service.isOnline());
     }
@@ -263,7 +281,8 @@ TEST_F(DesktopRPCServiceTest, EngineLeavingDuringTheHandshakeFailsTheWaiter) {
     EXPECT_TRUE(co_await eventually([&] { return outcome->done; }));
     EXPECT_TRUE(outcome->serviceError);
     if (outcome->serviceError) {
-      const auto* closed = std::get_if<ServiceError::TransportClosed>(&outcome->serviceError->value);
+      const auto* closed =
+          std::get_if<ServiceError::TransportClosed>(&outcome->serviceError->value);
       EXPECT_TRUE(closed && closed->reason == "desktop_disconnected");
     }
     EXPECT_EQ(service.lastError().value_or(""), "transport error: unexpected end of stream");
@@ -285,7 +304,8 @@ TEST_F(DesktopRPCServiceTest, AnUnreadableFrameWhileOnlineEndsTheConnection) {
       {LengthPrefixedCodec::encode("{not json"), "transport error: invalid JSON: "},
       {LengthPrefixedCodec::encode(R"({"type":"desktop_rpc_cancel","payload":{"request_id":"a"}})"),
        "transport error: Unknown frame type: desktop_rpc_cancel"},
-      {std::string("\x00\x40\x00\x01", 4) + "{}", "transport error: frame too large: 4194305 bytes announced"},
+      {std::string("\x00\x40\x00\x01", 4) + "{}",
+       "transport error: frame too large: 4194305 bytes announced"},
       {std::string(4, '\0'), "transport error: empty frame"},
   };
   EXPECT_TRUE(test::runAsync([&]() -> asio::awaitable<bool> {
@@ -297,7 +317,8 @@ TEST_F(DesktopRPCServiceTest, AnUnreadableFrameWhileOnlineEndsTheConnection) {
       std::string raw = bytes;
       co_await engine.sendRaw(raw);
       EXPECT_TRUE(co_await eventually([&] { return !service.isOnline(); })) << expected;
-      EXPECT_TRUE(service.lastError().value_or("").starts_with(expected)) << service.lastError().value_or("");
+      EXPECT_TRUE(service.lastError().value_or("").starts_with(expected))
+          << service.lastError().value_or("");
       const auto after = co_await engine.readFrame();
       EXPECT_FALSE(after.has_value()) << "the desktop kept the connection after " << expected;
     }
@@ -342,7 +363,9 @@ TEST(UnixSocketClient, RefusesAPathLongerThanTheSocketAddressHolds) {
       co_await client.connect();
       ADD_FAILURE() << "connected";
     } catch (const TransportException& e) {
-      EXPECT_TRUE(std::string(e.what()).starts_with("socket path is too long (115 bytes, at most 107)")) << e.what();
+      EXPECT_TRUE(
+          std::string(e.what()).starts_with("socket path is too long (115 bytes, at most 107)"))
+          << e.what();
     }
     try {
       co_await client.receive(4);

@@ -11,8 +11,10 @@ namespace tamsel::bridge::rpc {
 namespace {
 
 RPCResult call(std::string method, std::string id = "r1") {
-  DesktopRPCMethodDispatcher dispatcher(Platform{"Linux", "Debian GNU/Linux 12 (bookworm) (kernel 6.1.0)", "0.1.0"});
-  RPCRequest request{std::move(id), std::move(method), JSONValue::object({}), 1000, "s", "main", "verd", "t"};
+  DesktopRPCMethodDispatcher dispatcher(
+      Platform{"Linux", "Debian GNU/Linux 12 (bookworm) (kernel 6.1.0)", "0.1.0"});
+  RPCRequest request{
+      std::move(id), std::move(method), JSONValue::object({}), 1000, "s", "main", "verd", "t"};
   return test::runAsync(dispatcher.handle(request));
 }
 
@@ -29,14 +31,16 @@ TEST(DesktopRPCMethodDispatcher, PingEchoesWithTheDesktopsTime) {
 TEST(DesktopRPCMethodDispatcher, CapabilitiesListWhatIsServedAndThePlatform) {
   const auto result = call("system.capabilities");
   EXPECT_TRUE(result.ok);
-  EXPECT_EQ(result.result->serialize(),
-            R"j({"methods":["system.ping","system.capabilities"],)j"
-            R"j("platform":{"app_version":"0.1.0","os":"Linux","os_version":"Debian GNU/Linux 12 (bookworm) (kernel 6.1.0)"},)j"
-            R"j("version":"1.0.0"})j");
+  EXPECT_EQ(
+      result.result->serialize(),
+      R"j({"methods":["system.ping","system.capabilities"],)j"
+      R"j("platform":{"app_version":"0.1.0","os":"Linux","os_version":"Debian GNU/Linux 12 (bookworm) (kernel 6.1.0)"},)j"
+      R"j("version":"1.0.0"})j");
 }
 
 TEST(DesktopRPCMethodDispatcher, OtherMethodsAreUnknownIncludingTheCalendarForNow) {
-  for (const char* method : {"calendar.list_events", "calendar.request_permission", "system.Ping", ""}) {
+  for (const char* method :
+       {"calendar.list_events", "calendar.request_permission", "system.Ping", ""}) {
     const auto result = call(method);
     EXPECT_FALSE(result.ok) << method;
     EXPECT_FALSE(result.result) << method;
@@ -50,7 +54,8 @@ TEST(DesktopRPCMethodDispatcher, OtherMethodsAreUnknownIncludingTheCalendarForNo
 }
 
 TEST(Platform, DescribesTheDistributionAndKernel) {
-  EXPECT_EQ(Platform::describeOS("NAME=\"Debian\"\nPRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\n", "6.1.0-18"),
+  EXPECT_EQ(Platform::describeOS(
+                "NAME=\"Debian\"\nPRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\n", "6.1.0-18"),
             "Debian GNU/Linux 12 (bookworm) (kernel 6.1.0-18)");
   EXPECT_EQ(Platform::describeOS("PRETTY_NAME=Arch\n", ""), "Arch");
   EXPECT_EQ(Platform::describeOS("", "6.8"), "Linux (kernel 6.8)");

@@ -27,15 +27,14 @@ class FakeEngine {
   FakeEngine(const asio::any_io_executor& executor, const std::filesystem::path& path)
       : acceptor_(executor, Protocol::endpoint(path.string())), socket_(executor) {}
 
-  asio::awaitable<void> accept() {
-    socket_ = co_await acceptor_.async_accept(asio::use_awaitable);
-  }
+  asio::awaitable<void> accept() { socket_ = co_await acceptor_.async_accept(asio::use_awaitable); }
 
   // The next frame, or nothing when the desktop closed the connection.
   asio::awaitable<std::optional<bridge::rpc::Frame>> readFrame() {
     std::string prefix(4, '\0');
     boost::system::error_code ec;
-    co_await asio::async_read(socket_, asio::buffer(prefix), asio::redirect_error(asio::use_awaitable, ec));
+    co_await asio::async_read(socket_, asio::buffer(prefix),
+                              asio::redirect_error(asio::use_awaitable, ec));
     if (ec) co_return std::nullopt;
     const auto length = bridge::rpc::LengthPrefixedCodec::bodyLength(prefix);
     std::string body(length, '\0');
@@ -50,9 +49,10 @@ class FakeEngine {
     std::string bytes = bridge::rpc::LengthPrefixedCodec::encode(frame.encode());
     co_await sendRaw(std::move(bytes));
   }
-  asio::awaitable<void> answerHandshake(const bridge::rpc::RPCRequest& request, std::string version) {
-    auto result = bridge::rpc::RPCResult::success(request.requestID,
-                                                  bridge::rpc::JSONValue::object({{"version", version}}));
+  asio::awaitable<void> answerHandshake(const bridge::rpc::RPCRequest& request,
+                                        std::string version) {
+    auto result = bridge::rpc::RPCResult::success(
+        request.requestID, bridge::rpc::JSONValue::object({{"version", version}}));
     co_await send(bridge::rpc::Frame::rpcResult(std::move(result)));
   }
 
@@ -68,8 +68,8 @@ class FakeEngine {
 };
 
 // Waits on the current executor until `done` holds or `limit` passes; true when it held.
-inline asio::awaitable<bool> eventually(std::function<bool()> done,
-                                        std::chrono::milliseconds limit = std::chrono::milliseconds(5000)) {
+inline asio::awaitable<bool> eventually(
+    std::function<bool()> done, std::chrono::milliseconds limit = std::chrono::milliseconds(5000)) {
   asio::steady_timer timer(co_await asio::this_coro::executor);
   const auto deadline = std::chrono::steady_clock::now() + limit;
   while (!done()) {

@@ -1,11 +1,11 @@
 // The channel's records on the wire: keys, omitted optionals, the JSON value's decoding order
 // and the frame types that are refused.
+#include "tamsel/bridge/rpc/messages.hpp"
+
 #include <gtest/gtest.h>
 
 #include <boost/json/parse.hpp>
 #include <boost/json/value.hpp>
-
-#include "tamsel/bridge/rpc/messages.hpp"
 
 namespace tamsel::bridge::rpc {
 namespace {
@@ -60,10 +60,12 @@ TEST(RPCMessages, RequestAlwaysWritesAllEightKeys) {
   RPCRequest empty;
   const auto json = empty.toJSON().as_object();
   EXPECT_EQ(json.size(), 8u);
-  for (const char* key : {"request_id", "method", "params", "timeout_ms", "session_id", "agent", "source", "ts"})
+  for (const char* key :
+       {"request_id", "method", "params", "timeout_ms", "session_id", "agent", "source", "ts"})
     EXPECT_TRUE(json.contains(key)) << key;
 
-  const RPCRequest request{"r1", "system.ping", JSONValue::object({{"x", 1}}), 5000, "s", "a", "src", "2026-01-02T03:04:05.678Z"};
+  const RPCRequest request{"r1", "system.ping", JSONValue::object({{"x", 1}}), 5000, "s",
+                           "a",  "src",         "2026-01-02T03:04:05.678Z"};
   EXPECT_EQ(RPCRequest::fromJSON(request.toJSON()), request);
 }
 
@@ -77,7 +79,8 @@ TEST(RPCMessages, AbsentOptionalsAreOmittedNotNull) {
   EXPECT_FALSE(bare.contains("result"));
   EXPECT_FALSE(bare.contains("error"));
 
-  const auto failed = RPCResult::failure("r3", RPCError{"not_found", "gone", false, std::nullopt}).toJSON();
+  const auto failed =
+      RPCResult::failure("r3", RPCError{"not_found", "gone", false, std::nullopt}).toJSON();
   EXPECT_FALSE(failed.as_object().contains("result"));
   EXPECT_EQ(failed.at("error").as_object().size(), 3u) << "details omitted when absent";
   EXPECT_EQ(RPCResult::fromJSON(failed).error->code, "not_found");
@@ -93,21 +96,27 @@ TEST(RPCMessages, AbsentOptionalsAreOmittedNotNull) {
 TEST(Frame, CarriesItsTypeAndPayload) {
   const auto frame = Frame::rpcResult(RPCResult::success("r1", JSONValue("pong")));
   const auto text = frame.encode();
-  EXPECT_EQ(text, R"({"type":"desktop_rpc_result","payload":{"request_id":"r1","ok":true,"result":"pong"}})");
+  EXPECT_EQ(
+      text,
+      R"({"type":"desktop_rpc_result","payload":{"request_id":"r1","ok":true,"result":"pong"}})");
   EXPECT_EQ(Frame::decode(text), frame);
-  const auto event = Frame::event(DesktopEvent{"desktop_online", JSONValue::object({{"version", "1.0.0"}}), "t"});
+  const auto event =
+      Frame::event(DesktopEvent{"desktop_online", JSONValue::object({{"version", "1.0.0"}}), "t"});
   EXPECT_EQ(Frame::decode(event.encode()), event);
 }
 
 TEST(Frame, RefusesUnknownTypesAndBrokenBodies) {
-  EXPECT_EQ(corruption(R"({"type":"desktop_rpc_cancel","payload":{}})"), "Unknown frame type: desktop_rpc_cancel");
+  EXPECT_EQ(corruption(R"({"type":"desktop_rpc_cancel","payload":{}})"),
+            "Unknown frame type: desktop_rpc_cancel");
   EXPECT_EQ(corruption(R"({"type":"desktop_rpc_reply"})"), "Unknown frame type: desktop_rpc_reply");
   EXPECT_EQ(corruption(R"({"payload":{}})"), "Frame: missing key \"type\"");
   EXPECT_EQ(corruption(R"({"type":"desktop_rpc_result","payload":{"request_id":"r","ok":"yes"}})"),
             "RPCResult: \"ok\" is not a boolean");
-  EXPECT_EQ(corruption(R"({"type":"desktop_rpc_request","payload":{"request_id":"r","method":"m","params":{},)"
-                       R"("timeout_ms":1.5,"session_id":"","agent":"","source":"","ts":""}})"),
-            "RPCRequest: \"timeout_ms\" is not a 64-bit integer");
+  EXPECT_EQ(
+      corruption(
+          R"({"type":"desktop_rpc_request","payload":{"request_id":"r","method":"m","params":{},)"
+          R"("timeout_ms":1.5,"session_id":"","agent":"","source":"","ts":""}})"),
+      "RPCRequest: \"timeout_ms\" is not a 64-bit integer");
   EXPECT_TRUE(corruption("not json").starts_with("invalid JSON: "));
   EXPECT_EQ(corruption("[]"), "Frame: expected an object");
 }

@@ -13,7 +13,8 @@ std::string CodecError::description() const {
           return "body too large: " + std::to_string(e.length) + " bytes, at most " +
                  std::to_string(LengthPrefixedCodec::maxBodyLength);
         else if constexpr (std::is_same_v<T, ShortRead>)
-          return "short read: needed " + std::to_string(e.expected) + ", got " + std::to_string(e.got);
+          return "short read: needed " + std::to_string(e.expected) + ", got " +
+                 std::to_string(e.got);
         else
           return "empty frame";
       },
@@ -41,8 +42,11 @@ std::string encode(std::string_view body) {
 }
 
 std::uint32_t bodyLength(std::string_view prefix) {
-  if (prefix.size() != prefixLength) throw CodecException({CodecError::ShortRead{prefixLength, prefix.size()}});
-  const auto byte = [&](std::size_t i) { return static_cast<std::uint32_t>(static_cast<unsigned char>(prefix[i])); };
+  if (prefix.size() != prefixLength)
+    throw CodecException({CodecError::ShortRead{prefixLength, prefix.size()}});
+  const auto byte = [&](std::size_t i) {
+    return static_cast<std::uint32_t>(static_cast<unsigned char>(prefix[i]));
+  };
   const std::uint32_t length = byte(0) << 24 | byte(1) << 16 | byte(2) << 8 | byte(3);
   if (length == 0) throw CodecException({CodecError::EmptyFrame{}});
   if (length > maxBodyLength) throw CodecException({CodecError::FrameTooLarge{length}});

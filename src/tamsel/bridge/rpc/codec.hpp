@@ -34,7 +34,8 @@ struct CodecError {
 
 class CodecException : public std::runtime_error {
  public:
-  explicit CodecException(CodecError error) : std::runtime_error(error.description()), error_(error) {}
+  explicit CodecException(CodecError error)
+      : std::runtime_error(error.description()), error_(error) {}
   const CodecError& error() const { return error_; }
 
  private:

@@ -18,7 +18,8 @@ std::string Platform::describeOS(std::string_view osReleaseText, std::string_vie
   for (std::string line; std::getline(lines, line);) {
     if (!line.starts_with("PRETTY_NAME=")) continue;
     pretty = line.substr(12);
-    if (pretty.size() >= 2 && (pretty.front() == '"' || pretty.front() == '\'') && pretty.back() == pretty.front())
+    if (pretty.size() >= 2 && (pretty.front() == '"' || pretty.front() == '\'') &&
+        pretty.back() == pretty.front())
       pretty = pretty.substr(1, pretty.size() - 2);
   }
   if (pretty.empty()) pretty = "Linux";
@@ -58,7 +59,8 @@ std::vector<std::string_view> DesktopRPCMethodDispatcher::methods() const {
 }
 
 boost::asio::awaitable<RPCResult> DesktopRPCMethodDispatcher::handle(RPCRequest request) {
-  const auto entry = std::find_if(table_.begin(), table_.end(), [&](const Entry& e) { return e.name == request.method; });
+  const auto entry = std::find_if(table_.begin(), table_.end(),
+                                  [&](const Entry& e) { return e.name == request.method; });
   if (entry == table_.end()) co_return handleBuiltIn(request);
   // Held here: the table may change while the handler runs.
   const Handler handler = entry->handler;
@@ -70,25 +72,28 @@ boost::asio::awaitable<RPCResult> DesktopRPCMethodDispatcher::handle(RPCRequest 
     failure = e.what();
   }
   // The channel must never see a throw.
-  co_return RPCResult::failure(requestID, RPCError{std::string(ProtocolConstants::ErrorCode::internalError),
-                                                   std::move(failure), false, std::nullopt});
+  co_return RPCResult::failure(requestID,
+                               RPCError{std::string(ProtocolConstants::ErrorCode::internalError),
+                                        std::move(failure), false, std::nullopt});
 }
 
 RPCResult DesktopRPCMethodDispatcher::handleBuiltIn(const RPCRequest& request) const {
   if (request.method == Method::systemPing) {
-    return RPCResult::success(request.requestID,
-                              JSONValue::object({{"echo", "pong"}, {"server_time", rpcTimestampNow()}}));
+    return RPCResult::success(
+        request.requestID,
+        JSONValue::object({{"echo", "pong"}, {"server_time", rpcTimestampNow()}}));
   }
   if (request.method == Method::systemCapabilities) {
     JSONValue::Array names;
     for (auto name : methods()) names.emplace_back(name);
     return RPCResult::success(
         request.requestID,
-        JSONValue::object({{"version", ProtocolConstants::protocolVersion},
-                           {"methods", std::move(names)},
-                           {"platform", JSONValue::object({{"os", platform_.os},
-                                                           {"os_version", platform_.osVersion},
-                                                           {"app_version", platform_.appVersion}})}}));
+        JSONValue::object(
+            {{"version", ProtocolConstants::protocolVersion},
+             {"methods", std::move(names)},
+             {"platform", JSONValue::object({{"os", platform_.os},
+                                             {"os_version", platform_.osVersion},
+                                             {"app_version", platform_.appVersion}})}}));
   }
   return RPCResult::failure(request.requestID,
                             RPCError{std::string(ProtocolConstants::ErrorCode::notFound),

@@ -45,7 +45,8 @@ std::string timedOutText(double seconds) {
 }
 
 std::string randomAlphanumerics(std::size_t count) {
-  static constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+  static constexpr std::string_view alphabet =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
   thread_local std::mt19937_64 engine{std::random_device{}()};
   std::uniform_int_distribution<std::size_t> pick(0, alphabet.size() - 1);
   std::string out(count, ' ');
@@ -56,7 +57,8 @@ std::string randomAlphanumerics(std::size_t count) {
 std::string frameBytes(const Frame& frame) { return LengthPrefixedCodec::encode(frame.encode()); }
 
 ServiceException disconnected() {
-  return ServiceException({ServiceError::TransportClosed{std::string(ErrorCode::desktopDisconnected)}});
+  return ServiceException(
+      {ServiceError::TransportClosed{std::string(ErrorCode::desktopDisconnected)}});
 }
 }  // namespace
 
@@ -71,16 +73,21 @@ struct DesktopRPCService::Core : std::enable_shared_from_this<Core> {
   // A request the desktop sent, waiting for the engine's result. Whichever comes first of the
   // result, a failure and the time limit settles it; the timer doubles as the wake-up.
   struct Waiter {
-    explicit Waiter(const asio::any_io_executor& executor) : timer(executor, asio::steady_timer::time_point::max()) {}
+    explicit Waiter(const asio::any_io_executor& executor)
+        : timer(executor, asio::steady_timer::time_point::max()) {}
     asio::steady_timer timer;
     std::optional<RPCResult> result;
     std::optional<ServiceError> error;
     bool settled() const { return result || error; }
   };
 
-  Core(asio::any_io_executor executor, std::shared_ptr<DesktopRPCMethodDispatcher> dispatcher, Options options)
-      : executor(executor), dispatcher(std::move(dispatcher)), options(std::move(options)),
-        transport(executor, this->options.socketPath), tasks(executor) {}
+  Core(asio::any_io_executor executor, std::shared_ptr<DesktopRPCMethodDispatcher> dispatcher,
+       Options options)
+      : executor(executor),
+        dispatcher(std::move(dispatcher)),
+        options(std::move(options)),
+        transport(executor, this->options.socketPath),
+        tasks(executor) {}
 
   asio::any_io_executor executor;
   std::shared_ptr<DesktopRPCMethodDispatcher> dispatcher;
@@ -149,20 +156,24 @@ struct DesktopRPCService::Core : std::enable_shared_from_this<Core> {
       co_return co_await dispatcher->handle(request);
     } catch (const std::exception& e) {
       // Served requests never fail by exception, whatever a handler does.
-      co_return RPCResult::failure(request.requestID,
-                                   RPCError{std::string(ErrorCode::internalError), e.what(), false, std::nullopt});
+      co_return RPCResult::failure(
+          request.requestID,
+          RPCError{std::string(ErrorCode::internalError), e.what(), false, std::nullopt});
     }
   }
 
   static asio::awaitable<void> serveLoop(std::shared_ptr<Core> core, std::uint64_t generation) {
-    const LengthPrefixedCodec::AsyncRead read = [core](std::size_t n) { return core->transport.receive(n); };
+    const LengthPrefixedCodec::AsyncRead read = [core](std::size_t n) {
+      return core->transport.receive(n);
+    };
     while (true) {
       Frame frame;
       try {
         const std::string body = co_await LengthPrefixedCodec::readFrame(read);
         frame = Frame::decode(body);
       } catch (const std::exception& e) {
-        if (generation == core->generation) core->connectionLost(std::string("transport error: ") + e.what());
+        if (generation == core->generation)
+          core->connectionLost(std::string("transport error: ") + e.what());
         co_return;
       }
       if (generation != core->generation) co_return;
@@ -177,12 +188,14 @@ struct DesktopRPCService::Core : std::enable_shared_from_this<Core> {
           bytes = frameBytes(Frame::rpcResult(result));
         } catch (const CodecException& e) {
           bytes = frameBytes(Frame::rpcResult(RPCResult::failure(
-              current.requestID, RPCError{std::string(ErrorCode::internalError), e.what(), false, std::nullopt})));
+              current.requestID,
+              RPCError{std::string(ErrorCode::internalError), e.what(), false, std::nullopt})));
         }
         try {
           co_await core->transport.send(bytes);
         } catch (const std::exception& e) {
-          base::log::warn(kSource, "failed to send rpc result for {}: {}", current.requestID, e.what());
+          base::log::warn(kSource, "failed to send rpc result for {}: {}", current.requestID,
+                          e.what());
         }
       } else if (const auto* result = frame.ifResult()) {
         core->deliver(*result);
@@ -222,19 +235,22 @@ struct DesktopRPCService::Core : std::enable_shared_from_this<Core> {
       if (waiter->error) throw ServiceException(*waiter->error);
       if (!waiter->result) {
         pending.erase(request.requestID);
-        throw ServiceException({ServiceError::HandshakeFailed{timedOutText(options.handshakeTimeoutSeconds)}});
+        throw ServiceException(
+            {ServiceError::HandshakeFailed{timedOutText(options.handshakeTimeoutSeconds)}});
       }
       const std::string version = handshakeVersion(*waiter->result);
       if (version != options.expectedProtocolVersion)
-        throw ServiceException({ServiceError::ProtocolMismatch{options.expectedProtocolVersion, version}});
+        throw ServiceException(
+            {ServiceError::ProtocolMismatch{options.expectedProtocolVersion, version}});
 
       const Platform& platform = dispatcher->platform();
       DesktopEvent announcement{
           std::string(ProtocolConstants::DesktopEvent::desktopOnline),
-          JSONValue::object({{"version", ProtocolConstants::protocolVersion},
-                             {"platform", JSONValue::object({{"os", platform.os},
-                                                             {"os_version", platform.osVersion},
-                                                             {"app_version", platform.appVersion}})}}),
+          JSONValue::object(
+              {{"version", ProtocolConstants::protocolVersion},
+               {"platform", JSONValue::object({{"os", platform.os},
+                                               {"os_version", platform.osVersion},
+                                               {"app_version", platform.appVersion}})}}),
           rpcTimestampNow()};
       const std::string eventBytes = frameBytes(Frame::event(announcement));
       co_await transport.send(eventBytes);
@@ -253,11 +269,14 @@ struct DesktopRPCService::Core : std::enable_shared_from_this<Core> {
         // When the read loop saw the connection end, its "transport error: ..." says more than
         // the handshake's "transport closed".
         const auto* service = dynamic_cast<const ServiceException*>(&e);
-        const bool closed = service && std::holds_alternative<ServiceError::TransportClosed>(service->error().value);
+        const bool closed = service && std::holds_alternative<ServiceError::TransportClosed>(
+                                           service->error().value);
         const bool loopSaidWhy = closed && loopFailedGeneration == attempt;
-        refusedVersion = service && std::holds_alternative<ServiceError::ProtocolMismatch>(service->error().value);
+        refusedVersion = service && std::holds_alternative<ServiceError::ProtocolMismatch>(
+                                        service->error().value);
         publish(false, loopSaidWhy ? lastError : std::optional<std::string>(e.what()));
-        base::log::warn(kSource, "could not bring the channel online: {}", lastError.value_or(e.what()));
+        base::log::warn(kSource, "could not bring the channel online: {}",
+                        lastError.value_or(e.what()));
       }
       throw;
     }
@@ -265,8 +284,10 @@ struct DesktopRPCService::Core : std::enable_shared_from_this<Core> {
 };
 
 DesktopRPCService::DesktopRPCService(asio::any_io_executor executor,
-                                     std::shared_ptr<DesktopRPCMethodDispatcher> dispatcher, Options options)
-    : core_(std::make_shared<Core>(std::move(executor), std::move(dispatcher), std::move(options))) {}
+                                     std::shared_ptr<DesktopRPCMethodDispatcher> dispatcher,
+                                     Options options)
+    : core_(
+          std::make_shared<Core>(std::move(executor), std::move(dispatcher), std::move(options))) {}
 
 DesktopRPCService::~DesktopRPCService() {
   // Nobody observes a service that is going away.
@@ -277,7 +298,9 @@ DesktopRPCService::~DesktopRPCService() {
 namespace {
 // The core travels as a parameter, copied when the call is made: the service itself may be gone
 // by the time the operation first runs.
-asio::awaitable<void> startOn(std::shared_ptr<DesktopRPCService::Core> core) { co_await core->start(); }
+asio::awaitable<void> startOn(std::shared_ptr<DesktopRPCService::Core> core) {
+  co_await core->start();
+}
 }  // namespace
 
 asio::awaitable<void> DesktopRPCService::start() { return startOn(core_); }
@@ -285,7 +308,8 @@ asio::awaitable<void> DesktopRPCService::start() { return startOn(core_); }
 void DesktopRPCService::stop() { core_->stop(); }
 
 namespace {
-asio::awaitable<bool> sendEventOn(std::shared_ptr<DesktopRPCService::Core> core, DesktopEvent event) {
+asio::awaitable<bool> sendEventOn(std::shared_ptr<DesktopRPCService::Core> core,
+                                  DesktopEvent event) {
   if (!core->online) co_return false;
   const std::string bytes = frameBytes(Frame::event(event));
   try {
@@ -298,7 +322,9 @@ asio::awaitable<bool> sendEventOn(std::shared_ptr<DesktopRPCService::Core> core,
 }
 }  // namespace
 
-asio::awaitable<bool> DesktopRPCService::sendEvent(DesktopEvent event) { return sendEventOn(core_, std::move(event)); }
+asio::awaitable<bool> DesktopRPCService::sendEvent(DesktopEvent event) {
+  return sendEventOn(core_, std::move(event));
+}
 
 bool DesktopRPCService::isOnline() const { return core_->online; }
 bool DesktopRPCService::refusedProtocolVersion() const { return core_->refusedVersion; }
@@ -323,12 +349,13 @@ std::string DesktopRPCService::handshakeVersion(const RPCResult& result) {
     if (const auto* version = result.result->find("version"); version && version->ifString())
       return *version->ifString();
   }
-  throw ServiceException({ServiceError::HandshakeFailed{"daemon system.capabilities response malformed or error: " +
-                                                        base::json::serialize(result.toJSON())}});
+  throw ServiceException(
+      {ServiceError::HandshakeFailed{"daemon system.capabilities response malformed or error: " +
+                                     base::json::serialize(result.toJSON())}});
 }
 
-asio::awaitable<std::string> DesktopRPCService::probeProtocolVersion(std::filesystem::path socketPath,
-                                                                     double timeoutSeconds) {
+asio::awaitable<std::string> DesktopRPCService::probeProtocolVersion(
+    std::filesystem::path socketPath, double timeoutSeconds) {
   const auto executor = co_await asio::this_coro::executor;
   auto client = std::make_shared<UnixSocketClient>(executor, socketPath);
   auto timedOut = std::make_shared<bool>(false);
@@ -347,7 +374,9 @@ asio::awaitable<std::string> DesktopRPCService::probeProtocolVersion(std::filesy
     const RPCRequest request = makeHandshakeRequest();
     const std::string bytes = frameBytes(Frame::rpcRequest(request));
     co_await client->send(bytes);
-    const LengthPrefixedCodec::AsyncRead read = [client](std::size_t n) { return client->receive(n); };
+    const LengthPrefixedCodec::AsyncRead read = [client](std::size_t n) {
+      return client->receive(n);
+    };
     while (true) {
       const std::string body = co_await LengthPrefixedCodec::readFrame(read);
       const Frame frame = Frame::decode(body);
@@ -361,7 +390,8 @@ asio::awaitable<std::string> DesktopRPCService::probeProtocolVersion(std::filesy
   } catch (const std::exception&) {
     limit.cancel();
     client->close();
-    if (*timedOut) throw ServiceException({ServiceError::HandshakeFailed{timedOutText(timeoutSeconds)}});
+    if (*timedOut)
+      throw ServiceException({ServiceError::HandshakeFailed{timedOutText(timeoutSeconds)}});
     throw;
   }
 }

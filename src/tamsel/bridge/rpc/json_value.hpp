@@ -26,7 +26,8 @@ struct JSONValue {
   using Array = std::vector<JSONValue>;
   using Object = std::map<std::string, JSONValue>;
   // Cases in decoding order after null: the first that fits a JSON value wins.
-  using Variant = std::variant<bool, std::int64_t, double, std::string, Array, Object, std::nullptr_t>;
+  using Variant =
+      std::variant<bool, std::int64_t, double, std::string, Array, Object, std::nullptr_t>;
 
   Variant value{nullptr};
 
@@ -34,8 +35,8 @@ struct JSONValue {
   JSONValue(std::nullptr_t) {}
   JSONValue(bool v) : value(v) {}
   template <class T>
-    requires(std::is_integral_v<T> && !std::is_same_v<T, bool>)
-  JSONValue(T v) : value(static_cast<std::int64_t>(v)) {}
+  requires(std::is_integral_v<T> && !std::is_same_v<T, bool>) JSONValue(T v)
+      : value(static_cast<std::int64_t>(v)) {}
   JSONValue(double v) : value(v) {}
   JSONValue(std::string v) : value(std::move(v)) {}
   JSONValue(std::string_view v) : value(std::string(v)) {}

@@ -146,9 +146,12 @@ DesktopEvent DesktopEvent::fromJSON(const bj::value& json) {
 
 std::string_view Frame::type() const {
   switch (value.index()) {
-    case 0: return FrameType::rpcRequest;
-    case 1: return FrameType::rpcResult;
-    default: return FrameType::event;
+    case 0:
+      return FrameType::rpcRequest;
+    case 1:
+      return FrameType::rpcResult;
+    default:
+      return FrameType::event;
   }
 }
 
@@ -162,7 +165,8 @@ bj::value Frame::toJSON() const {
 Frame Frame::fromJSON(const bj::value& json) {
   Reader in(json, "Frame");
   const std::string type = in.string("type");
-  if (type == FrameType::rpcRequest) return rpcRequest(RPCRequest::fromJSON(in.required("payload")));
+  if (type == FrameType::rpcRequest)
+    return rpcRequest(RPCRequest::fromJSON(in.required("payload")));
   if (type == FrameType::rpcResult) return rpcResult(RPCResult::fromJSON(in.required("payload")));
   if (type == FrameType::event) return event(DesktopEvent::fromJSON(in.required("payload")));
   throw DataCorruptedError("Unknown frame type: " + type);
@@ -180,8 +184,6 @@ Frame Frame::decode(std::string_view body) {
   return fromJSON(json);
 }
 
-std::string rpcTimestampNow() {
-  return base::formatISO8601(base::nowTimestamp());
-}
+std::string rpcTimestampNow() { return base::formatISO8601(base::nowTimestamp()); }
 
 }  // namespace tamsel::bridge::rpc

@@ -12,14 +12,14 @@
 namespace tamsel::bridge::rpc {
 
 struct RPCRequest {
-  std::string requestID;  // "request_id"
-  std::string method;     // "method"
-  JSONValue params;       // "params"
+  std::string requestID;       // "request_id"
+  std::string method;          // "method"
+  JSONValue params;            // "params"
   std::int64_t timeoutMs = 0;  // "timeout_ms"
-  std::string sessionID;  // "session_id"
-  std::string agent;      // "agent"
-  std::string source;     // "source"
-  std::string ts;         // "ts"
+  std::string sessionID;       // "session_id"
+  std::string agent;           // "agent"
+  std::string source;          // "source"
+  std::string ts;              // "ts"
 
   bool operator==(const RPCRequest&) const = default;
   // All eight keys, always.
@@ -28,8 +28,8 @@ struct RPCRequest {
 };
 
 struct RPCError {
-  std::string code;     // "code", one of ProtocolConstants::ErrorCode
-  std::string message;  // "message"
+  std::string code;                  // "code", one of ProtocolConstants::ErrorCode
+  std::string message;               // "message"
   bool retriable = false;            // "retriable"
   std::optional<JSONValue> details;  // "details", left out when absent
 
@@ -39,8 +39,8 @@ struct RPCError {
 };
 
 struct RPCResult {
-  std::string requestID;  // "request_id"
-  bool ok = false;        // "ok"
+  std::string requestID;            // "request_id"
+  bool ok = false;                  // "ok"
   std::optional<JSONValue> result;  // "result", left out when absent
   std::optional<RPCError> error;    // "error", left out when absent
 

@@ -31,15 +31,9 @@ inline constexpr std::string_view timeout = "timeout";
 inline constexpr std::string_view desktopDisconnected = "desktop_disconnected";
 }  // namespace ErrorCode
 
-
-
-
-
 namespace DesktopEvent {
 inline constexpr std::string_view desktopOnline = "desktop_online";
 inline constexpr std::string_view desktopOffline = "desktop_offline";
 }  // namespace DesktopEvent
-
-
 
 }  // namespace tamsel::bridge::rpc::ProtocolConstants

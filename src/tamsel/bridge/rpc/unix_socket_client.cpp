@@ -71,7 +71,8 @@ asio::awaitable<void> UnixSocketClient::connect() {
   co_await connect(attempts, delay);
 }
 
-asio::awaitable<void> UnixSocketClient::connect(int maxAttempts, std::chrono::nanoseconds retryDelay) {
+asio::awaitable<void> UnixSocketClient::connect(int maxAttempts,
+                                                std::chrono::nanoseconds retryDelay) {
   close();
   const std::string path = socketPath_.string();
   if (path.size() > maxPathLength) {
@@ -107,8 +108,8 @@ asio::awaitable<void> UnixSocketClient::connect(int maxAttempts, std::chrono::na
       co_await timer.async_wait(asio::use_awaitable);
     }
   }
-  throw TransportException({TransportError::ConnectFailed{"failed after " + std::to_string(attempts) +
-                                                          " attempts: " + lastError}});
+  throw TransportException({TransportError::ConnectFailed{
+      "failed after " + std::to_string(attempts) + " attempts: " + lastError}});
 }
 
 asio::awaitable<void> UnixSocketClient::send(std::string bytes) {
@@ -116,7 +117,8 @@ asio::awaitable<void> UnixSocketClient::send(std::string bytes) {
   if (!connection || !connection->open) throw TransportException({TransportError::NotConnected{}});
   if (connection->writing) {
     // Wait for our turn; a frame is never interleaved with another.
-    auto turn = std::make_shared<asio::steady_timer>(executor_, asio::steady_timer::time_point::max());
+    auto turn =
+        std::make_shared<asio::steady_timer>(executor_, asio::steady_timer::time_point::max());
     connection->writeQueue.push_back(turn);
     boost::system::error_code ignored;
     co_await turn->async_wait(asio::redirect_error(asio::use_awaitable, ignored));
@@ -124,7 +126,8 @@ asio::awaitable<void> UnixSocketClient::send(std::string bytes) {
   }
   connection->writing = true;
   boost::system::error_code ec;
-  co_await asio::async_write(connection->socket, asio::buffer(bytes), asio::redirect_error(asio::use_awaitable, ec));
+  co_await asio::async_write(connection->socket, asio::buffer(bytes),
+                             asio::redirect_error(asio::use_awaitable, ec));
   connection->writing = false;
   if (!connection->writeQueue.empty()) {
     // Handing over keeps `writing` set, so nobody slips in between.
