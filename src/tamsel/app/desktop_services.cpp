@@ -30,6 +30,7 @@ struct DesktopServices::Parts {
   std::optional<std::string> deviceID;
   std::shared_ptr<bridge::HttpSessions> sessions;
   std::unique_ptr<bridge::DaemonClient> client;
+  std::unique_ptr<desktop::DaemonChatEngine> chatEngine;
   std::unique_ptr<base::PreferencesStore> preferences;
   std::unique_ptr<kit::DraftStorage> drafts;
   // Session files are decoded here, never on the main executor.
@@ -182,8 +183,10 @@ desktop::DaemonManager& DesktopServices::daemonManager() {
 }
 
 std::unique_ptr<desktop::DaemonChatViewModel> DesktopServices::makeChatViewModel() {
-  desktop::DaemonChatViewModel::Dependencies deps{&client(), &eventStream(), &sessionHistory(),
-                                                  &drafts(), &preferences()};
+  if (!parts_->chatEngine)
+    parts_->chatEngine = std::make_unique<desktop::DaemonChatEngine>(client());
+  desktop::DaemonChatViewModel::Dependencies deps{parts_->chatEngine.get(), &eventStream(),
+                                                  &sessionHistory(), &drafts(), &preferences()};
   return std::make_unique<desktop::DaemonChatViewModel>(main_, deps);
 }
 
