@@ -34,10 +34,12 @@ class HttpSession;
 
 namespace tamsel::bridge {
 
-class SSEBufferOverflowError : public std::runtime_error {
+class SSEBufferOverflowError : public base::Error {
  public:
+  static constexpr std::string_view category = "event_stream";
   SSEBufferOverflowError()
-      : std::runtime_error("The event consumer could not keep up with critical daemon events.") {}
+      : Error(category, "buffer_overflow",
+              "The event consumer could not keep up with critical daemon events.") {}
 };
 
 // The backoff rule, kept apart from the loop so it can be checked without waiting.

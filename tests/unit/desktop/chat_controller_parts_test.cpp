@@ -8,8 +8,8 @@
 #include <boost/asio/use_awaitable.hpp>
 #include <deque>
 
-#include "tamsel/desktop/daemon_chat_view_model.hpp"
 #include "../test_support.hpp"
+#include "tamsel/desktop/daemon_chat_view_model.hpp"
 
 namespace tamsel::desktop {
 namespace {
@@ -238,9 +238,9 @@ class ChatControllerParts : public ::testing::Test {
     bridge::DaemonAgent agent;
     agent.name = "main";
     engine.agentList = {agent};
-    for (auto* signal : {&vm.sidebar().changed(), &vm.transcript().changed(),
-                         &vm.replies().changed(), &vm.requests().changed(), &vm.queue().changed(),
-                         &vm.status().changed()}) {
+    for (auto* signal :
+         {&vm.sidebar().changed(), &vm.transcript().changed(), &vm.replies().changed(),
+          &vm.requests().changed(), &vm.queue().changed(), &vm.status().changed()}) {
       const auto index = notifications.size();
       notifications.push_back(0);
       signal->connect([this, index] { ++notifications[index]; });
@@ -332,8 +332,7 @@ TEST_F(ChatControllerParts, TextTypedDuringAReplyWaitsInTheQueueAndIsSentAfterIt
 }
 
 TEST_F(ChatControllerParts, ARefusedSendShowsTheErrorAndEndsTheReply) {
-  engine.failNextSend =
-      bridge::DaemonClientError{bridge::DaemonClientError::CreditsExhausted{{}}};
+  engine.failNextSend = bridge::DaemonClientError{bridge::DaemonClientError::CreditsExhausted{{}}};
   vm.submit("hello");
   settle();
   EXPECT_TRUE(vm.status()->creditsError);

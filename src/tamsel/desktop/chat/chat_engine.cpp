@@ -10,7 +10,8 @@ auto DaemonChatEngine::sessions(bridge::SessionListQuery query)
     -> Task<std::vector<bridge::DaemonSession>> {
   co_return co_await client_.sessions(std::move(query));
 }
-auto DaemonChatEngine::sendMessage(bridge::SendMessageRequest request) -> Task<bridge::ReplyStream> {
+auto DaemonChatEngine::sendMessage(bridge::SendMessageRequest request)
+    -> Task<bridge::ReplyStream> {
   co_return co_await client_.sendMessage(std::move(request));
 }
 auto DaemonChatEngine::inject(bridge::InjectRequest request) -> Task<bridge::ReplyStream> {

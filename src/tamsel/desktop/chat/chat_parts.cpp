@@ -132,7 +132,8 @@ bool ChatRepliesState::isRunning(const std::string& sessionKey,
 
 std::optional<std::string> ChatRepliesState::tokenFor(
     const std::string& sessionKey, const bridge::SessionIdentityRegistry& ids) const {
-  for (const auto& key : {sessionKey, ids.realID(sessionKey), ids.pendingID(ids.realID(sessionKey))})
+  for (const auto& key :
+       {sessionKey, ids.realID(sessionKey), ids.pendingID(ids.realID(sessionKey))})
     if (auto it = streamingTokensBySession.find(key); it != streamingTokensBySession.end())
       return it->second;
   return std::nullopt;
