@@ -35,7 +35,8 @@ Expected caught(const std::function<void()>& raise) {
 TEST(ErrorModel, EachFamilyNamesItsCaseBesideItsMessage) {
   using bridge::DaemonClientError;
   auto engine = caught([] {
-    throw bridge::DaemonClientException(DaemonClientError{DaemonClientError::ServerError{500, "x"}});
+    throw bridge::DaemonClientException(
+        DaemonClientError{DaemonClientError::ServerError{500, "x"}});
   });
   EXPECT_EQ(engine.category, "engine");
   EXPECT_EQ(engine.code, "server_error");
