@@ -28,8 +28,8 @@ class Renderer {
 
   std::string render(std::string_view markdown) {
     MD_PARSER parser{};
-    parser.flags = MD_FLAG_TABLES | MD_FLAG_STRIKETHROUGH | MD_FLAG_PERMISSIVEAUTOLINKS |
-                   MD_FLAG_NOHTML;
+    parser.flags =
+        MD_FLAG_TABLES | MD_FLAG_STRIKETHROUGH | MD_FLAG_PERMISSIVEAUTOLINKS | MD_FLAG_NOHTML;
     parser.enter_block = [](MD_BLOCKTYPE type, void* detail, void* self) {
       return static_cast<Renderer*>(self)->enterBlock(type, detail);
     };
@@ -47,8 +47,7 @@ class Renderer {
     };
     if (md_parse(markdown.data(), static_cast<MD_SIZE>(markdown.size()), &parser, this) != 0)
       return std::string(markdown) + "\n";  // never lose the text, styled or not
-    while (!out_.empty() && out_.back() == '\n' && out_.size() > 1 &&
-           out_[out_.size() - 2] == '\n')
+    while (!out_.empty() && out_.back() == '\n' && out_.size() > 1 && out_[out_.size() - 2] == '\n')
       out_.pop_back();
     return out_;
   }
@@ -435,8 +434,8 @@ std::size_t displayWidth(std::string_view text) {
   for (std::size_t at = 0; at < text.size();) {
     if (text[at] == '\033') {  // an escape sequence ends with a letter
       ++at;
-      while (at < text.size() && !((text[at] >= 'a' && text[at] <= 'z') ||
-                                   (text[at] >= 'A' && text[at] <= 'Z')))
+      while (at < text.size() &&
+             !((text[at] >= 'a' && text[at] <= 'z') || (text[at] >= 'A' && text[at] <= 'Z')))
         ++at;
       ++at;
       continue;

@@ -1,11 +1,11 @@
 // Markdown as the terminal shows it: plain layout (the styles only add escapes around it),
 // wrapping to the width, tables that fit, and where a streamed reply may be cut.
+#include "terminal_markdown.hpp"
+
 #include <gtest/gtest.h>
 
 #include <clocale>
 #include <sstream>
-
-#include "terminal_markdown.hpp"
 
 namespace tamsel::cli {
 namespace {
@@ -46,7 +46,7 @@ TEST_F(TerminalMarkdown, ParagraphsWrapAtWordsAndBulletsHang) {
   ASSERT_GE(all.size(), 3u);
   EXPECT_TRUE(all[0].starts_with("• the quick"));
   EXPECT_TRUE(all[1].starts_with("  ")) << "continuation lines hang under the text";
-  EXPECT_EQ(out.find("fox jumps"), out.find("fox") ) << "no word is broken";
+  EXPECT_EQ(out.find("fox jumps"), out.find("fox")) << "no word is broken";
 }
 
 TEST_F(TerminalMarkdown, WideCharactersCountTwoColumns) {
