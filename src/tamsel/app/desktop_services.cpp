@@ -10,6 +10,7 @@
 #include "tamsel/bridge/device_identity.hpp"
 #include "tamsel/bridge/event_stream_client.hpp"
 #include "tamsel/bridge/http_transport.hpp"
+#include "tamsel/bridge/pidfile_reader.hpp"
 #include "tamsel/bridge/rpc/desktop_rpc_method_dispatcher.hpp"
 #include "tamsel/bridge/rpc/desktop_rpc_service.hpp"
 #include "tamsel/bridge/session_history.hpp"
@@ -17,6 +18,7 @@
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
 #include "tamsel/desktop/engine_locator.hpp"
 #include "tamsel/kit/draft_storage.hpp"
+#include "tamsel/platform/child_process.hpp"
 
 namespace tamsel::app {
 
@@ -95,9 +97,17 @@ bridge::DaemonClient& DesktopServices::client() {
 
 bridge::EventStreamClient& DesktopServices::eventStream() {
   if (!parts_->eventStream) {
-    parts_->eventStream = std::make_unique<bridge::EventStreamClient>(
-        main_.ioExecutor(),
-        bridge::EventStreamClient::Config{options_.enginePort, presenceToken(), deviceID()});
+    bridge::EventStreamClient::Config config{options_.enginePort, presenceToken(), deviceID()};
+    // The engine process: the pidfile's PID with its start time, so a reused PID is not taken
+    // for the same engine.
+    config.engineInstance = [pidfile = paths_.pidfilePath()]() -> std::optional<std::string> {
+      const auto pid = bridge::PidfileReader::readProcessID(pidfile);
+      const auto started = pid ? platform::processStartTime(*pid) : std::nullopt;
+      if (!started) return std::nullopt;
+      return std::to_string(*pid) + "@" + std::to_string(*started);
+    };
+    parts_->eventStream =
+        std::make_unique<bridge::EventStreamClient>(main_.ioExecutor(), std::move(config));
   }
   return *parts_->eventStream;
 }
