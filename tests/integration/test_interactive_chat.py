@@ -266,6 +266,58 @@ class InteractiveChat(unittest.TestCase):
         self.assertEqual(screen.count('About "after the restart"'), 1, screen)
         self.assertEqual(screen.count("you: first message"), 0, "nothing shown before is shown again")
 
+    def test_keys_answer_approvals_clear_lines_continue_messages_and_recall_history(self):
+        self.open()
+        self.keys("check [approval]", "Enter")
+        self.wait_for("Approval needed: bash")
+        self.keys("s")
+        self.wait_for("bash allowed for this session.")
+        self.wait_for("I listed the folder")
+        self.wait_idle()
+        self.assertTrue(self.screen().rstrip().endswith("main>"), "the key never reached the line")
+
+        self.keys("half typed")
+        self.keys("C-c")
+        time.sleep(0.5)
+        self.assertTrue(self.screen().rstrip().endswith("main>"), self.screen())
+        self.assertNotIn("EXIT=", self.screen())
+
+        self.keys("line one", "M-Enter")
+        self.wait_for("… ")
+        self.keys("line two", "Enter")
+        self.wait_for("line two")
+        self.wait_for('agent: About "line one')
+        self.wait_idle()
+        self.keys("/quit", "Enter")
+        self.wait_for("EXIT=0")
+        history = os.path.join(self.home, "data", "dev.tamsel.desktop", "chat_history")
+        self.assertEqual(os.stat(history).st_mode & 0o777, 0o600)
+
+        self.open()
+        self.keys("Up")
+        self.wait_for("main> /quit")
+        self.keys("Up")
+        self.wait_for("line two")
+
+    def test_a_long_session_opens_on_its_last_screenful(self):
+        sessions = os.path.join(self.home, "engine-home", "sessions")
+        os.makedirs(sessions, exist_ok=True)
+        messages = []
+        for i in range(200):
+            messages.append({"role": "user", "content": "question %d" % i})
+            messages.append({"role": "assistant", "content": "answer %d" % i})
+        with open(os.path.join(sessions, "s_long.json"), "w") as f:
+            json.dump({"id": "s_long", "title": "Long", "messages": messages}, f)
+        self.open("--session", "s_long")
+        screen = self.wait_for("earlier messages not shown")
+        self.assertIn("answer 199", screen)
+        self.assertNotIn("question 0\n", screen + "\n")
+        self.keys("/history", "Enter")
+        time.sleep(1.5)
+        everything = subprocess.run(["tmux", "-L", self.server, "capture-pane", "-p", "-J", "-S", "-",
+                                     "-t", self.name], capture_output=True, text=True).stdout
+        self.assertIn("you: question 0\n", everything.split("— the whole session —")[1])
+
 
 if __name__ == "__main__":
     unittest.main()
