@@ -22,7 +22,10 @@ int followEvents(const GlobalOptions& options, bool asJSON) {
   auto& events = rt.services.eventStream();
   events.connectionChanged().connect([&](bool up) {
     std::cerr << (up ? "tamsel: connected to the event stream"
-                     : "tamsel: event stream lost; reconnecting")
+                     : "tamsel: event stream lost" +
+                           (events.lastFailure() ? " (" + *events.lastFailure() + ")"
+                                                 : std::string()) +
+                           "; reconnecting")
               << (up && events.lastEventID() ? " (resuming after " + *events.lastEventID() + ")"
                                              : std::string())
               << std::endl;

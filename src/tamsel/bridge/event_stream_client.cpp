@@ -147,6 +147,7 @@ struct EventStreamClient::Impl {
   std::shared_ptr<HttpSession> session;
   std::map<std::string, std::shared_ptr<EventSubscription>> subscribers;
   std::optional<std::string> lastEventID;
+  std::optional<std::string> lastFailure;
   bool running = false;
   bool connected = false;
   std::uint64_t generation = 0;
@@ -218,11 +219,13 @@ struct EventStreamClient::Impl {
     std::uniform_real_distribution<double> jitter(0.0, 0.5);
     while (self->current(generation)) {
       const auto opened = std::chrono::steady_clock::now();
+      self->lastFailure.reset();
       try {
         co_await readOnce(self, generation);
       } catch (const std::exception& e) {
         if (!self->current(generation)) co_return;
         base::log::info(kSource, "stream ended: {}", e.what());
+        self->lastFailure = e.what();
       }
       if (!self->current(generation)) co_return;
       self->setConnected(false);
@@ -281,6 +284,9 @@ bool EventStreamClient::isRunning() const { return impl_->running; }
 bool EventStreamClient::isConnected() const { return impl_->connected; }
 const std::optional<std::string>& EventStreamClient::lastEventID() const {
   return impl_->lastEventID;
+}
+const std::optional<std::string>& EventStreamClient::lastFailure() const {
+  return impl_->lastFailure;
 }
 base::Signal<bool>& EventStreamClient::connectionChanged() { return impl_->connectionChanged; }
 
