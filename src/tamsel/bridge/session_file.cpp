@@ -8,9 +8,11 @@
 #include <boost/json/object.hpp>
 #include <boost/json/parse.hpp>
 #include <charconv>
+#include <limits>
 
 #include "tamsel/base/atomic_file.hpp"
 #include "tamsel/base/log.hpp"
+#include "tamsel/base/numbers.hpp"
 #include "tamsel/base/strings.hpp"
 #include "tamsel/base/uuid.hpp"
 #include "tamsel/bridge/session_history.hpp"
@@ -70,10 +72,12 @@ bool optionalInt(const simdjson::dom::object& object, std::string_view snake,
   if (value.is_null()) return true;
   std::int64_t number = 0;
   if (value.get_int64().get(number)) {
+    // A whole number written as a double ("3.0", "3E2") counts; one past int64 (5E20) does not.
     double d = 0;
-    if (value.get_double().get(d) || d != static_cast<double>(static_cast<std::int64_t>(d)))
-      return false;
-    number = static_cast<std::int64_t>(d);
+    if (value.get_double().get(d)) return false;
+    const auto whole = base::exactInt64(d);
+    if (!whole) return false;
+    number = *whole;
   }
   out = number;
   return true;
@@ -298,6 +302,7 @@ std::optional<std::string> decodeBase64(std::string_view text) {
   for (char c : text)
     if (c != '\n' && c != '\r' && c != ' ') clean.push_back(c);
   if (clean.empty() || clean.size() % 4 != 0) return std::nullopt;
+  if (clean.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) return std::nullopt;
   std::string out(clean.size() / 4 * 3, '\0');
   const int n = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(out.data()),
                                 reinterpret_cast<const unsigned char*>(clean.data()),
