@@ -25,7 +25,7 @@ void writeFileAtomically(const std::filesystem::path& path, std::string_view con
   const auto folder = path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
   const auto temp =
       folder / ("." + path.filename().string() + "." + newUUIDString().substr(0, 8) + ".tmp");
-  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
   if (fd < 0) fail("cannot create " + temp.string());
   size_t written = 0;
   while (written < contents.size()) {

@@ -1,5 +1,6 @@
 // Decoding of session files and the text rules of the displayed transcript: no file access
 // besides writing materialised images, so they can be fuzzed and benchmarked alone.
+#include <fcntl.h>
 #include <openssl/evp.h>
 #include <simdjson.h>
 #include <sys/stat.h>
@@ -9,10 +10,13 @@
 #include <boost/json/parse.hpp>
 #include <charconv>
 #include <limits>
+#include <set>
 
 #include "tamsel/base/atomic_file.hpp"
 #include "tamsel/base/log.hpp"
+#include "tamsel/base/mutex.hpp"
 #include "tamsel/base/numbers.hpp"
+#include "tamsel/base/private_folder.hpp"
 #include "tamsel/base/strings.hpp"
 #include "tamsel/base/uuid.hpp"
 #include "tamsel/bridge/session_history.hpp"
@@ -397,6 +401,25 @@ std::vector<ToolResultExtract> SessionHistory::toolResults(const RawMessage& use
   return out;
 }
 
+namespace {
+// The images' folder, made private once per folder and process; images older than a day are
+// removed then, so the folder does not grow without end.
+std::optional<fs::path> openImageFolder() {
+  static base::Mutex mutex;
+  static std::set<fs::path> swept;
+  try {
+    const fs::path folder = base::userRuntimeFolder() / "quenlo-images";
+    base::ensurePrivateFolder(folder);
+    base::MutexLock lock(mutex);
+    if (swept.insert(folder).second) base::removeFilesOlderThan(folder, std::chrono::hours(24));
+    return folder;
+  } catch (const std::exception& e) {
+    base::log::warn(kSource, "images are not written: {}", e.what());
+    return std::nullopt;
+  }
+}
+}  // namespace
+
 std::optional<fs::path> SessionHistory::materialiseImage(std::string_view base64,
                                                          std::optional<std::string> mediaType) {
   auto bytes = decodeBase64(base64);
@@ -405,11 +428,20 @@ std::optional<fs::path> SessionHistory::materialiseImage(std::string_view base64
   std::string extension = base::startsWith(type, "image/") ? type.substr(6) : type;
   for (char& c : extension)
     if (c == '/' || c == '.') c = '_';
-  std::error_code ec;
-  const fs::path folder = fs::temp_directory_path(ec) / "quenlo-images";
-  if (ec) return std::nullopt;
-  fs::create_directories(folder, ec);
-  const fs::path file = folder / (base::newUUIDString() + "." + extension);
+  const auto folder = openImageFolder();
+  if (!folder) return std::nullopt;
+  // Named after the content, so every view of the same image finds the file written before.
+  std::string name = type;
+  name.push_back('\0');
+  name.append(*bytes);
+  const fs::path file = *folder / (base::nameUUIDString(name) + "." + extension);
+  struct stat info {};
+  if (::lstat(file.c_str(), &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == ::geteuid() &&
+      static_cast<std::size_t>(info.st_size) == bytes->size()) {
+    // Still in use: keep it out of the next sweep of old images.
+    ::utimensat(AT_FDCWD, file.c_str(), nullptr, AT_SYMLINK_NOFOLLOW);
+    return file;
+  }
   try {
     base::writeFileAtomically(file, *bytes, 0600);
   } catch (const std::exception& e) {
