@@ -33,8 +33,7 @@ fs::path userRuntimeFolder() {
 }
 
 void ensurePrivateFolder(const fs::path& folder) {
-  if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST)
-    refuse(folder, std::strerror(errno));
+  if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) refuse(folder, std::strerror(errno));
   // Checked through a descriptor of the folder itself, so a swap after the check changes nothing.
   const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) {

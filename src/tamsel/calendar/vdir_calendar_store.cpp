@@ -163,8 +163,15 @@ VdirCalendarStore::Folder& VdirCalendarStore::refresh(const fs::path& folder) {
 
 std::vector<CalendarEvent> VdirCalendarStore::events(Timestamp start, Timestamp end,
                                                      const std::vector<std::string>& calendarIDs) {
+  EventCollector all;
+  collectEvents(start, end, calendarIDs, all);
+  return all.take();
+}
+
+void VdirCalendarStore::collectEvents(Timestamp start, Timestamp end,
+                                      const std::vector<std::string>& calendarIDs,
+                                      EventCollector& into) {
   base::MutexLock lock(mutex_);
-  std::vector<CalendarEvent> out;
   for (const auto& calendar : calendarsLocked()) {
     if (!calendarIDs.empty() &&
         std::find(calendarIDs.begin(), calendarIDs.end(), calendar.id) == calendarIDs.end())
@@ -173,10 +180,10 @@ std::vector<CalendarEvent> VdirCalendarStore::events(Timestamp start, Timestamp 
     for (const auto& [path, entry] : folder.files) {
       if (!entry.series || entry.first >= end) continue;
       if (entry.lastEnd && *entry.lastEnd < start) continue;
-      entry.series->expand(start, end, calendar.id, out);
+      if (into.budgetSpent()) return;
+      entry.series->expand(start, end, calendar.id, into);
     }
   }
-  return out;
 }
 
 std::optional<CalendarEvent> VdirCalendarStore::event(const std::string& id) {
