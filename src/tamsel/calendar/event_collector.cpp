@@ -18,9 +18,8 @@ bool EventCollector::step() {
   if (incomplete_) return false;
   ++steps_;
   // The clock is read every 4096 steps only: a step is far cheaper than a clock read.
-  if (steps_ > bounds_.maxSteps ||
-      (bounds_.deadline && steps_ % 4096 == 0 &&
-       std::chrono::steady_clock::now() >= *bounds_.deadline))
+  if (steps_ > bounds_.maxSteps || (bounds_.deadline && steps_ % 4096 == 0 &&
+                                    std::chrono::steady_clock::now() >= *bounds_.deadline))
     incomplete_ = true;
   return !incomplete_;
 }

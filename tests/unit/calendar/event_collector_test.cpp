@@ -99,8 +99,7 @@ TEST_F(RunawaySeries, TheLimitIsAppliedWhileExpandingInStartOrderAcrossSeries) {
   const auto took = std::chrono::steady_clock::now() - began;
   EXPECT_TRUE(result.truncated);
   std::vector<std::string> titles;
-  for (const auto& e : result.events)
-    titles.push_back(e.title + "@" + formatTimestamp(e.start));
+  for (const auto& e : result.events) titles.push_back(e.title + "@" + formatTimestamp(e.start));
   // The earliest five over all nine series, not the first five of one file.
   EXPECT_EQ(titles, (std::vector<std::string>{
                         "tick 0@2026-01-05T09:00:10+00:00", "tick 0@2026-01-05T09:00:11+00:00",
