@@ -128,5 +128,143 @@ class HostileEngine(unittest.TestCase):
         self.assertIsNone(stranger.poll(), "an unrelated process was signalled")
 
 
+class Reader:
+    """Drains a pty's output in the background so the program never blocks on a full pipe."""
+
+    def __init__(self, fd):
+        import threading
+        self.fd, self.text, self.lock = fd, "", threading.Lock()
+        threading.Thread(target=self.run, daemon=True).start()
+
+    def run(self):
+        while True:
+            try:
+                data = os.read(self.fd, 65536)
+            except OSError:
+                return
+            if not data:
+                return
+            with self.lock:
+                self.text += data.decode("utf-8", "replace")
+
+    def wait_for(self, needle, timeout=15):
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            with self.lock:
+                if needle in self.text:
+                    return True
+            time.sleep(0.02)
+        return False
+
+
+class KilledWhileSaving(unittest.TestCase):
+    """kill -9 at random moments while typing and while a reply streams."""
+
+    def test_drafts_stay_valid_and_no_temporaries_survive_the_next_start(self):
+        import pty
+        sb = Sandbox(self)
+        sb.start_engine(engine_args="daemon --port {port} --scenario %s" % sb.write_scenario(
+            {"event_delay_seconds": 0.05}))
+        drafts = os.path.join(sb.app_dir, "drafts.json")
+        rounds = int(os.environ.get("FAULT_KILLS", "40"))
+        rng = random.Random(int(os.environ.get("FAULT_SEED", "13")))
+        for round_ in range(rounds):
+            master, slave = pty.openpty()
+            proc = subprocess.Popen(sb.command(["chat"]), env=sb.environment({"TERM": "dumb"}), cwd=sb.root,
+                                    stdin=slave, stdout=slave, stderr=slave, close_fds=True)
+            os.close(slave)
+            reader = Reader(master)
+            try:
+                self.assertTrue(reader.wait_for("/help"), "chat did not start:\n" + reader.text)
+                if rng.random() < 0.5:
+                    os.write(master, b"tell me a long story [slow]\r")  # a reply streams meanwhile
+                # Long lines make every save a few hundred kilobytes: kills land mid-write.
+                text = ("%d " % round_) * rng.randint(1000, 20000)
+                for at in range(0, len(text), 4096):
+                    os.write(master, text[at:at + 4096].encode())
+                    if rng.random() < 0.3:
+                        break
+                time.sleep(rng.uniform(0.2, 1.2))  # the store writes after 0.5 s of quiet
+            finally:
+                proc.kill()
+                proc.wait(10)
+                os.close(master)
+            if os.path.exists(drafts):
+                with open(drafts, encoding="utf-8") as f:
+                    try:
+                        json.load(f)
+                    except ValueError as e:
+                        self.fail("drafts.json is not valid after kill %d: %s" % (round_, e))
+        left = glob.glob(os.path.join(sb.app_dir, ".drafts.json.*.tmp"))
+        size = os.path.getsize(drafts) if os.path.exists(drafts) else 0
+        print("\n  %d kills: drafts.json valid after each (%d bytes at the end), %d temporaries left "
+              "behind before the next start" % (rounds, size, len(left)), file=sys.stderr)
+        # The next start clears what the killed processes left.
+        proc = sb.run("sessions")
+        self.assertEqual(proc.returncode, 0, describe(proc))
+        self.assertEqual(glob.glob(os.path.join(sb.app_dir, ".*.tmp")), [])
+
+
+def try_mount_tmpfs(test, folder, size="1m"):
+    os.makedirs(folder, exist_ok=True)
+    proc = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=%s,mode=0700" % size, "tmpfs", folder],
+                          capture_output=True, text=True)
+    if proc.returncode != 0:
+        test.skipTest("this machine does not allow mounting a tmpfs (%s); the full and read-only disk "
+                      "cases need root or CAP_SYS_ADMIN" % (proc.stderr.strip() or "mount failed"))
+    test.addCleanup(subprocess.run, ["umount", "-l", folder], capture_output=True)
+
+
+class FullAndReadOnlyDisk(unittest.TestCase):
+    def setUp(self):
+        self.sb = Sandbox(self)
+        try_mount_tmpfs(self, self.sb.data)
+
+    def fill(self):
+        fd = os.open(os.path.join(self.sb.data, "filler"), os.O_WRONLY | os.O_CREAT, 0o600)
+        try:
+            while os.write(fd, b"\0" * 4096) > 0:
+                pass
+        except OSError:
+            pass
+        finally:
+            os.close(fd)
+
+    def leftovers(self):
+        return [p for p in glob.glob(os.path.join(self.sb.data, "**", ".*"), recursive=True)
+                if p.endswith(".tmp")]
+
+    def test_full_disk(self):
+        sb = self.sb
+        self.assertEqual(sb.run("calendar", "permission", "grant").returncode, 0)
+        with open(os.path.join(sb.app_dir, "preferences.json"), encoding="utf-8") as f:
+            before = f.read()
+        self.fill()
+        with self.subTest("a calendar that cannot be written leaves no folder"):
+            proc = sb.run("calendar", "add-local", "work")
+            self.assertNotEqual(proc.returncode, 0, describe(proc))
+            self.assertIn("cannot add the calendar work", proc.stderr)
+            self.assertFalse(os.path.exists(os.path.join(sb.app_dir, "calendars", "work")))
+        with self.subTest("preferences that cannot be saved stay as they were"):
+            proc = sb.run("calendar", "permission", "deny")
+            self.assertNotEqual(proc.returncode, 0, describe(proc))
+            with open(os.path.join(sb.app_dir, "preferences.json"), encoding="utf-8") as f:
+                self.assertEqual(f.read(), before)
+        self.assertEqual(self.leftovers(), [])
+
+    def test_read_only_folder(self):
+        sb = self.sb
+        self.assertEqual(sb.run("calendar", "permission", "grant").returncode, 0)
+        os.makedirs(sb.engine_dir, exist_ok=True)
+        subprocess.run(["mount", "-o", "remount,ro", sb.data], check=True)
+        proc = sb.run("engine", "start")
+        self.assertNotEqual(proc.returncode, 0, describe(proc))
+        self.assertIn("engine.log", proc.stderr, "the file that could not be opened is not named")
+        self.assertIn("Read-only file system", proc.stderr)
+        proc = sb.run("calendar", "permission", "deny")
+        self.assertNotEqual(proc.returncode, 0, describe(proc))
+        self.assertIn("Read-only file system", proc.stderr)
+
+
 if __name__ == "__main__":
     unittest.main(verbosity=2)
