@@ -7,6 +7,7 @@
 #include "tamsel/base/json.hpp"
 #include "tamsel/bridge/daemon_client.hpp"
 #include "tamsel/bridge/daemon_client_error.hpp"
+#include "tamsel/bridge/http_transport.hpp"
 
 namespace tamsel::cli {
 
@@ -19,6 +20,8 @@ template <class T>
 std::optional<T> callEngine(Runtime& rt, asio::awaitable<T> work) {
   try {
     return rt.runToEnd(std::move(work));
+  } catch (const bridge::ResponseTooLargeError& e) {
+    printError(e.what());  // the engine answered: no hint about starting it
   } catch (const bridge::TransportError& e) {
     printError(std::string(e.what()) +
                "\nIs the engine running? Start it with: tamsel engine start (port " +

@@ -5,12 +5,13 @@
 #include <boost/asio/use_awaitable.hpp>
 #include <cstdio>
 #include <iostream>
+#include <thread>
 
 #include "cli.hpp"
 #include "runtime.hpp"
 #include "tamsel/base/dates.hpp"
 #include "tamsel/base/json.hpp"
-#include "tamsel/bridge/pidfile_reader.hpp"
+#include "tamsel/bridge/daemon_reconciler.hpp"
 #include "tamsel/bridge/rpc/desktop_rpc_service.hpp"
 #include "tamsel/desktop/engine_locator.hpp"
 #include "tamsel/platform/child_process.hpp"
@@ -107,8 +108,10 @@ int engineStatus(const GlobalOptions& options, bool asJSON) {
     co_return r;
   }());
 
-  auto pid = bridge::PidfileReader::readProcessID(rt.services.daemonPaths().pidfilePath());
-  if (pid && !platform::processExists(*pid)) pid.reset();
+  // Only a pidfile PID that listens on the engine's socket is the engine: a stale pidfile may
+  // name any process by now.
+  const auto& paths = rt.services.daemonPaths();
+  auto pid = bridge::DaemonReconciler::verifiedEnginePID(paths.pidfilePath(), paths.socketPath());
   const bool running = report.status.has_value();
   const std::string state = running ? "running" : pid ? "not_responding" : "stopped";
   const std::string endpoint = report.healthy ? "ready" : pid ? "reconnecting" : "down";
@@ -167,8 +170,8 @@ int engineStatus(const GlobalOptions& options, bool asJSON) {
 
 int engineStop(const GlobalOptions& options) {
   Runtime rt(options);
-  auto pid = bridge::PidfileReader::readProcessID(rt.services.daemonPaths().pidfilePath());
-  if (pid && !platform::processExists(*pid)) pid.reset();
+  const auto& paths = rt.services.daemonPaths();
+  auto pid = bridge::DaemonReconciler::verifiedEnginePID(paths.pidfilePath(), paths.socketPath());
   auto& manager = rt.services.daemonManager();
   bool reachable = false;
   try {
@@ -184,6 +187,21 @@ int engineStop(const GlobalOptions& options) {
   rt.io.run();
   if (pid && platform::processExists(*pid)) {
     printError("Tamsel Engine (PID " + std::to_string(*pid) + ") did not shut down");
+    return kExitFailure;
+  }
+  // Without a verified PID to watch, the engine is gone once its port stops answering.
+  bool stillAnswers = true;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (stillAnswers && std::chrono::steady_clock::now() < deadline) {
+    try {
+      stillAnswers = rt.runToEnd(manager.client().health());
+    } catch (const std::exception&) {
+      stillAnswers = false;
+    }
+    if (stillAnswers) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  if (stillAnswers) {
+    printError("Tamsel Engine did not shut down");
     return kExitFailure;
   }
   std::cout << "Tamsel Engine stopped" << std::endl;

@@ -27,7 +27,10 @@ int followEvents(const GlobalOptions& options, bool asJSON) {
     else if (up && events.lastEventID())
       resume = " (resuming after " + *events.lastEventID() + ")";
     std::cerr << (up ? "tamsel: connected to the event stream"
-                     : "tamsel: event stream lost; reconnecting")
+                     : "tamsel: event stream lost" +
+                           (events.lastFailure() ? " (" + *events.lastFailure() + ")"
+                                                 : std::string()) +
+                           "; reconnecting")
               << resume << std::endl;
   });
   auto subscription = events.subscribe();

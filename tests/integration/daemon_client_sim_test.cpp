@@ -10,6 +10,8 @@
 #include "tamsel/base/json.hpp"
 #include "tamsel/bridge/daemon_client.hpp"
 #include "tamsel/bridge/daemon_client_error.hpp"
+#include "tamsel/bridge/http_transport.hpp"
+#include "tamsel/bridge/sse_parser.hpp"
 
 namespace tamsel::bridge {
 namespace {
@@ -172,6 +174,50 @@ TEST(DaemonClientSim, TransportFailuresAndTimeLimits) {
   const auto took = std::chrono::steady_clock::now() - started;
   EXPECT_GE(took, std::chrono::milliseconds(4900));
   EXPECT_LT(took, std::chrono::milliseconds(7500));
+}
+
+TEST(DaemonClientSim, AHostileEngineCannotMakeTheClientBufferWithoutEnd) {
+  // A 100 MiB answer to a short control call fails at the limit instead of being held whole;
+  // the next call works as before.
+  SimEngine sim(
+      {.scenarioJSON =
+           R"({"responses":[{"method":"POST","path":"/shutdown","body_bytes":104857600,"times":1}],)"
+           R"("stream_events":[{"event":"delta","data":{"text":"a"}},{"endless_line":true}]})"});
+  auto client = clientFor(sim);
+  try {
+    runAsync(
+        [&]() -> asio::awaitable<bool> {
+          co_await client.shutdown();
+          co_return true;
+        }(),
+        std::chrono::seconds(30));
+    ADD_FAILURE() << "a 100 MiB answer was accepted";
+  } catch (const ResponseTooLargeError& e) {
+    EXPECT_STREQ(e.what(),
+                 "The engine's answer to POST /shutdown was larger than 64 MiB; the call was "
+                 "dropped");
+  }
+  EXPECT_TRUE(runAsync(client.health()));
+
+  // A reply whose line never ends: the events before it arrive, then the limit's error.
+  auto seen = runAsync(
+      [&]() -> asio::awaitable<std::pair<int, std::string>> {
+        SendMessageRequest request;
+        request.text = "hi";
+        request.newSession = true;
+        auto stream = co_await client.sendMessage(request);
+        int events = 0;
+        try {
+          while (co_await stream.next()) ++events;
+        } catch (const SSELimitError& e) {
+          co_return std::pair(events, std::string(e.what()));
+        }
+        co_return std::pair(events, std::string());
+      }(),
+      std::chrono::seconds(30));
+  EXPECT_EQ(seen.first, 1);
+  EXPECT_EQ(seen.second,
+            "The engine sent an event-stream line longer than 8 MiB; the stream was dropped");
 }
 
 TEST(DaemonClientSim, LivenessAnswersWhileEveryLongSlotIsBusy) {

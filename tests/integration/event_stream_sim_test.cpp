@@ -62,6 +62,24 @@ class EventStreamSim : public ::testing::Test {
   }
 };
 
+TEST_F(EventStreamSim, AnEndlessLineDropsTheConnectionWithItsReasonAndTheBusReconnects) {
+  test::SimEngine sim({.scenarioJSON = R"({"events_endless_line": true})"});
+  asio::io_context io;
+  std::vector<std::string> losses;  // outlives the client, which reports its end too
+  EventStreamClient events(io.get_executor(), {sim.port(), sim.token(), "DEVICE-9"});
+  events.connectionChanged().connect([&](bool up) {
+    if (!up) losses.push_back(events.lastFailure().value_or("(none)"));
+  });
+  auto subscription = events.subscribe();
+  runUntil(
+      io, [&] { return eventsQueries(sim).size() >= 2; }, std::chrono::seconds(20));
+  ASSERT_GE(losses.size(), 1u);
+  EXPECT_EQ(losses[0],
+            "The engine sent an event-stream line longer than 8 MiB; the stream was dropped");
+  EXPECT_GE(eventsQueries(sim).size(), 2u) << "the bus connects again after the failure";
+  EXPECT_TRUE(events.isRunning());
+}
+
 TEST_F(EventStreamSim, DeliversDecodedEventsAndResumesAfterADrop) {
   test::SimEngine sim({});
   asio::io_context io;

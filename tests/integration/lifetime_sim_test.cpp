@@ -186,10 +186,10 @@ TEST_F(LifetimesAgainstAnEngine, TheChatControllerGoesWhileAReplyStreamsAndALoad
 class SlowStore : public calendar::VdirCalendarStore {
  public:
   using VdirCalendarStore::VdirCalendarStore;
-  std::vector<calendar::CalendarEvent> events(calendar::Timestamp start, calendar::Timestamp end,
-                                              const std::vector<std::string>& ids) override {
+  void collectEvents(calendar::Timestamp start, calendar::Timestamp end,
+                     const std::vector<std::string>& ids, calendar::EventCollector& into) override {
     std::this_thread::sleep_for(300ms);
-    return VdirCalendarStore::events(start, end, ids);
+    VdirCalendarStore::collectEvents(start, end, ids, into);
   }
 };
 

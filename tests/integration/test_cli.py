@@ -535,7 +535,9 @@ class EngineStatusAndStopTests(CliTestCase):
         self.assertIn("Version:       7.7.7-test", human.stdout.splitlines())
 
     def test_status_of_engine_alive_but_not_answering(self):
-        sim = self.sb.launch_sim("--scenario", self.sb.write_scenario({"status_status": 503}))
+        # The pidfile names the engine only together with the socket it listens on.
+        sim = self.sb.launch_sim("--rpc-socket", self.sb.socket_path,
+                                 "--scenario", self.sb.write_scenario({"status_status": 503}))
         code, report = self.status()
         self.assertEqual(code, 3, report)
         self.assertEqual(report["state"], "not_responding")

@@ -5,6 +5,7 @@ import os
 import shutil
 import subprocess
 import tempfile
+import time
 import unittest
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
@@ -41,17 +42,61 @@ class HistoryCommand(unittest.TestCase):
         self.assertEqual(messages[0]["timestamp"], "2026-11-20T09:12:40.120Z")
         self.assertIsNone(messages[3]["timestamp"])
 
-    def test_attachments_and_images_land_in_the_temporary_folder(self):
-        proc = self.history("s_sources", "--json")
+    def image_path(self, env=None):
+        saved = self.env
+        self.env = dict(saved, **(env or {}))
+        try:
+            proc = self.history("s_sources", "--json")
+        finally:
+            self.env = saved
         self.assertEqual(proc.returncode, 0, proc.stderr)
-        first = json.loads(proc.stdout)[0]
-        kinds = [a["kind"] for a in first["attachments"]]
+        attachments = json.loads(proc.stdout)[0]["attachments"]
+        kinds = [a["kind"] for a in attachments]
+        if kinds == ["fileRef", "fileRef"]:
+            return None, proc.stderr  # the image could not be written: only it is left out
         self.assertEqual(kinds, ["image", "fileRef", "fileRef"])
-        image = first["attachments"][0]["filePath"]
-        self.assertEqual(os.path.dirname(image), os.path.join(self.home, "quenlo-images"))
+        return attachments[0]["filePath"], proc.stderr
+
+    def test_images_land_in_a_private_folder_and_are_reused(self):
+        own = os.path.join(self.home, "tamsel-%d" % os.geteuid())
+        image, _ = self.image_path()
+        self.assertEqual(os.path.dirname(image), os.path.join(own, "quenlo-images"))
         with open(image, "rb") as f:
             self.assertEqual(f.read(8), b"\x89PNG\r\n\x1a\n")
         self.assertEqual(os.stat(image).st_mode & 0o777, 0o600)
+        for folder in (own, os.path.dirname(image)):
+            self.assertEqual(os.stat(folder).st_mode & 0o777, 0o700, folder)
+        # The same image viewed again is the same file, not a new copy.
+        again, _ = self.image_path()
+        self.assertEqual(again, image)
+        self.assertEqual(os.listdir(os.path.dirname(image)), [os.path.basename(image)])
+
+        # An image left from more than a day ago goes when the folder is next opened.
+        stale = os.path.join(os.path.dirname(image), "OLD.png")
+        with open(stale, "wb") as f:
+            f.write(b"old")
+        os.utime(stale, (time.time() - 2 * 86400,) * 2)
+        self.image_path()
+        self.assertFalse(os.path.exists(stale))
+
+        # $XDG_RUNTIME_DIR, when set, is the user's own folder.
+        runtime = os.path.join(self.home, "runtime")
+        os.mkdir(runtime, 0o700)
+        image, _ = self.image_path({"XDG_RUNTIME_DIR": runtime})
+        self.assertEqual(os.path.dirname(image), os.path.join(runtime, "quenlo-images"))
+
+    def test_a_planted_folder_is_refused(self):
+        # Another user's trick: the predictable folder is a symlink to somewhere else.
+        target = os.path.join(self.home, "target")
+        os.mkdir(target)
+        runtime = os.path.join(self.home, "runtime")
+        os.mkdir(runtime, 0o700)
+        os.symlink(target, os.path.join(runtime, "quenlo-images"))
+        image, err = self.image_path({"XDG_RUNTIME_DIR": runtime})
+        self.assertIsNone(image)
+        self.assertEqual(os.listdir(target), [], "an image was written through the symlink")
+        self.assertIn("refusing to use %s: it is not a real directory" % os.path.join(runtime, "quenlo-images"),
+                      err)
 
     def test_human_output_shows_tools_attachments_and_deliverables(self):
         proc = self.history("s_sources", "--agent", "researcher")

@@ -1,6 +1,10 @@
 #include "tamsel/base/app_folders.hpp"
 
+#include <set>
 #include <system_error>
+
+#include "tamsel/base/atomic_file.hpp"
+#include "tamsel/base/mutex.hpp"
 
 namespace tamsel::base {
 
@@ -11,6 +15,12 @@ fs::path ensureDirectory(const fs::path& path) {
   std::error_code ec;
   if (fs::create_directories(path, ec))
     fs::permissions(path, fs::perms::owner_all, fs::perm_options::replace, ec);
+  // The first time a process opens the folder, temporaries of saves that a killed process never
+  // finished are removed (drafts, preferences, tokens: each may be megabytes).
+  static Mutex mutex;
+  static std::set<fs::path> swept;
+  MutexLock lock(mutex);
+  if (swept.insert(path).second) removeStaleTemporariesIn(path);
   return path;
 }
 

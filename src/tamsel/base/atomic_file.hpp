@@ -1,4 +1,5 @@
 #pragma once
+#include <cstddef>
 #include <filesystem>
 #include <optional>
 #include <string_view>
@@ -11,6 +12,14 @@ namespace tamsel::base {
 // Throws std::system_error on failure; the old file is left untouched then.
 void writeFileAtomically(const std::filesystem::path& path, std::string_view contents,
                          unsigned mode = 0600);
+
+// Removes the temporaries writeFileAtomically left beside `path` when its writer died before the
+// rename (kill -9, power loss): ".<name>.<pid>-<random>.tmp" whose process is gone, and older
+// ones without a PID once they are an hour old. Temporaries of a live writer are left alone.
+// Returns how many were removed; errors are skipped.
+std::size_t removeStaleTemporaries(const std::filesystem::path& path);
+// The same for every file in `folder`.
+std::size_t removeStaleTemporariesIn(const std::filesystem::path& folder);
 
 // Keeps a file we could not read under "<name>.bad-<time>" (a numbered suffix if taken), so it
 // is never written over. Returns the new path, or nothing when it could not be moved.

@@ -5,6 +5,8 @@
 #include <charconv>
 #include <cmath>
 
+#include "tamsel/base/numbers.hpp"
+
 namespace tamsel::base::json {
 
 bj::value parse(std::string_view text) {
@@ -113,9 +115,8 @@ void decodeFrom(const bj::value& in, std::int64_t& out, const Path& path) {
     out = in.get_int64();
   else if (in.is_uint64() && in.get_uint64() <= static_cast<std::uint64_t>(INT64_MAX))
     out = static_cast<std::int64_t>(in.get_uint64());
-  else if (in.is_double() &&
-           in.get_double() == static_cast<double>(static_cast<std::int64_t>(in.get_double())))
-    out = static_cast<std::int64_t>(in.get_double());
+  else if (const auto whole = in.is_double() ? exactInt64(in.get_double()) : std::nullopt)
+    out = *whole;
   else
     typeMismatch(path, "an integer");
 }

@@ -1,7 +1,12 @@
 #include "tamsel/base/preferences_store.hpp"
 
+#include <sys/stat.h>
+
 #include <boost/json/object.hpp>
+#include <cerrno>
 #include <chrono>
+#include <cstring>
+#include <stdexcept>
 
 #include "tamsel/base/atomic_file.hpp"
 #include "tamsel/base/dates.hpp"
@@ -14,8 +19,20 @@ namespace fs = std::filesystem;
 constexpr const char* kSource = "Preferences";
 
 PreferencesStore::PreferencesStore(fs::path file) : file_(std::move(file)) {
+  base::removeStaleTemporaries(file_);
   std::string text;
-  if (!base::readFile(file_, text)) return;
+  if (!base::readFile(file_, text)) {
+    const int error = errno;
+    struct stat info {};
+    if (::lstat(file_.c_str(), &info) != 0 && errno == ENOENT) return;  // a first start
+    // There but unreadable (its mode, its owner): writing would lose every key in it.
+    base::MutexLock lock(mutex_);
+    writable_ = false;
+    protectedReason_ = file_.string() + " exists but cannot be read (" + std::strerror(error) +
+                       "); it is left as it is and preferences are not saved";
+    base::log::error(kSource, "{}", protectedReason_);
+    return;
+  }
   try {
     auto parsed = base::json::parse(text);
     if (!parsed.is_object()) throw base::json::DecodeError("not an object");
@@ -47,7 +64,10 @@ void PreferencesStore::set(const std::string& key, std::optional<boost::json::va
       values_[key] = std::move(*value);
     else
       values_.erase(key);
-    if (!writable_) return;
+    if (!writable_) {
+      if (!protectedReason_.empty()) throw std::runtime_error(protectedReason_);
+      return;
+    }
     text = base::json::serialize(values_);
   }
   base::writeFileAtomically(file_, text, 0600);

@@ -53,4 +53,10 @@ bool startsWith(std::string_view text, std::string_view prefix) {
   return text.substr(0, prefix.size()) == prefix;
 }
 
+std::string byteSizeText(std::size_t bytes) {
+  constexpr std::size_t mib = std::size_t(1) << 20;
+  if (bytes >= mib && bytes % mib == 0) return std::to_string(bytes / mib) + " MiB";
+  return std::to_string(bytes) + " bytes";
+}
+
 }  // namespace tamsel::base

@@ -1,5 +1,6 @@
 #pragma once
 // Small text helpers shared across subsystems.
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,5 +18,8 @@ std::string snakeCase(std::string_view camel);
 std::string join(const std::vector<std::string>& parts, std::string_view separator);
 
 bool startsWith(std::string_view text, std::string_view prefix);
+
+// A byte count for people: "8 MiB" when it is a whole number of MiB, else "1500 bytes".
+std::string byteSizeText(std::size_t bytes);
 
 }  // namespace tamsel::base

@@ -10,6 +10,7 @@
 #include <exception>
 
 #include "tamsel/bridge/pidfile_reader.hpp"
+#include "tamsel/platform/socket_peer.hpp"
 
 namespace tamsel::bridge {
 
@@ -17,6 +18,15 @@ namespace asio = boost::asio;
 
 int DaemonReconciler::systemSignal(std::int32_t pid, int signal) {
   return ::kill(static_cast<pid_t>(pid), signal) == 0 ? 0 : errno;
+}
+
+std::optional<std::int32_t> DaemonReconciler::verifiedEnginePID(
+    const std::filesystem::path& pidfile, const std::filesystem::path& socket) {
+  const auto pid = PidfileReader::readProcessID(pidfile);
+  if (!pid) return std::nullopt;
+  const auto peer = platform::unixSocketPeer(socket);
+  if (!peer || peer->pid != *pid) return std::nullopt;
+  return pid;
 }
 
 bool DaemonReconciler::isAlive(std::int32_t pid) const {
@@ -71,6 +81,17 @@ asio::awaitable<ReconcileDecision> DaemonReconciler::reconcile() const {
 
   const std::string reason = "protocol version mismatch (expected " +
                              inputs_.expectedProtocolVersion + ", got " + reported + ")";
+  if (inputs_.socketOwner) {
+    const auto owner = inputs_.socketOwner();
+    if (owner != pid) {
+      co_return ReconcileDecision{ReconcileDecision::Fatal{
+          reason + ": the engine socket is answered by " +
+          (owner ? "PID " + std::to_string(*owner) : std::string("an unknown process")) +
+          ", not by PID " + std::to_string(*pid) +
+          " of the pidfile; that process is not ours and nothing was signalled. Stop the engine "
+          "that owns the socket and start again."}};
+    }
+  }
   inputs_.sendSignal(*pid, SIGTERM);
   if (co_await waitUntilGone(*pid, inputs_.terminateGraceSeconds)) {
     co_return ReconcileDecision{

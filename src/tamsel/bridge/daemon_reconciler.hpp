@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 #include <variant>
 
@@ -32,12 +33,19 @@ class DaemonReconciler {
   // The system's kill(2): returns 0 on success, else the errno value (EPERM: the process exists
   // but belongs to someone else). Signal 0 only tests.
   using SignalFunction = std::function<int(std::int32_t pid, int signal)>;
+  // The PID of the process that answers on the engine's socket, when the kernel can tell.
+  using SocketOwner = std::function<std::optional<std::int32_t>()>;
 
   struct Inputs {
     std::filesystem::path pidfile;
     std::string expectedProtocolVersion;
     Probe probe;
     SignalFunction sendSignal;
+    // When set, the pidfile's PID is signalled only if it is the process answering on the socket:
+    // a stale pidfile may name any process by now (a reused PID), and the engine that answered
+    // the probe may be another one. A mismatch is "not ours": fatal, nothing signalled. Without
+    // it the pidfile is trusted.
+    SocketOwner socketOwner;
     double terminateGraceSeconds = 3.0;
     double killGraceSeconds = 2.0;
     double pollIntervalSeconds = 0.1;
@@ -50,6 +58,11 @@ class DaemonReconciler {
 
   // kill(2) with the result convention above.
   static int systemSignal(std::int32_t pid, int signal);
+
+  // The pidfile's PID when it is the process listening on `socket` (checked through the
+  // kernel's peer credentials), else nothing: the PID to name or wait for as the engine.
+  static std::optional<std::int32_t> verifiedEnginePID(const std::filesystem::path& pidfile,
+                                                       const std::filesystem::path& socket);
 
  private:
   boost::asio::awaitable<bool> waitUntilGone(std::int32_t pid, double graceSeconds) const;

@@ -150,6 +150,7 @@ struct EventStreamClient::Impl {
   // The engine process the events so far came from, when it could be told.
   std::optional<std::string> readFrom;
   bool fromNewEngineStart = false;
+  std::optional<std::string> lastFailure;
   bool running = false;
   bool connected = false;
   std::uint64_t generation = 0;
@@ -238,11 +239,13 @@ struct EventStreamClient::Impl {
     std::uniform_real_distribution<double> jitter(0.0, 0.5);
     while (self->current(generation)) {
       const auto opened = std::chrono::steady_clock::now();
+      self->lastFailure.reset();
       try {
         co_await readOnce(self, generation);
       } catch (const std::exception& e) {
         if (!self->current(generation)) co_return;
         base::log::info(kSource, "stream ended: {}", e.what());
+        self->lastFailure = e.what();
       }
       if (!self->current(generation)) co_return;
       self->setConnected(false);
@@ -303,6 +306,9 @@ bool EventStreamClient::readsNewEngineFromStart() const { return impl_->fromNewE
 
 const std::optional<std::string>& EventStreamClient::lastEventID() const {
   return impl_->lastEventID;
+}
+const std::optional<std::string>& EventStreamClient::lastFailure() const {
+  return impl_->lastFailure;
 }
 base::Signal<bool>& EventStreamClient::connectionChanged() { return impl_->connectionChanged; }
 

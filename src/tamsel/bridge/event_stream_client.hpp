@@ -129,6 +129,9 @@ class EventStreamClient {
   const std::optional<std::string>& lastEventID() const;
   // Whether the current (or last) connection started again from a new engine's first event.
   bool readsNewEngineFromStart() const;
+  // Why the last connection ended, when it failed (a transport error, a line past the limit);
+  // set before connectionChanged(false) is emitted, so an observer can say why.
+  const std::optional<std::string>& lastFailure() const;
   // Emitted on the client's executor when a connection opens (true) or ends (false); views
   // refetch what they show after a reconnect, since events may have been missed.
   base::Signal<bool>& connectionChanged();

@@ -12,6 +12,7 @@
 #include <deque>
 
 #include "tamsel/base/mutex.hpp"
+#include "tamsel/base/strings.hpp"
 #include "tamsel/bridge/daemon_client_error.hpp"
 
 namespace tamsel::bridge {
@@ -201,27 +202,38 @@ class BeastHttpStream final : public HttpStream {
 
 }  // namespace
 
-asio::awaitable<std::string> HttpStream::readAll() {
+asio::awaitable<std::string> HttpStream::readAll(std::size_t limit) {
   std::string all;
-  while (auto piece = co_await readSome()) all.append(*piece);
+  while (auto piece = co_await readSome()) {
+    if (all.size() + piece->size() > limit) {
+      cancel();
+      throw ResponseTooLargeError("The engine's error answer was larger than " +
+                                  base::byteSizeText(limit) + "; the request was dropped");
+    }
+    all.append(*piece);
+  }
   co_return all;
 }
 
 HttpSessionConfig HttpSession::defaultConfig(HttpSessionKind kind) {
   using std::chrono::seconds;
+  constexpr std::size_t mib = std::size_t(1) << 20;
+  // Response limits: the largest control answer is a session's whole transcript, which may carry
+  // pasted images as base64 (tens of MB for a heavy session), hence 64 MiB; a screen capture of
+  // a large display is under 100 MB even as base64; "/health" answers a few bytes.
   switch (kind) {
     case HttpSessionKind::longLived:
-      return {seconds(86400), 64};
+      return {seconds(86400), 64, 64 * mib};
     case HttpSessionKind::control:
-      return {seconds(5), 0};
+      return {seconds(5), 0, 64 * mib};
     case HttpSessionKind::capture:
-      return {seconds(25), 0};
+      return {seconds(25), 0, 256 * mib};
     case HttpSessionKind::config:
-      return {seconds(20), 0};
+      return {seconds(20), 0, 64 * mib};
     case HttpSessionKind::liveness:
-      return {seconds(5), 0};
+      return {seconds(5), 0, 1 * mib};
   }
-  return {seconds(5), 0};
+  return {seconds(5), 0, 64 * mib};
 }
 
 HttpSessions::HttpSessions() {
@@ -245,15 +257,21 @@ std::size_t HttpSession::activeConnections() const { return limiter_->active(); 
 asio::awaitable<HttpResponse> HttpSession::send(std::uint16_t port, HttpRequest request) {
   // Nothing of the session is touched after the first suspension: it may be gone by then.
   const auto timeLimit = config_.timeLimit;
+  const auto maxBytes = config_.maxResponseBytes;
   const auto limiter = limiter_;
   auto slot = co_await limiter->acquire();
+  const std::string what =
+      request.method + " " + request.target.substr(0, request.target.find('?'));
   auto stream = co_await connectAndWrite(port, request, timeLimit);
   beast::flat_buffer buffer;
   http::response_parser<http::string_body> parser;
-  parser.body_limit(std::uint64_t(1) << 30);
+  parser.body_limit(static_cast<std::uint64_t>(maxBytes));
   auto [ec, n] =
       co_await http::async_read(stream, buffer, parser, asio::as_tuple(asio::use_awaitable));
   (void)n;
+  if (ec == http::error::body_limit)
+    throw ResponseTooLargeError("The engine's answer to " + what + " was larger than " +
+                                base::byteSizeText(maxBytes) + "; the call was dropped");
   if (ec) throw TransportError(describe(ec, port));
   HttpResponse response;
   response.status = static_cast<int>(parser.get().result_int());

@@ -13,6 +13,8 @@
 #include <utility>
 #include <vector>
 
+#include "tamsel/bridge/daemon_client_error.hpp"
+
 namespace tamsel::bridge {
 
 enum class HttpSessionKind {
@@ -26,6 +28,15 @@ enum class HttpSessionKind {
 struct HttpSessionConfig {
   std::chrono::seconds timeLimit;
   std::size_t maxConnections;  // 0: unlimited
+  // The largest whole response send() reads; a larger one fails with ResponseTooLargeError
+  // before it is buffered. Streams read through open() are not limited here (their lines are).
+  std::size_t maxResponseBytes = std::size_t(64) << 20;
+};
+
+// A response past its session's limit: the call is dropped rather than buffered whole.
+class ResponseTooLargeError : public TransportError {
+ public:
+  using TransportError::TransportError;
 };
 
 struct HttpRequest {
@@ -56,8 +67,11 @@ class HttpStream {
   virtual void setIdleTimeout(std::chrono::steady_clock::duration idle) = 0;
   // Ends a pending read at once (it throws TransportError); used to stop a stream from outside.
   virtual void cancel() = 0;
-  // The remaining body as one text (for error bodies of failed stream requests).
-  boost::asio::awaitable<std::string> readAll();
+  // The remaining body as one text (for error bodies of failed stream requests); throws
+  // ResponseTooLargeError past `limit` bytes.
+  boost::asio::awaitable<std::string> readAll(std::size_t limit = kMaxErrorBodyBytes);
+  // An error body is a small JSON object; a megabyte is far more than any engine sends.
+  static constexpr std::size_t kMaxErrorBodyBytes = std::size_t(1) << 20;
 };
 
 class ConnectionLimiter;

@@ -54,7 +54,14 @@ asio::awaitable<std::optional<SSEEvent>> ReplyStream::next() {
       ended_ = true;
       continue;
     }
-    feed(*bytes);
+    try {
+      feed(*bytes);
+    } catch (const SSELimitError&) {
+      // The engine sent more than any event needs: drop the request with the error.
+      ended_ = true;
+      body_.reset();
+      throw;
+    }
   }
   co_return takeDecoded();
 }

@@ -1,5 +1,6 @@
 // Decoding of session files and the text rules of the displayed transcript: no file access
 // besides writing materialised images, so they can be fuzzed and benchmarked alone.
+#include <fcntl.h>
 #include <openssl/evp.h>
 #include <simdjson.h>
 #include <sys/stat.h>
@@ -8,9 +9,14 @@
 #include <boost/json/object.hpp>
 #include <boost/json/parse.hpp>
 #include <charconv>
+#include <limits>
+#include <set>
 
 #include "tamsel/base/atomic_file.hpp"
 #include "tamsel/base/log.hpp"
+#include "tamsel/base/mutex.hpp"
+#include "tamsel/base/numbers.hpp"
+#include "tamsel/base/private_folder.hpp"
 #include "tamsel/base/strings.hpp"
 #include "tamsel/base/uuid.hpp"
 #include "tamsel/bridge/session_history.hpp"
@@ -70,10 +76,12 @@ bool optionalInt(const simdjson::dom::object& object, std::string_view snake,
   if (value.is_null()) return true;
   std::int64_t number = 0;
   if (value.get_int64().get(number)) {
+    // A whole number written as a double ("3.0", "3E2") counts; one past int64 (5E20) does not.
     double d = 0;
-    if (value.get_double().get(d) || d != static_cast<double>(static_cast<std::int64_t>(d)))
-      return false;
-    number = static_cast<std::int64_t>(d);
+    if (value.get_double().get(d)) return false;
+    const auto whole = base::exactInt64(d);
+    if (!whole) return false;
+    number = *whole;
   }
   out = number;
   return true;
@@ -298,6 +306,7 @@ std::optional<std::string> decodeBase64(std::string_view text) {
   for (char c : text)
     if (c != '\n' && c != '\r' && c != ' ') clean.push_back(c);
   if (clean.empty() || clean.size() % 4 != 0) return std::nullopt;
+  if (clean.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) return std::nullopt;
   std::string out(clean.size() / 4 * 3, '\0');
   const int n = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(out.data()),
                                 reinterpret_cast<const unsigned char*>(clean.data()),
@@ -392,6 +401,25 @@ std::vector<ToolResultExtract> SessionHistory::toolResults(const RawMessage& use
   return out;
 }
 
+namespace {
+// The images' folder, made private once per folder and process; images older than a day are
+// removed then, so the folder does not grow without end.
+std::optional<fs::path> openImageFolder() {
+  static base::Mutex mutex;
+  static std::set<fs::path> swept;
+  try {
+    const fs::path folder = base::userRuntimeFolder() / "quenlo-images";
+    base::ensurePrivateFolder(folder);
+    base::MutexLock lock(mutex);
+    if (swept.insert(folder).second) base::removeFilesOlderThan(folder, std::chrono::hours(24));
+    return folder;
+  } catch (const std::exception& e) {
+    base::log::warn(kSource, "images are not written: {}", e.what());
+    return std::nullopt;
+  }
+}
+}  // namespace
+
 std::optional<fs::path> SessionHistory::materialiseImage(std::string_view base64,
                                                          std::optional<std::string> mediaType) {
   auto bytes = decodeBase64(base64);
@@ -400,11 +428,20 @@ std::optional<fs::path> SessionHistory::materialiseImage(std::string_view base64
   std::string extension = base::startsWith(type, "image/") ? type.substr(6) : type;
   for (char& c : extension)
     if (c == '/' || c == '.') c = '_';
-  std::error_code ec;
-  const fs::path folder = fs::temp_directory_path(ec) / "quenlo-images";
-  if (ec) return std::nullopt;
-  fs::create_directories(folder, ec);
-  const fs::path file = folder / (base::newUUIDString() + "." + extension);
+  const auto folder = openImageFolder();
+  if (!folder) return std::nullopt;
+  // Named after the content, so every view of the same image finds the file written before.
+  std::string name = type;
+  name.push_back('\0');
+  name.append(*bytes);
+  const fs::path file = *folder / (base::nameUUIDString(name) + "." + extension);
+  struct stat info {};
+  if (::lstat(file.c_str(), &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == ::geteuid() &&
+      static_cast<std::size_t>(info.st_size) == bytes->size()) {
+    // Still in use: keep it out of the next sweep of old images.
+    ::utimensat(AT_FDCWD, file.c_str(), nullptr, AT_SYMLINK_NOFOLLOW);
+    return file;
+  }
   try {
     base::writeFileAtomically(file, *bytes, 0600);
   } catch (const std::exception& e) {

@@ -148,7 +148,9 @@ class SessionHistory {
   // Newlines to spaces, trimmed, cut to 200 characters plus "…".
   static std::string normalisePreview(std::string_view text);
   static bool isSystemInjected(std::string_view text);
-  // Writes the image to <tmp>/quenlo-images/<uuid>.<ext>; nothing when it cannot.
+  // Writes the image to <user runtime folder>/quenlo-images/<uuid>.<ext>, a private folder
+  // (see base::userRuntimeFolder), the uuid derived from the content so that the same image
+  // reuses its file; nothing when it cannot.
   static std::optional<std::filesystem::path> materialiseImage(
       std::string_view base64, std::optional<std::string> mediaType);
 

@@ -1,5 +1,7 @@
 #include "tamsel/bridge/sse_parser.hpp"
 
+#include "tamsel/base/strings.hpp"
+
 namespace tamsel::bridge {
 
 namespace {
@@ -19,6 +21,13 @@ void SSEParser::reset() {
   state_.eventID.reset();
   state_.eventType.clear();
   state_.dataLineCount = 0;
+  state_.dataBytes = 0;
+}
+
+void SSELineSplitter::tooLong() {
+  std::string().swap(partial_);
+  throw SSELimitError("The engine sent an event-stream line longer than " +
+                      base::byteSizeText(maxLineBytes_) + "; the stream was dropped");
 }
 
 bool SSEParser::feedLine(std::string_view line, SSEMessage& out) {
@@ -42,6 +51,14 @@ bool SSEParser::feedLine(std::string_view line, SSEMessage& out) {
   } else if (auto value = field(line, "event")) {
     state_.eventType.assign(*value);
   } else if (auto value = field(line, "data")) {
+    // A line feed joins each line to the previous one, so it counts too.
+    state_.dataBytes += value->size() + 1;
+    if (state_.dataBytes > maxBlockBytes_ + 1) {
+      reset();
+      std::vector<std::string>().swap(state_.dataLines);
+      throw SSELimitError("The engine sent an event larger than " +
+                          base::byteSizeText(maxBlockBytes_) + "; the stream was dropped");
+    }
     if (state_.dataLineCount == state_.dataLines.size()) state_.dataLines.emplace_back();
     state_.dataLines[state_.dataLineCount++].assign(*value);
   }

@@ -7,12 +7,31 @@
 // comments; "id:", "event:" and "data:" lose exactly one blank after the colon; any other line,
 // "retry:" included, is ignored. Steady-state parsing allocates nothing per line: the data lines
 // keep their storage from block to block.
+//
+// Both the splitter and the parser refuse to buffer more than kMaxSSEBytes (8 MiB) for one line
+// or one block and throw SSELimitError instead: a stream that never ends a line must not grow
+// without end. The largest thing a real engine writes on one line is one event's JSON (a whole
+// assistant text, a tool's arguments), well under a megabyte; 8 MiB leaves ample room for that
+// and keeps the worst case of a stream (line, block, joined data and its decoded JSON) far below
+// 100 MB.
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "tamsel/bridge/daemon_client_error.hpp"
+
 namespace tamsel::bridge {
+
+inline constexpr std::size_t kMaxSSEBytes = std::size_t(8) << 20;
+
+// A line or block past the limit. A TransportError, so every reader drops the stream as after
+// any other failure of the connection (the event bus reconnects).
+class SSELimitError : public TransportError {
+ public:
+  using TransportError::TransportError;
+};
 
 struct SSEMessage {
   std::optional<std::string> id;
@@ -28,9 +47,13 @@ class SSEParser {
     // Only the first `dataLineCount` entries are the block's lines; the rest is kept storage.
     std::vector<std::string> dataLines;
     std::size_t dataLineCount = 0;
+    std::size_t dataBytes = 0;  // of the block's lines, counted against the limit
   };
 
-  // Returns the dispatched message, if this line ended a block that had data.
+  explicit SSEParser(std::size_t maxBlockBytes = kMaxSSEBytes) : maxBlockBytes_(maxBlockBytes) {}
+
+  // Returns the dispatched message, if this line ended a block that had data. Throws
+  // SSELimitError (and forgets the block) when its data passes the limit.
   std::optional<SSEMessage> feedLine(std::string_view line);
   // As above, writing into `out` (whose storage is reused) and returning whether it dispatched.
   bool feedLine(std::string_view line, SSEMessage& out);
@@ -40,6 +63,7 @@ class SSEParser {
  private:
   void reset();
   State state_;
+  std::size_t maxBlockBytes_;
 };
 
 // Splits a byte stream into lines on the line feed, across reads of any size. A carriage return
@@ -48,11 +72,17 @@ class SSEParser {
 // the byte 0x0A (never part of a UTF-8 sequence) splits.
 class SSELineSplitter {
  public:
-  // Calls `onLine(std::string_view)` for every complete line in `bytes`.
+  explicit SSELineSplitter(std::size_t maxLineBytes = kMaxSSEBytes) : maxLineBytes_(maxLineBytes) {}
+
+  // Calls `onLine(std::string_view)` for every complete line in `bytes`. Throws SSELimitError
+  // when a line (without its line feed) is longer than the limit, however it was split; the
+  // buffered part is released.
   template <class OnLine>
   void feed(std::string_view bytes, OnLine&& onLine) {
     while (!bytes.empty()) {
       const auto lf = bytes.find('\n');
+      const std::size_t taken = lf == std::string_view::npos ? bytes.size() : lf;
+      if (partial_.size() + taken > maxLineBytes_) tooLong();
       if (lf == std::string_view::npos) {
         partial_.append(bytes);
         return;
@@ -72,7 +102,9 @@ class SSELineSplitter {
   const std::string& pending() const { return partial_; }
 
  private:
+  [[noreturn]] void tooLong();
   std::string partial_;
+  std::size_t maxLineBytes_;
 };
 
 }  // namespace tamsel::bridge

@@ -395,8 +395,15 @@ const CalDAVCalendarStore::Collection& CalDAVCalendarStore::collectionLocked(
 
 std::vector<CalendarEvent> CalDAVCalendarStore::events(
     Timestamp start, Timestamp end, const std::vector<std::string>& calendarIDs) {
+  EventCollector all;
+  collectEvents(start, end, calendarIDs, all);
+  return all.take();
+}
+
+void CalDAVCalendarStore::collectEvents(Timestamp start, Timestamp end,
+                                        const std::vector<std::string>& calendarIDs,
+                                        EventCollector& into) {
   base::MutexLock lock(mutex_);
-  std::vector<CalendarEvent> out;
   try {
     collections_ = listCollectionsLocked();
     const std::string query = calendarQuery(
@@ -415,7 +422,7 @@ std::vector<CalendarEvent> CalDAVCalendarStore::events(
         if (data.empty()) continue;
         try {
           const auto series = ICalSeries::parse(data);
-          series.expand(start, end, id, out);
+          series.expand(start, end, id, into);
           objects_[objectKey(id, series.uid())] = StoredObject{
               client_->resolve(r.href, collection.url), text(r.find(kDAV, "getetag")), data};
         } catch (const ICalFormatError& e) {
@@ -426,7 +433,6 @@ std::vector<CalendarEvent> CalDAVCalendarStore::events(
   } catch (const DAVTransportError& e) {
     internal(e.what());
   }
-  return out;
 }
 
 std::optional<CalDAVCalendarStore::StoredObject> CalDAVCalendarStore::findByUIDLocked(

@@ -227,7 +227,10 @@ asio::awaitable<CalendarEventList> CalendarProvider::listEvents(ListEventsParams
                                                                 milliseconds timeout) {
   impl_->requireAccess();
   auto store = impl_->store;
-  std::function<CalendarEventList()> work = [store, params = std::move(params)] {
+  // A tenth of the time (at most a second) is left for answering.
+  const auto answerBy = std::chrono::steady_clock::now() + timeout -
+                        std::min<milliseconds>(timeout / 10, std::chrono::seconds(1));
+  std::function<CalendarEventList()> work = [store, params = std::move(params), answerBy] {
     std::vector<std::string> ids;
     if (params.calendarIDs) {
       const auto calendars = store->calendars();
@@ -236,22 +239,22 @@ asio::awaitable<CalendarEventList> CalendarProvider::listEvents(ListEventsParams
       // An empty list names no calendar, which is not the same as naming none.
       if (ids.empty()) return CalendarEventList{};
     }
-    auto events = store->events(params.start, params.end, ids);
+    EventCollector::Filter filter;
     if (params.query && !params.query->empty()) {
-      std::erase_if(events, [&](const CalendarEvent& e) {
-        return !containsFolded(e.title, *params.query) &&
-               !containsFolded(e.location, *params.query) &&
-               !containsFolded(e.notes, *params.query);
-      });
+      filter = [query = *params.query](const CalendarEvent& e) {
+        return containsFolded(e.title, query) || containsFolded(e.location, query) ||
+               containsFolded(e.notes, query);
+      };
     }
-    std::sort(events.begin(), events.end(), [](const CalendarEvent& a, const CalendarEvent& b) {
-      return std::tie(a.start, a.end, a.title, a.id) < std::tie(b.start, b.end, b.title, b.id);
-    });
+    // The limit is applied while expanding, and the work ends in time to answer before the
+    // caller's timer: what fits is returned, marked truncated.
+    EventCollector into({std::min(static_cast<std::size_t>(params.limit), kMaxListedEvents),
+                         EventCollector::Bounds{}.maxSteps, answerBy},
+                        std::move(filter));
+    store->collectEvents(params.start, params.end, ids, into);
     CalendarEventList list;
-    const auto limit = static_cast<std::size_t>(params.limit);
-    list.truncated = events.size() > limit;
-    if (list.truncated) events.resize(limit);
-    list.events = std::move(events);
+    list.truncated = into.truncated();
+    list.events = into.take();
     return list;
   };
   co_return co_await impl_->run<CalendarEventList>(std::move(work), timeout);

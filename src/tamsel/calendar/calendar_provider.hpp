@@ -28,6 +28,9 @@ class CalendarProvider {
     std::chrono::milliseconds watchInterval{2000};
   };
   static constexpr std::chrono::seconds maximumTimeout{3600};
+  // The most events one listing returns, whatever its limit: each is held in memory until the
+  // answer is encoded. More matches are reported as truncated.
+  static constexpr std::size_t kMaxListedEvents = 10000;
 
   CalendarProvider(boost::asio::any_io_executor executor, std::shared_ptr<CalendarStore> store,
                    std::shared_ptr<CalendarPermissionStore> permissions,

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <ctime>
+#include <limits>
 
 #include "tamsel/base/dates.hpp"
 #include "tamsel/bridge/rpc/protocol_constants.hpp"
@@ -168,6 +169,11 @@ std::vector<Alarm> decodeAlarms(const JSONValue& value) {
     const auto* object = item.ifObject();
     const auto minutes = object ? optionalInt(*object, "minutes_before") : std::nullopt;
     if (!minutes) invalid("alarms", "expected objects with an integer \"minutes_before\"");
+    // The alarm is stored as a whole number of seconds in an int (libical's duration).
+    constexpr std::int64_t most = std::numeric_limits<int>::max() / 60;
+    if (*minutes < -most || *minutes > most)
+      invalid("alarms", "minutes_before must lie between -" + std::to_string(most) + " and " +
+                            std::to_string(most));
     alarms.push_back(Alarm{*minutes});
   }
   return alarms;
@@ -199,7 +205,10 @@ RecurrenceRule decodeRule(const JSONValue& value) {
       rule.frequency != PC::RecurrenceFrequency::yearly)
     invalid("frequency", "expected daily, weekly, monthly or yearly");
   rule.interval = optionalInt(*object, "interval").value_or(1);
-  if (rule.interval < 1) invalid("interval", "must be at least 1");
+  // libical keeps the interval in a short and the count in an int.
+  if (rule.interval < 1 || rule.interval > std::numeric_limits<short>::max())
+    invalid("interval",
+            "must be between 1 and " + std::to_string(std::numeric_limits<short>::max()));
   if (const auto* days = present(*object, "by_day")) {
     for (const auto& day : arrayValue(*days, "by_day")) {
       const auto* code = day.ifString();
@@ -211,8 +220,10 @@ RecurrenceRule decodeRule(const JSONValue& value) {
   if (const auto* end = present(*object, "end_date"))
     rule.endDate = timestampValue(*end, "end_date");
   rule.occurrenceCount = optionalInt(*object, "occurrence_count");
-  if (rule.occurrenceCount && *rule.occurrenceCount < 1)
-    invalid("occurrence_count", "must be at least 1");
+  if (rule.occurrenceCount &&
+      (*rule.occurrenceCount < 1 || *rule.occurrenceCount > std::numeric_limits<int>::max()))
+    invalid("occurrence_count",
+            "must be between 1 and " + std::to_string(std::numeric_limits<int>::max()));
   // UNTIL and COUNT never stand side by side in a rule.
   if (rule.endDate && rule.occurrenceCount)
     invalid("recurrence_rule", "give end_date or occurrence_count, not both");

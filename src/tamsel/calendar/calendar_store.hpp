@@ -10,6 +10,7 @@
 
 #include "tamsel/calendar/calendar_mappers.hpp"
 #include "tamsel/calendar/calendar_records.hpp"
+#include "tamsel/calendar/event_collector.hpp"
 
 namespace tamsel::calendar {
 
@@ -55,6 +56,16 @@ class CalendarStore {
   // series expanded, in no particular order.
   virtual std::vector<CalendarEvent> events(Timestamp start, Timestamp end,
                                             const std::vector<std::string>& calendarIDs) = 0;
+  // The same, offered to `into` as they are expanded so that one listing stays within the
+  // collector's bounds of work and memory. Stores that expand recurrences themselves override
+  // it; the default offers what events() returns.
+  virtual void collectEvents(Timestamp start, Timestamp end,
+                             const std::vector<std::string>& calendarIDs, EventCollector& into) {
+    for (auto& event : events(start, end, calendarIDs)) {
+      if (!into.step()) return;
+      if (into.wants(event.start)) into.offer(std::move(event));
+    }
+  }
   // One event or occurrence by the id events() gave it; a series id names its first occurrence.
   virtual std::optional<CalendarEvent> event(const std::string& id) = 0;
   virtual StoreWriteOutcome createEvent(const std::string& calendarID,

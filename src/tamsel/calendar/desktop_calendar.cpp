@@ -44,22 +44,27 @@ std::optional<std::string> CombinedCalendarStore::defaultCalendarID() {
 
 std::vector<CalendarEvent> CombinedCalendarStore::events(
     Timestamp start, Timestamp end, const std::vector<std::string>& calendarIDs) {
-  std::vector<CalendarEvent> out;
+  EventCollector all;
+  collectEvents(start, end, calendarIDs, all);
+  return all.take();
+}
+
+void CombinedCalendarStore::collectEvents(Timestamp start, Timestamp end,
+                                          const std::vector<std::string>& calendarIDs,
+                                          EventCollector& into) {
   for (const auto& part : parts_) {
     std::vector<std::string> mine;
     for (const auto& id : calendarIDs)
       if (id.starts_with(part.idPrefix)) mine.push_back(id);
     if (!calendarIDs.empty() && mine.empty()) continue;
+    if (into.budgetSpent()) return;
     try {
-      auto some = part.store->events(start, end, mine);
-      out.insert(out.end(), std::make_move_iterator(some.begin()),
-                 std::make_move_iterator(some.end()));
+      part.store->collectEvents(start, end, mine, into);
     } catch (const std::exception& e) {
       if (!mine.empty()) throw;
       base::log::warn("calendar", "events of {} left out: {}", part.idPrefix, e.what());
     }
   }
-  return out;
 }
 
 CalendarStore& CombinedCalendarStore::owner(const std::string& calendarID,

@@ -656,29 +656,41 @@ std::optional<Timestamp> ICalSeries::lastEnd() const {
 
 void ICalSeries::expand(Timestamp from, Timestamp to, const std::string& calendarID,
                         std::vector<CalendarEvent>& out) const {
+  EventCollector all;
+  expand(from, to, calendarID, all);
+  auto events = all.take();
+  out.insert(out.end(), std::make_move_iterator(events.begin()),
+             std::make_move_iterator(events.end()));
+}
+
+void ICalSeries::expand(Timestamp from, Timestamp to, const std::string& calendarID,
+                        EventCollector& into) const {
   const auto& s = *impl_;
   if (!s.recurring) {
     const Timestamp end = s.start + s.duration;
-    if (Impl::overlaps(s.start, end, from, to))
-      out.push_back(s.eventFrom(s.master, s.start, end, s.allDay, calendarID, std::nullopt));
+    if (into.step() && Impl::overlaps(s.start, end, from, to) && into.wants(s.start))
+      into.offer(s.eventFrom(s.master, s.start, end, s.allDay, calendarID, std::nullopt));
     return;
   }
   s.walk([&](const icaltimetype& wall, Timestamp begin) {
-    if (begin >= to) return false;
+    if (begin >= to || !into.step()) return false;
     if (s.exdates.count(begin) || s.overrides.count(begin)) return true;
     const Timestamp end = s.endFor(wall, begin);
-    if (Impl::overlaps(begin, end, from, to))
-      out.push_back(
-          s.eventFrom(s.master, begin, end, s.allDay, calendarID, occurrenceKey(begin, s.allDay)));
+    if (!Impl::overlaps(begin, end, from, to)) return true;
+    // Starts only grow from here: once this one cannot be kept, no later one can.
+    if (!into.wants(begin)) return false;
+    into.offer(
+        s.eventFrom(s.master, begin, end, s.allDay, calendarID, occurrenceKey(begin, s.allDay)));
     return true;
   });
   // Overrides are checked on their own times, so one moved into the range from outside it shows.
   for (const auto& [rid, component] : s.overrides) {
     if (s.exdates.count(rid)) continue;
+    if (!into.step()) return;
     bool allDay = false;
     const auto [begin, end] = s.overrideSpan(component, rid, allDay);
-    if (Impl::overlaps(begin, end, from, to))
-      out.push_back(
+    if (Impl::overlaps(begin, end, from, to) && into.wants(begin))
+      into.offer(
           s.eventFrom(component, begin, end, allDay, calendarID, occurrenceKey(rid, s.allDay)));
   }
 }

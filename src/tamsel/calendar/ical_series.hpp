@@ -59,6 +59,10 @@ class ICalSeries {
   // override, and overrides (also ones moved into the range from outside it).
   void expand(Timestamp from, Timestamp to, const std::string& calendarID,
               std::vector<CalendarEvent>& out) const;
+  // The same, offered to `into` in start order: stops once the collector wants no later start
+  // or its budget is spent.
+  void expand(Timestamp from, Timestamp to, const std::string& calendarID,
+              EventCollector& into) const;
   // The occurrence a key names, the series' first occurrence without one.
   std::optional<CalendarEvent> occurrence(const std::optional<std::string>& key,
                                           const std::string& calendarID) const;

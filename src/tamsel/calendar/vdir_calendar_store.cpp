@@ -59,15 +59,26 @@ std::string VdirCalendarStore::addCalendar(const std::string& name, const std::s
   base::MutexLock lock(mutex_);
   const fs::path folder = root_ / name;
   std::error_code ec;
-  fs::create_directories(folder, ec);
-  if (ec) internal("cannot create " + folder.string() + ": " + ec.message());
-  fs::permissions(root_, fs::perms::owner_all, fs::perm_options::replace, ec);
-  base::writeFileAtomically(folder / "displayname", displayName.empty() ? name : displayName, 0600);
-  if (!colorHex.empty()) base::writeFileAtomically(folder / "color", colorHex, 0600);
-  if (readOnly)
-    base::writeFileAtomically(folder / "readonly", "", 0600);
-  else
-    fs::remove(folder / "readonly", ec);
+  const bool isNew = !fs::exists(folder, ec);
+  // Calendars are the user's own: owner-only like every folder of the desktop.
+  for (const auto& dir : {root_, folder}) {
+    fs::create_directories(dir, ec);
+    if (!ec) fs::permissions(dir, fs::perms::owner_all, fs::perm_options::replace, ec);
+    if (ec) internal("cannot create " + dir.string() + ": " + ec.message());
+  }
+  try {
+    base::writeFileAtomically(folder / "displayname", displayName.empty() ? name : displayName,
+                              0600);
+    if (!colorHex.empty()) base::writeFileAtomically(folder / "color", colorHex, 0600);
+    if (readOnly)
+      base::writeFileAtomically(folder / "readonly", "", 0600);
+    else
+      fs::remove(folder / "readonly", ec);
+  } catch (const std::exception& e) {
+    // A half-made calendar would list as a calendar of its own: leave nothing behind.
+    if (isNew) fs::remove_all(folder, ec);
+    internal("cannot add the calendar " + name + ": " + e.what());
+  }
   return idPrefix + name;
 }
 
@@ -126,7 +137,10 @@ std::optional<std::string> VdirCalendarStore::defaultCalendarID() {
 }
 
 VdirCalendarStore::Folder& VdirCalendarStore::refresh(const fs::path& folder) {
+  const bool firstLook = !folders_.count(folder);
   auto& cache = folders_[folder];
+  // Temporaries of event saves a killed process never finished: once per folder and process.
+  if (firstLook) base::removeStaleTemporariesIn(folder);
   std::map<fs::path, Entry> fresh;
   std::error_code ec;
   for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
@@ -163,8 +177,15 @@ VdirCalendarStore::Folder& VdirCalendarStore::refresh(const fs::path& folder) {
 
 std::vector<CalendarEvent> VdirCalendarStore::events(Timestamp start, Timestamp end,
                                                      const std::vector<std::string>& calendarIDs) {
+  EventCollector all;
+  collectEvents(start, end, calendarIDs, all);
+  return all.take();
+}
+
+void VdirCalendarStore::collectEvents(Timestamp start, Timestamp end,
+                                      const std::vector<std::string>& calendarIDs,
+                                      EventCollector& into) {
   base::MutexLock lock(mutex_);
-  std::vector<CalendarEvent> out;
   for (const auto& calendar : calendarsLocked()) {
     if (!calendarIDs.empty() &&
         std::find(calendarIDs.begin(), calendarIDs.end(), calendar.id) == calendarIDs.end())
@@ -173,10 +194,10 @@ std::vector<CalendarEvent> VdirCalendarStore::events(Timestamp start, Timestamp 
     for (const auto& [path, entry] : folder.files) {
       if (!entry.series || entry.first >= end) continue;
       if (entry.lastEnd && *entry.lastEnd < start) continue;
-      entry.series->expand(start, end, calendar.id, out);
+      if (into.budgetSpent()) return;
+      entry.series->expand(start, end, calendar.id, into);
     }
   }
-  return out;
 }
 
 std::optional<CalendarEvent> VdirCalendarStore::event(const std::string& id) {

@@ -38,6 +38,8 @@ class VdirCalendarStore : public CalendarStore {
   std::optional<std::string> defaultCalendarID() override;
   std::vector<CalendarEvent> events(Timestamp start, Timestamp end,
                                     const std::vector<std::string>& calendarIDs) override;
+  void collectEvents(Timestamp start, Timestamp end, const std::vector<std::string>& calendarIDs,
+                     EventCollector& into) override;
   std::optional<CalendarEvent> event(const std::string& id) override;
   StoreWriteOutcome createEvent(const std::string& calendarID, const EventFields& fields) override;
   StoreWriteOutcome updateEvent(const std::string& id, const EventFields& fields,

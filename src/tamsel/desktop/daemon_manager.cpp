@@ -21,6 +21,7 @@
 #include "tamsel/bridge/protocol_version.hpp"
 #include "tamsel/bridge/rpc/desktop_rpc_service.hpp"
 #include "tamsel/desktop/engine_locator.hpp"
+#include "tamsel/platform/socket_peer.hpp"
 
 namespace tamsel::desktop {
 
@@ -144,6 +145,15 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
 
   bool closed() const { return tasks.isClosed(); }
 
+  // The pidfile's PID when it is the engine: with the RPC channel, only the process listening on
+  // the engine's socket (a stale pidfile may name anyone by now); without it the pidfile is all
+  // there is.
+  std::optional<std::int32_t> enginePIDFromPidfile() const {
+    auto pid = bridge::PidfileReader::readProcessID(deps.paths.pidfilePath());
+    if (pid && hooks.socketOwner && hooks.socketOwner() != pid) return std::nullopt;
+    return pid;
+  }
+
   void close() {
     ++generation;
     monitorTimer.cancel();
@@ -219,8 +229,8 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
 
     bridge::DaemonReconciler reconciler(
         {self->deps.paths.pidfilePath(), bridge::desktopRPCProtocolVersion, self->hooks.probe,
-         self->hooks.sendSignal, self->config.terminateGraceSeconds, self->config.killGraceSeconds,
-         self->config.reconcilePollSeconds});
+         self->hooks.sendSignal, self->hooks.socketOwner, self->config.terminateGraceSeconds,
+         self->config.killGraceSeconds, self->config.reconcilePollSeconds});
     const auto decision = co_await reconciler.reconcile();
     if (self->closed()) co_return;
     if (const auto* fatal = std::get_if<bridge::ReconcileDecision::Fatal>(&decision.value)) {
@@ -245,7 +255,7 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
     ++self->generation;
     if (reuse) {
       base::log::info(kSource, "reusing the running engine");
-      auto pid = bridge::PidfileReader::readProcessID(self->deps.paths.pidfilePath());
+      auto pid = self->enginePIDFromPidfile();
       self->process = pid ? self->hooks.adopt(*pid) : nullptr;
       self->processIsOurs = false;
     } else {
@@ -447,18 +457,20 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
     if (self->deps.eventStream) self->deps.eventStream->stop();
     if (self->deps.rpcService) self->deps.rpcService->stop();
     self->monitorTimer.cancel();
+    const auto pidBeforeShutdown = self->process ? std::nullopt : self->enginePIDFromPidfile();
     try {
       co_await self->deps.client->shutdown();
     } catch (const std::exception& e) {
-      base::log::info(kSource, "shutdown request failed: {}", e.what());
+      base::log::warn(kSource, "shutdown request failed: {}", e.what());
     }
     if (self->closed()) co_return;
-    // Wait for the engine to go: our handle when we have one, else the pidfile's PID.
+    // Wait for the engine to go: our handle when we have one, else the pidfile's PID once it is
+    // known to be the engine (taken before the engine goes and its socket with it).
     std::optional<std::int32_t> pid;
     if (self->process)
       pid = self->process->pid();
     else
-      pid = bridge::PidfileReader::readProcessID(self->deps.paths.pidfilePath());
+      pid = pidBeforeShutdown;
     const std::function<bool()> alive = [self, pid] {
       if (self->process) return self->process->isRunning();
       return pid && platform::processExists(*pid);
@@ -494,6 +506,12 @@ DaemonManager::DaemonManager(base::MainExecutor& executor, Config config, Depend
   };
   defaults.adopt = [](std::int32_t pid) { return platform::Process::adopt(pid); };
   defaults.sendSignal = &bridge::DaemonReconciler::systemSignal;
+  if (impl_->deps.rpcService) {
+    defaults.socketOwner = [socket = impl_->deps.paths.socketPath()] {
+      const auto peer = platform::unixSocketPeer(socket);
+      return peer ? std::optional<std::int32_t>(peer->pid) : std::nullopt;
+    };
+  }
   if (auto* service = impl_->deps.rpcService) {
     // The engine's own answer over the channel.
     defaults.probe = [socket = service->options().socketPath]() -> asio::awaitable<std::string> {
@@ -534,6 +552,7 @@ void DaemonManager::setHooks(Hooks hooks) {
   if (hooks.adopt) current.adopt = std::move(hooks.adopt);
   if (hooks.sendSignal) current.sendSignal = std::move(hooks.sendSignal);
   if (hooks.probe) current.probe = std::move(hooks.probe);
+  if (hooks.socketOwner) current.socketOwner = std::move(hooks.socketOwner);
   if (hooks.claimLegacyService) current.claimLegacyService = std::move(hooks.claimLegacyService);
 }
 

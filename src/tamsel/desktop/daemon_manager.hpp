@@ -117,6 +117,9 @@ class DaemonManager {
     // Asks a running engine which protocol version it speaks. Default: the RPC channel's
     // capabilities handshake, or the HTTP status call when the channel is off.
     bridge::DaemonReconciler::Probe probe;
+    // The PID that listens on the engine's socket (kernel peer credentials); unset when the RPC
+    // channel is off, since then no pidfile names the engine.
+    bridge::DaemonReconciler::SocketOwner socketOwner;
     // Turns off the legacy user service that may keep its own engine alive.
     std::function<void()> claimLegacyService;
   };

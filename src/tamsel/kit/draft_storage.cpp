@@ -153,6 +153,8 @@ SteadyClock::time_point DraftStorage::now() const {
 
 void DraftStorage::load() {
   const fs::path& path = config_.file;
+  // Saves a killed process never finished leave their temporaries: not ours to keep.
+  base::removeStaleTemporaries(path);
   std::error_code ec;
   if (!fs::exists(path, ec)) {
     if (ec) {

@@ -86,13 +86,22 @@ Process::~Process() {
 }
 
 std::unique_ptr<Process> Process::launch(const LaunchOptions& options) {
+  // The output file is opened here rather than in the child, so that a failure names the file
+  // and not the executable (posix_spawn reports both as one error).
+  int output = -1;
+  if (options.outputFile) {
+    output = ::open(options.outputFile->c_str(),
+                    O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (output < 0)
+      throw std::system_error(errno, std::generic_category(),
+                              "cannot open " + options.outputFile->string());
+  }
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  if (options.outputFile) {
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, options.outputFile->c_str(),
-                                     O_WRONLY | O_CREAT | O_APPEND, 0600);
-    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+  if (output >= 0) {
+    posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, output, STDERR_FILENO);
   }
   std::vector<std::string> argv{options.executable.string()};
   argv.insert(argv.end(), options.arguments.begin(), options.arguments.end());
@@ -102,9 +111,11 @@ std::unique_ptr<Process> Process::launch(const LaunchOptions& options) {
                 options.newSession);
   } catch (...) {
     posix_spawn_file_actions_destroy(&actions);
+    if (output >= 0) ::close(output);
     throw;
   }
   posix_spawn_file_actions_destroy(&actions);
+  if (output >= 0) ::close(output);
   return std::unique_ptr<Process>(new Process(pid, pidfdOpen(pid), true));
 }
 

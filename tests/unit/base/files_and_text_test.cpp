@@ -1,8 +1,12 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <set>
 
 #include "tamsel/base/atomic_file.hpp"
@@ -50,6 +54,40 @@ TEST(AtomicFile, FailureLeavesNothingBehind) {
   EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 1);
   std::string text;
   EXPECT_FALSE(readFile(dir.path() / "absent", text));
+}
+
+TEST(AtomicFile, StaleTemporariesOfDeadWritersAreRemovedAndLiveOnesKept) {
+  TempDir dir;
+  const auto file = dir.path() / "drafts.json";
+  // A PID that is surely gone: a child already reaped.
+  const pid_t dead = ::fork();
+  if (dead == 0) ::_exit(0);
+  ::waitpid(dead, nullptr, 0);
+  const auto make = [&](const std::string& name, int ageSeconds = 0) {
+    const auto path = dir.path() / name;
+    std::ofstream(path) << "partial";
+    fs::last_write_time(path, fs::file_time_type::clock::now() - std::chrono::seconds(ageSeconds));
+    return path;
+  };
+  const auto killed = make(".drafts.json." + std::to_string(dead) + "-0A1B2C3D.tmp");
+  const auto mine = make(".drafts.json." + std::to_string(::getpid()) + "-0A1B2C3D.tmp");
+  const auto oldStyleFresh = make(".drafts.json.0A1B2C3D.tmp");
+  const auto oldStyleStale = make(".drafts.json.1A1B2C3D.tmp", 7200);
+  const auto otherFile = make(".preferences.json." + std::to_string(dead) + "-0A1B2C3D.tmp");
+  const auto unrelated = make("notes.tmp", 7200);
+  EXPECT_EQ(removeStaleTemporaries(file), 2u);
+  EXPECT_FALSE(fs::exists(killed));
+  EXPECT_FALSE(fs::exists(oldStyleStale));
+  EXPECT_TRUE(fs::exists(mine)) << "a save in progress is left alone";
+  EXPECT_TRUE(fs::exists(oldStyleFresh));
+  EXPECT_TRUE(fs::exists(otherFile)) << "only this file's temporaries";
+  EXPECT_EQ(removeStaleTemporariesIn(dir.path()), 1u);
+  EXPECT_FALSE(fs::exists(otherFile));
+  EXPECT_TRUE(fs::exists(unrelated));
+
+  // A save's own temporary carries its writer's PID.
+  writeFileAtomically(file, "{}");
+  EXPECT_TRUE(fs::exists(file));
 }
 
 TEST(Text, TrimRemovesBlanksAndLineEndsOnly) {

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <boost/describe/class.hpp>
+#include <cmath>
+
+#include "tamsel/base/numbers.hpp"
 
 namespace tamsel::base::json {
 namespace {
@@ -80,6 +83,27 @@ TEST(RecordMapping, DecodeIsStrictAboutShapeButNotAboutExtras) {
           R"({"session_id":"s","is_connected":false,"msg_count":2.5,"items":[],"counters":{}})"),
       DecodeError);
   EXPECT_THROW(decode<Record>("not json"), DecodeError);
+  // A whole number written as a double fits; one past int64 is refused (not converted: that is
+  // undefined behaviour, which the sanitizer build turns into a failure).
+  const auto withCount = [](const char* count) {
+    return std::string(
+               R"({"session_id":"s","is_connected":false,"items":[],"counters":{},"msg_count":)") +
+           count + "}";
+  };
+  EXPECT_EQ(decode<Record>(withCount("3E2")).msgCount, 300);
+  for (const char* count : {"5E20", "-5E20", "9.223372036854775807E18", "1E400"})
+    EXPECT_THROW(decode<Record>(withCount(count)), DecodeError) << count;
+}
+
+TEST(ExactInt64, OnlyWholeNumbersInRange) {
+  EXPECT_EQ(exactInt64(3.0), 3);
+  EXPECT_EQ(exactInt64(-9223372036854775808.0), INT64_MIN);
+  EXPECT_EQ(exactInt64(9223372036854774784.0), 9223372036854774784);  // largest below 2^63
+  for (double bad : {9223372036854775808.0, 5e20, -1e19, 2.5, std::nan(""), HUGE_VAL, -HUGE_VAL})
+    EXPECT_FALSE(exactInt64(bad)) << bad;
+  EXPECT_EQ(inRange<short>(32767), std::optional<short>(32767));
+  EXPECT_FALSE(inRange<short>(32768));
+  EXPECT_FALSE(inRange<int>(-1, 0, 10));
 }
 
 TEST(DateRule, AcceptsBothFormsAndFailsTheWholeDecodeOtherwise) {

@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <fstream>
 
 #include "../test_support.hpp"
@@ -47,6 +50,47 @@ TEST(PreferencesStore, AFileThatDoesNotDecodeIsKeptAside) {
     }
   }
   EXPECT_EQ(aside, 1);
+}
+
+TEST(PreferencesStore, AFileThatExistsButCannotBeReadIsNeverWrittenOver) {
+  test::TempDir dir;
+  const auto file = dir.path() / "preferences.json";
+  std::ofstream(file) << R"({"dev.tamsel.desktop.other": 1})";
+  fs::permissions(file, fs::perms::none);
+  // Mode 000 stops every user but root: as root the check runs in a child that is not.
+  const auto check = [&]() -> std::string {
+    PreferencesStore store(file);
+    try {
+      store.set("dev.tamsel.desktop.k", boost::json::value(true));
+      return "wrote over a file it could not read";
+    } catch (const std::runtime_error& e) {
+      if (std::string(e.what()).find(file.string() + " exists but cannot be read (Permission "
+                                                     "denied)") == std::string::npos)
+        return std::string("unexpected error: ") + e.what();
+    }
+    if (store.value("dev.tamsel.desktop.k") != boost::json::value(true))
+      return "the value was not kept in memory";
+    return "";
+  };
+  if (::geteuid() != 0) {
+    EXPECT_EQ(check(), "");
+  } else {
+    fs::permissions(dir.path(), fs::perms::all);
+    const pid_t child = ::fork();
+    if (child == 0) {
+      if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(2);
+      const auto failure = check();
+      if (!failure.empty()) std::fprintf(stderr, "%s\n", failure.c_str());
+      ::_exit(failure.empty() ? 0 : 1);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+  }
+  fs::permissions(file, fs::perms::owner_read);
+  std::string text;
+  ASSERT_TRUE(readFile(file, text));
+  EXPECT_EQ(text, R"({"dev.tamsel.desktop.other": 1})") << "the file is untouched";
 }
 
 TEST(ChatTexts, AnnotationErrorsAreWordedByTheInterface) {

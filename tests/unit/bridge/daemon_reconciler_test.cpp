@@ -2,8 +2,12 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <fstream>
 
 #include "../test_support.hpp"
@@ -47,6 +51,7 @@ class ReconcilerTest : public ::testing::Test {
       co_return probeResult();
     };
     inputs.sendSignal = [this](std::int32_t pid, int sig) { return process.send(pid, sig); };
+    inputs.socketOwner = socketOwner;
     inputs.terminateGraceSeconds = 0.05;
     inputs.killGraceSeconds = 0.05;
     inputs.pollIntervalSeconds = 0.01;
@@ -61,6 +66,7 @@ class ReconcilerTest : public ::testing::Test {
 
   test::TempDir dir;
   FakeProcess process;
+  DaemonReconciler::SocketOwner socketOwner;
 };
 
 TEST_F(ReconcilerTest, NoOrBadPidfileRespawnsWithoutProbing) {
@@ -129,6 +135,55 @@ TEST_F(ReconcilerTest, VersionMismatchEscalatesFromTermToKillToFatal) {
       reason(d),
       "Failed to terminate residual Tamsel Engine process (PID 4242) after SIGTERM + SIGKILL. "
       "Please restart your computer.");
+}
+
+TEST_F(ReconcilerTest, APidfilePIDThatDoesNotOwnTheSocketIsNeverSignalled) {
+  // The engine on the socket (PID 5151) speaks another version; the pidfile names an unrelated
+  // live process. Signalling it would hit a stranger, and starting beside the real engine would
+  // double it: fatal, nothing signalled.
+  writePidfile("4242");
+  socketOwner = [] { return std::optional<std::int32_t>(5151); };
+  auto d = run([] { return "0.9.0"; });
+  ASSERT_TRUE(d.isFatal());
+  EXPECT_EQ(reason(d),
+            "protocol version mismatch (expected 1.0.0, got 0.9.0): the engine socket is answered "
+            "by PID 5151, not by PID 4242 of the pidfile; that process is not ours and nothing "
+            "was signalled. Stop the engine that owns the socket and start again.");
+  EXPECT_TRUE(process.signalsSent.empty());
+
+  socketOwner = [] { return std::optional<std::int32_t>(); };  // the owner cannot be told
+  d = run([] { return "0.9.0"; });
+  ASSERT_TRUE(d.isFatal());
+  EXPECT_NE(reason(d).find("answered by an unknown process"), std::string::npos) << reason(d);
+  EXPECT_TRUE(process.signalsSent.empty());
+
+  // The socket's owner is the pidfile's process: the old engine is ended as before.
+  socketOwner = [] { return std::optional<std::int32_t>(4242); };
+  d = run([] { return "0.9.0"; });
+  EXPECT_EQ(reason(d),
+            "protocol version mismatch (expected 1.0.0, got 0.9.0); old daemon exited on SIGTERM");
+  EXPECT_EQ(process.signalsSent, std::vector<int>{SIGTERM});
+}
+
+TEST(VerifiedEnginePID, OnlyThePidfilePIDThatListensOnTheSocketCounts) {
+  test::TempDir dir;
+  const auto socketPath = dir.path() / "daemon.sock";
+  const auto pidfile = dir.path() / "daemon.pid";
+  std::ofstream(pidfile) << ::getpid() << "\n";
+  EXPECT_EQ(DaemonReconciler::verifiedEnginePID(pidfile, socketPath), std::nullopt)
+      << "no socket: nothing is verified";
+
+  const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strcpy(address.sun_path, socketPath.c_str());
+  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(listener, 4), 0);
+  EXPECT_EQ(DaemonReconciler::verifiedEnginePID(pidfile, socketPath), ::getpid());
+  // A live process that is not the listener (PID 1) is not the engine.
+  std::ofstream(pidfile) << "1\n";
+  EXPECT_EQ(DaemonReconciler::verifiedEnginePID(pidfile, socketPath), std::nullopt);
+  ::close(listener);
 }
 
 TEST(ReconcilerSystemSignal, ReportsErrnoOfKill) {

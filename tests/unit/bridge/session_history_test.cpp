@@ -139,6 +139,18 @@ TEST(SessionHistoryFold, LenientDecoding) {
       << "the non-string key argument is skipped";
   EXPECT_EQ(folded.messages[1].toolBlock->tools[0].preview, "3 matches");
   EXPECT_EQ(folded.messages[1].rawIndexEnd, 3);
+
+  // Sizes past int64 (found by the fuzzer: a cast that is undefined behaviour) fail only their
+  // block, like any other field of the wrong type; whole numbers written as doubles still count.
+  folded = foldText(R"({"messages": [
+    {"role": "user", "content": [{"type": "file_ref", "file_path": "/a", "filename": "a", "byte_size": 5E20}]},
+    {"role": "assistant", "content": "ok"},
+    {"role": "user", "content": [{"type": "file_ref", "file_path": "/b", "filename": "b", "byte_size": 2E3}]}
+  ]})");
+  ASSERT_EQ(folded.messages.size(), 2u);
+  EXPECT_EQ(folded.messages[0].rawIndex, 1);
+  ASSERT_EQ(folded.messages[1].attachments.size(), 1u);
+  EXPECT_EQ(folded.messages[1].attachments[0].byteSize, 2000);
 }
 
 TEST(SessionHistoryFold, ToolCallsWithoutResultsStayRunningAndBlocksCountInFileOrder) {

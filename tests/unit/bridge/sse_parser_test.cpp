@@ -86,6 +86,59 @@ TEST(SSELineSplitter, SplitsOnLineFeedAcrossAnyChunkingAndDropsTheCRBeforeIt) {
   }
 }
 
+TEST(SSELimits, ALineOrBlockPastTheLimitIsRefusedHoweverItIsSplitAndTheBufferIsReleased) {
+  // An engine that never ends a line: refused as soon as the buffered part passes the limit,
+  // not when (if ever) the line feed comes.
+  SSELineSplitter splitter(64);
+  int lines = 0;
+  const auto count = [&](std::string_view) { ++lines; };
+  splitter.feed("data: ok\n", count);
+  splitter.feed(std::string(40, 'x'), count);
+  splitter.feed(std::string(24, 'x'), count);  // exactly 64: still allowed
+  EXPECT_THROW(splitter.feed("x", count), SSELimitError);
+  EXPECT_TRUE(splitter.pending().empty());
+  EXPECT_EQ(lines, 1);
+  // One chunk holding a whole over-long line is refused too, so chunking never changes the result.
+  SSELineSplitter whole(64);
+  EXPECT_THROW(whole.feed(std::string(65, 'y') + "\n", count), SSELimitError);
+  SSELineSplitter fits(64);
+  EXPECT_NO_THROW(fits.feed(std::string(63, 'y') + "\r\n", count));
+
+  // The default limit holds for the real sizes: 9 MiB of line in network-sized reads.
+  SSELineSplitter real;
+  const std::string chunk(16384, 'z');
+  std::size_t fed = 0;
+  try {
+    real.feed("data: ", count);
+    for (; fed < (std::size_t(9) << 20); fed += chunk.size()) real.feed(chunk, count);
+    ADD_FAILURE() << "a 9 MiB line was buffered";
+  } catch (const SSELimitError& e) {
+    EXPECT_LE(fed, kMaxSSEBytes);
+    EXPECT_NE(std::string(e.what()).find("longer than 8 MiB"), std::string::npos) << e.what();
+  }
+
+  // Many short data lines without the empty line that ends a block: the block is limited too.
+  SSEParser parser(100);
+  for (int i = 0; i < 9; ++i) parser.feedLine("data: 123456789");  // 89 bytes once joined
+  parser.feedLine("data: 123456789a");                             // 100: the limit
+  EXPECT_THROW(parser.feedLine("data:"), SSELimitError);           // 101 with its line feed
+  EXPECT_EQ(parser.state().dataLineCount, 0u) << "the refused block is forgotten";
+  EXPECT_TRUE(parser.feedLine("data: fresh") == std::nullopt);
+  auto message = parser.feedLine("");
+  ASSERT_TRUE(message);
+  EXPECT_EQ(message->data, "fresh");
+}
+
+TEST(SSELimits, AReplyStreamWithAnEndlessLineEndsWithTheError) {
+  ReplyStream stream(nullptr);
+  stream.feed("event: delta\ndata: {\"text\":\"a\"}\n\n");
+  EXPECT_THROW(stream.feed("data: " + std::string(kMaxSSEBytes, 'x')), SSELimitError);
+  // What arrived before the line is still delivered.
+  auto first = stream.takeDecoded();
+  ASSERT_TRUE(first);
+  EXPECT_TRUE(first->get<SSEEvent::Delta>());
+}
+
 // ---- reply stream decoding ----
 
 std::vector<SSEEvent> decodeAll(const std::string& bytes, ReplyStream& stream) {

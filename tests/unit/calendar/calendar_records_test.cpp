@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <tuple>
 
 #include "tamsel/bridge/rpc/protocol_constants.hpp"
 #include "tamsel/calendar/calendar_error.hpp"
@@ -166,6 +167,42 @@ TEST(CalendarParams, DraftsValidateRulesAttendeesAndAlarms) {
             JSONValue::object({{"field", "attendees"}}));
   EXPECT_EQ(failureOf([&] { decodeEventDraft(base("end", "2026-03-02T08:00:00Z")); }).details,
             JSONValue::object({{"field", "end"}}));
+}
+
+TEST(CalendarParams, NumbersThatCannotBeStoredAreRefusedNotWrapped) {
+  // An int64 from the engine that libical would cut down (a short interval, an int count, an
+  // alarm in int seconds) or that overflows when turned into seconds is an invalid argument.
+  const auto draftWith = [](const char* key, JSONValue value) {
+    return JSONValue::object({{"start", "2026-03-02T09:00:00Z"},
+                              {"end", "2026-03-02T10:00:00Z"},
+                              {key, std::move(value)}});
+  };
+  const auto rule = [](const char* key, std::int64_t n) {
+    return JSONValue::object({{"frequency", "daily"}, {key, n}});
+  };
+  for (const auto& [key, n, field] :
+       std::vector<std::tuple<const char*, std::int64_t, const char*>>{
+           {"interval", 32768, "interval"},
+           {"interval", std::int64_t(1) << 40, "interval"},
+           {"occurrence_count", std::int64_t(1) << 31, "occurrence_count"}}) {
+    const auto error =
+        failureOf([&] { decodeEventDraft(draftWith("recurrence_rule", rule(key, n))); });
+    EXPECT_EQ(error.details, JSONValue::object({{"field", field}})) << key << " " << n;
+  }
+  EXPECT_EQ(decodeEventDraft(draftWith("recurrence_rule", rule("interval", 32767)))
+                .recurrenceRule->interval,
+            32767);
+  for (std::int64_t minutes :
+       {std::int64_t(1) << 62, -(std::int64_t(1) << 62), std::int64_t(35791395)}) {
+    const auto error = failureOf([&] {
+      decodeEventDraft(
+          draftWith("alarms", JSONValue::Array{JSONValue::object({{"minutes_before", minutes}})}));
+    });
+    EXPECT_EQ(error.message,
+              "Invalid argument for `alarms`: minutes_before must lie between -35791394 and "
+              "35791394")
+        << minutes;
+  }
 }
 
 TEST(CalendarErrors, WireCodesAndTexts) {

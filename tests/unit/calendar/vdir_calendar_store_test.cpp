@@ -3,6 +3,8 @@
 #include "tamsel/calendar/vdir_calendar_store.hpp"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -246,6 +248,33 @@ TEST_F(VdirStore, OverridesMovedIntoTheRangeAndExclusionsFromOtherTools) {
   store.updateEvent(early.id, fields, SaveSpan::thisEvent);
   EXPECT_EQ(store.event(early.id)->notes, "bring numbers");
   EXPECT_EQ(list("2026-03-01T00:00:00Z", "2026-04-01T00:00:00Z").size(), 4u);
+}
+
+TEST_F(VdirStore, CalendarFoldersAreOwnerOnlyAndAFailedAddLeavesNoFolder) {
+  const auto modeOf = [](const fs::path& p) {
+    return fs::status(p).permissions() & fs::perms::all;
+  };
+  EXPECT_EQ(modeOf(dir.path()), fs::perms::owner_all);
+  EXPECT_EQ(modeOf(dir.path() / "personal"), fs::perms::owner_all);
+
+  // Writes fail (as on a full disk: no file may grow), so the calendar cannot be made.
+  struct rlimit saved {};
+  ::getrlimit(RLIMIT_FSIZE, &saved);
+  const auto oldHandler = ::signal(SIGXFSZ, SIG_IGN);
+  struct rlimit none = saved;
+  none.rlim_cur = 0;
+  ::setrlimit(RLIMIT_FSIZE, &none);
+  try {
+    store.addCalendar("work", "Work", "#00FF00");
+    ADD_FAILURE() << "the calendar was added without its files";
+  } catch (const CalendarException& e) {
+    EXPECT_NE(std::string(e.what()).find("cannot add the calendar work"), std::string::npos)
+        << e.what();
+  }
+  ::setrlimit(RLIMIT_FSIZE, &saved);
+  ::signal(SIGXFSZ, oldHandler);
+  EXPECT_FALSE(fs::exists(dir.path() / "work")) << "an empty folder would list as a calendar";
+  EXPECT_EQ(store.calendars().size(), 1u);
 }
 
 TEST_F(VdirStore, CalendarsDefaultsAndFilesThatDoNotParse) {
