@@ -19,10 +19,6 @@ template <class T>
 std::optional<T> callEngine(Runtime& rt, asio::awaitable<T> work) {
   try {
     return rt.runToEnd(std::move(work));
-  } catch (const bridge::TransportError& e) {
-    printError(std::string(e.what()) +
-               "\nIs the engine running? Start it with: tamsel engine start (port " +
-               std::to_string(rt.services.options().enginePort) + ")");
   } catch (const bridge::DaemonClientException& e) {
     printError(e.what());
   }
@@ -36,6 +32,7 @@ std::string cell(const std::optional<std::string>& text) {
 }  // namespace
 
 int listAgents(const GlobalOptions& options, bool asJSON) {
+  ensureEngine(options);
   Runtime rt(options);
   auto& client = rt.services.client();
   auto agents = callEngine(rt, client.agents());
@@ -63,6 +60,7 @@ int listAgents(const GlobalOptions& options, bool asJSON) {
 
 int listSessions(const GlobalOptions& options, const std::optional<std::string>& agent,
                  bool asJSON) {
+  ensureEngine(options);
   Runtime rt(options);
   auto& client = rt.services.client();
   bridge::SessionListQuery query;
@@ -87,6 +85,23 @@ int listSessions(const GlobalOptions& options, const std::optional<std::string>&
   }
   std::cout << std::flush;
   return kExitOK;
+}
+
+std::string latestSessionID(const GlobalOptions& options, const std::optional<std::string>& agent) {
+  ensureEngine(options);
+  Runtime rt(options);
+  bridge::SessionListQuery query;
+  query.agent = agent;
+  auto sessions = callEngine(rt, rt.services.client().sessions(query));
+  if (!sessions) throw std::runtime_error("could not list the sessions to continue");
+  const bridge::DaemonSession* latest = nullptr;
+  for (const auto& s : *sessions)
+    if (!latest || s.updatedAt > latest->updatedAt) latest = &s;
+  if (!latest)
+    throw std::runtime_error("no session to continue" +
+                             (agent ? " for agent " + *agent : std::string()) +
+                             "; leave out --continue to start one");
+  return latest->id;
 }
 
 }  // namespace tamsel::cli

@@ -10,6 +10,7 @@
 #include "runtime.hpp"
 #include "tamsel/base/dates.hpp"
 #include "tamsel/base/json.hpp"
+#include "tamsel/bridge/daemon_client_error.hpp"
 #include "tamsel/bridge/pidfile_reader.hpp"
 #include "tamsel/bridge/rpc/desktop_rpc_service.hpp"
 #include "tamsel/desktop/engine_locator.hpp"
@@ -23,6 +24,14 @@ using desktop::DaemonManager;
 
 void printError(const std::string& text) { std::cerr << "tamsel: " << text << std::endl; }
 
+int exitCodeFor(const base::Error& error) {
+  if (error.category() == CommandError::category)
+    return error.code() == "usage" ? kExitUsage : kExitEngineUnavailable;
+  // Nothing answers on the engine's port.
+  if (error.category() == bridge::TransportError::category) return kExitEngineUnavailable;
+  return kExitFailure;
+}
+
 namespace {
 
 // Ends an engine this command started but could not bring up: nobody asked to keep it.
@@ -34,7 +43,8 @@ void abandonOwnedEngine(Runtime& rt) {
   rt.io.run();
 }
 
-// The start sequence; true when the engine runs. `announce` prints the running line.
+// The start sequence; true when the engine runs. `announce` prints the running line; otherwise a
+// launch is still reported on stderr, since the engine outlives the command.
 bool startEngine(const GlobalOptions& options, bool announce) {
   // A command that only needs the engine up has no use for the event stream or the channel.
   DaemonManager::Config supervision;
@@ -51,6 +61,10 @@ bool startEngine(const GlobalOptions& options, bool announce) {
       if (auto pid = manager.enginePID())
         std::cout << " (PID " << *pid << ", port " << options.enginePort << ")";
       std::cout << std::endl;
+    } else if (manager.ownsEngineProcess()) {
+      std::cerr << "tamsel: started the engine (PID " << manager.enginePID().value_or(0)
+                << ", port " << options.enginePort
+                << "); it keeps running until `tamsel engine stop`" << std::endl;
     }
     return true;
   }
@@ -60,10 +74,26 @@ bool startEngine(const GlobalOptions& options, bool announce) {
 }
 }  // namespace
 
-bool ensureEngine(const GlobalOptions& options) { return startEngine(options, false); }
+bool ensureEngine(const GlobalOptions& options) {
+  {
+    // An engine that answers at all is there: the command itself reports any refusal.
+    Runtime rt(options);
+    try {
+      rt.runToEnd(rt.services.client().status());
+      return true;
+    } catch (const bridge::DaemonClientException&) {
+      return true;
+    } catch (const std::exception&) {
+    }
+  }
+  if (!startEngine(options, false))
+    throw CommandException({CommandError::EngineUnavailable{
+        "the engine is not available (see above); `tamsel engine status` shows its state"}});
+  return true;
+}
 
 int engineStart(const GlobalOptions& options) {
-  return startEngine(options, true) ? kExitOK : kExitFailure;
+  return startEngine(options, true) ? kExitOK : kExitEngineUnavailable;
 }
 
 int engineStatus(const GlobalOptions& options, bool asJSON) {

@@ -1,0 +1,174 @@
+#!/usr/bin/env python3
+"""`tamsel` in scripts and at the shell: machine output stays clean, decisions come from flags,
+the message from stdin or a file, exit codes say what happened, and mistakes get clear words.
+
+Uses the sandbox of test_cli.py: a temporary HOME, a free port and verd-sim as the engine.
+Run: python3 tests/integration/test_cli_scripts.py   Env: TAMSEL_BIN, VERD_SIM.
+"""
+
+import json
+import os
+import re
+import subprocess
+import unittest
+
+from test_cli import TAMSEL, CliTestCase, describe, free_port, setUpModule  # noqa: F401
+
+SESSION_NOTE = re.compile(r"^tamsel: session (\S+)$")
+
+
+class ChatInScriptsTests(CliTestCase):
+    def setUp(self):
+        super().setUp()
+        self.sb.start_engine(engine_args="daemon --port {port} --record " + self.sb.record)
+
+    def answers(self, path):
+        return [r["body"] for r in self.sb.requests() if r["path"] == path]
+
+    def json_lines(self, path):
+        with open(path, encoding="utf-8") as f:
+            return [json.loads(line) for line in f]  # every line must be JSON
+
+    def test_json_output_redirected_to_a_file_stays_json_lines(self):
+        out = os.path.join(self.sb.root, "reply.jsonl")
+        with open(out, "w") as f:
+            proc = subprocess.run(self.sb.command(["chat", "-m", "x [approval] [question]", "--json", "--deny"]),
+                                  env=self.sb.environment(), stdin=subprocess.DEVNULL, stdout=f,
+                                  stderr=subprocess.PIPE, text=True, timeout=30)
+        self.assertEqual(proc.returncode, 0, proc.stderr)
+        events = [e["event"] for e in self.json_lines(out)]
+        self.assertEqual((events[0], events[-1]), ("session_started", "done"), events)
+        self.assertIn("approval", events)
+        self.assertEqual([a["decision"] for a in self.answers("/approval")], ["deny"])
+        # --deny declines questions too, so the reply ends without anyone else.
+        self.assertEqual([a["action"] for a in self.answers("/question")], ["decline"])
+
+    def test_questions_answered_or_declined_by_flag(self):
+        cases = ((["--answer", "2"], {"action": "answer", "answers": [{"id": "q1", "values": ["Prose"]}]},
+                  "You chose Prose"),
+                 (["--answer", "Bullets"], {"action": "answer", "answers": [{"id": "q1", "values": ["Bullets"]}]},
+                  "You chose Bullets"),
+                 (["--answer", "tables please"],
+                  {"action": "answer", "answers": [{"id": "q1", "values": ["tables please"]}]}, "tables please"),
+                 (["--decline-questions"], {"action": "decline"}, "You declined the question"))
+        for flags, sent, said in cases:
+            with self.subTest(flags=flags):
+                before = len(self.answers("/question"))
+                proc = self.sb.run("chat", "-m", "Summarise [question]", *flags)
+                self.assertEqual(proc.returncode, 0, describe(proc))
+                [answer] = self.answers("/question")[before:]
+                answer.pop("request_id")
+                self.assertEqual({k: v for k, v in answer.items() if v is not None}, sent)
+                self.assertIn(said, proc.stdout)
+
+    def test_message_from_stdin_a_pipe_or_a_file(self):
+        text = "Line one of the message\nand line two"
+        path = os.path.join(self.sb.root, "message.txt")
+        with open(path, "w", encoding="utf-8") as f:
+            f.write(text + "\n")
+        runs = {"-m -": (["chat", "-m", "-"], text + "\n"),
+                "a pipe": (["chat"], text + "\n"),
+                "--file": (["chat", "--file", path], None)}
+        for name, (args, stdin) in runs.items():
+            with self.subTest(name):
+                proc = subprocess.run(self.sb.command(args), env=self.sb.environment(), input=stdin or "",
+                                      capture_output=True, text=True, timeout=30)
+                self.assertEqual(proc.returncode, 0, describe(proc))
+                sent = [r["body"]["text"] for r in self.sb.requests() if r["path"] == "/message"]
+                self.assertEqual(sent[-1], text)
+        with self.subTest("an empty message is a usage error and sends nothing"):
+            before = len(self.sb.requests())
+            proc = subprocess.run(self.sb.command(["chat", "-m", "-"]), env=self.sb.environment(), input="\n",
+                                  capture_output=True, text=True, timeout=30)
+            self.assertEqual(proc.returncode, 2, describe(proc))
+            self.assertIn("tamsel: the message is empty", proc.stderr)
+            self.assertEqual([r for r in self.sb.requests()[before:] if r["path"] == "/message"], [])
+
+    def test_session_id_is_printed_and_continue_resumes_the_latest(self):
+        first = self.sb.run("chat", "-m", "Remember the word heron")
+        self.assertEqual(first.returncode, 0, describe(first))
+        [session_id] = [m.group(1) for m in map(SESSION_NOTE.match, first.stderr.splitlines()) if m]
+        self.assertNotIn(session_id, first.stdout)
+
+        later = self.sb.run("chat", "--continue", "-m", "Which word?", "--json")
+        self.assertEqual(later.returncode, 0, describe(later))
+        body = [r["body"] for r in self.sb.requests() if r["path"] == "/message"][-1]
+        self.assertEqual(body.get("session_id"), session_id)
+        self.assertNotIn("new_session", body)
+        done = [json.loads(l) for l in later.stdout.splitlines()][-1]
+        self.assertEqual((done["event"], done["data"]["session_id"]), ("done", session_id))
+
+        for flags in (["--continue", "--session", session_id], ["-m", "x", "--file", "/etc/hostname"],
+                      ["--answer", "1", "--decline-questions"]):
+            with self.subTest(flags=flags):
+                proc = self.sb.run("chat", "-m", "x", *flags) if "-m" not in flags else self.sb.run("chat", *flags)
+                self.assertEqual(proc.returncode, 2, describe(proc))
+
+
+class ExitCodesAndUsageTests(CliTestCase):
+    def run_bare(self, *args, env=None):
+        return subprocess.run([TAMSEL] + list(args), env=self.sb.environment(env), stdin=subprocess.DEVNULL,
+                              capture_output=True, text=True, timeout=30)
+
+    def test_usage_errors_exit_2_with_a_clear_line(self):
+        cases = [
+            (["egnine", "start"], ["tamsel: unknown command 'egnine' for 'tamsel'", "Did you mean 'tamsel engine'?"]),
+            (["engine", "strat"], ["tamsel: unknown command 'strat' for 'tamsel engine'",
+                                   "Did you mean 'tamsel engine start'?"]),
+            (["frobnicate"], ["tamsel: unknown command 'frobnicate' for 'tamsel'"]),
+            (["agents", "--engine-port", "99999"],
+             ["tamsel: --engine-port: '99999' is not a port: use a number from 1 to 65535"]),
+            (["calendar", "add-local", "work", "--color", "blue"],
+             ["tamsel: --color: 'blue' is not a colour: use #RRGGBB, e.g. #3A7BD5"]),
+            (["calendar", "events", "--from", "2026-02-30", "--to", "2026-03-01"],
+             ["tamsel: --from: '2026-02-30' is not a date on the calendar"]),
+            (["calendar", "events", "--from", "2026-03-01T10:00:00", "--to", "2026-03-01"],
+             ["tamsel: --from: '2026-03-01T10:00:00' is not a date or time: use a date (2026-03-01, a whole day in "
+              "your zone) or a time with its offset (2026-03-01T09:00:00+01:00)"]),
+            (["chat", "--approve", "maybe", "-m", "x"], None),
+            ([], ["tamsel: A subcommand is required"]),
+        ]
+        for args, first_lines in cases:
+            with self.subTest(args=args):
+                proc = self.run_bare(*args)
+                self.assertEqual(proc.returncode, 2, describe(proc))
+                self.assertEqual(proc.stdout, "")
+                lines = proc.stderr.splitlines()
+                if first_lines:
+                    self.assertEqual(lines[:len(first_lines)], first_lines)
+                self.assertRegex(lines[-1], r"^Run 'tamsel( [a-z-]+)* --help' for its options\.$")
+        self.assertEqual(self.sb.argv_entries(), [], "a refused command started an engine")
+
+    def test_global_options_anywhere_and_help_everywhere(self):
+        port = free_port()
+        status = self.run_bare("engine", "status", "--json", "--engine-port", str(port))
+        self.assertEqual(status.returncode, 3, describe(status))  # not running: engine not available
+        self.assertEqual(json.loads(status.stdout)["port"], port)
+
+        commands = [["engine", "start"], ["engine", "status"], ["engine", "stop"], ["run"], ["agents"], ["sessions"],
+                    ["chat"], ["events"], ["history"], ["calendar", "events"], ["calendar", "add-local"]]
+        for command in commands:
+            with self.subTest(command=command):
+                proc = self.run_bare(*command, "--help")
+                self.assertEqual(proc.returncode, 0, describe(proc))
+                self.assertIn("Usage: tamsel %s" % " ".join(command), proc.stdout)
+                self.assertRegex(proc.stdout, r"\nExample:\n  (\S+=\S+ )?(git diff \| )?tamsel ")
+                self.assertIn("--engine-port PORT", proc.stdout.split("Global options")[1])
+
+    def test_calendar_plain_dates_are_whole_local_days(self):
+        # Berlin on the day summer time starts: the day runs from 23:00Z to 22:00Z.
+        env = {"TZ": "Europe/Berlin"}
+        self.assertEqual(self.run_bare("calendar", "add-local", "work", env=env).returncode, 0)
+        folder = os.path.join(self.sb.app_dir, "calendars", "work")
+        for uid, start in (("before", "20260328T223000Z"), ("first", "20260328T233000Z"),
+                           ("last", "20260329T213000Z"), ("after", "20260329T223000Z")):
+            with open(os.path.join(folder, uid + ".ics"), "w", encoding="utf-8") as f:
+                f.write("BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//test//EN\r\nBEGIN:VEVENT\r\nUID:%s\r\n"
+                        "DTSTAMP:20260301T000000Z\r\nDTSTART:%s\r\nDURATION:PT10M\r\nSUMMARY:%s\r\n"
+                        "END:VEVENT\r\nEND:VCALENDAR\r\n" % (uid, start, uid))
+        proc = self.run_bare("calendar", "events", "--from", "2026-03-29", "--to", "2026-03-29", "--json", env=env)
+        self.assertEqual(proc.returncode, 0, describe(proc))
+        self.assertEqual(sorted(e["title"] for e in json.loads(proc.stdout)["events"]), ["first", "last"])
+
+if __name__ == "__main__":
+    unittest.main()
