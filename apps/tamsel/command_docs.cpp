@@ -93,9 +93,12 @@ std::string bash(const CLI::App& root) {
 std::string zshQuote(std::string text) {
   std::string out;
   for (char c : text) {
-    if (c == '\'') out += "'\\''";
-    else if (c == ':' || c == '[' || c == ']') out += std::string("\\") + c;
-    else out += c;
+    if (c == '\'')
+      out += "'\\''";
+    else if (c == ':' || c == '[' || c == ']')
+      out += std::string("\\") + c;
+    else
+      out += c;
   }
   return out;
 }
@@ -145,9 +148,12 @@ std::string zsh(const CLI::App& root) {
 std::string roff(const std::string& text) {
   std::string out;
   for (char c : text) {
-    if (c == '\\') out += "\\e";
-    else if (c == '-') out += "\\-";
-    else out += c;
+    if (c == '\\')
+      out += "\\e";
+    else if (c == '-')
+      out += "\\-";
+    else
+      out += c;
   }
   if (!out.empty() && (out[0] == '.' || out[0] == '\'')) out = "\\&" + out;
   return out;
@@ -155,13 +161,15 @@ std::string roff(const std::string& text) {
 
 void roffOptions(std::ostringstream& out, const CLI::App& app) {
   for (const auto* option : app.get_options()) {
-    if (option->get_group().empty() || (option->get_lnames().empty() && option->get_snames().empty()))
+    if (option->get_group().empty() ||
+        (option->get_lnames().empty() && option->get_snames().empty()))
       continue;
     std::string names;
     for (const auto& s : option->get_snames()) names += (names.empty() ? "" : ", ") + ("-" + s);
     for (const auto& l : option->get_lnames()) names += (names.empty() ? "" : ", ") + ("--" + l);
     out << ".TP\n\\fB" << roff(names) << "\\fR";
-    if (option->get_items_expected_min() > 0) out << " \\fI" << roff(option->get_type_name()) << "\\fR";
+    if (option->get_items_expected_min() > 0)
+      out << " \\fI" << roff(option->get_type_name()) << "\\fR";
     out << "\n" << roff(option->get_description()) << "\n";
   }
 }
@@ -201,6 +209,8 @@ std::string completionScript(const CLI::App& app, const std::string& shell) {
   return shell == "zsh" ? zsh(app) : bash(app);
 }
 
-std::string manualPage(const CLI::App& app, const std::string& version) { return man(app, version); }
+std::string manualPage(const CLI::App& app, const std::string& version) {
+  return man(app, version);
+}
 
 }  // namespace tamsel::cli

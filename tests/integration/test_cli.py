@@ -265,8 +265,8 @@ class CliTestCase(unittest.TestCase):
     def setUp(self):
         self.sb = Sandbox(self)
 
-    def assertErrorLine(self, proc, expected):
-        self.assertEqual(proc.returncode, 1, describe(proc))
+    def assertErrorLine(self, proc, expected, code=1):
+        self.assertEqual(proc.returncode, code, describe(proc))
         self.assertIn(expected, proc.stderr.splitlines(), describe(proc))
 
 
@@ -391,7 +391,7 @@ class EngineStartTests(CliTestCase):
         began = time.monotonic()
         proc = sb.run("engine", "start", engine_args=args)
         elapsed = time.monotonic() - began
-        self.assertErrorLine(proc, "tamsel: Engine not responding")
+        self.assertErrorLine(proc, "tamsel: Engine not responding", code=3)
         self.assertEqual(proc.stdout, "")
         # Ten polls half a second apart before giving up, then a bounded stop.
         self.assertGreaterEqual(elapsed, 4.0)
@@ -423,7 +423,7 @@ class EngineStartTests(CliTestCase):
             f.write("#!/nonexistent/interpreter\n")
         os.chmod(broken, 0o755)
         proc = sb.run("engine", "start", env={"VERD_BINARY": broken})
-        self.assertEqual(proc.returncode, 1, describe(proc))
+        self.assertEqual(proc.returncode, 3, describe(proc))
         self.assertTrue(any(line.startswith("tamsel: Failed to start: ") for line in proc.stderr.splitlines()),
                         describe(proc))
         self.assertEqual(proc.stdout, "")
@@ -486,7 +486,7 @@ class EngineSearchTests(CliTestCase):
         self.require_clean_system()
         self.assertEqual(self.engine_path(None), (None, None))
         proc = self.sb.run("engine", "start", env={"VERD_BINARY": os.path.join(self.sb.root, "no-such-verd")})
-        self.assertErrorLine(proc, NOT_FOUND)
+        self.assertErrorLine(proc, NOT_FOUND, code=3)
         self.assertEqual(proc.stdout, "")
         self.assertEqual(self.sb.argv_entries(), [])
 
@@ -613,12 +613,13 @@ class RunTests(CliTestCase):
         hit = out.next_matching(lambda l: parse(l)["local_endpoint"] == "down", 5)
         self.assertIsNotNone(hit, "the crash was not reported: %s" % out.seen)
         self.assertEqual(parse(hit[1])["restart_count"], 1)
+        self.assertEqual(parse(hit[1])["state"], "starting", "a dead engine shown as running")
 
         relaunch = out.next_matching(lambda l: parse(l)["pid"] not in (None, first["pid"]), 15)
         self.assertIsNotNone(relaunch, out.seen)
         self.assertGreaterEqual(relaunch[0] - killed_at, 4.5, "restarted before the delay")
-        hit = out.next_matching(lambda l: parse(l)["state"] == "running" and parse(l)["local_endpoint"] == "ready",
-                                15)
+        up = lambda l: parse(l)["state"] == "running" and parse(l)["local_endpoint"] == "ready"
+        hit = relaunch if up(relaunch[1]) else out.next_matching(up, 15)
         self.assertIsNotNone(hit, out.seen)
         second = parse(hit[1])
         self.assertNotEqual(second["pid"], first["pid"])
@@ -626,6 +627,8 @@ class RunTests(CliTestCase):
         self.assertLess(hit[0] - killed_at, 15)
         self.assertEqual([e["pid"] for e in sb.argv_entries()], [first["pid"], second["pid"]])
         self.assertFalse(any(parse(l)["state"] == "failed" for l in out.seen), out.seen)
+        self.assertFalse(any(parse(l)["state"] == "running" and parse(l)["local_endpoint"] == "down"
+                             for l in out.seen), out.seen)
         # The channel went down with the engine, saying why, and came back with the new one.
         self.assertTrue(any(parse(l)["rpc_channel"] == "offline" and
                             (parse(l)["rpc_error"] or "").startswith("transport error: ") for l in out.seen), out.seen)

@@ -9,10 +9,12 @@ Run: python3 tests/integration/test_cli_scripts.py   Env: TAMSEL_BIN, VERD_SIM.
 import json
 import os
 import re
+import socket
 import subprocess
+import time
 import unittest
 
-from test_cli import TAMSEL, CliTestCase, describe, free_port, setUpModule  # noqa: F401
+from test_cli import TAMSEL, CliTestCase, LineReader, describe, free_port, pid_alive, setUpModule  # noqa: F401
 
 SESSION_NOTE = re.compile(r"^tamsel: session (\S+)$")
 
@@ -169,6 +171,73 @@ class ExitCodesAndUsageTests(CliTestCase):
         proc = self.run_bare("calendar", "events", "--from", "2026-03-29", "--to", "2026-03-29", "--json", env=env)
         self.assertEqual(proc.returncode, 0, describe(proc))
         self.assertEqual(sorted(e["title"] for e in json.loads(proc.stdout)["events"]), ["first", "last"])
+
+
+class SupervisorTests(CliTestCase):
+    """`tamsel run` works with the person: their stop holds, one supervisor, plain reasons to end."""
+
+    def start_run(self, *args, env=None):
+        proc = self.sb.popen("run", *args, env=env)
+        out = LineReader(proc.stdout)
+        self.assertIsNotNone(out.next_matching(lambda l: "Tamsel Engine is running" in l, 15), out.seen)
+        return proc, out
+
+    def stderr_of_children(self):
+        with open(os.path.join(self.sb.root, "tamsel-stderr.log"), encoding="utf-8") as f:
+            return f.read().splitlines()
+
+    def test_engine_stop_under_run_stays_stopped(self):
+        proc, out = self.start_run()
+        engine = self.sb.pidfile_pid()
+        stop = self.sb.run("engine", "stop")
+        self.assertEqual((stop.returncode, stop.stdout), (0, "Tamsel Engine stopped\n"), describe(stop))
+        self.assertEqual(proc.wait(timeout=15), 0)
+        self.assertIn("tamsel: the engine was stopped on request (tamsel engine stop); not restarting it",
+                      self.stderr_of_children())
+        self.assertFalse(pid_alive(engine))
+        self.assertEqual(len(self.sb.argv_entries()), 1, "the stopped engine was started again")
+        self.assertEqual(self.sb.live_engines(), [])
+
+    def test_one_run_per_user(self):
+        first, _ = self.start_run()
+        second = self.sb.run("run", timeout=15)
+        self.assertEqual(second.returncode, 1, describe(second))
+        self.assertEqual(second.stderr, "tamsel: another `tamsel run` (PID %d) already supervises the engine; stop it "
+                                        "first (Ctrl-C there)\n" % first.pid)
+        self.assertEqual(second.stdout, "")
+        self.assertIsNone(first.poll(), "the first supervisor ended")
+        self.assertEqual(len(self.sb.argv_entries()), 1)
+
+    def test_port_held_by_another_program(self):
+        with socket.socket() as squatter:
+            squatter.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            squatter.bind(("127.0.0.1", self.sb.port))
+            squatter.listen(16)
+            said = "tamsel: Port %d on 127.0.0.1 is in use by another program; stop it or choose another port " \
+                   "(--engine-port)" % self.sb.port
+            for command in (["engine", "start"], ["agents"], ["run"]):
+                with self.subTest(command=command):
+                    proc = self.sb.run(*command, timeout=60)
+                    self.assertNotEqual(proc.returncode, 0, describe(proc))
+                    self.assertIn(said, proc.stderr.splitlines(), describe(proc))
+                    self.assertNotIn("is running", proc.stdout)
+            self.assertEqual(self.sb.argv_entries(), [], "an engine was launched onto a taken port")
+
+    def test_no_engine_found_says_where_it_looked(self):
+        env = {"VERD_BINARY": os.path.join(self.sb.root, "no-such-verd")}
+        for command in (["engine", "start"], ["run"]):
+            with self.subTest(command=command):
+                proc = self.sb.run(*command, env=env, timeout=30)
+                self.assertEqual(proc.returncode, 3, describe(proc))
+                lines = proc.stderr.splitlines()
+                self.assertIn("tamsel: Engine not found — update Tamsel Desktop to reinstall", lines)
+                self.assertIn("tamsel: looked for the engine in:", lines)
+                looked = [l.strip() for l in lines if l.startswith("  /")]
+                self.assertEqual(looked[0], env["VERD_BINARY"])
+                self.assertIn(os.path.join(self.sb.home, ".local/bin/verd"), looked)
+                self.assertIn("tamsel: VERD_BINARY names %s, which is not an executable file" % env["VERD_BINARY"],
+                              lines)
+
 
 if __name__ == "__main__":
     unittest.main()
