@@ -1,9 +1,10 @@
 // tamsel agents, tamsel sessions.
-#include <iomanip>
 #include <iostream>
 
 #include "cli.hpp"
 #include "runtime.hpp"
+#include "table.hpp"
+#include "tamsel/base/dates.hpp"
 #include "tamsel/base/json.hpp"
 #include "tamsel/bridge/daemon_client.hpp"
 #include "tamsel/bridge/daemon_client_error.hpp"
@@ -45,16 +46,13 @@ int listAgents(const GlobalOptions& options, bool asJSON) {
     std::cout << "No agents." << std::endl;
     return kExitOK;
   }
-  std::cout << std::left << std::setw(20) << "NAME" << std::setw(28) << "DISPLAY NAME"
-            << std::setw(9) << "BUILTIN" << std::setw(8) << "SKILLS"
-            << "COMMANDS\n";
-  for (const auto& agent : *agents) {
-    std::cout << std::left << std::setw(20) << agent.name << std::setw(28)
-              << cell(agent.displayName) << std::setw(9)
-              << (agent.builtin.value_or(false) ? "yes" : "no") << std::setw(8)
-              << agent.skillCount.value_or(0) << agent.commandCount.value_or(0) << "\n";
-  }
-  std::cout << std::flush;
+  Table table{{"NAME", "DISPLAY NAME", "BUILTIN", "SKILLS", "COMMANDS"}, {}, 1};
+  for (const auto& agent : *agents)
+    table.rows.push_back({agent.name, cell(agent.displayName),
+                          agent.builtin.value_or(false) ? "yes" : "no",
+                          std::to_string(agent.skillCount.value_or(0)),
+                          std::to_string(agent.commandCount.value_or(0))});
+  printTable(std::cout, table, terminalWidth());
   return kExitOK;
 }
 
@@ -75,15 +73,11 @@ int listSessions(const GlobalOptions& options, const std::optional<std::string>&
     std::cout << "No sessions." << std::endl;
     return kExitOK;
   }
-  std::cout << std::left << std::setw(38) << "ID" << std::setw(22) << "UPDATED" << std::setw(6)
-            << "MSGS" << std::setw(14) << "AGENT"
-            << "TITLE\n";
-  for (const auto& s : *sessions) {
-    const std::string updated = s.updatedAt ? base::formatISO8601(*s.updatedAt).substr(0, 19) : "-";
-    std::cout << std::left << std::setw(38) << s.id << std::setw(22) << updated << std::setw(6)
-              << s.msgCount.value_or(0) << std::setw(14) << cell(s.agent) << cell(s.title) << "\n";
-  }
-  std::cout << std::flush;
+  Table table{{"ID", "UPDATED", "MSGS", "AGENT", "TITLE"}, {}, 4};
+  for (const auto& s : *sessions)
+    table.rows.push_back({s.id, s.updatedAt ? base::formatLocalTime(*s.updatedAt) : "-",
+                          std::to_string(s.msgCount.value_or(0)), cell(s.agent), cell(s.title)});
+  printTable(std::cout, table, terminalWidth());
   return kExitOK;
 }
 

@@ -6,9 +6,14 @@ Uses the sandbox of test_cli.py: a temporary HOME, a free port and verd-sim as t
 Run: python3 tests/integration/test_cli_scripts.py   Env: TAMSEL_BIN, VERD_SIM.
 """
 
+import datetime
+import fcntl
 import json
 import os
+import pty
 import re
+import struct
+import termios
 import socket
 import subprocess
 import time
@@ -237,6 +242,61 @@ class SupervisorTests(CliTestCase):
                 self.assertIn(os.path.join(self.sb.home, ".local/bin/verd"), looked)
                 self.assertIn("tamsel: VERD_BINARY names %s, which is not an executable file" % env["VERD_BINARY"],
                               lines)
+
+
+
+class TimesAndTablesTests(CliTestCase):
+    def setUp(self):
+        super().setUp()
+        self.sb.start_engine()
+
+    def on_terminal(self, columns, *args, env=None):
+        """Runs tamsel with stdout on a pseudo-terminal `columns` wide; returns what it showed."""
+        master, slave = pty.openpty()
+        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+        proc = subprocess.Popen(self.sb.command(args), env=self.sb.environment(env), stdin=subprocess.DEVNULL,
+                                stdout=slave, stderr=subprocess.PIPE)
+        os.close(slave)
+        shown = b""
+        while True:
+            try:
+                chunk = os.read(master, 65536)
+            except OSError:  # the terminal closed with the process
+                break
+            if not chunk:
+                break
+            shown += chunk
+        os.close(master)
+        self.assertEqual(proc.wait(timeout=30), 0, proc.stderr.read())
+        proc.stderr.close()
+        return shown.decode().replace("\r\n", "\n")
+
+    def test_sessions_show_local_times(self):
+        listed = json.loads(self.sb.run("sessions", "--json").stdout)
+        table = self.sb.run("sessions", env={"TZ": "Asia/Tokyo"})
+        self.assertEqual(table.returncode, 0, describe(table))
+        for session in listed:
+            utc = datetime.datetime.fromisoformat(session["updated_at"].replace("Z", "+00:00"))
+            local = (utc + datetime.timedelta(hours=9)).strftime("%Y-%m-%d %H:%M")
+            [row] = [l for l in table.stdout.splitlines() if l.startswith(session["id"])]
+            self.assertIn(local, row)
+
+    def test_tables_fit_a_40_column_terminal(self):
+        for command in (["sessions"], ["agents"]):
+            with self.subTest(command=command):
+                shown = self.on_terminal(40, *command)
+                lines = shown.splitlines()
+                self.assertTrue(lines, shown)
+                self.assertLessEqual(max(len(l) for l in lines), 40, shown)
+        shown = self.on_terminal(40, "sessions")
+        # Nothing is lost: every session is there with its count.
+        for session in json.loads(self.sb.run("sessions", "--json").stdout):
+            self.assertIn(session["id"], shown.splitlines())
+        self.assertIn("4 msgs", shown)
+        # A wide terminal keeps the one-line table.
+        wide = self.on_terminal(160, "sessions").splitlines()
+        self.assertRegex(wide[0], r"^ID\s+UPDATED\s+MSGS\s+AGENT\s+TITLE$")
+        self.assertEqual(len(wide), 6)
 
 
 if __name__ == "__main__":
