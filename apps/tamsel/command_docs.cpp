@@ -1,6 +1,7 @@
 #include "command_docs.hpp"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <functional>
 #include <sstream>
 #include <vector>
@@ -45,7 +46,10 @@ std::vector<std::string> optionWords(const CLI::App& app, const CLI::App& root) 
   };
   add(app);
   if (&app != &root) add(root);
-  return words;
+  std::vector<std::string> unique;
+  for (const auto& word : words)
+    if (std::find(unique.begin(), unique.end(), word) == unique.end()) unique.push_back(word);
+  return unique;
 }
 
 std::string join(const std::vector<std::string>& words) {
@@ -80,7 +84,6 @@ std::string bash(const CLI::App& root) {
     for (const auto* sub : visibleSubcommands(*c.app)) words.push_back(sub->get_name());
     const auto options = optionWords(*c.app, root);
     words.insert(words.end(), options.begin(), options.end());
-    words.push_back("--help");
     out << "    \"" << c.path << "\") words=\"" << join(words) << "\" ;;\n";
   }
   out << "  esac\n"
@@ -129,7 +132,7 @@ std::string zsh(const CLI::App& root) {
       out << " '" << zshQuote(sub->get_name()) << ":" << zshQuote(sub->get_description()) << "'";
     out << " )\n      options=(";
     for (const auto& word : optionWords(*c.app, root)) out << " '" << word << "'";
-    out << " '--help' )\n      ;;\n";
+    out << " )\n      ;;\n";
   }
   out << "  esac\n"
          "  if [[ ${words[CURRENT]} == -* ]]; then\n"
@@ -159,10 +162,13 @@ std::string roff(const std::string& text) {
   return out;
 }
 
-void roffOptions(std::ostringstream& out, const CLI::App& app) {
+void roffOptions(std::ostringstream& out, const CLI::App& app, const CLI::App& root) {
   for (const auto* option : app.get_options()) {
     if (option->get_group().empty() ||
         (option->get_lnames().empty() && option->get_snames().empty()))
+      continue;
+    // --help is on every command; the page says so once.
+    if (&app != &root && !option->get_lnames().empty() && option->get_lnames().front() == "help")
       continue;
     std::string names;
     for (const auto& s : option->get_snames()) names += (names.empty() ? "" : ", ") + ("-" + s);
@@ -180,7 +186,7 @@ std::string man(const CLI::App& root, const std::string& version) {
       << ".SH NAME\ntamsel \\- " << roff(root.get_description()) << "\n"
       << ".SH SYNOPSIS\n\\fBtamsel\\fR [\\fIglobal options\\fR] \\fIcommand\\fR [\\fIoptions\\fR]\n"
       << ".SH GLOBAL OPTIONS\nThese work before or after the command.\n";
-  roffOptions(out, root);
+  roffOptions(out, root, root);
   out << ".SH COMMANDS\n";
   for (const auto& c : allCommands(root)) {
     if (c.path.empty()) continue;
@@ -189,7 +195,15 @@ std::string man(const CLI::App& root, const std::string& version) {
       if (option->get_positional())
         out << ".TP\n\\fI" << roff(option->get_name()) << "\\fR\n"
             << roff(option->get_description()) << "\n";
-    roffOptions(out, *c.app);
+    roffOptions(out, *c.app, root);
+    // The example the command's own --help shows.
+    const std::string footer = c.app->get_footer();
+    const std::string marker = "Example:\n  ";
+    if (const auto at = footer.find(marker); at != std::string::npos) {
+      const auto from = at + marker.size();
+      out << ".PP\nExample:\n.nf\n.RS\n"
+          << roff(footer.substr(from, footer.find('\n', from) - from)) << "\n.RE\n.fi\n";
+    }
   }
   out << ".SH EXIT STATUS\n"
          ".TP\n0\nSuccess.\n.TP\n1\nFailure.\n.TP\n2\nUsage error: an unknown command or option, "

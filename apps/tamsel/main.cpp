@@ -40,7 +40,7 @@ CLI::Validator calendarBoundCheck(bool isEnd) {
           return std::string(e.what());
         }
       },
-      "TIME");
+      "");
 }
 
 // The command a mistyped word was meant to be. Walks the words of the line the way the parser
@@ -191,7 +191,8 @@ int main(int argc, char** argv) {
       "piped input when standard input is not a terminal)");
   chat->add_option("-f,--file", chatOptions.messageFile, "Read the message from this file")
       ->excludes(messageOption)
-      ->check(CLI::ExistingFile);
+      ->check(CLI::ExistingFile)
+      ->type_name("FILE");
   chat->add_option("--agent", chatOptions.agent, "The agent to talk to");
   auto* sessionOption = chat->add_option("--session", chatOptions.sessionID,
                                          "Continue this session (default: a new one)");
@@ -237,15 +238,17 @@ int main(int argc, char** argv) {
   auto* calSources = calendarCmd->add_subcommand("sources", "List calendars");
   calSources->add_flag("--json", calendarOptions.asJSON, "Print JSON");
   auto* calEvents =
-      calendarCmd->add_subcommand("events", "List events between two times (RFC 3339 with offset)");
+      calendarCmd->add_subcommand("events", "List events between two times or over whole days");
   calEvents
       ->add_option("--from", calendarOptions.from,
                    "Start: a time with offset (2026-03-01T09:00:00+01:00) or a date (its start)")
       ->required()
-      ->transform(calendarBoundCheck(false));
+      ->transform(calendarBoundCheck(false))
+      ->type_name("TIME");
   calEvents->add_option("--to", calendarOptions.to, "End: a time with offset, or a date (its end)")
       ->required()
-      ->transform(calendarBoundCheck(true));
+      ->transform(calendarBoundCheck(true))
+      ->type_name("TIME");
   calEvents->add_option("--calendar", calendarOptions.calendarIDs, "Only these calendar ids");
   calEvents->add_option("--query", calendarOptions.query, "Text in title, location or notes");
   calEvents->add_option("--limit", calendarOptions.limit, "At most this many events")
@@ -255,7 +258,8 @@ int main(int argc, char** argv) {
   calAddLocal->add_option("name", calendarOptions.name, "Folder name")->required();
   calAddLocal->add_option("--title", calendarOptions.title, "Display name");
   calAddLocal->add_option("--color", calendarOptions.color, "Colour, #RRGGBB")
-      ->check(checkedBy(&cli::colourProblem, "#RRGGBB"));
+      ->check(checkedBy(&cli::colourProblem, ""))
+      ->type_name("#RRGGBB");
   calAddLocal->add_flag("--default", calendarOptions.makeDefault, "New events go here");
   auto* calAddCalDAV = calendarCmd->add_subcommand(
       "add-caldav", "Add a CalDAV account (its calendars are found on the server)");

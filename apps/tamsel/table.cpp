@@ -12,8 +12,9 @@ namespace {
 
 // Characters as a terminal counts them (code points; our texts have no wide characters).
 std::size_t displayWidth(const std::string& text) {
-  return static_cast<std::size_t>(std::count_if(
-      text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+    return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
+  }));
 }
 
 std::string fitted(const std::string& text, std::size_t width) {
@@ -66,7 +67,8 @@ void printTable(std::ostream& out, const Table& table, std::size_t width) {
           if (c == table.flexible || row[c].empty() || row[c] == "-") continue;
           // Without its header a bare count says nothing: "4 msgs".
           std::string shown = row[c];
-          if (std::all_of(shown.begin(), shown.end(), [](char ch) { return ch >= '0' && ch <= '9'; })) {
+          if (std::all_of(shown.begin(), shown.end(),
+                          [](char ch) { return ch >= '0' && ch <= '9'; })) {
             std::string unit = table.headers[c];
             std::transform(unit.begin(), unit.end(), unit.begin(),
                            [](unsigned char ch) { return static_cast<char>(std::tolower(ch)); });

@@ -299,5 +299,56 @@ class TimesAndTablesTests(CliTestCase):
         self.assertEqual(len(wide), 6)
 
 
+
+class HelpAndCompletionTests(CliTestCase):
+    COMMANDS = ["engine", "engine start", "engine status", "engine stop", "run", "agents", "sessions", "chat",
+                "events", "history", "calendar", "calendar permission", "calendar sources", "calendar events",
+                "calendar add-local", "calendar add-caldav"]
+
+    def generated(self, *args):
+        proc = subprocess.run([TAMSEL, *args], capture_output=True, text=True, timeout=30)
+        self.assertEqual(proc.returncode, 0, describe(proc))
+        return proc.stdout
+
+    def test_bash_completion_knows_commands_and_options(self):
+        script = os.path.join(self.sb.root, "tamsel.bash")
+        with open(script, "w", encoding="utf-8") as f:
+            f.write(self.generated("completion", "bash"))
+        cases = {"tamsel eng": {"engine"},
+                 "tamsel engine s": {"start", "status", "stop"},
+                 "tamsel calendar events --f": {"--from"},
+                 "tamsel chat --dec": {"--decline-questions"},
+                 "tamsel --engine-port 7600 agents --engine-p": {"--engine-port"},  # global options anywhere
+                 "tamsel comp": set()}  # hidden commands are not offered
+        for line, expected in cases.items():
+            with self.subTest(line=line):
+                words = line.split(" ")
+                program = 'source "$1"; COMP_WORDS=(%s); COMP_CWORD=%d; _tamsel; printf "%%s\\n" "${COMPREPLY[@]}"' % (
+                    " ".join("'%s'" % w for w in words), len(words) - 1)
+                proc = subprocess.run(["bash", "-c", program, "bash", script], capture_output=True, text=True,
+                                      timeout=30)
+                self.assertEqual(proc.returncode, 0, describe(proc))
+                self.assertEqual(set(proc.stdout.split()), expected)
+
+    def test_zsh_completion_and_man_page_cover_every_command(self):
+        zsh = self.generated("completion", "zsh")
+        self.assertTrue(zsh.startswith("#compdef tamsel\n"))
+        page = self.generated("man")
+        for command in self.COMMANDS:
+            with self.subTest(command=command):
+                self.assertTrue('.SS "tamsel %s"' % command.replace("-", "\\-") in page, command)
+                self.assertIn('"%s/%s")' % tuple(command.rsplit(" ", 1)) if " " in command else '"/%s")' % command,
+                              zsh)
+        self.assertIn(".SH EXIT STATUS", page)
+        # The page renders without a roff warning.
+        proc = subprocess.run(["groff", "-man", "-Tutf8", "-ww", "-z"], input=page, capture_output=True, text=True,
+                              timeout=30)
+        self.assertEqual((proc.returncode, proc.stderr), (0, ""))
+        # The build installs what the program generates.
+        built = os.path.join(os.path.dirname(TAMSEL), "tamsel.1")
+        with open(built, encoding="utf-8") as f:
+            self.assertEqual(f.read(), page)
+
+
 if __name__ == "__main__":
     unittest.main()
