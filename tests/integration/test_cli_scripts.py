@@ -50,6 +50,24 @@ class ChatInScriptsTests(CliTestCase):
         # --deny declines questions too, so the reply ends without anyone else.
         self.assertEqual([a["action"] for a in self.answers("/question")], ["decline"])
 
+    def test_prompts_on_a_terminal_go_to_stderr(self):
+        # A person at the terminal answers, while stdout is a file: the file gets only the reply.
+        master, slave = pty.openpty()
+        proc = subprocess.Popen(self.sb.command(["chat", "-m", "Tidy [approval] [question]", "--json"]),
+                                env=self.sb.environment(), stdin=slave, stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE, text=True)
+        os.close(slave)
+        os.write(master, b"o\n2\n")  # once; then the second option
+        out, err = proc.communicate(timeout=30)
+        os.close(master)
+        self.assertEqual(proc.returncode, 0, err)
+        events = [json.loads(line) for line in out.splitlines()]  # every line is JSON
+        self.assertEqual(events[-1]["event"], "done")
+        self.assertIn("You chose Prose", events[-1]["data"]["reply"])
+        self.assertIn("Allow? [o]nce, [s]ession, [a]lways, [d]eny: ", err)
+        self.assertIn("Which format should the summary use?", err)
+        self.assertEqual([a["decision"] for a in self.answers("/approval")], ["once"])
+
     def test_questions_answered_or_declined_by_flag(self):
         cases = ((["--answer", "2"], {"action": "answer", "answers": [{"id": "q1", "values": ["Prose"]}]},
                   "You chose Prose"),
@@ -110,6 +128,20 @@ class ChatInScriptsTests(CliTestCase):
             with self.subTest(flags=flags):
                 proc = self.sb.run("chat", "-m", "x", *flags) if "-m" not in flags else self.sb.run("chat", *flags)
                 self.assertEqual(proc.returncode, 2, describe(proc))
+
+
+class ReadmeHistoryTests(CliTestCase):
+    def test_history_reads_what_the_readme_tells_the_simulator(self):
+        # The README's commands, word for word but for the sandbox's port.
+        home_args = "daemon --port {port} --engine-home %s" % os.path.join(self.sb.home, ".verdane")
+        self.sb.start_engine(engine_args=home_args)
+        chat = self.sb.run("chat", "-m", "hello")
+        self.assertEqual(chat.returncode, 0, describe(chat))
+        [session_id] = [m.group(1) for m in map(SESSION_NOTE.match, chat.stderr.splitlines()) if m]
+        history = self.sb.run("history", session_id)
+        self.assertEqual(history.returncode, 0, describe(history))
+        self.assertIn("\nYou  ", history.stdout)
+        self.assertIn("  hello\n", history.stdout)
 
 
 class ExitCodesAndUsageTests(CliTestCase):
