@@ -558,12 +558,16 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
     }
   }
 
+  // A new chat that has sent nothing yet shares the agent's new-session draft, so a line left in
+  // it comes back in the next new chat; once it has sent, it keeps its own until the engine
+  // names the session (then the draft moves to the session's key).
   std::string draftKey() const {
     const auto& shown = transcript.state();
     if (shown.currentSessionID) return kit::ComposerDraftKey::forSession(*shown.currentSessionID);
-    if (shown.currentPendingSessionLocalID)
+    if (shown.currentPendingSessionLocalID && !shown.messages.empty())
       return kit::ComposerDraftKey::forPendingSession(*shown.currentPendingSessionLocalID);
-    return kit::ComposerDraftKey::forNewSession(sidebar->selectedAgent.value_or(""));
+    return kit::ComposerDraftKey::forNewSession(
+        shown.currentSessionAgent.value_or(sidebar->selectedAgent.value_or("")));
   }
 };
 
