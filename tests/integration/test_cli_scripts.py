@@ -235,6 +235,14 @@ class SupervisorTests(CliTestCase):
         self.assertEqual(len(self.sb.argv_entries()), 1, "the stopped engine was started again")
         self.assertEqual(self.sb.live_engines(), [])
 
+    def test_run_ends_non_zero_after_the_crash_limit(self):
+        # Five restarts, 5 s apart, then nothing more will happen: run must not wait forever.
+        proc = self.sb.popen("run", engine_args="daemon --port {port} --crash-after 0.3")
+        self.assertEqual(proc.wait(timeout=90), 1)
+        self.assertIn("tamsel: Engine crashed 5 times, stopped restarting", self.stderr_of_children())
+        self.assertEqual(len(self.sb.argv_entries()), 6)
+        self.assertEqual(self.sb.live_engines(), [])
+
     def test_one_run_per_user(self):
         first, _ = self.start_run()
         second = self.sb.run("run", timeout=15)
