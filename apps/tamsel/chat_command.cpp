@@ -6,6 +6,7 @@
 #include <boost/asio/detached.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/signal_set.hpp>
+#include <fstream>
 #include <iostream>
 #include <sstream>
 
@@ -24,8 +25,6 @@ using bridge::SSEEvent;
 
 namespace {
 
-constexpr int kExitInterrupted = 130;
-
 std::string compact(const std::optional<bridge::JSON>& value, std::size_t limit = 80) {
   if (!value || value->is_null()) return {};
   std::string text = json::serialize(*value);
@@ -33,8 +32,11 @@ std::string compact(const std::optional<bridge::JSON>& value, std::size_t limit 
   return text;
 }
 
+// Prompts go to stderr, never into stdout, which may be a file of JSON lines or a reply.
+void note(const std::string& text) { std::cerr << text << std::endl; }
+
 std::optional<std::string> readLine(const std::string& prompt) {
-  std::cout << prompt << std::flush;
+  std::cerr << prompt << std::flush;
   std::string line;
   if (!std::getline(std::cin, line)) return std::nullopt;
   return line;
@@ -47,8 +49,11 @@ class ChatPrinter {
 
   void show(const SSEEvent& event) {
     // The session is needed to cancel the run, whatever the output format.
-    if (const auto* started = event.get<SSEEvent::SessionStarted>())
+    if (const auto* started = event.get<SSEEvent::SessionStarted>()) {
       sessionID = started->value.sessionId;
+      // A script needs the id to continue the session; JSON output carries it in the event.
+      if (!asJSON_) note("tamsel: session " + *sessionID);
+    }
     if (asJSON_) {
       boost::json::object line;
       line["event"] = event.wireName;
@@ -122,8 +127,9 @@ struct ChatRun {
     else if (chat.autoApprove)
       decision = chat.autoApprove;
     else if (interactive) {
-      printer.line("Approval needed: " + approval.tool.value_or("a tool") + " " +
-                   compact(approval.args, 200));
+      printer.finish();
+      note("Approval needed: " + approval.tool.value_or("a tool") + " " +
+           compact(approval.args, 200));
       while (!decision) {
         auto answer = readLine("Allow? [o]nce, [s]ession, [a]lways, [d]eny: ");
         if (!answer) break;
@@ -142,8 +148,10 @@ struct ChatRun {
       }
     }
     if (!decision) {
-      printer.line("Approval for " + approval.tool.value_or("a tool") + " (request " +
-                   approval.requestId + ") is waiting for another client to answer it.");
+      note("tamsel: approval for " + approval.tool.value_or("a tool") + " (request " +
+           approval.requestId +
+           ") is waiting for another client to answer it; to decide here, run with --approve "
+           "once|session|always or --deny");
       co_return;
     }
     const bridge::ApprovalResponseBody body{approval.requestId, *decision};
@@ -151,49 +159,74 @@ struct ChatRun {
     printer.line(*decision == "deny" ? "Denied." : "Approved (" + *decision + ").");
   }
 
+  // The labels an answer picks: option numbers ("1 3") or labels; anything else is free text.
+  static std::vector<std::string> pickedValues(
+      const std::string& reply, const std::vector<bridge::QuestionOptionPayload>& options) {
+    for (const auto& option : options)
+      if (option.label == reply) return {reply};
+    std::istringstream words(reply);
+    std::vector<std::string> picked;
+    for (std::string word; words >> word;) {
+      char* end = nullptr;
+      const long n = std::strtol(word.c_str(), &end, 10);
+      if (*end != '\0' || n < 1 || static_cast<std::size_t>(n) > options.size()) return {reply};
+      picked.push_back(options[static_cast<std::size_t>(n - 1)].label);
+    }
+    return picked.empty() ? std::vector<std::string>{reply} : picked;
+  }
+
+  asio::awaitable<void> decline(const bridge::QuestionRequestPayload& question) {
+    const bridge::QuestionResponseBody body{question.requestId, std::string("decline"),
+                                            std::nullopt};
+    co_await client.answerQuestion(body);
+    printer.line("Declined.");
+  }
+
   asio::awaitable<void> answerQuestion(const bridge::QuestionRequestPayload& question) {
-    if (!interactive || chat.asJSON) {
-      printer.line("A question (request " + question.requestId +
-                   ") is waiting for another client to answer it.");
+    if (chat.deny || chat.declineQuestions) co_return co_await decline(question);
+    std::vector<bridge::AnswerBody> answers;
+    if (!chat.answers.empty()) {
+      // Given on the command line: one per question, in order.
+      if (chat.answers.size() < question.questions.size()) {
+        note("tamsel: the reply asks " + std::to_string(question.questions.size()) +
+             " questions but --answer gave " + std::to_string(chat.answers.size()) +
+             "; declining them");
+        co_return co_await decline(question);
+      }
+      for (std::size_t i = 0; i < question.questions.size(); ++i) {
+        const auto& entry = question.questions[i];
+        const auto& options =
+            entry.options ? *entry.options : std::vector<bridge::QuestionOptionPayload>{};
+        answers.push_back({entry.id, pickedValues(chat.answers[i], options)});
+      }
+      const bridge::QuestionResponseBody body{question.requestId, std::string("answer"), answers};
+      co_await client.answerQuestion(body);
+      printer.line("Answered.");
       co_return;
     }
-    std::vector<bridge::AnswerBody> answers;
+    if (!interactive) {
+      note("tamsel: a question (request " + question.requestId +
+           ") is waiting for another client to answer it; to decide here, run with --answer "
+           "TEXT or --decline-questions");
+      co_return;
+    }
+    printer.finish();
     for (const auto& entry : question.questions) {
-      printer.line((entry.header ? "[" + *entry.header + "] " : std::string()) + entry.question);
+      note((entry.header ? "[" + *entry.header + "] " : std::string()) + entry.question);
       const auto& options =
           entry.options ? *entry.options : std::vector<bridge::QuestionOptionPayload>{};
       for (std::size_t i = 0; i < options.size(); ++i) {
-        std::cout << "  " << (i + 1) << ". " << options[i].label;
-        if (options[i].description) std::cout << " — " << *options[i].description;
-        if (options[i].recommended.value_or(false)) std::cout << " (recommended)";
-        std::cout << "\n";
+        std::string line = "  " + std::to_string(i + 1) + ". " + options[i].label;
+        if (options[i].description) line += " — " + *options[i].description;
+        if (options[i].recommended.value_or(false)) line += " (recommended)";
+        note(line);
       }
       const bool multi = entry.multiSelect.value_or(false);
       auto reply = readLine(std::string(multi ? "Numbers separated by spaces" : "Number") +
                             (entry.allowOther.value_or(false) ? " or your own answer" : "") +
                             ", empty to decline: ");
-      if (!reply || reply->empty()) {
-        const bridge::QuestionResponseBody body{question.requestId, std::string("decline"),
-                                                std::nullopt};
-        co_await client.answerQuestion(body);
-        printer.line("Declined.");
-        co_return;
-      }
-      bridge::AnswerBody answer{entry.id, {}};
-      std::istringstream words(*reply);
-      bool allNumbers = true;
-      std::vector<std::string> picked;
-      for (std::string word; words >> word;) {
-        char* end = nullptr;
-        const long n = std::strtol(word.c_str(), &end, 10);
-        if (*end != '\0' || n < 1 || static_cast<std::size_t>(n) > options.size()) {
-          allNumbers = false;
-          break;
-        }
-        picked.push_back(options[static_cast<std::size_t>(n - 1)].label);
-      }
-      answer.values = allNumbers ? picked : std::vector<std::string>{*reply};
-      answers.push_back(std::move(answer));
+      if (!reply || reply->empty()) co_return co_await decline(question);
+      answers.push_back({entry.id, pickedValues(*reply, options)});
     }
     const bridge::QuestionResponseBody body{question.requestId, std::string("answer"), answers};
     co_await client.answerQuestion(body);
@@ -230,8 +263,35 @@ struct ChatRun {
 
 }  // namespace
 
-int chatOnce(const GlobalOptions& options, const ChatOptions& chat) {
-  if (!ensureEngine(options)) return kExitFailure;
+namespace {
+// The message of `-m -`, a pipe or --file, read whole; an empty one is refused before anything
+// is sent.
+std::string readMessage(const ChatOptions& chat) {
+  std::string text = chat.message;
+  if (chat.messageFile) {
+    std::ostringstream all;
+    if (*chat.messageFile == "-") {
+      all << std::cin.rdbuf();
+    } else {
+      std::ifstream in(*chat.messageFile, std::ios::binary);
+      if (!in) throw CommandException({CommandError::Usage{"cannot read " + *chat.messageFile}});
+      all << in.rdbuf();
+    }
+    text = all.str();
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+  }
+  if (text.find_first_not_of(" \t\r\n") == std::string::npos)
+    throw CommandException({CommandError::Usage{"the message is empty"}});
+  return text;
+}
+}  // namespace
+
+int chatOnce(const GlobalOptions& options, const ChatOptions& given) {
+  ChatOptions chat = given;
+  chat.message = readMessage(given);
+  chat.messageFile.reset();
+  if (chat.continueLatest) chat.sessionID = latestSessionID(options, chat.agent);
+  ensureEngine(options);
   Runtime rt(options);
   auto& io = rt.io;
   auto& client = rt.services.client();

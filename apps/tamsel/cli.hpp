@@ -6,8 +6,10 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
+#include "tamsel/base/error.hpp"
 #include "tamsel/desktop/daemon_manager.hpp"
 
 namespace tamsel::cli {
@@ -19,11 +21,34 @@ struct GlobalOptions {
   std::optional<std::filesystem::path> axServerBundle;
 };
 
-// Exit codes.
+// Exit codes, the same for every command (the README lists them).
 inline constexpr int kExitOK = 0;
 inline constexpr int kExitFailure = 1;
 inline constexpr int kExitUsage = 2;
-inline constexpr int kExitNotRunning = 3;
+// The engine is not available: not found, not started, or not answering.
+inline constexpr int kExitEngineUnavailable = 3;
+inline constexpr int kExitNotRunning = kExitEngineUnavailable;
+inline constexpr int kExitInterrupted = 130;
+
+// Failures of a command itself, thrown to main(), which picks the exit code from the case.
+struct CommandError {
+  static constexpr std::string_view category = "command";
+  struct EngineUnavailable {
+    std::string message;
+  };
+  struct Usage {
+    std::string message;
+  };
+  std::variant<EngineUnavailable, Usage> value;
+  std::string description() const {
+    return std::visit([](const auto& c) { return c.message; }, value);
+  }
+  std::string code() const { return base::caseName(value, {"engine_unavailable", "usage"}); }
+};
+using CommandException = base::ErrorOf<CommandError>;
+
+// The exit code for an error that ended a command: decided on its family and case.
+int exitCodeFor(const base::Error& error);
 
 int engineStart(const GlobalOptions& options);
 int engineStatus(const GlobalOptions& options, bool asJSON);
@@ -36,13 +61,22 @@ int listSessions(const GlobalOptions& options, const std::optional<std::string>&
 
 struct ChatOptions {
   std::string message;
+  // Where the message comes from when not on the command line: "-" is standard input.
+  std::optional<std::string> messageFile;
+  bool continueLatest = false;  // --continue: the most recently updated session
   std::optional<std::string> agent;
   std::optional<std::string> sessionID;
   bool asJSON = false;
   std::optional<std::string> autoApprove;  // "once", "session" or "always"
-  bool deny = false;
+  bool deny = false;                       // denies approvals and declines questions
+  // Answers to the questions of the reply, in order: an option's number or label, or free text.
+  std::vector<std::string> answers;
+  bool declineQuestions = false;
 };
 int chatOnce(const GlobalOptions& options, const ChatOptions& chat);
+// The most recently updated session (of `agent`, when given), for --continue; starts the engine
+// like every command that needs it, and throws when there is no session to continue.
+std::string latestSessionID(const GlobalOptions& options, const std::optional<std::string>& agent);
 int chatInteractive(const GlobalOptions& options, const std::optional<std::string>& agent,
                     const std::optional<std::string>& sessionID);
 
@@ -65,8 +99,9 @@ struct CalendarCommandOptions {
 };
 int calendarCommand(const GlobalOptions& options, const CalendarCommandOptions& calendar);
 
-// Runs the engine start sequence for a command that needs the engine; prints the failure and
-// returns false when it does not reach running.
+// Every command that needs the engine starts it the way `engine start` does, saying so on
+// stderr when it launched one; throws CommandException(EngineUnavailable) when it does not
+// reach running. (The result is always true; it stays a bool for existing callers.)
 bool ensureEngine(const GlobalOptions& options);
 
 // Prints an error the way every command does: "tamsel: <text>" on stderr.

@@ -1,9 +1,10 @@
 // tamsel agents, tamsel sessions.
-#include <iomanip>
 #include <iostream>
 
 #include "cli.hpp"
 #include "runtime.hpp"
+#include "table.hpp"
+#include "tamsel/base/dates.hpp"
 #include "tamsel/base/json.hpp"
 #include "tamsel/bridge/daemon_client.hpp"
 #include "tamsel/bridge/daemon_client_error.hpp"
@@ -21,11 +22,7 @@ std::optional<T> callEngine(Runtime& rt, asio::awaitable<T> work) {
   try {
     return rt.runToEnd(std::move(work));
   } catch (const bridge::ResponseTooLargeError& e) {
-    printError(e.what());  // the engine answered: no hint about starting it
-  } catch (const bridge::TransportError& e) {
-    printError(std::string(e.what()) +
-               "\nIs the engine running? Start it with: tamsel engine start (port " +
-               std::to_string(rt.services.options().enginePort) + ")");
+    printError(e.what());  // the engine answered: it is there, the answer was refused
   } catch (const bridge::DaemonClientException& e) {
     printError(e.what());
   }
@@ -39,6 +36,7 @@ std::string cell(const std::optional<std::string>& text) {
 }  // namespace
 
 int listAgents(const GlobalOptions& options, bool asJSON) {
+  ensureEngine(options);
   Runtime rt(options);
   auto& client = rt.services.client();
   auto agents = callEngine(rt, client.agents());
@@ -51,21 +49,19 @@ int listAgents(const GlobalOptions& options, bool asJSON) {
     std::cout << "No agents." << std::endl;
     return kExitOK;
   }
-  std::cout << std::left << std::setw(20) << "NAME" << std::setw(28) << "DISPLAY NAME"
-            << std::setw(9) << "BUILTIN" << std::setw(8) << "SKILLS"
-            << "COMMANDS\n";
-  for (const auto& agent : *agents) {
-    std::cout << std::left << std::setw(20) << agent.name << std::setw(28)
-              << cell(agent.displayName) << std::setw(9)
-              << (agent.builtin.value_or(false) ? "yes" : "no") << std::setw(8)
-              << agent.skillCount.value_or(0) << agent.commandCount.value_or(0) << "\n";
-  }
-  std::cout << std::flush;
+  Table table{{"NAME", "DISPLAY NAME", "BUILTIN", "SKILLS", "COMMANDS"}, {}, 1};
+  for (const auto& agent : *agents)
+    table.rows.push_back({agent.name, cell(agent.displayName),
+                          agent.builtin.value_or(false) ? "yes" : "no",
+                          std::to_string(agent.skillCount.value_or(0)),
+                          std::to_string(agent.commandCount.value_or(0))});
+  printTable(std::cout, table, terminalWidth());
   return kExitOK;
 }
 
 int listSessions(const GlobalOptions& options, const std::optional<std::string>& agent,
                  bool asJSON) {
+  ensureEngine(options);
   Runtime rt(options);
   auto& client = rt.services.client();
   bridge::SessionListQuery query;
@@ -80,16 +76,29 @@ int listSessions(const GlobalOptions& options, const std::optional<std::string>&
     std::cout << "No sessions." << std::endl;
     return kExitOK;
   }
-  std::cout << std::left << std::setw(38) << "ID" << std::setw(22) << "UPDATED" << std::setw(6)
-            << "MSGS" << std::setw(14) << "AGENT"
-            << "TITLE\n";
-  for (const auto& s : *sessions) {
-    const std::string updated = s.updatedAt ? base::formatISO8601(*s.updatedAt).substr(0, 19) : "-";
-    std::cout << std::left << std::setw(38) << s.id << std::setw(22) << updated << std::setw(6)
-              << s.msgCount.value_or(0) << std::setw(14) << cell(s.agent) << cell(s.title) << "\n";
-  }
-  std::cout << std::flush;
+  Table table{{"ID", "UPDATED", "MSGS", "AGENT", "TITLE"}, {}, 4};
+  for (const auto& s : *sessions)
+    table.rows.push_back({s.id, s.updatedAt ? base::formatLocalTime(*s.updatedAt) : "-",
+                          std::to_string(s.msgCount.value_or(0)), cell(s.agent), cell(s.title)});
+  printTable(std::cout, table, terminalWidth());
   return kExitOK;
+}
+
+std::string latestSessionID(const GlobalOptions& options, const std::optional<std::string>& agent) {
+  ensureEngine(options);
+  Runtime rt(options);
+  bridge::SessionListQuery query;
+  query.agent = agent;
+  auto sessions = callEngine(rt, rt.services.client().sessions(query));
+  if (!sessions) throw std::runtime_error("could not list the sessions to continue");
+  const bridge::DaemonSession* latest = nullptr;
+  for (const auto& s : *sessions)
+    if (!latest || s.updatedAt > latest->updatedAt) latest = &s;
+  if (!latest)
+    throw std::runtime_error("no session to continue" +
+                             (agent ? " for agent " + *agent : std::string()) +
+                             "; leave out --continue to start one");
+  return latest->id;
 }
 
 }  // namespace tamsel::cli

@@ -1,6 +1,7 @@
 // tamsel engine start | status | stop, and tamsel run.
 #include <signal.h>
 
+#include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <cstdio>
@@ -9,12 +10,16 @@
 
 #include "cli.hpp"
 #include "runtime.hpp"
+#include "tamsel/base/atomic_file.hpp"
 #include "tamsel/base/dates.hpp"
 #include "tamsel/base/json.hpp"
 #include "tamsel/bridge/daemon_reconciler.hpp"
+#include "tamsel/bridge/daemon_client_error.hpp"
+#include "tamsel/bridge/pidfile_reader.hpp"
 #include "tamsel/bridge/rpc/desktop_rpc_service.hpp"
 #include "tamsel/desktop/engine_locator.hpp"
 #include "tamsel/platform/child_process.hpp"
+#include "tamsel/platform/host_resources.hpp"
 
 namespace tamsel::cli {
 
@@ -24,7 +29,40 @@ using desktop::DaemonManager;
 
 void printError(const std::string& text) { std::cerr << "tamsel: " << text << std::endl; }
 
+int exitCodeFor(const base::Error& error) {
+  if (error.category() == CommandError::category)
+    return error.code() == "usage" ? kExitUsage : kExitEngineUnavailable;
+  // Nothing answers on the engine's port (an engine that answered too much is there: a failure).
+  if (error.category() == bridge::TransportError::category && error.code() == "failed")
+    return kExitEngineUnavailable;
+  return kExitFailure;
+}
+
 namespace {
+
+// After "Engine not found": where the search looked, so a person can put the engine there or
+// fix VERD_BINARY.
+void explainNotFound(Runtime& rt) {
+  const auto& environment = rt.services.environment();
+  const auto inputs = desktop::EngineLocator::forThisProcess(environment);
+  std::cerr << "tamsel: looked for the engine in:" << std::endl;
+  for (const auto& path : desktop::EngineLocator::candidates(inputs))
+    std::cerr << "  " << path.string() << std::endl;
+  std::cerr << "  (and `which verd` found nothing usable)" << std::endl;
+  if (environment.verdBinary && !environment.verdBinary->empty())
+    std::cerr << "tamsel: VERD_BINARY names " << *environment.verdBinary
+              << ", which is not an executable file" << std::endl;
+  else
+    std::cerr << "tamsel: set VERD_BINARY to the engine's path to use another one" << std::endl;
+}
+
+// What a command that gives up on the engine prints: the state's text, and for a missing
+// engine where it was looked for.
+void reportUnavailable(Runtime& rt) {
+  const auto& state = rt.services.daemonManager().state();
+  printError(state.displayText());
+  if (state.kind == DaemonManager::State::Kind::notInstalled) explainNotFound(rt);
+}
 
 // Ends an engine this command started but could not bring up: nobody asked to keep it.
 void abandonOwnedEngine(Runtime& rt) {
@@ -35,7 +73,8 @@ void abandonOwnedEngine(Runtime& rt) {
   rt.io.run();
 }
 
-// The start sequence; true when the engine runs. `announce` prints the running line.
+// The start sequence; true when the engine runs. `announce` prints the running line; otherwise a
+// launch is still reported on stderr, since the engine outlives the command.
 bool startEngine(const GlobalOptions& options, bool announce) {
   // A command that only needs the engine up has no use for the event stream or the channel.
   DaemonManager::Config supervision;
@@ -52,19 +91,39 @@ bool startEngine(const GlobalOptions& options, bool announce) {
       if (auto pid = manager.enginePID())
         std::cout << " (PID " << *pid << ", port " << options.enginePort << ")";
       std::cout << std::endl;
+    } else if (manager.ownsEngineProcess()) {
+      std::cerr << "tamsel: started the engine (PID " << manager.enginePID().value_or(0)
+                << ", port " << options.enginePort
+                << "); it keeps running until `tamsel engine stop`" << std::endl;
     }
     return true;
   }
-  printError(state.displayText());
+  reportUnavailable(rt);
   abandonOwnedEngine(rt);
   return false;
 }
 }  // namespace
 
-bool ensureEngine(const GlobalOptions& options) { return startEngine(options, false); }
+bool ensureEngine(const GlobalOptions& options) {
+  {
+    // An engine that answers at all is there: the command itself reports any refusal.
+    Runtime rt(options);
+    try {
+      rt.runToEnd(rt.services.client().status());
+      return true;
+    } catch (const bridge::DaemonClientException&) {
+      return true;
+    } catch (const std::exception&) {
+    }
+  }
+  if (!startEngine(options, false))
+    throw CommandException({CommandError::EngineUnavailable{
+        "the engine is not available (see above); `tamsel engine status` shows its state"}});
+  return true;
+}
 
 int engineStart(const GlobalOptions& options) {
-  return startEngine(options, true) ? kExitOK : kExitFailure;
+  return startEngine(options, true) ? kExitOK : kExitEngineUnavailable;
 }
 
 int engineStatus(const GlobalOptions& options, bool asJSON) {
@@ -182,6 +241,13 @@ int engineStop(const GlobalOptions& options) {
     std::cout << "Tamsel Engine is not running" << std::endl;
     return kExitOK;
   }
+  // A `tamsel run` supervising this engine reads the note and lets it stay stopped.
+  try {
+    base::writeFileAtomically(rt.services.daemonPaths().stopRequestPath(),
+                              pid ? std::to_string(*pid) + "\n" : std::string(), 0600);
+  } catch (const std::exception& e) {
+    printError(std::string("could not leave the stop note for a supervisor: ") + e.what());
+  }
   manager.stop([&rt] { rt.io.stop(); }, 5);
   rt.io.restart();
   rt.io.run();
@@ -213,6 +279,17 @@ int runHeadless(const GlobalOptions& options, bool asJSON) {
   auto& io = rt.io;
   auto& manager = rt.services.daemonManager();
 
+  // One supervisor per user: a second would fight the first over the engine.
+  platform::ExclusiveFileLock lock(rt.services.daemonPaths().supervisorLockPath());
+  if (!lock.held()) {
+    printError("another `tamsel run` " +
+               (lock.holder() ? "(PID " + std::to_string(*lock.holder()) + ") " : std::string()) +
+               "already supervises the engine; stop it first (Ctrl-C there)");
+    return kExitFailure;
+  }
+  int exitCode = kExitOK;
+  bool ending = false;
+
   struct Shown {
     DaemonManager::State state;
     DaemonManager::LocalEndpointHealth endpoint;
@@ -242,12 +319,19 @@ int runHeadless(const GlobalOptions& options, bool asJSON) {
                                                     : "offline";
     if (last == now) return;
     last = now;
-    const auto stamp = base::formatISO8601(base::nowTimestamp());
+    // Never "running" while the endpoint does not answer.
+    const bool answering = now.endpoint == DaemonManager::LocalEndpointHealth::ready;
+    const std::string text = now.state.kind == DaemonManager::State::Kind::running && !answering
+                                 ? "Tamsel Engine is not answering"
+                                 : now.state.displayText();
+    // Machines read UTC; people read their own zone.
+    const auto stamp = asJSON ? base::formatISO8601(base::nowTimestamp())
+                              : base::formatLocalTime(base::nowTimestamp(), true);
     if (asJSON) {
       bj::object line;
       line["time"] = stamp;
       line["state"] = now.state.name();
-      line["text"] = now.state.displayText();
+      line["text"] = text;
       line["local_endpoint"] = DaemonManager::name(now.endpoint);
       line["pid"] = now.pid ? bj::value(*now.pid) : bj::value(nullptr);
       line["restart_count"] = now.restarts;
@@ -255,8 +339,7 @@ int runHeadless(const GlobalOptions& options, bool asJSON) {
       line["rpc_error"] = now.rpcError ? bj::value(*now.rpcError) : bj::value(nullptr);
       std::cout << base::json::serialize(line) << std::endl;
     } else {
-      std::cout << stamp << "  " << now.state.displayText() << "  [endpoint "
-                << DaemonManager::name(now.endpoint);
+      std::cout << stamp << "  " << text << "  [endpoint " << DaemonManager::name(now.endpoint);
       if (now.pid) std::cout << ", PID " << *now.pid;
       if (now.restarts) std::cout << ", restarts " << now.restarts;
       if (now.rpcOnline) std::cout << ", rpc " << rpcChannel;
@@ -264,12 +347,31 @@ int runHeadless(const GlobalOptions& options, bool asJSON) {
       std::cout << "]" << std::endl;
     }
   };
+  // The supervisor has nothing left to do: say why and end, with an exit code that says it.
+  auto endWhenGivenUp = [&] {
+    if (ending || !manager.hasGivenUp()) return;
+    ending = true;
+    if (manager.stoppedOnRequest()) {
+      std::cerr << "tamsel: the engine was stopped on request (tamsel engine stop); not "
+                   "restarting it"
+                << std::endl;
+    } else if (manager.state().kind == DaemonManager::State::Kind::notInstalled) {
+      reportUnavailable(rt);
+      exitCode = kExitEngineUnavailable;
+    } else {
+      printError(manager.state().displayText());
+      exitCode = kExitFailure;
+    }
+    asio::post(io, [&io] { io.stop(); });
+  };
   manager.changed().connect(show);
+  manager.changed().connect(endWhenGivenUp);
   if (auto* rpc = manager.rpcService()) rpc->changed().connect(show);
 
   asio::signal_set signals(io, SIGINT, SIGTERM);
   signals.async_wait([&](const boost::system::error_code& ec, int) {
     if (ec) return;
+    ending = true;
     if (!asJSON) std::cout << "Shutting down the engine…" << std::endl;
     manager.stop(
         [&] {
@@ -284,7 +386,7 @@ int runHeadless(const GlobalOptions& options, bool asJSON) {
   });
   manager.start();
   io.run();
-  return kExitOK;
+  return exitCode;
 }
 
 }  // namespace tamsel::cli

@@ -3,6 +3,7 @@
 
 #include "cli.hpp"
 #include "runtime.hpp"
+#include "tamsel/base/dates.hpp"
 #include "tamsel/base/json.hpp"
 #include "tamsel/bridge/session_history.hpp"
 
@@ -47,7 +48,7 @@ int showHistory(const GlobalOptions& options, const std::string& sessionID,
   if (result.messages.empty()) std::cout << "(no messages)\n";
   for (const auto& m : result.messages) {
     std::cout << "\n" << (m.role == "user" ? "You" : "Assistant");
-    if (m.timestamp) std::cout << "  " << base::formatISO8601(*m.timestamp).substr(0, 16);
+    if (m.timestamp) std::cout << "  " << base::formatLocalTime(*m.timestamp);
     std::cout << "  [" << m.rawIndex;
     if (m.rawIndexEnd != m.rawIndex) std::cout << "–" << m.rawIndexEnd;
     std::cout << "]\n";

@@ -98,6 +98,8 @@ TEST_F(DaemonManagerSim, CrashesAreRestartedFiveTimesThenGivenUp) {
   EXPECT_EQ(manager.restartCount(), 5);
   EXPECT_EQ(manager.localEndpoint(), DaemonManager::LocalEndpointHealth::down);
   EXPECT_EQ(launches, 6);
+  EXPECT_TRUE(manager.hasGivenUp()) << "a supervisor waiting on it would wait forever";
+  EXPECT_FALSE(manager.stoppedOnRequest());
   // Each life was seen: starting, running, ..., failed.
   EXPECT_GE(std::count(seen.begin(), seen.end(), State::Kind::running), 2);
   runUntil(
@@ -110,8 +112,44 @@ TEST_F(DaemonManagerSim, CrashesAreRestartedFiveTimesThenGivenUp) {
       io, [&] { return launches == 7 && manager.state().kind == State::Kind::running; },
       std::chrono::seconds(10));
   EXPECT_EQ(manager.restartCount(), 0);
+  EXPECT_FALSE(manager.hasGivenUp());
   EXPECT_EQ(claims, 1) << "the legacy service is claimed once per launch, not per start";
   stopAndDrain(io, manager);
+}
+
+// Another process (`tamsel engine stop`) leaves a note naming the engine before ending it: that
+// exit is intended and the engine stays stopped. A note naming another PID is stale.
+TEST_F(DaemonManagerSim, AStopNotedByAnotherProcessIsNotACrash) {
+  asio::io_context io;
+  base::AsioMainExecutor main_manager(io);
+  auto root_manager = services(main_manager, config());
+  auto& manager = root_manager->daemonManager();
+  auto runningWith = [&](int launched) {
+    runUntil(
+        io, [&] { return launches == launched && manager.state().kind == State::Kind::running; },
+        std::chrono::seconds(10));
+    return manager.enginePID();
+  };
+  manager.start();
+  auto pid = runningWith(1);
+  ASSERT_TRUE(pid);
+
+  std::ofstream(paths().stopRequestPath()) << (*pid + 1) << "\n";
+  ::kill(*pid, SIGTERM);
+  pid = runningWith(2);
+  ASSERT_TRUE(pid) << "a stale note kept a crashed engine down";
+  EXPECT_FALSE(std::filesystem::exists(paths().stopRequestPath()));
+
+  std::ofstream(paths().stopRequestPath()) << *pid << "\n";
+  ::kill(*pid, SIGTERM);
+  runUntil(
+      io, [&] { return manager.hasGivenUp(); }, std::chrono::seconds(10));
+  EXPECT_TRUE(manager.stoppedOnRequest());
+  EXPECT_EQ(manager.localEndpoint(), DaemonManager::LocalEndpointHealth::down);
+  runUntil(
+      io, [] { return false; }, std::chrono::seconds(1));
+  EXPECT_EQ(launches, 2) << "the engine was started again after an intended stop";
+  EXPECT_FALSE(std::filesystem::exists(paths().stopRequestPath()));
 }
 
 TEST_F(DaemonManagerSim, StartsReusesAndStops) {

@@ -265,8 +265,8 @@ class CliTestCase(unittest.TestCase):
     def setUp(self):
         self.sb = Sandbox(self)
 
-    def assertErrorLine(self, proc, expected):
-        self.assertEqual(proc.returncode, 1, describe(proc))
+    def assertErrorLine(self, proc, expected, code=1):
+        self.assertEqual(proc.returncode, code, describe(proc))
         self.assertIn(expected, proc.stderr.splitlines(), describe(proc))
 
 
@@ -391,7 +391,7 @@ class EngineStartTests(CliTestCase):
         began = time.monotonic()
         proc = sb.run("engine", "start", engine_args=args)
         elapsed = time.monotonic() - began
-        self.assertErrorLine(proc, "tamsel: Engine not responding")
+        self.assertErrorLine(proc, "tamsel: Engine not responding", code=3)
         self.assertEqual(proc.stdout, "")
         # Ten polls half a second apart before giving up, then a bounded stop.
         self.assertGreaterEqual(elapsed, 4.0)
@@ -423,7 +423,7 @@ class EngineStartTests(CliTestCase):
             f.write("#!/nonexistent/interpreter\n")
         os.chmod(broken, 0o755)
         proc = sb.run("engine", "start", env={"VERD_BINARY": broken})
-        self.assertEqual(proc.returncode, 1, describe(proc))
+        self.assertEqual(proc.returncode, 3, describe(proc))
         self.assertTrue(any(line.startswith("tamsel: Failed to start: ") for line in proc.stderr.splitlines()),
                         describe(proc))
         self.assertEqual(proc.stdout, "")
@@ -486,7 +486,7 @@ class EngineSearchTests(CliTestCase):
         self.require_clean_system()
         self.assertEqual(self.engine_path(None), (None, None))
         proc = self.sb.run("engine", "start", env={"VERD_BINARY": os.path.join(self.sb.root, "no-such-verd")})
-        self.assertErrorLine(proc, NOT_FOUND)
+        self.assertErrorLine(proc, NOT_FOUND, code=3)
         self.assertEqual(proc.stdout, "")
         self.assertEqual(self.sb.argv_entries(), [])
 
@@ -615,12 +615,13 @@ class RunTests(CliTestCase):
         hit = out.next_matching(lambda l: parse(l)["local_endpoint"] == "down", 5)
         self.assertIsNotNone(hit, "the crash was not reported: %s" % out.seen)
         self.assertEqual(parse(hit[1])["restart_count"], 1)
+        self.assertEqual(parse(hit[1])["state"], "starting", "a dead engine shown as running")
 
         relaunch = out.next_matching(lambda l: parse(l)["pid"] not in (None, first["pid"]), 15)
         self.assertIsNotNone(relaunch, out.seen)
         self.assertGreaterEqual(relaunch[0] - killed_at, 4.5, "restarted before the delay")
-        hit = out.next_matching(lambda l: parse(l)["state"] == "running" and parse(l)["local_endpoint"] == "ready",
-                                15)
+        up = lambda l: parse(l)["state"] == "running" and parse(l)["local_endpoint"] == "ready"
+        hit = relaunch if up(relaunch[1]) else out.next_matching(up, 15)
         self.assertIsNotNone(hit, out.seen)
         second = parse(hit[1])
         self.assertNotEqual(second["pid"], first["pid"])
@@ -628,6 +629,8 @@ class RunTests(CliTestCase):
         self.assertLess(hit[0] - killed_at, 15)
         self.assertEqual([e["pid"] for e in sb.argv_entries()], [first["pid"], second["pid"]])
         self.assertFalse(any(parse(l)["state"] == "failed" for l in out.seen), out.seen)
+        self.assertFalse(any(parse(l)["state"] == "running" and parse(l)["local_endpoint"] == "down"
+                             for l in out.seen), out.seen)
         # The channel went down with the engine, saying why, and came back with the new one.
         self.assertTrue(any(parse(l)["rpc_channel"] == "offline" and
                             (parse(l)["rpc_error"] or "").startswith("transport error: ") for l in out.seen), out.seen)
@@ -742,15 +745,24 @@ class DataCommandTests(CliTestCase):
         self.assertErrorLine(proc, "tamsel: There is no agent named ghost")
 
     def test_without_an_engine(self):
-        for command in (("agents",), ("sessions", "--json")):
-            with self.subTest(command=command):
-                proc = self.sb.run(*command)
-                self.assertEqual(proc.returncode, 1, describe(proc))
-                self.assertTrue(proc.stderr.startswith("tamsel: "), describe(proc))
-                self.assertIn("Is the engine running?", proc.stderr)
-                self.assertIn(str(self.sb.port), proc.stderr)
-                self.assertEqual(proc.stdout, "")
-        self.assertEqual(self.sb.argv_entries(), [], "a data command started an engine")
+        # Every command that needs the engine starts it, as chat does, and says so on stderr.
+        proc = self.sb.run("agents")
+        self.assertEqual(proc.returncode, 0, describe(proc))
+        [note] = proc.stderr.splitlines()
+        self.assertRegex(note, r"^tamsel: started the engine \(PID \d+, port %d\)" % self.sb.port)
+        [started] = self.sb.argv_entries()
+        self.assertTrue(pid_alive(started["pid"]))
+        later = self.sb.run("sessions", "--json")
+        self.assertEqual((later.returncode, later.stderr), (0, ""), describe(later))
+        self.assertEqual(len(self.sb.argv_entries()), 1, "a second engine was started")
+
+        with self.subTest("no engine to start: exit 3"):
+            # The global option after the command, where people put it too.
+            proc = subprocess.run([TAMSEL, "sessions", "--engine-port", str(free_port())],
+                                  env=self.sb.environment({"VERD_BINARY": "/nonexistent/verd"}),
+                                  stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=30)
+            self.assertEqual(proc.returncode, 3, describe(proc))
+            self.assertEqual(proc.stdout, "")
 
 
 def sse(*events):
@@ -766,6 +778,15 @@ INCOMPLETE = ("tamsel: The reply ended before it was complete", "tamsel: The eng
 IN_PROGRESS = "tamsel: The engine is still working on this request"
 CREDITS = "tamsel: Credits exhausted; an automatic refill has started"
 SHELL_RUNNING = '[tool] bash {"command":"ls -la"} running'
+
+
+SESSION_NOTE = re.compile(r"^tamsel: session \S+$")
+STARTED_NOTE = re.compile(r"^tamsel: started the engine \(PID \d+, port \d+\); it keeps running until `tamsel engine stop`$")
+
+
+def errors(proc):
+    """stderr without the notes a chat always prints there: the session id, an engine it started."""
+    return [l for l in proc.stderr.splitlines() if not SESSION_NOTE.match(l) and not STARTED_NOTE.match(l)]
 
 
 class ChatTests(CliTestCase):
@@ -810,7 +831,9 @@ class ChatTests(CliTestCase):
         # No engine yet: chat starts one like `engine start` and leaves it running.
         first = self.chat("-m", text, "--agent", "researcher", "--json",
                           engine_args="daemon --port {port} --record " + sb.record)
-        self.assertEqual((first.returncode, first.stderr), (0, ""), describe(first))
+        self.assertEqual((first.returncode, errors(first)), (0, []), describe(first))
+        # It says that it started the engine, which outlives it; the id is in session_started.
+        self.assertEqual(len([l for l in first.stderr.splitlines() if STARTED_NOTE.match(l)]), 1, describe(first))
         entries = sb.argv_entries()
         self.assertEqual(len(entries), 1, entries)
         self.assertTrue(pid_alive(entries[0]["pid"]), "chat stopped the engine it started")
@@ -846,7 +869,9 @@ class ChatTests(CliTestCase):
 
         with self.subTest("human output shows tools and the reply once"):
             human = self.chat("-m", text)
-            self.assertEqual((human.returncode, human.stderr), (0, ""), describe(human))
+            self.assertEqual((human.returncode, errors(human)), (0, []), describe(human))
+            [note] = human.stderr.splitlines()
+            self.assertIn(note[len("tamsel: session "):], [s["id"] for s in json.loads(sb.run("sessions", "--json").stdout)])
             self.assertEqual(human.stdout, "%s\n%s\n%s\n" % (tool_line(data[1]), tool_line(data[2]), reply))
             self.assertNotIn("agent", self.requests_to("/message")[-1]["body"])
 
@@ -878,7 +903,7 @@ class ChatTests(CliTestCase):
             with self.subTest(flags=flags):
                 before = len(sb.requests())
                 proc = self.chat("-m", "Tidy the folder [approval]", *flags)
-                self.assertEqual((proc.returncode, proc.stderr), (0, ""), describe(proc))
+                self.assertEqual((proc.returncode, errors(proc)), (0, []), describe(proc))
                 lines = proc.stdout.splitlines()
                 self.assertEqual(lines[:3], [SHELL_RUNNING, said, '[tool] bash {"command":"ls -la"} ' + outcome])
                 self.assertEqual(len(lines), 4, lines)
@@ -903,13 +928,12 @@ class ChatTests(CliTestCase):
             before = len(sb.requests())
             proc = self.chat("-m", "Tidy the folder [approval]")
             self.assertEqual(proc.returncode, 1, describe(proc))
-            lines = proc.stdout.splitlines()
-            self.assertEqual(len(lines), 3, lines)
-            self.assertEqual(lines[0], SHELL_RUNNING)
-            self.assertRegex(lines[1], r"^Approval for bash \(request apr_\w+\) is waiting for another client to "
-                                       r"answer it\.$")
-            self.assertEqual(lines[2], "[error] approval timed out")
-            self.assertEqual(proc.stderr.splitlines(), [INCOMPLETE[0]])
+            # The reply's own lines on stdout; the note saying who must answer on stderr.
+            self.assertEqual(proc.stdout.splitlines(), [SHELL_RUNNING, "[error] approval timed out"])
+            note, incomplete = errors(proc)
+            self.assertRegex(note, r"^tamsel: approval for bash \(request apr_\w+\) is waiting for another client to "
+                                   r"answer it; to decide here, run with --approve once\|session\|always or --deny$")
+            self.assertEqual(incomplete, INCOMPLETE[0])
             self.assertEqual(self.requests_to("/approval", before), [])
 
         with self.subTest("question left unanswered"):
@@ -917,9 +941,11 @@ class ChatTests(CliTestCase):
             proc = self.chat("-m", "Summarise the notes [question]")
             self.assertEqual(proc.returncode, 1, describe(proc))
             lines = proc.stdout.splitlines()
-            self.assertRegex(lines[-2], r"^A question \(request q_\w+\) is waiting for another client to answer it\.$")
             self.assertEqual(lines[-1], "[error] question timed out")
-            self.assertEqual(proc.stderr.splitlines(), [INCOMPLETE[0]])
+            note, incomplete = errors(proc)
+            self.assertRegex(note, r"^tamsel: a question \(request q_\w+\) is waiting for another client to answer "
+                                   r"it; to decide here, run with --answer TEXT or --decline-questions$")
+            self.assertEqual(incomplete, INCOMPLETE[0])
             self.assertEqual(self.requests_to("/question", before), [])
 
     def test_reply_goes_on_when_another_client_answers(self):
@@ -928,14 +954,21 @@ class ChatTests(CliTestCase):
         proc = sb.popen("chat", "-m", "Tidy up, then summarise [approval] [question]")
         out = LineReader(proc.stdout)
 
-        hit = out.next_matching(lambda l: l.startswith("Approval for bash (request "), 15)
-        self.assertIsNotNone(hit, out.seen)
-        request_id = re.search(r"\(request (\S+)\)", hit[1]).group(1)
+        def request_in_note(prefix):
+            # The note is on stderr, which popen keeps in a file.
+            deadline = time.monotonic() + 15
+            while time.monotonic() < deadline:
+                with open(os.path.join(sb.root, "tamsel-stderr.log"), encoding="utf-8") as f:
+                    for line in f:
+                        if line.startswith(prefix):
+                            return re.search(r"\(request (\S+)\)", line).group(1)
+                time.sleep(0.05)
+            self.fail("no note starting %r" % prefix)
+
+        request_id = request_in_note("tamsel: approval for bash (request ")
         self.answer_as_another_client("/approval", {"request_id": request_id, "decision": "once"})
 
-        hit = out.next_matching(lambda l: l.startswith("A question (request "), 15)
-        self.assertIsNotNone(hit, out.seen)
-        request_id = re.search(r"\(request (\S+)\)", hit[1]).group(1)
+        request_id = request_in_note("tamsel: a question (request ")
         self.answer_as_another_client("/question", {"request_id": request_id, "action": "answer",
                                                     "answers": [{"id": "q1", "values": ["Prose"]}]})
 
@@ -951,24 +984,24 @@ class ChatTests(CliTestCase):
         with self.subTest("credits"):
             proc = self.chat("-m", "Go on [error:credits]")
             self.assertEqual(proc.returncode, 1, describe(proc))
-            self.assertEqual(proc.stderr.splitlines(), [CREDITS])
+            self.assertEqual(errors(proc), [CREDITS])
             self.assertEqual(proc.stdout, "")
         with self.subTest("credits, --json"):
             proc = self.chat("-m", "Go on [error:credits]", "--json")
             self.assertEqual(proc.returncode, 1, describe(proc))
-            self.assertEqual(proc.stderr.splitlines(), [CREDITS])
+            self.assertEqual(errors(proc), [CREDITS])
             events = self.events(proc)
             self.assertEqual([n for n, _ in events], ["session_started", "error"])
             self.assertEqual(events[1][1]["code"], "credits_exhausted")
         with self.subTest("quota"):
             proc = self.chat("-m", "Go on [error:quota]")
             self.assertEqual(proc.returncode, 1, describe(proc))
-            [line] = proc.stderr.splitlines()
+            [line] = errors(proc)
             self.assertTrue(line.startswith("tamsel: Usage limit reached"), line)
             self.assertIn("free", line)
         with self.subTest("an error the reply survives"):
             proc = self.chat("-m", "Go on [error:plain]")
-            self.assertEqual((proc.returncode, proc.stderr), (0, ""), describe(proc))
+            self.assertEqual((proc.returncode, errors(proc)), (0, []), describe(proc))
             lines = proc.stdout.splitlines()
             self.assertEqual(len(lines), 4, lines)
             self.assertEqual(lines[2], "[error] tool crashed")
@@ -976,8 +1009,8 @@ class ChatTests(CliTestCase):
         with self.subTest("cut before done"):
             proc = self.chat("-m", "Go on [cut]", "--json")
             self.assertEqual(proc.returncode, 1, describe(proc))
-            self.assertEqual(len(proc.stderr.splitlines()), 1, describe(proc))
-            self.assertIn(proc.stderr.strip(), INCOMPLETE)
+            self.assertEqual(len(errors(proc)), 1, describe(proc))
+            self.assertIn("\n".join(errors(proc)), INCOMPLETE)
             self.assertEqual([n for n, _ in self.events(proc)][-1], "delta")
 
     def test_cut_in_a_close_delimited_reply(self):
@@ -988,7 +1021,7 @@ class ChatTests(CliTestCase):
         self.assertEqual(self.events(whole)[-1][0], "done")
         cut = self.chat("-m", "Half of it [cut]")
         self.assertEqual(cut.returncode, 1, describe(cut))
-        self.assertIn(cut.stderr.strip(), INCOMPLETE)
+        self.assertIn("\n".join(errors(cut)), INCOMPLETE)
 
     def test_json_skips_unknown_and_undecodable_events(self):
         sent = [
@@ -1011,7 +1044,7 @@ class ChatTests(CliTestCase):
                     proc = self.chat("-m", "Find the todos", *(["--json"] if as_json else []), timeout=15)
                 except subprocess.TimeoutExpired:
                     self.fail("chat kept waiting after done")
-                self.assertEqual((proc.returncode, proc.stderr), (0, ""), describe(proc))
+                self.assertEqual((proc.returncode, errors(proc)), (0, []), describe(proc))
                 if as_json:
                     self.assertEqual(self.events(proc), sent)
                 else:
@@ -1088,7 +1121,8 @@ class ChatTests(CliTestCase):
                 self.assertEqual(proc.wait(timeout=10), 130)
                 with open(stderr_log, encoding="utf-8") as f:
                     f.seek(err_before)
-                    self.assertEqual(f.read(), "tamsel: Cancelled\n")
+                    said = [l for l in f.read().splitlines() if not SESSION_NOTE.match(l)]
+                    self.assertEqual(said, ["tamsel: Cancelled"])
                 if as_json:
                     session_id = json.loads(out.seen[0])["data"]["session_id"]
                 else:

@@ -109,6 +109,13 @@ class HistoryCommand(unittest.TestCase):
         self.assertIn("Three sources on soil pH  /home/dev/out/sources.md", out)
         self.assertNotIn("[Attached files]", out)
 
+    def test_human_output_shows_local_times(self):
+        # 09:12:40Z is 18:12 in Tokyo.
+        self.env["TZ"] = "Asia/Tokyo"
+        proc = self.history("s_release")
+        self.assertEqual(proc.returncode, 0, proc.stderr)
+        self.assertRegex(proc.stdout, r"\nYou  2026-11-20 18:12  \[0\]\n")
+
     def test_missing_sessions_say_so(self):
         for args in (("s_builtin",), ("s_release", "--agent", "researcher"), ("nope",)):
             with self.subTest(args=args):

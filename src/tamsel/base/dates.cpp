@@ -2,6 +2,8 @@
 
 #include <date/date.h>
 
+#include <ctime>
+
 namespace tamsel::base {
 
 namespace {
@@ -78,6 +80,16 @@ Timestamp nowTimestamp() {
 
 std::string formatISO8601(Timestamp when) {
   return date::format("%FT%TZ", std::chrono::time_point_cast<std::chrono::milliseconds>(when));
+}
+
+std::string formatLocalTime(Timestamp when, bool withSeconds) {
+  const std::time_t seconds =
+      std::chrono::system_clock::to_time_t(std::chrono::floor<std::chrono::seconds>(when));
+  std::tm local{};
+  ::localtime_r(&seconds, &local);
+  char text[32];
+  std::strftime(text, sizeof text, withSeconds ? "%Y-%m-%d %H:%M:%S" : "%Y-%m-%d %H:%M", &local);
+  return text;
 }
 
 }  // namespace tamsel::base

@@ -19,4 +19,8 @@ Timestamp nowTimestamp();
 // UTC with milliseconds: "2026-11-20T09:15:02.123Z".
 std::string formatISO8601(Timestamp when);
 
+// For people: the local zone (TZ, else the system's), "2026-11-20 10:15" or with seconds
+// "2026-11-20 10:15:02".
+std::string formatLocalTime(Timestamp when, bool withSeconds = false);
+
 }  // namespace tamsel::base

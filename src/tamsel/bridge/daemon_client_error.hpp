@@ -98,6 +98,11 @@ class TransportError : public base::Error {
  public:
   static constexpr std::string_view category = "transport";
   explicit TransportError(const std::string& message) : Error(category, "failed", message) {}
+
+ protected:
+  // A failure of a kind of its own (the engine answered, but not acceptably).
+  TransportError(std::string code, const std::string& message)
+      : Error(category, std::move(code), message) {}
 };
 
 }  // namespace tamsel::bridge

@@ -23,6 +23,15 @@ class DaemonPaths {
   std::filesystem::path tokenFilePath() const { return engineSupportDirectory() / "daemon.token"; }
   // Output of an engine this desktop started, kept for diagnostics.
   std::filesystem::path engineLogPath() const { return engineSupportDirectory() / "engine.log"; }
+  // Held by the one `tamsel run` of this user; holds its PID.
+  std::filesystem::path supervisorLockPath() const {
+    return engineSupportDirectory() / "supervisor.lock";
+  }
+  // Written by a stop the user asked for, holding the engine's PID (or nothing), so that a
+  // supervisor in another process takes the engine's exit as intended, not as a crash.
+  std::filesystem::path stopRequestPath() const {
+    return engineSupportDirectory() / "stop-requested";
+  }
   // ~/.config/systemd/user/<unit>: may keep a second engine alive.
   std::filesystem::path legacyUnitPath() const {
     return folders_.configHome / "systemd" / "user" / legacyUnitName;

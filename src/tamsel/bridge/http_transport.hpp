@@ -36,7 +36,8 @@ struct HttpSessionConfig {
 // A response past its session's limit: the call is dropped rather than buffered whole.
 class ResponseTooLargeError : public TransportError {
  public:
-  using TransportError::TransportError;
+  explicit ResponseTooLargeError(const std::string& message)
+      : TransportError("response_too_large", message) {}
 };
 
 struct HttpRequest {

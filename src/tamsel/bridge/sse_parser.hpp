@@ -30,7 +30,7 @@ inline constexpr std::size_t kMaxSSEBytes = std::size_t(8) << 20;
 // any other failure of the connection (the event bus reconnects).
 class SSELimitError : public TransportError {
  public:
-  using TransportError::TransportError;
+  explicit SSELimitError(const std::string& message) : TransportError("line_too_long", message) {}
 };
 
 struct SSEMessage {

@@ -22,6 +22,7 @@
 #include "tamsel/bridge/rpc/desktop_rpc_service.hpp"
 #include "tamsel/desktop/engine_locator.hpp"
 #include "tamsel/platform/socket_peer.hpp"
+#include "tamsel/platform/host_resources.hpp"
 
 namespace tamsel::desktop {
 
@@ -127,6 +128,8 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
   std::int64_t restartCount = 0;
   bool isBootstrapping = false;
   bool hasClaimedOwnership = false;
+  bool givenUp = false;
+  bool stoppedOnRequest = false;
   std::optional<fs::path> enginePath;
   std::vector<std::string> lastLaunchArguments;
   base::ChangePublisher publisher;
@@ -204,15 +207,40 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
 
   void spawn(asio::awaitable<void> work) { tasks.spawn(std::move(work), kSource); }
 
+  // Ends the start sequence with nothing left to do on our own.
+  void giveUp(State next) {
+    givenUp = true;
+    setEndpoint(LocalEndpointHealth::down);
+    setState(std::move(next));
+    publish();
+  }
+
+  // A stop asked for by another process (`tamsel engine stop`) leaves a note naming the engine
+  // it stopped; an exit it explains is intended. A note for another engine is stale.
+  bool consumeStopRequest() {
+    const auto note = deps.paths.stopRequestPath();
+    std::error_code ec;
+    if (!fs::exists(note, ec)) return false;
+    const auto named = bridge::PidfileReader::readProcessID(note);
+    fs::remove(note, ec);
+    return !named || (process && process->pid() == *named);
+  }
+
   static asio::awaitable<void> startSequence(Self self) {
     self->isBootstrapping = true;
+    self->givenUp = false;
+    self->stoppedOnRequest = false;
     self->setState(State::starting());
+    {
+      // A note from a stop before this start is about an engine that is gone.
+      std::error_code ec;
+      fs::remove(self->deps.paths.stopRequestPath(), ec);
+    }
 
     auto engine = self->hooks.locateEngine();
     if (!engine) {
       self->enginePath.reset();
-      self->setEndpoint(LocalEndpointHealth::down);
-      self->setState(State::notInstalled());
+      self->giveUp(State::notInstalled());
       self->finishBootstrap();
       co_return;
     }
@@ -234,8 +262,7 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
     const auto decision = co_await reconciler.reconcile();
     if (self->closed()) co_return;
     if (const auto* fatal = std::get_if<bridge::ReconcileDecision::Fatal>(&decision.value)) {
-      self->setEndpoint(LocalEndpointHealth::down);
-      self->setState(State::failed(fatal->message));
+      self->giveUp(State::failed(fatal->message));
       self->finishBootstrap();
       co_return;
     }
@@ -261,6 +288,16 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
     } else {
       base::log::info(kSource, "starting a new engine: {}",
                       std::get<bridge::ReconcileDecision::Respawn>(decision.value).reason);
+      // Whatever answers there is not an engine we can use, and a new one could not bind the
+      // port: its child would die at once while the old program kept answering.
+      if (self->hooks.portInUse(self->config.port)) {
+        self->process.reset();
+        self->giveUp(State::failed("Port " + std::to_string(self->config.port) +
+                                   " on 127.0.0.1 is in use by another program; stop it or "
+                                   "choose another port (--engine-port)"));
+        self->finishBootstrap();
+        co_return;
+      }
       if (!self->launch(*engine)) {
         self->finishBootstrap();
         co_return;
@@ -318,8 +355,7 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
       processIsOurs = true;
     } catch (const std::exception& e) {
       process.reset();
-      setEndpoint(LocalEndpointHealth::down);
-      setState(State::failed(std::string("Failed to start: ") + e.what()));
+      giveUp(State::failed(std::string("Failed to start: ") + e.what()));
       return false;
     }
     try {
@@ -364,19 +400,27 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
     ++generation;  // the health watcher of this engine stands down
     monitorTimer.cancel();
     if (terminationRequested) return;
+    if (consumeStopRequest()) {
+      base::log::info(kSource, "the engine was stopped on request; not restarting it");
+      process.reset();
+      stoppedOnRequest = true;
+      giveUp(State::unknown());
+      return;
+    }
     if (state.kind == State::Kind::running &&
         std::chrono::steady_clock::now() - runningSince >
             std::chrono::duration<double>(config.stableRunSeconds)) {
       restartCount = 0;
     }
     if (restartCount > maxRestarts - 1) {
-      setEndpoint(LocalEndpointHealth::down);
-      setState(State::failed("Engine crashed " + std::to_string(maxRestarts) +
-                             " times, stopped restarting"));
+      giveUp(State::failed("Engine crashed " + std::to_string(maxRestarts) +
+                           " times, stopped restarting"));
       return;
     }
     ++restartCount;
     setEndpoint(LocalEndpointHealth::down);
+    // Not "running" while nothing answers: the restart is on its way.
+    setState(State::starting());
     publish();
     spawn([](Self self, std::uint64_t expected) -> asio::awaitable<void> {
       co_await sleepFor(self->config.restartDelaySeconds);
@@ -492,8 +536,8 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
       fs::remove(self->deps.paths.tokenFilePath(), ec);
     }
     self->process.reset();
-    self->setEndpoint(LocalEndpointHealth::down);
-    self->setState(State::unknown());
+    self->stoppedOnRequest = true;
+    self->giveUp(State::unknown());
   }
 };
 
@@ -512,6 +556,7 @@ DaemonManager::DaemonManager(base::MainExecutor& executor, Config config, Depend
       return peer ? std::optional<std::int32_t>(peer->pid) : std::nullopt;
     };
   }
+  defaults.portInUse = &platform::loopbackPortAcceptsConnections;
   if (auto* service = impl_->deps.rpcService) {
     // The engine's own answer over the channel.
     defaults.probe = [socket = service->options().socketPath]() -> asio::awaitable<std::string> {
@@ -554,6 +599,7 @@ void DaemonManager::setHooks(Hooks hooks) {
   if (hooks.probe) current.probe = std::move(hooks.probe);
   if (hooks.socketOwner) current.socketOwner = std::move(hooks.socketOwner);
   if (hooks.claimLegacyService) current.claimLegacyService = std::move(hooks.claimLegacyService);
+  if (hooks.portInUse) current.portInUse = std::move(hooks.portInUse);
 }
 
 const DaemonManager::State& DaemonManager::state() const { return impl_->state; }
@@ -583,6 +629,8 @@ std::optional<std::int32_t> DaemonManager::enginePID() const {
 }
 
 bool DaemonManager::ownsEngineProcess() const { return impl_->process && impl_->processIsOurs; }
+bool DaemonManager::hasGivenUp() const { return impl_->givenUp; }
+bool DaemonManager::stoppedOnRequest() const { return impl_->stoppedOnRequest; }
 
 std::optional<std::string> DaemonManager::runCommand(const fs::path& executable,
                                                      const std::vector<std::string>& arguments,

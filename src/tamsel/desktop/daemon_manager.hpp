@@ -122,6 +122,8 @@ class DaemonManager {
     bridge::DaemonReconciler::SocketOwner socketOwner;
     // Turns off the legacy user service that may keep its own engine alive.
     std::function<void()> claimLegacyService;
+    // Whether something already listens on the engine's port (checked before a launch).
+    std::function<bool(std::uint16_t port)> portInUse;
   };
 
   // `locateEngine` must be among `hooks`; the other effects have real defaults.
@@ -144,6 +146,13 @@ class DaemonManager {
   std::optional<std::int32_t> enginePID() const;
   // True when the engine was started by this process (not reused).
   bool ownsEngineProcess() const;
+  // True when the manager will do nothing more on its own until start() or restart(): the
+  // engine was not found, could not be launched or reused, crashed too often, or was stopped
+  // on request.
+  bool hasGivenUp() const;
+  // True when the engine ended because a stop was asked for, by this process or by another
+  // one through DaemonPaths::stopRequestPath(); it is not restarted then.
+  bool stoppedOnRequest() const;
   const std::optional<std::filesystem::path>& enginePath() const;
   // The arguments the engine was last started with.
   const std::vector<std::string>& lastLaunchArguments() const;

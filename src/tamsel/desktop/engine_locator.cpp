@@ -11,33 +11,52 @@ namespace tamsel::desktop {
 
 namespace fs = std::filesystem;
 
-std::optional<fs::path> EngineLocator::locate(const Inputs& in) {
-  auto hit = [&](const fs::path& candidate) { return in.isExecutable(candidate); };
-  if (in.verdBinary && !in.verdBinary->empty() && hit(*in.verdBinary))
-    return fs::path(*in.verdBinary);
-  if (!in.executableDirectory.empty()) {
-    const auto bundled =
-        (in.executableDirectory / ".." / "libexec" / "tamsel" / "verd").lexically_normal();
-    if (hit(bundled)) return bundled;
-  }
+namespace {
+// Calls `visit` with each path in search order until it returns true; `which` runs only when
+// every earlier path was passed over.
+bool eachCandidate(const EngineLocator::Inputs& in,
+                   const std::function<bool(const fs::path&)>& visit) {
+  if (in.verdBinary && !in.verdBinary->empty() && visit(*in.verdBinary)) return true;
+  if (!in.executableDirectory.empty() &&
+      visit((in.executableDirectory / ".." / "libexec" / "tamsel" / "verd").lexically_normal()))
+    return true;
   for (const fs::path& candidate :
        {fs::path("/opt/homebrew/bin/verd"), fs::path("/usr/local/bin/verd"),
         in.homeDirectory / ".local/bin/verd"}) {
-    if (hit(candidate)) return candidate;
+    if (visit(candidate)) return true;
   }
   std::error_code ec;
   for (fs::directory_iterator it(in.homeDirectory / ".nvm/versions/node", ec), end;
        !ec && it != end; it.increment(ec)) {
-    const auto candidate = it->path() / "bin" / "verd";
-    if (hit(candidate)) return candidate;
+    if (visit(it->path() / "bin" / "verd")) return true;
   }
   if (in.which) {
     if (auto output = in.which()) {
-      const fs::path candidate(std::string(base::trim(*output)));
-      if (hit(candidate)) return candidate;
+      const auto trimmed = base::trim(*output);
+      if (!trimmed.empty() && visit(fs::path(std::string(trimmed)))) return true;
     }
   }
-  return std::nullopt;
+  return false;
+}
+}  // namespace
+
+std::optional<fs::path> EngineLocator::locate(const Inputs& in) {
+  std::optional<fs::path> found;
+  eachCandidate(in, [&](const fs::path& candidate) {
+    if (!in.isExecutable(candidate)) return false;
+    found = candidate;
+    return true;
+  });
+  return found;
+}
+
+std::vector<fs::path> EngineLocator::candidates(const Inputs& in) {
+  std::vector<fs::path> out;
+  eachCandidate(in, [&](const fs::path& candidate) {
+    out.push_back(candidate);
+    return false;
+  });
+  return out;
 }
 
 EngineLocator::Inputs EngineLocator::forThisProcess(const base::env::Environment& environment) {

@@ -9,6 +9,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "tamsel/base/env.hpp"
 
@@ -25,6 +26,8 @@ struct EngineLocator {
   };
 
   static std::optional<std::filesystem::path> locate(const Inputs& inputs);
+  // Every path the search tries, in order (for saying where it looked); `which` is run.
+  static std::vector<std::filesystem::path> candidates(const Inputs& inputs);
   // The inputs of this process, from its environment.
   static Inputs forThisProcess(const base::env::Environment& environment);
   // The engine's version, from a VERSION file beside a bundled engine.

@@ -49,6 +49,22 @@ TEST(EngineLocator, SearchOrder) {
   EXPECT_EQ(f.whichCalls, 1);
 }
 
+// What "Engine not found" lists must be what locate() tried, in its order.
+TEST(EngineLocator, CandidatesAreTheSearchInOrder) {
+  Fixture f;
+  f.whichOutput = " /usr/bin/verd\n";
+  auto in = f.inputs();
+  in.verdBinary = "/custom/verd";
+  const std::vector<fs::path> expected{
+      "/custom/verd",        "/opt/tamsel/libexec/tamsel/verd", "/opt/homebrew/bin/verd",
+      "/usr/local/bin/verd", "/home/u/.local/bin/verd",         "/usr/bin/verd"};
+  EXPECT_EQ(EngineLocator::candidates(in), expected);
+  f.whichOutput.reset();
+  in.verdBinary.reset();
+  EXPECT_EQ(EngineLocator::candidates(in),
+            std::vector<fs::path>(expected.begin() + 1, expected.end() - 1));
+}
+
 TEST(EngineLocator, VerdBinaryThatIsNotAnExecutableIsSkipped) {
   Fixture f;
   f.executables = {"/home/u/.local/bin/verd"};
