@@ -65,6 +65,17 @@ struct CalendarCommandOptions {
 };
 int calendarCommand(const GlobalOptions& options, const CalendarCommandOptions& calendar);
 
+// `tamsel meeting record`: two raw tracks into a meeting folder until the duration or Ctrl-C.
+struct MeetingRecordOptions {
+  std::optional<double> duration;  // seconds
+  std::optional<std::filesystem::path> dir;
+  bool noSystem = false;
+  std::optional<std::string> mic;  // a source name instead of the default
+  bool asJSON = false;
+};
+int meetingRecord(const GlobalOptions& options, const MeetingRecordOptions& meeting);
+int meetingDevices(const GlobalOptions& options, bool asJSON);
+
 // Runs the engine start sequence for a command that needs the engine; prints the failure and
 // returns false when it does not reach running.
 bool ensureEngine(const GlobalOptions& options);

@@ -56,6 +56,7 @@ Environment read() {
   e.desktopRPC = get("TAMSEL_DESKTOP_RPC");
   e.presenceToken = get("TAMSEL_LOCAL_PRESENCE_TOKEN");
   e.axServerBundlePath = get("TAMSEL_AX_SERVER_BUNDLE_PATH");
+  e.meetingDisableSystap = get("TamselMeetingDisableSystap");
   return e;
 }
 
