@@ -205,71 +205,92 @@ struct PulseCaptureSource::Capture {
   std::atomic<bool> streamLost{false}, serverChanged{false};
 
   void restartClock() {
+    flush();
     anchored = false;
     received = lost = 0;
     suspect = false;
     baseline = 0;
   }
 
-  // Called with the last piece of what is readable now: a deficit that stays once the backlog
-  // is read is audio the server dropped while we were not reading.
-  void checkLoss(std::uint64_t now, std::int64_t frames) {
+  // Small fragments are gathered into one chunk of up to kPieceFrames before they are handed
+  // over, so a backlog read after a stall does not flood the queue with tiny chunks.
+  float staging[kPieceFrames];
+  std::int64_t staged = 0, stagedSampleTime = 0;
+  std::uint64_t stagedHost = 0;
+
+  void flush() {
+    if (staged == 0) return;
+    router.deliver({kCaptureFormat, staging, staged},
+                   {static_cast<double>(stagedSampleTime), stagedHost, true, true});
+    staged = 0;
+  }
+
+  void addLost(std::int64_t frames) {
+    flush();  // what was gathered lies before the lost stretch
+    lost += frames;
+    lostFrames.fetch_add(frames, std::memory_order_relaxed);
+  }
+
+  // Called with the last fragment of what is readable now: a deficit that stays once the
+  // backlog is read is audio the server dropped while we were not reading. Returns the frames
+  // to count as lost.
+  std::int64_t checkLoss(std::uint64_t now, std::int64_t frames) {
     const double wall = static_cast<double>(now - anchorHost) * kRate / 1e9;
     const double deficit = wall - static_cast<double>(received + lost + frames);
     if (deficit < kLossThresholdSeconds * kRate) {
       if (deficit > -kRate) baseline += (deficit - baseline) * 0.05;
       suspect = false;
-      return;
+      return 0;
     }
-    if (!suspect || suspectDeficit - deficit > 0.02 * kRate) {
+    if (!suspect || suspectDeficit - deficit > 0.01 * kRate) {
       suspect = true;  // (still) reading a backlog: wait until the deficit holds
       suspectHost = now;
       suspectDeficit = deficit;
-      return;
+      return 0;
     }
-    if (now - suspectHost < kLossSettleNanos) return;
-    const auto missing = static_cast<std::int64_t>(std::llround(deficit - std::max(0.0, baseline)));
-    if (missing > 0) {
-      lost += missing;
-      lostFrames.fetch_add(missing, std::memory_order_relaxed);
-    }
+    if (now - suspectHost < kLossSettleNanos) return 0;
     suspect = false;
+    return std::max<std::int64_t>(0, std::llround(deficit - std::max(0.0, baseline)));
+  }
+
+  static std::uint64_t duration(std::int64_t frames) {
+    return static_cast<std::uint64_t>(static_cast<double>(frames) * 1e9 / kRate);
   }
 
   static void onRead(pa_stream* stream, std::size_t, void* data) {
     auto& c = *static_cast<Capture*>(data);
     for (;;) {
       const std::size_t readable = pa_stream_readable_size(stream);
-      if (readable == 0 || readable == static_cast<std::size_t>(-1)) return;
+      if (readable == 0 || readable == static_cast<std::size_t>(-1)) break;
       const void* bytes = nullptr;
       std::size_t size = 0;
-      if (pa_stream_peek(stream, &bytes, &size) < 0 || size == 0) return;
+      if (pa_stream_peek(stream, &bytes, &size) < 0 || size == 0) break;
       const auto frames = static_cast<std::int64_t>(size / sizeof(float));
       if (!bytes) {
         // A hole: the server skipped this much (PipeWire after a stall).
-        if (c.anchored) {
-          c.lost += frames;
-          c.lostFrames.fetch_add(frames, std::memory_order_relaxed);
-        }
+        if (c.anchored) c.addLost(frames);
         pa_stream_drop(stream);
         continue;
       }
       const std::uint64_t now = hostTimeNow();
-      const auto duration = [](std::int64_t n) {
-        return static_cast<std::uint64_t>(static_cast<double>(n) * 1e9 / kRate);
-      };
       if (!c.anchored) {
         c.anchored = true;
         c.anchorHost = now - duration(frames);
       }
-      if (readable <= size) c.checkLoss(now, frames);
+      if (readable <= size)
+        if (const auto missing = c.checkLoss(now, frames)) c.addLost(missing);
       const auto* samples = static_cast<const float*>(bytes);
-      for (std::int64_t done = 0; done < frames; done += kPieceFrames) {
-        const std::int64_t n = std::min(kPieceFrames, frames - done);
-        const std::uint64_t host = now - duration(frames - done);
-        c.router.deliver({kCaptureFormat, samples + done, n},
-                         {static_cast<double>(c.received + c.lost), host, true, true});
+      for (std::int64_t done = 0; done < frames;) {
+        if (c.staged == 0) {
+          c.stagedSampleTime = c.received + c.lost;
+          c.stagedHost = now - duration(frames - done);
+        }
+        const std::int64_t n = std::min(kPieceFrames - c.staged, frames - done);
+        std::copy(samples + done, samples + done + n, c.staging + c.staged);
+        c.staged += n;
         c.received += n;
+        done += n;
+        if (c.staged == kPieceFrames) c.flush();
       }
       const auto level = measure(kCaptureFormat, samples, frames);
       c.rms.store(static_cast<float>(level.rms), std::memory_order_relaxed);
@@ -278,6 +299,7 @@ struct PulseCaptureSource::Capture {
       c.lastAudioHost.store(now, std::memory_order_relaxed);
       pa_stream_drop(stream);
     }
+    c.flush();  // nothing more to read now: hand over what was gathered
   }
 
   static void onState(pa_stream* stream, void* data) {

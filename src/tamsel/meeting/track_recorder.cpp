@@ -110,10 +110,11 @@ void TrackRecorder::accept(const AudioBufferView& view, const PlatformTimestamp&
     s.routeTimelineSampleTime = 0;
   } else if (s.rebindPending) {
     // A new device's clock restarts anywhere: place its first frame where the host clock says it
-    // lies on the timeline, never before what was already produced.
+    // lies on the timeline, and at least one frame after what was already produced, so the seam
+    // between the devices is always on record as a routeTransition gap.
     const double elapsed = static_cast<double>(timestamp->hostTime - s.timelineOriginHostTime) *
                            s.sampleRate / hostTicksPerSecond_;
-    std::int64_t position = s.finalSampleTime.value_or(0);
+    std::int64_t position = s.finalSampleTime.value_or(0) + 1;
     if (timestamp->hostTime > s.timelineOriginHostTime && std::isfinite(elapsed) &&
         elapsed < 9.0e18)
       position = std::max(position, static_cast<std::int64_t>(std::llround(elapsed)));

@@ -72,10 +72,10 @@ class TrackRecorder {
   double bufferSeconds = 3.0;  // kept for callers; the budget uses a fixed 3.0 s
   std::optional<std::int64_t> maxWeightOverride;
   ChunkObserver chunkObserver;
-  // When set, the writer keeps the clock and gaps so far in this file (atomically, about once a
+  // When set, the writer keeps the clock and gaps so far in this file (atomically, twice a
   // second), so a recording cut by a crash can still be accounted for.
   std::optional<std::filesystem::path> journalURL;
-  std::chrono::milliseconds journalInterval{1000};
+  std::chrono::milliseconds journalInterval{500};
 
   TrackSource source() const { return source_; }
   const std::filesystem::path& fileURL() const { return fileURL_; }

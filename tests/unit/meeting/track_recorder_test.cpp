@@ -206,15 +206,17 @@ TEST(TrackRecorder, RouteRebindReBasesTheTimelineOnTheHostClock) {
       (std::vector<Gap>{{TrackSource::mic, 960, 48000 - 960, CaptureGapReason::routeTransition}}));
   EXPECT_EQ(r.clock.totalFrames, 48960);
 
-  // A rebind whose host clock says "earlier than what was produced" continues edge to edge.
+  // A rebind whose host clock says "earlier than what was produced" still leaves the seam on
+  // record: one frame.
   Harness back;
   back.recorder->prepare(back.format);
   back.feed(0, 4800);
   back.recorder->rebindRoute();
   back.recorder->accept({back.format, back.samples.data(), 480}, {7.0, 1'000'000, true, true});
   const auto r2 = back.stopAndFinish();
-  EXPECT_TRUE(r2.gaps.empty());
-  EXPECT_EQ(r2.clock.totalFrames, 5280);
+  EXPECT_EQ(r2.gaps,
+            (std::vector<Gap>{{TrackSource::mic, 4800, 1, CaptureGapReason::routeTransition}}));
+  EXPECT_EQ(r2.clock.totalFrames, 5281);
 }
 
 TEST(TrackRecorder, FailuresAreKeptNotThrown) {
