@@ -3,6 +3,11 @@
 // and a weight (byte) budget. push never blocks and never allocates (the ring is allocated once);
 // when the ring is full the incoming element is refused and the producer accounts it as lost.
 // One consumer drains it in order and receives the finish payload last, exactly once.
+//
+// Waking a sleeping consumer is a system call of several microseconds. With a poll interval the
+// producer leaves that to the consumer, which looks every interval on its own, and wakes it only
+// when the queue is a quarter full; without one, every push onto an empty queue wakes it.
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -37,14 +42,17 @@ class BoundedAudioQueue {
  public:
   using Event = AudioQueueDrainEvent<Element, Payload>;
 
-  BoundedAudioQueue(std::int64_t maxElementCount, std::int64_t maxWeight)
+  BoundedAudioQueue(std::int64_t maxElementCount, std::int64_t maxWeight,
+                    std::chrono::milliseconds pollInterval = std::chrono::milliseconds(0))
       : maxElementCount_(maxElementCount < 1 ? 1 : maxElementCount),
         maxWeight_(maxWeight < 0 ? 0 : maxWeight),
+        pollInterval_(pollInterval),
         ring_(std::make_unique<Entry[]>(static_cast<std::size_t>(maxElementCount_))) {}
 
   // Queues the element unless the ring is full, the budget would be passed or finish was asked
   // for; never waits for the consumer. The element is left untouched when refused.
   bool push(Element& element, std::int64_t weight) {
+    bool wake;
     {
       base::MutexLock lock(lock_);
       if (finishRequested_ ||
@@ -54,10 +62,16 @@ class BoundedAudioQueue {
       entry.element.emplace(std::move(element));
       entry.weight = weight;
       tail_ = (tail_ + 1) % maxElementCount_;
+      // The consumer sleeps only on an empty queue and rechecks the count under the lock, so
+      // a wake-up is owed at most when the queue was empty.
+      wake = pollInterval_.count() == 0
+                 ? count_ == 0
+                 : (count_ + 1 == maxElementCount_ / 4 ||
+                    (weight_ < maxWeight_ / 4 && weight_ + weight >= maxWeight_ / 4));
       ++count_;
       weight_ += weight;
     }
-    available_.notifyOne();
+    if (wake) available_.notifyOne();
     return true;
   }
 
@@ -79,7 +93,10 @@ class BoundedAudioQueue {
     base::MutexLock lock(lock_);
     while (count_ == 0 && !(finishRequested_ && !finishDelivered_)) {
       if (finishDelivered_) return std::nullopt;
-      available_.wait(lock_);
+      if (pollInterval_.count() == 0)
+        available_.wait(lock_);
+      else
+        available_.waitFor(lock_, pollInterval_);
     }
     if (count_ > 0) {
       Entry& entry = ring_[static_cast<std::size_t>(head_)];
@@ -116,6 +133,7 @@ class BoundedAudioQueue {
   base::ConditionVariable available_;
   const std::int64_t maxElementCount_;
   const std::int64_t maxWeight_;
+  const std::chrono::milliseconds pollInterval_;
   const std::unique_ptr<Entry[]> ring_ PT_GUARDED_BY(lock_);
   std::int64_t head_ GUARDED_BY(lock_) = 0;
   std::int64_t tail_ GUARDED_BY(lock_) = 0;

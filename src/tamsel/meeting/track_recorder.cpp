@@ -12,6 +12,9 @@ namespace {
 constexpr double kQueueBudgetSeconds = 3.0;  // fixed: not bufferSeconds
 // Pool slots fit a pulse fragment of up to 1024 mono float frames; sources split larger reads.
 constexpr std::size_t kPoolSlotFrames = 1024;
+// The writer looks at its queue this often; the callback wakes it only when the queue fills up,
+// so it makes no system call in the common case.
+constexpr std::chrono::milliseconds kWriterPollInterval{10};
 
 std::string logSource(TrackSource source) { return source == TrackSource::mic ? "mic" : "systap"; }
 }  // namespace
@@ -83,7 +86,7 @@ void TrackRecorder::prepare(const AudioFormat& sourceFormat) {
                                2 * budget / std::max<std::int64_t>(1, std::int64_t(slotBytes)))));
     pool_ = std::make_unique<AudioBufferPool>(slotBytes, slots);
     state_.queue = std::make_unique<BoundedAudioQueue<CapturedAudioChunk, TrackCaptureSnapshot>>(
-        maxElementCount, budget);
+        maxElementCount, budget, kWriterPollInterval);
     state_.prepared = true;
     state_.accepting = true;
     state_.sourceSampleRate = sourceFormat.sampleRate;

@@ -66,6 +66,24 @@ TEST(BoundedAudioQueue, DrainBlocksUntilAProducerDelivers) {
   EXPECT_EQ(got, (std::vector<int>{0, 1, 2}));
 }
 
+TEST(BoundedAudioQueue, PollingConsumerFindsElementsWithoutAWakeUp) {
+  Queue queue(64, 1000, 5ms);
+  std::vector<int> got;
+  std::thread consumer([&] {
+    while (auto e = queue.next())
+      if (!e->isFinish()) got.push_back(std::get<0>(e->value));
+  });
+  for (int i = 0; i < 40; ++i) {
+    std::this_thread::sleep_for(1ms);
+    int v = i;
+    EXPECT_TRUE(queue.push(v, 1));
+  }
+  queue.finish("");
+  consumer.join();
+  ASSERT_EQ(got.size(), 40u);
+  EXPECT_EQ(got.back(), 39);
+}
+
 TEST(TrackRecorder, QueueBudgetIsThreeSecondsOfTheSourceFormat) {
   struct Case {
     AudioFormat format;
