@@ -32,5 +32,6 @@ with AudioServer(kind) as server, tempfile.TemporaryDirectory() as folder:
     if proc.returncode != 0:
         sys.exit(proc.stderr)
     cpu = (after.ru_utime - before.ru_utime) + (after.ru_stime - before.ru_stime)
-    print(f"two-track recording on {kind}: {cpu:.2f} s CPU in {wall:.1f} s = "
+    print(f"two-track recording on {kind}: {cpu:.2f} s CPU "
+          f"(user {after.ru_utime - before.ru_utime:.2f} s, system {after.ru_stime - before.ru_stime:.2f} s) in {wall:.1f} s = "
           f"{100 * cpu / wall:.2f} % of one core")

@@ -397,10 +397,11 @@ bool PulseCaptureSource::connectStream(const std::string& device) {
   pa_stream_set_state_callback(stream, &Capture::onState, capture_.get());
   pa_stream_set_moved_callback(stream, &Capture::onMoved, capture_.get());
   pa_stream_set_suspended_callback(stream, &Capture::onSuspended, capture_.get());
-  // 20 ms fragments; a 2 s server-side buffer rides out a short stall of this process.
+  // 40 ms fragments (fewer wake-ups; a recording needs no low latency); a 2 s server-side
+  // buffer rides out a short stall of this process.
   pa_buffer_attr attr{};
   attr.maxlength = static_cast<std::uint32_t>(2 * kRate * sizeof(float));
-  attr.fragsize = static_cast<std::uint32_t>(0.02 * kRate * sizeof(float));
+  attr.fragsize = static_cast<std::uint32_t>(0.04 * kRate * sizeof(float));
   attr.tlength = attr.prebuf = attr.minreq = static_cast<std::uint32_t>(-1);
   // A microphone stream on the default source is left unnamed so the server moves it with
   // the default; the control thread moves it as well where the server does not.

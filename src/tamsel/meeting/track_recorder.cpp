@@ -14,7 +14,7 @@ constexpr double kQueueBudgetSeconds = 3.0;  // fixed: not bufferSeconds
 constexpr std::size_t kPoolSlotFrames = 1024;
 // The writer looks at its queue this often; the callback wakes it only when the queue fills up,
 // so it makes no system call in the common case.
-constexpr std::chrono::milliseconds kWriterPollInterval{10};
+constexpr std::chrono::milliseconds kWriterPollInterval{40};
 
 std::string logSource(TrackSource source) { return source == TrackSource::mic ? "mic" : "systap"; }
 }  // namespace
