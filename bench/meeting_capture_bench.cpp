@@ -16,12 +16,13 @@
 #include "tamsel/meeting/track_recorder.hpp"
 
 namespace {
-std::atomic<bool> counting{false};
+// Counts the allocations of the calling (capture) thread only, not the writer's.
+thread_local bool counting = false;
 std::atomic<long> allocations{0};
 }  // namespace
 
 void* operator new(std::size_t size) {
-  if (counting.load(std::memory_order_relaxed)) allocations.fetch_add(1, std::memory_order_relaxed);
+  if (counting) allocations.fetch_add(1, std::memory_order_relaxed);
   if (void* p = std::malloc(size ? size : 1)) return p;
   throw std::bad_alloc();
 }

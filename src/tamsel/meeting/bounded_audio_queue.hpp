@@ -47,7 +47,8 @@ class BoundedAudioQueue {
       : maxElementCount_(maxElementCount < 1 ? 1 : maxElementCount),
         maxWeight_(maxWeight < 0 ? 0 : maxWeight),
         pollInterval_(pollInterval),
-        ring_(std::make_unique<Entry[]>(static_cast<std::size_t>(maxElementCount_))) {}
+        ringStorage_(std::make_unique<Entry[]>(static_cast<std::size_t>(maxElementCount_))),
+        ring_(ringStorage_.get()) {}
 
   // Queues the element unless the ring is full, the budget would be passed or finish was asked
   // for; never waits for the consumer. The element is left untouched when refused.
@@ -134,7 +135,8 @@ class BoundedAudioQueue {
   const std::int64_t maxElementCount_;
   const std::int64_t maxWeight_;
   const std::chrono::milliseconds pollInterval_;
-  const std::unique_ptr<Entry[]> ring_ PT_GUARDED_BY(lock_);
+  const std::unique_ptr<Entry[]> ringStorage_;  // allocated once, here
+  Entry* const ring_ PT_GUARDED_BY(lock_);
   std::int64_t head_ GUARDED_BY(lock_) = 0;
   std::int64_t tail_ GUARDED_BY(lock_) = 0;
   std::int64_t count_ GUARDED_BY(lock_) = 0;
