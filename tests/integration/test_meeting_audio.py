@@ -212,13 +212,62 @@ class MeetingRecording(unittest.TestCase):
                              journal["frames_written"])
             self.assertEqual(journal["gaps"], [])
 
+    def test_unplugged_output_moves_the_system_track_to_the_new_default(self):
+        module = self.server.pactl("load-module", "module-null-sink", "sink_name=headphones",
+                                   "sink_properties=device.description=headphones").strip()
+        try:
+            self.server.pactl("set-default-sink", "headphones")
+            self.server.play("headphones", 660, 20)
+            self.server.play("speakers", 440, 20)
+            self.server.play("mic_feed", 1000, 20)
+            proc = self.start_recorder("--duration", "8")
+            self.wait_for_audio("system")
+            time.sleep(1.5)
+        finally:
+            self.server.pactl("unload-module", module)  # the headphones are pulled out
+        self.server.pactl("set-default-sink", "speakers")
+        tracks, log, rc = self.finish(proc)
+        self.assertEqual(rc, 0, log)
+        record = tracks["system"]
+        self.assertTrue(record["usable"], record)
+        self.assertIsNone(record["failure"], record)
+        frames = self.check_file_matches(record)
+        self.assertGreaterEqual(len(record["gaps"]), 1, record)
+        self.assertTrue(all(g["reason"] == "routeTransition" for g in record["gaps"]), record)
+        self.assertGreater(tone_level(record["raw_file"], 0.2, 1.0, 660), PRESENT)
+        tail = frames / RATE - 1.5
+        self.assertGreater(tone_level(record["raw_file"], tail, 1.0, 440), PRESENT)
+        self.assertLess(tone_level(record["raw_file"], tail, 1.0, 1000),
+                        tone_level(record["raw_file"], tail, 1.0, 440) / 4)  # not the mic
+
+    @unittest.skipUnless(KIND == "pulseaudio", "PipeWire ignores suspending a busy source")
+    def test_suspended_microphone_warns_and_leaves_a_gap(self):
+        self.server.play("mic_feed", 1000, 20)
+        proc = self.start_recorder("--duration", "9", "--no-system")
+        self.wait_for_audio("mic")
+        time.sleep(1)
+        self.server.pactl("suspend-source", "virtual_mic", "1")
+        time.sleep(4)
+        self.server.pactl("suspend-source", "virtual_mic", "0")
+        tracks, log, rc = self.finish(proc)
+        self.assertEqual(rc, 0, log)
+        self.assertIn("warning: mic: no audio from virtual_mic for 3 s", log)
+        record = tracks["mic"]
+        self.assertTrue(record["usable"], record)
+        self.check_file_matches(record)
+        lost = sum(g["droppedFrames"] for g in record["gaps"] if g["reason"] == "captureLoss")
+        self.assertGreater(lost, 3 * RATE, record)
+        self.assertLess(lost, 5 * RATE, record)
+        self.check_timeline_is_wall_clock(record)
+
     def test_microphone_alone_and_device_list(self):
-        self.server.play("mic_feed", 1000, 6)
+        # Nothing plays into the microphone at first: a null sink's monitor gives exact zeros.
         tracks, log, rc = self.finish(
-            self.start_recorder("--duration", "2", env={"TamselMeetingDisableSystap": "1"}))
+            self.start_recorder("--duration", "6.5", env={"TamselMeetingDisableSystap": "1"}))
         self.assertEqual(rc, 0, log)
         self.assertEqual(list(tracks), ["mic"])
         self.assertIn("TamselMeetingDisableSystap", log)
+        self.assertIn("warning: mic: the microphone delivers digital silence", log)
         out = subprocess.run([TAMSEL, "meeting", "devices", "--json"], env=self.server.env,
                              capture_output=True, text=True, check=True).stdout
         devices = json.loads(out)

@@ -59,6 +59,9 @@ CAFTrackWriter::CAFTrackWriter(std::filesystem::path fileURL, double sampleRate)
     throw CAFTrackWriterException(
         CAFTrackWriterError{CAFTrackWriterError::Kind::cannotCreateOutputFormat, reason});
   }
+  // No peak chunk: readers that scale float files by it (sox) would report every track at full
+  // scale and a silent one as garbage; the samples are the levels.
+  sf_command(file_, SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
 }
 
 CAFTrackWriter::~CAFTrackWriter() {

@@ -349,6 +349,7 @@ AudioCaptureRoute PulseCaptureSource::start(std::shared_ptr<TrackRecorder> recor
     base::log::info(logSource(), "install tap fmt={:f}Hz/{}ch", kRate, 1);
   else
     base::log::info(logSource(), "tap fmt={:f}Hz/{}ch", kRate, 1);
+  willStart(*recorder_);
   recorder_->prepare(kCaptureFormat);
   capture_ = std::make_unique<Capture>(recorder_, connection_->loop());
   {
@@ -627,9 +628,9 @@ MicrophoneSource::MicrophoneSource(std::optional<std::string> device, double sil
       signalMonitor_(std::make_shared<DigitalSilenceMonitor>(silenceGraceSeconds)),
       lowSignalMonitor_(std::make_shared<LowSignalMonitor>()) {}
 
-AudioCaptureRoute MicrophoneSource::start(std::shared_ptr<TrackRecorder> recordingSink) {
-  recordingSink->chunkObserver = [silence = signalMonitor_, low = lowSignalMonitor_,
-                                  this](const AudioBuffer& buffer) {
+void MicrophoneSource::willStart(TrackRecorder& recorder) {
+  recorder.chunkObserver = [silence = signalMonitor_, low = lowSignalMonitor_,
+                            this](const AudioBuffer& buffer) {
     const auto& f = buffer.format();
     if (buffer.frameLength() <= 0 || !(f.sampleRate > 0)) return;
     const double seconds = static_cast<double>(buffer.frameLength()) / f.sampleRate;
@@ -640,7 +641,6 @@ AudioCaptureRoute MicrophoneSource::start(std::shared_ptr<TrackRecorder> recordi
     for (const auto& activity : {p.first, p.second})
       if (activity && signalActivities) signalActivities(*activity);
   };
-  return PulseCaptureSource::start(std::move(recordingSink));
 }
 
 std::string MicrophoneSource::desiredDevice(const std::string&,

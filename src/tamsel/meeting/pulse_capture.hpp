@@ -109,6 +109,8 @@ class PulseCaptureSource {
 
  protected:
   PulseCaptureSource(TrackSource source, std::optional<std::string> fixedDevice);
+  // Called by start() before the recorder is prepared.
+  virtual void willStart(TrackRecorder&) {}
   // The device the track should be on now, from the server's defaults.
   virtual std::string desiredDevice(const std::string& defaultSink,
                                     const std::string& defaultSource) const = 0;
@@ -142,12 +144,12 @@ class MicrophoneSource final : public PulseCaptureSource {
   // `silenceGraceSeconds`: the digital-silence warning's grace (3.0 s in the app).
   explicit MicrophoneSource(std::optional<std::string> device = std::nullopt,
                             double silenceGraceSeconds = 3.0);
-  // Installs the signal monitors on the recorder's writer side, then starts.
-  AudioCaptureRoute start(std::shared_ptr<TrackRecorder> recordingSink);
   // Called on the mic writer thread for each published activity.
   std::function<void(MicrophoneSignalActivity)> signalActivities;
 
  private:
+  // Installs the signal monitors on the recorder's writer side.
+  void willStart(TrackRecorder& recorder) override;
   std::string desiredDevice(const std::string& defaultSink,
                             const std::string& defaultSource) const override;
   std::shared_ptr<DigitalSilenceMonitor> signalMonitor_;
