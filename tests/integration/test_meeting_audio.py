@@ -23,8 +23,8 @@ KIND = sys.argv.pop(1) if len(sys.argv) > 1 and sys.argv[1] in ("pulseaudio", "p
 NEEDS = {"pulseaudio": ("pulseaudio", "pactl", "pacat", "sox"),
          "pipewire": ("pipewire", "wireplumber", "pipewire-pulse", "dbus-run-session", "pactl",
                       "pacat", "sox")}
-# A tone at -10 dBFS measures about 0.13-0.2 RMS through the band-pass (less after a down-mix);
-# what leaks into another tone's band stays far below.
+# sox scales a float file by its loudest sample, so levels are relative: a tone that is there
+# measures well above this through the band-pass, what leaks into another tone's band far below.
 PRESENT = 0.05
 
 

@@ -59,8 +59,8 @@ CAFTrackWriter::CAFTrackWriter(std::filesystem::path fileURL, double sampleRate)
     throw CAFTrackWriterException(
         CAFTrackWriterError{CAFTrackWriterError::Kind::cannotCreateOutputFormat, reason});
   }
-  // No peak chunk: readers that scale float files by it (sox) would report every track at full
-  // scale and a silent one as garbage; the samples are the levels.
+  // No peak chunk: the header rewritten twice a second stays small, and a crash cannot leave a
+  // stale peak that readers would scale the samples by.
   sf_command(file_, SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
 }
 

@@ -253,6 +253,22 @@ struct PulseCaptureSource::Capture {
     return std::max<std::int64_t>(0, std::llround(deficit - std::max(0.0, baseline)));
   }
 
+  // The meter's level: RMS over 100 ms, whatever the fragment sizes (a few samples of a tone
+  // say little about its level).
+  double meterSum = 0;
+  std::int64_t meterFrames = 0;
+  void meter(const float* samples, std::int64_t frames) {
+    for (std::int64_t i = 0; i < frames; ++i)
+      meterSum += static_cast<double>(samples[i]) * samples[i];
+    meterFrames += frames;
+    if (meterFrames >= static_cast<std::int64_t>(kRate / 10)) {
+      rms.store(static_cast<float>(std::sqrt(meterSum / static_cast<double>(meterFrames))),
+                std::memory_order_relaxed);
+      meterSum = 0;
+      meterFrames = 0;
+    }
+  }
+
   static std::uint64_t duration(std::int64_t frames) {
     return static_cast<std::uint64_t>(static_cast<double>(frames) * 1e9 / kRate);
   }
@@ -292,8 +308,7 @@ struct PulseCaptureSource::Capture {
         done += n;
         if (c.staged == kPieceFrames) c.flush();
       }
-      const auto level = measure(kCaptureFormat, samples, frames);
-      c.rms.store(static_cast<float>(level.rms), std::memory_order_relaxed);
+      c.meter(samples, frames);
       if (c.buffers.fetch_add(1, std::memory_order_relaxed) == 0)
         c.firstFrames.store(static_cast<std::uint32_t>(frames), std::memory_order_relaxed);
       c.lastAudioHost.store(now, std::memory_order_relaxed);

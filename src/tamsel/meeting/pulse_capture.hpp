@@ -86,7 +86,6 @@ struct CaptureHealth {
   double levelDBFS = -120;       // RMS of the latest buffer
   double secondsSinceAudio = 0;  // since the last buffer (or since start when none came)
   std::uint64_t buffers = 0;
-  std::string device;
 };
 
 class PulseCaptureSource {
@@ -144,7 +143,8 @@ class MicrophoneSource final : public PulseCaptureSource {
   // `silenceGraceSeconds`: the digital-silence warning's grace (3.0 s in the app).
   explicit MicrophoneSource(std::optional<std::string> device = std::nullopt,
                             double silenceGraceSeconds = 3.0);
-  // Called on the mic writer thread for each published activity.
+  // Called on the mic writer thread for each published activity. The source must outlive the
+  // recorder's writer (finish the recorder before the source goes).
   std::function<void(MicrophoneSignalActivity)> signalActivities;
 
  private:
