@@ -8,6 +8,7 @@
 
 #include "tamsel/base/log.hpp"
 #include "tamsel/meeting/capture_callback_router.hpp"
+#include "tamsel/meeting/capture_loss_detector.hpp"
 
 namespace tamsel::meeting {
 
@@ -16,10 +17,6 @@ namespace {
 constexpr double kRate = 48000;
 constexpr std::int64_t kPieceFrames = 960;  // 20 ms: fits a pool slot
 constexpr double kNoAudioSeconds = 3.0;
-// A deficit against the monotonic clock below this is latency, above it possibly loss.
-constexpr double kLossThresholdSeconds = 0.2;
-// The deficit must hold this long without shrinking (the backlog read) before it counts.
-constexpr std::uint64_t kLossSettleNanos = 250'000'000;
 constexpr AudioFormat kCaptureFormat{kRate, 1, SampleType::float32, true};
 
 // Runs an operation to its end on the control thread; the callbacks signal the loop.
@@ -190,12 +187,8 @@ struct PulseCaptureSource::Capture {
   pa_threaded_mainloop* loop;
 
   // Main-loop thread only: the device sample time is frames received plus frames lost.
-  bool anchored = false;
-  std::uint64_t anchorHost = 0;
+  CaptureLossDetector loss{kRate};
   std::int64_t received = 0, lost = 0;
-  bool suspect = false;
-  std::uint64_t suspectHost = 0;
-  double suspectDeficit = 0, baseline = 0;
 
   // Read by the control thread.
   std::atomic<std::uint64_t> startedHost{0}, lastAudioHost{0}, buffers{0}, moves{0}, suspends{0};
@@ -206,10 +199,8 @@ struct PulseCaptureSource::Capture {
 
   void restartClock() {
     flush();
-    anchored = false;
+    loss.restart();
     received = lost = 0;
-    suspect = false;
-    baseline = 0;
   }
 
   // Small fragments are gathered into one chunk of up to kPieceFrames before they are handed
@@ -229,28 +220,6 @@ struct PulseCaptureSource::Capture {
     flush();  // what was gathered lies before the lost stretch
     lost += frames;
     lostFrames.fetch_add(frames, std::memory_order_relaxed);
-  }
-
-  // Called with the last fragment of what is readable now: a deficit that stays once the
-  // backlog is read is audio the server dropped while we were not reading. Returns the frames
-  // to count as lost.
-  std::int64_t checkLoss(std::uint64_t now, std::int64_t frames) {
-    const double wall = static_cast<double>(now - anchorHost) * kRate / 1e9;
-    const double deficit = wall - static_cast<double>(received + lost + frames);
-    if (deficit < kLossThresholdSeconds * kRate) {
-      if (deficit > -kRate) baseline += (deficit - baseline) * 0.05;
-      suspect = false;
-      return 0;
-    }
-    if (!suspect || suspectDeficit - deficit > 0.01 * kRate) {
-      suspect = true;  // (still) reading a backlog: wait until the deficit holds
-      suspectHost = now;
-      suspectDeficit = deficit;
-      return 0;
-    }
-    if (now - suspectHost < kLossSettleNanos) return 0;
-    suspect = false;
-    return std::max<std::int64_t>(0, std::llround(deficit - std::max(0.0, baseline)));
   }
 
   // The meter's level: RMS over 100 ms, whatever the fragment sizes (a few samples of a tone
@@ -284,17 +253,16 @@ struct PulseCaptureSource::Capture {
       const auto frames = static_cast<std::int64_t>(size / sizeof(float));
       if (!bytes) {
         // A hole: the server skipped this much (PipeWire after a stall).
-        if (c.anchored) c.addLost(frames);
+        if (c.loss.anchored()) c.addLost(frames);
         pa_stream_drop(stream);
         continue;
       }
       const std::uint64_t now = hostTimeNow();
-      if (!c.anchored) {
-        c.anchored = true;
-        c.anchorHost = now - duration(frames);
-      }
+      if (!c.loss.anchored()) c.loss.anchor(now, frames);
+      // The last fragment readable now: is the stream behind the clock for good?
       if (readable <= size)
-        if (const auto missing = c.checkLoss(now, frames)) c.addLost(missing);
+        if (const auto missing = c.loss.check(now, c.received + c.lost + frames))
+          c.addLost(missing);
       const auto* samples = static_cast<const float*>(bytes);
       for (std::int64_t done = 0; done < frames;) {
         if (c.staged == 0) {
