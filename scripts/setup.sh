@@ -10,6 +10,8 @@ packages=(
   libspdlog-dev libfmt-dev libcli11-dev libhowardhinnant-date-dev libssl-dev
   libsimdjson-dev libsystemd-dev libreadline-dev libmd4c-dev tmux clang libclang-rt-14-dev libical-dev libxml2-dev radicale khal
   libgtest-dev libgmock-dev libbenchmark-dev clang-format groff-base
+  libpulse-dev libsndfile1-dev libsoxr-dev
+  pulseaudio pulseaudio-utils pipewire pipewire-bin pipewire-pulse wireplumber dbus-user-session sox
 )
 
 missing=()

@@ -99,6 +99,17 @@ struct CalendarCommandOptions {
 };
 int calendarCommand(const GlobalOptions& options, const CalendarCommandOptions& calendar);
 
+// `tamsel meeting record`: two raw tracks into a meeting folder until the duration or Ctrl-C.
+struct MeetingRecordOptions {
+  std::optional<double> duration;  // seconds
+  std::optional<std::filesystem::path> dir;
+  bool noSystem = false;
+  std::optional<std::string> mic;  // a source name instead of the default
+  bool asJSON = false;
+};
+int meetingRecord(const GlobalOptions& options, const MeetingRecordOptions& meeting);
+int meetingDevices(const GlobalOptions& options, bool asJSON);
+
 // Every command that needs the engine starts it the way `engine start` does, saying so on
 // stderr when it launched one; throws CommandException(EngineUnavailable) when it does not
 // reach running. (The result is always true; it stays a bool for existing callers.)

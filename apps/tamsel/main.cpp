@@ -271,6 +271,24 @@ int main(int argc, char** argv) {
   calAddCalDAV->add_option("--password-env", calendarOptions.passwordEnv,
                            "Name of the environment variable holding the password");
 
+  cli::MeetingRecordOptions meetingOptions;
+  auto* meetingCmd = app.add_subcommand("meeting", "Record meetings as two audio tracks");
+  meetingCmd->require_subcommand(1);
+  auto* meetingRecord = meetingCmd->add_subcommand(
+      "record", "Record the microphone and the system audio until the duration or Ctrl-C");
+  meetingRecord->add_option("--duration", meetingOptions.duration, "Stop after this many seconds")
+      ->check(CLI::PositiveNumber);
+  meetingRecord->add_option("--dir", meetingOptions.dir,
+                            "Record into this folder (default: a new one under meetings/)");
+  meetingRecord->add_flag("--no-system", meetingOptions.noSystem, "Record the microphone alone");
+  meetingRecord->add_option("--mic", meetingOptions.mic,
+                            "Record this source instead of the default input");
+  meetingRecord->add_flag("--json", meetingOptions.asJSON, "One JSON object per track at the end");
+  auto* meetingDevices =
+      meetingCmd->add_subcommand("devices", "List the audio sources and sinks, defaults marked");
+  bool devicesJSON = false;
+  meetingDevices->add_flag("--json", devicesJSON, "Print JSON");
+
   // Generated from this command tree, so they never drift from it; hidden from the listing.
   auto* completion =
       app.add_subcommand("completion", "Print a shell completion script (bash or zsh)")->group("");
@@ -304,6 +322,9 @@ int main(int argc, char** argv) {
                {"completion",
                 "tamsel completion bash > ~/.local/share/bash-completion/completions/tamsel"},
                {"man", "tamsel man > tamsel.1"},
+               {"meeting", "tamsel meeting record --duration 60"},
+               {"meeting record", "tamsel meeting record --duration 600 --json"},
+               {"meeting devices", "tamsel meeting devices --json"},
            });
 
   try {
@@ -332,6 +353,8 @@ int main(int argc, char** argv) {
     if (*sessions) return cli::listSessions(options, sessionsAgent, sessionsJSON);
     if (*eventsCommand) return cli::followEvents(options, eventsJSON);
     if (*history) return cli::showHistory(options, historySession, historyAgent, historyJSON);
+    if (*meetingRecord) return cli::meetingRecord(options, meetingOptions);
+    if (*meetingDevices) return cli::meetingDevices(options, devicesJSON);
     if (*calendarCmd) {
       for (auto* sub : calendarCmd->get_subcommands()) calendarOptions.action = sub->get_name();
       return cli::calendarCommand(options, calendarOptions);

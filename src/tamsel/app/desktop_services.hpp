@@ -87,6 +87,10 @@ class DesktopServices {
   std::filesystem::path engineHome() const;
   // False when TAMSEL_DESKTOP_RPC is "0".
   bool rpcEnabled() const;
+  // Where recorded meetings go, one folder each: "meetings" in the app folder.
+  std::filesystem::path meetingsFolder() const { return appFolder() / "meetings"; }
+  // False when TamselMeetingDisableSystap is set: meetings record the microphone alone.
+  bool meetingSystemAudioEnabled() const { return !environment_.meetingDisableSystap; }
 
   // A secret: never log or print it.
   const std::string& presenceToken();

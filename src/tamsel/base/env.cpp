@@ -58,6 +58,7 @@ Environment read() {
   e.axServerBundlePath = get("TAMSEL_AX_SERVER_BUNDLE_PATH");
   const auto noColor = get("NO_COLOR");
   e.noColor = noColor && !noColor->empty();
+  e.meetingDisableSystap = get("TamselMeetingDisableSystap");
   return e;
 }
 

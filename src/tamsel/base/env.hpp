@@ -27,6 +27,8 @@ struct Environment {
   std::optional<std::string> presenceToken;  // TAMSEL_LOCAL_PRESENCE_TOKEN (a secret)
   std::optional<std::string> axServerBundlePath;  // TAMSEL_AX_SERVER_BUNDLE_PATH
   bool noColor = false;  // NO_COLOR set to anything but empty: text without colour
+  // TamselMeetingDisableSystap: set (to anything) records meetings without the system track.
+  std::optional<std::string> meetingDisableSystap;
 };
 Environment read();
 
