@@ -6,16 +6,19 @@
 #include <boost/asio/detached.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/signal_set.hpp>
+#include <clocale>
 #include <fstream>
 #include <iostream>
 #include <sstream>
 
 #include "cli.hpp"
 #include "runtime.hpp"
+#include "table.hpp"
 #include "tamsel/base/json.hpp"
 #include "tamsel/base/log.hpp"
 #include "tamsel/base/uuid.hpp"
 #include "tamsel/bridge/daemon_client_error.hpp"
+#include "terminal_markdown.hpp"
 
 namespace tamsel::cli {
 
@@ -45,7 +48,10 @@ std::optional<std::string> readLine(const std::string& prompt) {
 // Renders a reply for a person: text as it grows, one line per tool call, the cards.
 class ChatPrinter {
  public:
-  explicit ChatPrinter(bool asJSON) : asJSON_(asJSON) {}
+  // `markdown`: the reply is shown rendered, block by block (a terminal); without it, as sent.
+  ChatPrinter(bool asJSON, std::optional<MarkdownStyle> markdown) : asJSON_(asJSON) {
+    if (markdown && !asJSON) live_.emplace(std::cout, *markdown);
+  }
 
   void show(const SSEEvent& event) {
     // The session is needed to cancel the run, whatever the output format.
@@ -60,6 +66,23 @@ class ChatPrinter {
       line["data"] = event.data;
       std::cout << json::serialize(line) << std::endl;
       return;
+    }
+    if (live_) {
+      if (const auto* delta = event.get<SSEEvent::Delta>()) {
+        live_->append(delta->value.text);
+        sawDelta_ = true;
+        return;
+      }
+      if (const auto* text = event.get<SSEEvent::AssistantText>()) {
+        if (!sawDelta_) live_->append(text->value.text + "\n\n");
+        printedAnyText_ = printedAnyText_ || !text->value.text.empty();
+        return;
+      }
+      if (const auto* done = event.get<SSEEvent::Done>()) {
+        if (!sawDelta_ && !printedAnyText_ && done->value.reply) live_->append(*done->value.reply);
+        live_->finish();
+        return;
+      }
     }
     if (const auto* delta = event.get<SSEEvent::Delta>()) {
       std::cout << delta->value.text << std::flush;
@@ -91,21 +114,25 @@ class ChatPrinter {
 
   // Ends a line the reply left open, so what follows starts on its own line.
   void finish() {
+    if (live_) live_->suspend();
     if (midLine_) std::cout << std::endl;
     midLine_ = false;
   }
 
   void line(const std::string& text) {
     if (asJSON_) return;
+    if (live_) live_->suspend();
     if (midLine_) std::cout << "\n";
     std::cout << text << std::endl;
     midLine_ = false;
+    if (live_) live_->resume();
   }
 
   std::optional<std::string> sessionID;
 
  private:
   bool asJSON_;
+  std::optional<LiveMarkdown> live_;
   bool midLine_ = false;
   bool sawDelta_ = false;
   bool printedAnyText_ = false;
@@ -295,9 +322,19 @@ int chatOnce(const GlobalOptions& options, const ChatOptions& given) {
   Runtime rt(options);
   auto& io = rt.io;
   auto& client = rt.services.client();
-  ChatRun run{
-      options, chat, client, ChatPrinter(chat.asJSON), static_cast<bool>(::isatty(STDIN_FILENO)),
-      {}};
+  // A person at a terminal reads the reply rendered; a pipe or file gets it as the engine wrote it.
+  std::optional<MarkdownStyle> markdown;
+  if (const auto width = terminalWidth(); width > 0) {
+    std::setlocale(LC_CTYPE, "");
+    markdown =
+        MarkdownStyle{std::max<std::size_t>(width - 1, 20), !rt.services.environment().noColor};
+  }
+  ChatRun run{options,
+              chat,
+              client,
+              ChatPrinter(chat.asJSON, markdown),
+              static_cast<bool>(::isatty(STDIN_FILENO)),
+              {}};
 
   bool interrupted = false;
   asio::signal_set signals(io, SIGINT, SIGTERM);

@@ -25,6 +25,7 @@
 
 #include "cli.hpp"
 #include "runtime.hpp"
+#include "table.hpp"
 #include "tamsel/base/strings.hpp"
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
 #include "tamsel/kit/draft_storage.hpp"
@@ -67,9 +68,8 @@ class ChatTerminal;
 ChatTerminal* active = nullptr;
 
 std::size_t terminalColumns() {
-  winsize size{};
-  if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
-  return 80;
+  const auto width = terminalWidth();
+  return width > 0 ? width : 80;
 }
 
 std::size_t terminalRows() {

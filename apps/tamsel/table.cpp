@@ -6,29 +6,11 @@
 #include <algorithm>
 #include <numeric>
 
+#include "terminal_markdown.hpp"
+
 namespace tamsel::cli {
 
 namespace {
-
-// Characters as a terminal counts them (code points; our texts have no wide characters).
-std::size_t displayWidth(const std::string& text) {
-  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-    return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
-  }));
-}
-
-std::string fitted(const std::string& text, std::size_t width) {
-  if (displayWidth(text) <= width) return text;
-  if (width == 0) return {};
-  std::string out;
-  std::size_t shown = 0;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const bool starts = (static_cast<unsigned char>(text[i]) & 0xC0) != 0x80;
-    if (starts && ++shown == width) break;  // room for the ellipsis
-    out.push_back(text[i]);
-  }
-  return out + "…";
-}
 
 std::string padded(const std::string& text, std::size_t width) {
   const auto shown = displayWidth(text);
@@ -61,7 +43,7 @@ void printTable(std::ostream& out, const Table& table, std::size_t width) {
     } else {
       // One block per row: the first field, then the rest, then the flexible one.
       for (const auto& row : table.rows) {
-        out << fitted(row[0], width) << "\n";
+        out << fitToWidth(row[0], width) << "\n";
         std::string rest;
         for (std::size_t c = 1; c < columns; ++c) {
           if (c == table.flexible || row[c].empty() || row[c] == "-") continue;
@@ -76,9 +58,9 @@ void printTable(std::ostream& out, const Table& table, std::size_t width) {
           }
           rest += (rest.empty() ? "" : " · ") + shown;
         }
-        if (!rest.empty()) out << "  " << fitted(rest, width - 2) << "\n";
+        if (!rest.empty()) out << "  " << fitToWidth(rest, width - 2) << "\n";
         if (table.flexible != 0 && !row[table.flexible].empty() && row[table.flexible] != "-")
-          out << "  " << fitted(row[table.flexible], width - 2) << "\n";
+          out << "  " << fitToWidth(row[table.flexible], width - 2) << "\n";
       }
       out << std::flush;
       return;
@@ -87,7 +69,7 @@ void printTable(std::ostream& out, const Table& table, std::size_t width) {
   auto line = [&](const std::vector<std::string>& cells) {
     std::string text;
     for (std::size_t c = 0; c < columns; ++c) {
-      const auto cell = fitted(cells[c], widths[c]);
+      const auto cell = fitToWidth(cells[c], widths[c]);
       text += c + 1 == columns ? cell : padded(cell, widths[c]) + "  ";
     }
     while (!text.empty() && text.back() == ' ') text.pop_back();

@@ -382,7 +382,7 @@ class Renderer {
       std::string text = "|";
       for (std::size_t c = 0; c < columns; ++c) {
         std::string cell = c < table_[r].size() ? plain(table_[r][c].pieces) : "";
-        cell = fit(cell, widths[c]);
+        cell = fitToWidth(cell, widths[c]);
         const bool header = r == 0 && style_.colour;
         text += " " + (header ? "\033[1m" + cell + kReset : cell) +
                 std::string(widths[c] - displayWidth(cell), ' ') + " |";
@@ -391,25 +391,6 @@ class Renderer {
       if (r == 0) border();
     }
     if (table_.size() > 1) border();
-  }
-
-  // At most `width` columns of `text`, cut at a character, "…" marking the cut.
-  static std::string fit(const std::string& text, std::size_t width) {
-    if (displayWidth(text) <= width) return text;
-    std::string out;
-    std::size_t used = 0;
-    std::mbstate_t state{};
-    for (std::size_t at = 0; at < text.size();) {
-      wchar_t wc = 0;
-      const std::size_t n = std::mbrtowc(&wc, text.data() + at, text.size() - at, &state);
-      const std::size_t len = (n == 0 || n > 4) ? 1 : n;
-      const int w = (n == 0 || n > 4) ? 1 : std::max(0, ::wcwidth(wc));
-      if (used + static_cast<std::size_t>(w) + 1 > width) break;
-      out.append(text, at, len);
-      used += static_cast<std::size_t>(w);
-      at += len;
-    }
-    return out + "…";
   }
 
   const MarkdownStyle& style_;
@@ -426,11 +407,35 @@ class Renderer {
   std::size_t lastLineWidth_ = 0;
 };
 
+// The next code point of UTF-8 text and its length; a broken sequence is one byte of U+FFFD.
+std::pair<char32_t, std::size_t> nextCodePoint(std::string_view text, std::size_t at) {
+  const auto byte = static_cast<unsigned char>(text[at]);
+  const std::size_t length = byte < 0x80           ? 1
+                             : (byte >> 5) == 0x6  ? 2
+                             : (byte >> 4) == 0xE  ? 3
+                             : (byte >> 3) == 0x1E ? 4
+                                                   : 0;
+  if (length == 0 || at + length > text.size()) return {U'\uFFFD', 1};
+  char32_t cp = length == 1 ? byte : byte & (0x7F >> length);
+  for (std::size_t i = 1; i < length; ++i) {
+    const auto next = static_cast<unsigned char>(text[at + i]);
+    if ((next & 0xC0) != 0x80) return {U'\uFFFD', 1};
+    cp = (cp << 6) | (next & 0x3F);
+  }
+  return {cp, length};
+}
+
+// Columns of one code point: the locale's answer when it has one (wide characters two), else one.
+std::size_t columnsOf(char32_t cp) {
+  if (cp < 0x80) return cp >= 0x20 ? 1 : 0;
+  const int width = ::wcwidth(static_cast<wchar_t>(cp));
+  return width < 0 ? 1 : static_cast<std::size_t>(width);
+}
+
 }  // namespace
 
 std::size_t displayWidth(std::string_view text) {
   std::size_t width = 0;
-  std::mbstate_t state{};
   for (std::size_t at = 0; at < text.size();) {
     if (text[at] == '\033') {  // an escape sequence ends with a letter
       ++at;
@@ -440,18 +445,27 @@ std::size_t displayWidth(std::string_view text) {
       ++at;
       continue;
     }
-    wchar_t wc = 0;
-    const std::size_t n = std::mbrtowc(&wc, text.data() + at, text.size() - at, &state);
-    if (n == 0 || n > 4) {  // not UTF-8 in this locale: one column a byte
-      state = {};
-      ++width;
-      ++at;
-      continue;
-    }
-    width += static_cast<std::size_t>(std::max(0, ::wcwidth(wc)));
-    at += n;
+    const auto [cp, length] = nextCodePoint(text, at);
+    width += columnsOf(cp);
+    at += length;
   }
   return width;
+}
+
+std::string fitToWidth(std::string_view text, std::size_t width) {
+  if (displayWidth(text) <= width) return std::string(text);
+  if (width == 0) return {};
+  std::string out;
+  std::size_t used = 0;
+  for (std::size_t at = 0; at < text.size();) {
+    const auto [cp, length] = nextCodePoint(text, at);
+    const std::size_t columns = columnsOf(cp);
+    if (used + columns + 1 > width) break;  // room for the ellipsis
+    out.append(text.substr(at, length));
+    used += columns;
+    at += length;
+  }
+  return out + "…";
 }
 
 std::size_t lastBlockBoundary(std::string_view markdown) {
@@ -473,6 +487,54 @@ std::size_t lastBlockBoundary(std::string_view markdown) {
 
 std::string renderMarkdown(std::string_view markdown, const MarkdownStyle& style) {
   return Renderer(style).render(markdown);
+}
+
+std::size_t terminalRowsOf(std::string_view text, std::size_t columns) {
+  columns = std::max<std::size_t>(columns, 1);
+  std::size_t rows = 0;
+  for (std::size_t start = 0;;) {
+    const auto end = text.find('\n', start);
+    const auto line = text.substr(start, end == std::string_view::npos ? end : end - start);
+    rows += std::max<std::size_t>(1, (displayWidth(line) + columns - 1) / columns);
+    if (end == std::string_view::npos) break;
+    start = end + 1;
+  }
+  return rows;
+}
+
+void LiveMarkdown::append(std::string_view text) {
+  suspend();
+  pending_ += text;
+  if (const auto cut = lastBlockBoundary(pending_); cut > 0) {
+    out_ << renderMarkdown(std::string_view(pending_).substr(0, cut), style_) << "\n";
+    pending_.erase(0, cut);
+  }
+  drawOpen();
+}
+
+void LiveMarkdown::suspend() {
+  if (!shown_) return;
+  // Back to the open block's first row, and clear from there down.
+  for (std::size_t i = 1; i < openRows_; ++i) out_ << "\033[A";
+  out_ << "\r\033[J" << std::flush;
+  shown_ = false;
+  openRows_ = 0;
+}
+
+void LiveMarkdown::resume() { drawOpen(); }
+
+void LiveMarkdown::drawOpen() {
+  if (shown_ || pending_.empty()) return;
+  out_ << pending_ << std::flush;
+  openRows_ = terminalRowsOf(pending_, style_.width + 1);
+  shown_ = true;
+}
+
+void LiveMarkdown::finish() {
+  suspend();
+  if (!pending_.empty()) out_ << renderMarkdown(pending_, style_);
+  pending_.clear();
+  out_ << std::flush;
 }
 
 }  // namespace tamsel::cli

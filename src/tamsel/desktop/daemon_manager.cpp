@@ -21,8 +21,8 @@
 #include "tamsel/bridge/protocol_version.hpp"
 #include "tamsel/bridge/rpc/desktop_rpc_service.hpp"
 #include "tamsel/desktop/engine_locator.hpp"
-#include "tamsel/platform/socket_peer.hpp"
 #include "tamsel/platform/host_resources.hpp"
+#include "tamsel/platform/socket_peer.hpp"
 
 namespace tamsel::desktop {
 

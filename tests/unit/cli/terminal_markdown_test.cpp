@@ -77,5 +77,25 @@ TEST_F(TerminalMarkdown, AStreamIsCutOnlyBetweenBlocksOutsideCode) {
   EXPECT_EQ(lastBlockBoundary(fenced + "```\n\nafter"), fenced.size() + 5);
 }
 
+TEST_F(TerminalMarkdown, ALiveReplyShowsItsOpenBlockAndReplacesItRendered) {
+  std::ostringstream out;
+  LiveMarkdown live(out, {40, false});
+  live.append("# Ti");
+  EXPECT_EQ(out.str(), "# Ti") << "the block being written is shown as it comes";
+  live.append("tle\n\nfirst line\nsec");
+  EXPECT_EQ(out.str(), "# Ti\r\033[JTitle\n=====\n\nfirst line\nsec")
+      << "the finished block is taken off and printed rendered";
+  live.suspend();
+  out << "[tool] read_file\n";
+  live.resume();
+  live.finish();
+  EXPECT_EQ(out.str(),
+            "# Ti\r\033[JTitle\n=====\n\nfirst line\nsec\033[A\r\033[J[tool] read_file\n"
+            "first line\nsec\033[A\r\033[Jfirst line sec\n")
+      << "an open block of two rows is cleared from its first row";
+  EXPECT_EQ(terminalRowsOf("abcdef\nxy", 4), 3u);
+  EXPECT_EQ(fitToWidth("日本語テキスト", 7), "日本語…");
+}
+
 }  // namespace
 }  // namespace tamsel::cli
