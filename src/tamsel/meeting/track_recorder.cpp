@@ -214,16 +214,16 @@ void TrackRecorder::runWriter(AudioFormat sourceFormat) {
   }
   GapLedger ledger(source_);
   std::unique_ptr<TrackWriter> writer;
-  std::optional<std::string> writeError;
   bool broken = false;  // after a failure the queue is still drained, nothing more is written
   try {
     writer = writerFactory_(fileURL_, 48000, sourceFormat);
   } catch (const std::exception& e) {
-    writeError = e.what();
     setFailure(TrackRecordingFailure{TrackRecordingFailure::Writer{e.what()}});
     broken = true;
   }
   auto lastJournal = std::chrono::steady_clock::now();
+  // What the writer should have written: a buffer in another format yields its converted count.
+  std::int64_t expectedOutput = 0;
   while (auto event = queue->next()) {
     if (event->isFinish()) {
       auto& snapshot = std::get<1>(event->value);
@@ -235,7 +235,7 @@ void TrackRecorder::runWriter(AudioFormat sourceFormat) {
           if (!broken) setFailure(TrackRecordingFailure{TrackRecordingFailure::Writer{e.what()}});
         }
       }
-      auto recording = buildResult(snapshot, ledger, written, writeError);
+      auto recording = buildResult(snapshot, ledger, written, expectedOutput);
       if (journalURL) writeJournal(ledger, written, true);
       {
         base::MutexLock lock(completionLock_);
@@ -254,9 +254,13 @@ void TrackRecorder::runWriter(AudioFormat sourceFormat) {
       continue;
     }
     try {
+      const auto& f = chunk.buffer.format();
+      expectedOutput +=
+          f.sampleRate == 48000
+              ? chunk.buffer.frameLength()
+              : CAFTrackWriter::expectedFrameCount(chunk.buffer.frameLength(), f.sampleRate, 48000);
       writer->write(chunk.buffer);
     } catch (const std::exception& e) {
-      writeError = e.what();
       setFailure(TrackRecordingFailure{TrackRecordingFailure::Writer{e.what()}});
       broken = true;
       continue;
@@ -272,7 +276,7 @@ void TrackRecorder::runWriter(AudioFormat sourceFormat) {
 }
 
 TrackRecording TrackRecorder::buildResult(const TrackCaptureSnapshot& snapshot, GapLedger& ledger,
-                                          std::int64_t framesWritten, std::optional<std::string>) {
+                                          std::int64_t framesWritten, std::int64_t expectedFrames) {
   // Chunks produced after the last one written never arrived: one final gap to the end.
   if (!ledger.isFinished && ledger.acceptedFrames > 0)
     ledger.finish(snapshot.finalSampleTime, snapshot.trailingGapReason);
@@ -283,9 +287,9 @@ TrackRecording TrackRecorder::buildResult(const TrackCaptureSnapshot& snapshot, 
     base::MutexLock lock(stateLock_);
     failure = state_.failure;
   }
-  if (!failure && ledger.acceptedFrames > 0 && framesWritten != ledger.acceptedFrames) {
+  if (!failure && framesWritten != expectedFrames) {
     failure = TrackRecordingFailure{
-        TrackRecordingFailure::Writer{"expected " + std::to_string(ledger.acceptedFrames) +
+        TrackRecordingFailure::Writer{"expected " + std::to_string(expectedFrames) +
                                       " frames, wrote " + std::to_string(framesWritten)}};
   }
   if (!failure && framesWritten == 0)

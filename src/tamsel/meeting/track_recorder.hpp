@@ -130,7 +130,7 @@ class TrackRecorder {
   void runWriter(AudioFormat sourceFormat);
   void setFailure(TrackRecordingFailure failure);
   TrackRecording buildResult(const TrackCaptureSnapshot& snapshot, GapLedger& ledger,
-                             std::int64_t framesWritten, std::optional<std::string> writeError);
+                             std::int64_t framesWritten, std::int64_t expectedFrames);
   void writeJournal(const GapLedger& ledger, std::int64_t framesWritten, bool finished);
 
   const TrackSource source_;

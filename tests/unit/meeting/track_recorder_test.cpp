@@ -120,6 +120,7 @@ struct FakeWriter : TrackWriter {
     std::atomic<std::int64_t> frames{0};
     std::atomic<bool> stalled{false};
     std::atomic<int> failAfter{-1};
+    std::atomic<std::int64_t> shortBy{0};  // frames silently left out of each write
     std::vector<float> samples;
   };
   explicit FakeWriter(std::shared_ptr<Shared> s) : shared(std::move(s)) {}
@@ -129,7 +130,7 @@ struct FakeWriter : TrackWriter {
     if (shared->failAfter > 0) --shared->failAfter;
     const float* p = buffer.floatPlane(0);
     shared->samples.insert(shared->samples.end(), p, p + buffer.frameLength());
-    shared->frames += buffer.frameLength();
+    shared->frames += buffer.frameLength() - shared->shortBy;
   }
   void close() override {}
   std::int64_t framesWritten() const override { return shared->frames; }
@@ -139,7 +140,7 @@ struct FakeWriter : TrackWriter {
 struct Harness {
   std::shared_ptr<FakeWriter::Shared> shared = std::make_shared<FakeWriter::Shared>();
   std::shared_ptr<TrackRecorder> recorder;
-  std::vector<float> samples = std::vector<float>(4096, 0.5f);
+  std::vector<float> samples = std::vector<float>(8192, 0.5f);  // enough for any feed below
   AudioFormat format{48000, 1, SampleType::float32, true};
 
   explicit Harness(TrackSource source = TrackSource::mic) {
@@ -263,6 +264,17 @@ TEST(TrackRecorder, FailuresAreKeptNotThrown) {
   }
   {
     Harness h;
+    h.shared->shortBy = 2;  // a writer that loses time is caught at the end
+    h.recorder->prepare(h.format);
+    h.feed(0, 480);
+    h.feed(480, 480);
+    const auto r = h.stopAndFinish();
+    ASSERT_TRUE(r.failure);
+    EXPECT_EQ(r.failure->description(), "writer: expected 960 frames, wrote 956");
+    EXPECT_FALSE(r.usable);
+  }
+  {
+    Harness h;
     h.recorder->prepare(h.format);
     h.feed(4800, 480);
     h.feed(0, 480);  // the device clock went backwards: an accounting failure
@@ -335,7 +347,7 @@ TEST(TrackRecorder, RouterDoesNothingOnceTheRecorderIsGone) {
 
 TEST(TrackRecorder, BufferCopiesComeFromThePoolAndGoBack) {
   AudioBufferPool pool(4096, 2);
-  std::vector<float> samples(1024, 0.25f);
+  std::vector<float> samples(1025, 0.25f);
   const AudioFormat format{48000, 1, SampleType::float32, true};
   auto a = AudioBuffer::copyOf({format, samples.data(), 1024}, &pool);
   auto b = AudioBuffer::copyOf({format, samples.data(), 10}, &pool);
