@@ -180,14 +180,15 @@ TEST(CalendarParams, NumbersThatCannotBeStoredAreRefusedNotWrapped) {
   const auto rule = [](const char* key, std::int64_t n) {
     return JSONValue::object({{"frequency", "daily"}, {key, n}});
   };
-  for (const auto& [key, n, field] :
-       std::vector<std::tuple<const char*, std::int64_t, const char*>>{
-           {"interval", 32768, "interval"},
-           {"interval", std::int64_t(1) << 40, "interval"},
-           {"occurrence_count", std::int64_t(1) << 31, "occurrence_count"}}) {
+  struct TooLarge {
+    const char* key;
+    std::int64_t n;
+  };
+  for (const TooLarge c : {TooLarge{"interval", 32768}, TooLarge{"interval", std::int64_t(1) << 40},
+                           TooLarge{"occurrence_count", std::int64_t(1) << 31}}) {
     const auto error =
-        failureOf([&] { decodeEventDraft(draftWith("recurrence_rule", rule(key, n))); });
-    EXPECT_EQ(error.details, JSONValue::object({{"field", field}})) << key << " " << n;
+        failureOf([&] { decodeEventDraft(draftWith("recurrence_rule", rule(c.key, c.n))); });
+    EXPECT_EQ(error.details, JSONValue::object({{"field", c.key}})) << c.key << " " << c.n;
   }
   EXPECT_EQ(decodeEventDraft(draftWith("recurrence_rule", rule("interval", 32767)))
                 .recurrenceRule->interval,
