@@ -5,4 +5,4 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/setup.sh
-ctest --preset default -j2 "$@"
+ctest --preset default -j2 --output-on-failure "$@"
