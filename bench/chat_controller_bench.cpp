@@ -46,6 +46,7 @@ int main() {
 
   boost::asio::io_context io;
   bridge::DaemonClient client({1, "token", "device", {}});  // no engine: only files are read
+  desktop::DaemonChatEngine engine(client);
   bridge::SessionHistory history(home);
   auto settle = [&] {
     io.restart();
@@ -55,7 +56,7 @@ int main() {
   const std::size_t before = heapBytes();
   {
     base::AsioMainExecutor main(io);
-    desktop::DaemonChatViewModel vm(main, {&client, nullptr, &history, nullptr, nullptr});
+    desktop::DaemonChatViewModel vm(main, {&engine, nullptr, &history, nullptr, nullptr});
     for (int i = 0; i < sessions; ++i) {
       vm.selectSession("s" + std::to_string(i));
       settle();

@@ -8,7 +8,7 @@ packages=(
   build-essential cmake ninja-build ccache pkg-config python3
   libboost1.81-dev libboost-json1.81-dev libboost-filesystem1.81-dev libboost-url1.81-dev
   libspdlog-dev libfmt-dev libcli11-dev libhowardhinnant-date-dev libssl-dev
-  libsimdjson-dev libsystemd-dev libreadline-dev tmux clang libclang-rt-14-dev libical-dev libxml2-dev radicale khal
+  libsimdjson-dev libsystemd-dev libreadline-dev libmd4c-dev tmux clang libclang-rt-14-dev libical-dev libxml2-dev radicale khal
   libgtest-dev libgmock-dev libbenchmark-dev clang-format
 )
 

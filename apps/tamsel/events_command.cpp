@@ -21,14 +21,17 @@ int followEvents(const GlobalOptions& options, bool asJSON) {
   auto& io = rt.io;
   auto& events = rt.services.eventStream();
   events.connectionChanged().connect([&](bool up) {
+    std::string resume;
+    if (up && events.readsNewEngineFromStart())
+      resume = " (a new engine process: from its first event)";
+    else if (up && events.lastEventID())
+      resume = " (resuming after " + *events.lastEventID() + ")";
     std::cerr << (up ? "tamsel: connected to the event stream"
                      : "tamsel: event stream lost" +
                            (events.lastFailure() ? " (" + *events.lastFailure() + ")"
                                                  : std::string()) +
                            "; reconnecting")
-              << (up && events.lastEventID() ? " (resuming after " + *events.lastEventID() + ")"
-                                             : std::string())
-              << std::endl;
+              << resume << std::endl;
   });
   auto subscription = events.subscribe();
   asio::co_spawn(

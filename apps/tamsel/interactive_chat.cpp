@@ -1,29 +1,34 @@
 // tamsel chat (without -m): an interactive chat in the terminal on the chat controller.
 //
 // The line editor (GNU readline) runs in its callback mode on the same event loop as the
-// controller, so replies stream in while the user types: output is printed above the prompt and the
-// line being typed is redrawn after it. The unsent line is kept as the session's draft.
+// controller, so replies stream in while the user types. Finished output is printed above the
+// prompt; the block of the reply still being written (and a spinner while nothing has come) is
+// an open region just above the prompt, redrawn as it grows, and printed for good, rendered as
+// Markdown, once the block is complete. The unsent line is kept as the session's draft.
+#include <fcntl.h>
 #include <readline/history.h>
 #include <readline/readline.h>
 #include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/signal_set.hpp>
-#include <boost/asio/thread_pool.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <clocale>
 #include <iostream>
+#include <map>
 #include <set>
 #include <sstream>
 
 #include "cli.hpp"
 #include "runtime.hpp"
-#include "tamsel/base/json.hpp"
-#include "tamsel/base/preferences_store.hpp"
-#include "tamsel/bridge/daemon_paths.hpp"
+#include "tamsel/base/strings.hpp"
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
 #include "tamsel/kit/draft_storage.hpp"
+#include "terminal_markdown.hpp"
 
 namespace tamsel::cli {
 
@@ -42,18 +47,52 @@ constexpr const char* kHelp =
     "  /retract N           drop queued message N      /send-now    cancel the reply, send the "
     "queue now\n"
     "  /inject TEXT         add TEXT to the running reply\n"
-    "  /cancel              stop the running reply (also Ctrl-C)\n"
+    "  /cancel              stop the running reply\n"
     "  /approve once|session|always    /deny         answer the waiting approval\n"
     "  /answer N [N...] | TEXT         /decline      answer the waiting question\n"
-    "  /quit                leave (also Ctrl-D); an unsent line is kept for next time\n";
+    "  /quit                leave; the unsent line is kept for next time\n"
+    "Keys:\n"
+    "  Alt-Enter, or \\ at the end of a line   go on typing on a new line of the same message\n"
+    "  y n a s (on an empty line)            answer a waiting approval: once, deny, always, "
+    "session\n"
+    "  Ctrl-C                                clear the line; stop the running reply; on an "
+    "empty line, leave\n"
+    "  Ctrl-D                                leave, keeping the unsent line for next time\n"
+    "  Up / Down                             earlier lines (kept across restarts)\n";
+
+constexpr const char* kSpinner[] = {"⠋", "⠙", "⠹", "⠸", "⠼", "⠴", "⠦", "⠧", "⠇", "⠏"};
+constexpr std::size_t kHistoryLines = 1000;
 
 class ChatTerminal;
 ChatTerminal* active = nullptr;
 
+std::size_t terminalColumns() {
+  winsize size{};
+  if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
+  return 80;
+}
+
+std::size_t terminalRows() {
+  winsize size{};
+  if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0) return size.ws_row;
+  return 24;
+}
+
+}  // namespace
+
+namespace {
+
 class ChatTerminal {
  public:
-  ChatTerminal(asio::io_context& io, DaemonChatViewModel& vm, kit::DraftStorage& drafts)
-      : io_(io), vm_(vm), drafts_(drafts), input_(io, ::dup(STDIN_FILENO)) {}
+  ChatTerminal(asio::io_context& io, DaemonChatViewModel& vm, kit::DraftStorage& drafts,
+               std::filesystem::path historyFile, bool colour)
+      : io_(io),
+        vm_(vm),
+        drafts_(drafts),
+        input_(io, ::dup(STDIN_FILENO)),
+        spinner_(io),
+        historyFile_(std::move(historyFile)),
+        colour_(colour) {}
 
   void run() {
     active = this;
@@ -63,39 +102,109 @@ class ChatTerminal {
     // The editor converts the prompt and the input through the locale: UTF-8 needs it set.
     std::setlocale(LC_CTYPE, "");
     rl_initialize();
+    bindKeys();
+    loadHistory();
     installPrompt();
     restoreDraft();
     waitForInput();
   }
 
+  // Started on an existing session: once it has loaded, its last screenful is shown.
+  void openedExistingSession() { awaitingOpen_ = true; }
+
   void stop() {
     if (stopped_) return;
     stopped_ = true;
     saveDraft();
+    saveHistory();
+    openText_.clear();
+    spinnerShown_ = false;
+    redraw();
     rl_callback_handler_remove();
     std::cout << std::endl;
     input_.cancel();
+    spinner_.cancel();
     io_.stop();
   }
 
-  // Ctrl-C: stop the running reply, or leave when nothing runs.
+  // Ctrl-C: clear a half-typed line; else stop the running reply; else leave.
   void interrupt() {
+    if (rl_end > 0 || !continued_.empty()) {
+      continued_.clear();
+      clearLine();
+      updatePrompt();
+      syncDraft();
+      redraw();
+      return;
+    }
     if (vm_.isStreamActive()) {
       print("Cancelling…");
       vm_.cancel();
-    } else {
-      stop();
+      return;
     }
+    stop();
   }
 
-  // Prints above the prompt and redraws the line being typed.
+  // Shows the whole session again, the user's own lines included.
+  void printWholeSession() {
+    std::string text = "— the whole session —";
+    for (const auto& m : vm_.messages()) {
+      if (m.author == "user")
+        text += "\nyou: " + m.content;
+      else if (m.author == "assistant" && !m.content.empty())
+        text += "\n" + labelled(renderMarkdown(m.content, style()));
+    }
+    print(text);
+  }
+
+  // Printed above the prompt and the open region, which are redrawn after it. Output made while
+  // the editor handles a finished line waits until the editor has started the next one.
   void print(const std::string& text) {
+    if (inLineHandler_) {
+      deferred_.push_back(text);
+      return;
+    }
+    withScreen([&] {
+      std::string out = text;
+      while (!out.empty() && out.back() == '\n') out.pop_back();
+      std::cout << out << "\n";
+    });
+  }
+
+ private:
+  // ---- the screen
+
+  MarkdownStyle style() const {
+    return {std::max<std::size_t>(terminalColumns() - 1, 20), colour_};
+  }
+
+  std::string dim(const std::string& text) const {
+    return colour_ ? "\033[2m" + text + "\033[0m" : text;
+  }
+
+  static std::string labelled(std::string rendered) {
+    while (!rendered.empty() && rendered.back() == '\n') rendered.pop_back();
+    return "agent: " + rendered;
+  }
+
+  // Takes the prompt and the open region off the screen, runs `write`, and puts them back.
+  template <class F>
+  void withScreen(F&& write) {
     const int point = rl_point;
     char* line = rl_copy_text(0, rl_end);
     rl_save_prompt();
     rl_replace_line("", 0);
     rl_redisplay();
-    std::cout << "\r\033[K" << text << std::endl;
+    std::cout << "\r\033[K";
+    for (std::size_t i = 0; i < openRows_; ++i) std::cout << "\033[A\r\033[K";
+    openRows_ = 0;
+    write();
+    const std::string open = openRegion();
+    if (!open.empty()) {
+      std::cout << open << "\n";
+      openRows_ = rowsOf(open);
+    }
+    std::cout.flush();
     rl_restore_prompt();
     rl_replace_line(line, 0);
     rl_point = point;
@@ -103,19 +212,43 @@ class ChatTerminal {
     std::free(line);
   }
 
-  static void clearLine() {
-    rl_replace_line("", 0);
-    rl_point = 0;
+  void redraw() {
+    if (!inLineHandler_) withScreen([] {});
   }
 
-  void printWholeSession() {
-    printedMessages_ = 0;
-    printedStreamLength_ = 0;
-    render();
+  std::string openRegion() const {
+    if (!openText_.empty()) return openText_;
+    if (!spinnerShown_) return {};
+    const auto& activity = vm_.streamingStatus().activityLine;
+    return dim(std::string(kSpinner[spinnerFrame_ % std::size(kSpinner)]) + " " +
+               (activity.empty() ? "thinking…" : activity));
   }
 
- private:
-  std::string prompt() const { return vm_.selectedAgent().value_or("chat") + "> "; }
+  static std::size_t rowsOf(const std::string& text) {
+    const std::size_t columns = terminalColumns();
+    std::size_t rows = 0;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);)
+      rows += std::max<std::size_t>(1, (displayWidth(line) + columns - 1) / columns);
+    return std::max<std::size_t>(rows, 1);
+  }
+
+  void tickSpinner() {
+    spinner_.expires_after(std::chrono::milliseconds(120));
+    spinner_.async_wait([this](const boost::system::error_code& ec) {
+      if (ec || stopped_ || !spinnerShown_) return;
+      ++spinnerFrame_;
+      if (openText_.empty()) redraw();
+      tickSpinner();
+    });
+  }
+
+  // ---- the line editor
+
+  std::string prompt() const {
+    if (!continued_.empty()) return "… ";
+    return vm_.selectedAgent().value_or("chat") + "> ";
+  }
 
   // The editor keeps a pointer to the prompt, so it lives in a member.
   void installPrompt() {
@@ -123,16 +256,72 @@ class ChatTerminal {
     rl_callback_handler_install(promptText_.c_str(), &ChatTerminal::onLine);
   }
 
+  void updatePrompt() {
+    promptText_ = prompt();
+    rl_set_prompt(promptText_.c_str());
+  }
+
+  static void clearLine() {
+    rl_replace_line("", 0);
+    rl_point = 0;
+  }
+
+  void bindKeys() {
+    for (int key : {'y', 'n', 'a', 's'}) rl_bind_key(key, &ChatTerminal::onAnswerKey);
+    rl_bind_keyseq("\\e\\r", &ChatTerminal::onNewlineKey);
+    rl_bind_keyseq("\\e\\n", &ChatTerminal::onNewlineKey);
+    rl_bind_key(4, &ChatTerminal::onCtrlD);
+  }
+
+  // y / n / a / s on an empty line answer a waiting approval; otherwise they are typed.
+  static int onAnswerKey(int count, int key) {
+    if (!active || rl_end > 0 || !active->continued_.empty() ||
+        active->vm_.pendingApprovals().empty())
+      return rl_insert(count, key);
+    using D = DaemonChatViewModel::ApprovalDecision;
+    const D decision = key == 'y'   ? D::once
+                       : key == 'a' ? D::always
+                       : key == 's' ? D::session
+                                    : D::deny;
+    active->answerApproval(decision);
+    return 0;
+  }
+
+  // Alt-Enter: the line so far stays part of the message, which goes on on a new line (as a
+  // line ending in a backslash does).
+  static int onNewlineKey(int, int) {
+    rl_point = rl_end;
+    rl_insert_text("\\");
+    return rl_newline(1, '\n');
+  }
+
+  // Ctrl-D at the end of the line leaves (the line is kept as the draft); elsewhere it deletes.
+  static int onCtrlD(int count, int key) {
+    if (!active) return 0;
+    if (rl_point < rl_end) return rl_delete(count, key);
+    active->leaveAfterThisKey_ = true;
+    return 0;
+  }
+
   static void onLine(char* line) {
     if (!active) return;
-    if (!line) {  // Ctrl-D
-      active->stop();
+    if (!line) {  // end of input
+      active->leaveAfterThisKey_ = true;
       return;
     }
     std::string text(line);
     std::free(line);
     active->lineSubmitted_ = true;
-    active->handle(text);
+    active->submittedEcho_ = active->promptText_ + text;
+    active->inLineHandler_ = true;
+    if (!text.empty() && text.back() == '\\') {
+      text.pop_back();
+      active->continuedPending_ = text;
+      return;
+    }
+    std::string message = active->continued_ + text;
+    active->continued_.clear();
+    active->handle(message);
   }
 
   void waitForInput() {
@@ -141,52 +330,113 @@ class ChatTerminal {
                         if (ec || stopped_) return;
                         rl_callback_read_char();
                         if (stopped_) return;
-                        if (lineSubmitted_) {
-                          // The editor hands the finished line back into its buffer; start the next
-                          // one empty.
-                          lineSubmitted_ = false;
-                          clearLine();
-                        }
-                        // Keep the unsent line as the session's draft (the store debounces the
-                        // writes).
-                        const std::string current = rl_line_buffer ? rl_line_buffer : "";
-                        if (current != lastDraft_) {
-                          lastDraft_ = current;
-                          vm_.setComposerText(current);
-                        }
+                        if (leaveAfterThisKey_) return stop();
+                        afterKey();
                         waitForInput();
                       });
   }
 
+  // The editor hands a finished line back into its buffer and redraws the prompt after the line
+  // handler; what the handler changed is applied once it has.
+  void afterKey() {
+    if (lineSubmitted_) {
+      lineSubmitted_ = false;
+      inLineHandler_ = false;
+      clearLine();
+      if (continuedPending_) {
+        continued_ += *continuedPending_ + "\n";
+        continuedPending_.reset();
+      }
+      if (openRows_ > 0) {
+        // The finished line was echoed below the open region: take both off the screen and put
+        // the line back as output, so the open region stays right above the prompt.
+        std::cout << "\r\033[K";
+        for (std::size_t i = 0; i < rowsOf(submittedEcho_) + openRows_; ++i)
+          std::cout << "\033[A\r\033[K";
+        openRows_ = 0;
+        std::cout << submittedEcho_ << "\n";
+      }
+      updatePrompt();
+      if (restoreAfterLine_) {
+        restoreAfterLine_ = false;
+        restoreDraft();
+      }
+      redraw();
+      auto pending = std::move(deferred_);
+      deferred_.clear();
+      for (const auto& text : pending) print(text);
+    }
+    syncDraft();
+  }
+
+  // Keeps the unsent text as the session's draft (the store debounces the writes).
+  void syncDraft() {
+    const std::string current = continued_ + (rl_line_buffer ? rl_line_buffer : "");
+    if (current != lastDraft_) {
+      lastDraft_ = current;
+      vm_.setComposerText(current);
+    }
+  }
+
   void saveDraft() {
-    const std::string current = rl_line_buffer ? rl_line_buffer : "";
-    vm_.setComposerText(current);
+    vm_.setComposerText(continued_ + (rl_line_buffer ? rl_line_buffer : ""));
     drafts_.flushNow();
   }
 
   void restoreDraft() {
     lastDraft_ = vm_.composerText();
-    if (!lastDraft_.empty()) {
-      rl_insert_text(lastDraft_.c_str());
-      rl_forced_update_display();
+    continued_.clear();
+    if (lastDraft_.empty()) return;
+    // A draft of several lines comes back as its earlier lines kept and the last one editable.
+    const auto lastBreak = lastDraft_.rfind('\n');
+    if (lastBreak != std::string::npos) {
+      continued_ = lastDraft_.substr(0, lastBreak + 1);
+      print(dim("(continuing a message of several lines)\n") + continued_);
+      updatePrompt();
     }
+    rl_insert_text(lastDraft_.c_str() + (lastBreak == std::string::npos ? 0 : lastBreak + 1));
+    rl_redisplay();
   }
 
+  void loadHistory() {
+    using_history();
+    stifle_history(static_cast<int>(kHistoryLines));
+    if (!historyFile_.empty()) read_history(historyFile_.c_str());
+  }
+
+  // Owner-only: typed lines can hold anything.
+  void saveHistory() {
+    if (historyFile_.empty()) return;
+    std::error_code ec;
+    std::filesystem::create_directories(historyFile_.parent_path(), ec);
+    const int fd = ::open(historyFile_.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) return;
+    ::fchmod(fd, 0600);
+    ::close(fd);
+    write_history(historyFile_.c_str());
+  }
+
+  // A switch of session: the next line starts from the new session's draft.
   void switched() {
-    printedMessages_ = 0;
-    printedStreamLength_ = 0;
     shownRequests_.clear();
-    clearLine();
-    rl_callback_handler_remove();
-    installPrompt();
-    restoreDraft();
+    openText_.clear();
+    committed_ = 0;
+    awaitingOpen_ = true;
+    restoreAfterLine_ = true;
   }
 
-  void handle(const std::string& raw) {
-    std::string text = raw;
+  void answerApproval(DaemonChatViewModel::ApprovalDecision decision) {
+    const auto approvals = vm_.pendingApprovals();
+    if (approvals.empty()) return print("No approval is waiting.");
+    vm_.answerApproval(approvals.front().info.requestID, decision);
+  }
+
+  // ---- commands
+
+  void handle(const std::string& text) {
     lastDraft_.clear();
     if (!text.empty()) add_history(text.c_str());
-    if (text.empty()) return;
+    if (base::trim(text).empty()) return;
     if (text[0] != '/') {
       vm_.submit(text);
       return;
@@ -196,8 +446,11 @@ class ChatTerminal {
     words >> command;
     std::string rest;
     std::getline(words, rest);
-    if (!rest.empty() && rest[0] == ' ') rest.erase(0, 1);
-    if (command == "/quit" || command == "/exit") return stop();
+    rest = std::string(base::trim(rest));
+    if (command == "/quit" || command == "/exit") {
+      leaveAfterThisKey_ = true;
+      return;
+    }
     if (command == "/help") return print(kHelp);
     if (command == "/new") {
       vm_.startNewSession();
@@ -223,6 +476,7 @@ class ChatTerminal {
       return print(list.empty() ? "No agents." : list);
     }
     if (command == "/agent") {
+      if (rest.empty()) return print("Usage: /agent NAME");
       vm_.selectAgent(rest);
       switched();
       return;
@@ -263,8 +517,6 @@ class ChatTerminal {
     }
     if (command == "/cancel") return vm_.cancel();
     if (command == "/approve" || command == "/deny") {
-      const auto approvals = vm_.pendingApprovals();
-      if (approvals.empty()) return print("No approval is waiting.");
       auto decision = DaemonChatViewModel::ApprovalDecision::deny;
       if (command == "/approve") {
         if (rest == "once" || rest.empty())
@@ -276,8 +528,7 @@ class ChatTerminal {
         else
           return print("Usage: /approve once|session|always");
       }
-      vm_.answerApproval(approvals.front().info.requestID, decision);
-      return;
+      return answerApproval(decision);
     }
     if (command == "/answer" || command == "/decline") {
       const auto questions = vm_.pendingQuestions();
@@ -311,48 +562,88 @@ class ChatTerminal {
     print("Unknown command " + command + " (try /help)");
   }
 
+  // ---- what the controller shows
+
+  // A message counts as shown once its id, or an earlier message of the same role and text, was
+  // printed: a reload that gives a shown message another id (or moves it) never prints it again.
+  bool alreadyShown(const kit::Message& m, std::map<std::string, int>& seen) {
+    const auto key = DaemonChatViewModel::sessionKeyFor(m);
+    const int occurrence = ++seen[key];
+    if (shownIDs_.count(m.id)) return true;
+    if (shownKeys_[key] >= occurrence) {
+      shownIDs_.insert(m.id);
+      return true;
+    }
+    return false;
+  }
+
+  void markShown(const kit::Message& m) {
+    shownIDs_.insert(m.id);
+    ++shownKeys_[DaemonChatViewModel::sessionKeyFor(m)];
+  }
+
+  // After opening a session: its last screenful is shown, the rest counted.
+  void skipToLastScreen() {
+    const auto& messages = vm_.messages();
+    const std::size_t budget = terminalRows() > 8 ? terminalRows() - 6 : 4;
+    std::size_t rows = 0, keep = 0;
+    for (auto it = messages.rbegin(); it != messages.rend(); ++it) {
+      rows += rowsOf(it->content) + (it->toolBlock ? it->toolBlock->tools.size() : 0);
+      if (rows > budget && keep > 0) break;
+      ++keep;
+    }
+    const std::size_t hidden = messages.size() - keep;
+    for (std::size_t i = 0; i < hidden; ++i) {
+      markShown(messages[i]);
+      if (messages[i].toolBlock)
+        for (const auto& tool : messages[i].toolBlock->tools) shownTools_.insert(toolKey(tool));
+    }
+    if (hidden > 0)
+      print(dim("(" + std::to_string(hidden) + " earlier message" + (hidden == 1 ? "" : "s") +
+                " not shown; /history shows the whole session)"));
+  }
+
   void render() {
     if (stopped_) return;
     if (vm_.currentSessionID() != shownSession_) {
       shownSession_ = vm_.currentSessionID();
       if (shownSession_) print("(session " + *shownSession_ + ")");
     }
+    if (awaitingOpen_) {
+      if (vm_.isLoading()) return;
+      awaitingOpen_ = false;
+      if (vm_.currentSessionID()) skipToLastScreen();
+    }
     const auto& messages = vm_.messages();
-    if (printedMessages_ > messages.size()) printedMessages_ = 0;
-    // Finished messages are printed whole; the reply being written is printed as it grows.
-    while (printedMessages_ < messages.size()) {
-      const auto& m = messages[printedMessages_];
-      const bool last = printedMessages_ + 1 == messages.size();
+    std::map<std::string, int> seen;
+    bool streaming = false;
+    for (std::size_t i = 0; i < messages.size(); ++i) {
+      const auto& m = messages[i];
+      const bool last = i + 1 == messages.size();
+      if (m.author == "assistant") printTools(m);
+      if (last && m.author == "assistant" && vm_.isStreamActive()) {
+        streaming = true;
+        stream(m);
+        break;
+      }
+      if (alreadyShown(m, seen)) continue;
       if (m.author == "user") {
         // What was typed here is already on the screen.
         if (!m.id.starts_with("local-")) print("you: " + m.content);
-      } else if (m.author == "assistant") {
-        printTools(m);
-        const bool streaming = last && vm_.isStreamActive();
-        // Whole lines go out as the reply grows, so the line being typed below stays intact;
-        // the rest follows when the reply is complete.
-        std::size_t upTo = m.content.size();
-        if (streaming) {
-          const auto newline = m.content.rfind('\n');
-          upTo = newline == std::string::npos || newline < printedStreamLength_
-                     ? printedStreamLength_
-                     : newline + 1;
-        }
-        if (upTo > printedStreamLength_) {
-          std::string piece = m.content.substr(printedStreamLength_, upTo - printedStreamLength_);
-          if (!piece.empty() && piece.back() == '\n') piece.pop_back();
-          print((printedStreamLength_ == 0 ? "agent: " : "") + piece);
-          printedStreamLength_ = upTo;
-        }
-        if (streaming) break;
+      } else if (m.author == "assistant" && !m.content.empty()) {
+        finish(m);
       }
-      ++printedMessages_;
-      printedStreamLength_ = 0;
+      if (m.author != "assistant" || !m.content.empty() || !last) markShown(m);
+    }
+    if (!streaming && (!openText_.empty() || spinnerShown_)) {
+      openText_.clear();
+      spinnerShown_ = false;
+      redraw();
     }
     for (const auto& row : vm_.pendingApprovals()) {
       if (!shownRequests_.insert(row.info.requestID).second) continue;
       print("Approval needed: " + row.info.tool + (row.info.args ? " " + *row.info.args : "") +
-            "\n  answer with /approve once, /approve session, /approve always or /deny");
+            "\n  press y (once), s (this session), a (always) or n (deny); or /approve, /deny");
     }
     for (const auto& row : vm_.pendingQuestions()) {
       if (!shownRequests_.insert(row.request.requestId).second) continue;
@@ -377,11 +668,61 @@ class ChatTerminal {
     }
   }
 
+  // The reply being written: finished blocks are printed rendered, the block still growing is
+  // shown as it is in the open region, a spinner while nothing has come.
+  void stream(const kit::Message& m) {
+    if (m.id != streamingID_) {
+      streamingID_ = m.id;
+      committed_ = 0;
+    }
+    const std::string_view rest =
+        std::string_view(m.content).substr(std::min(committed_, m.content.size()));
+    const std::size_t boundary = lastBlockBoundary(rest);
+    if (boundary > 0) {
+      std::string rendered = renderMarkdown(rest.substr(0, boundary), style());
+      openText_.clear();
+      print(committed_ == 0 ? labelled(rendered) : rendered);
+      committed_ += boundary;
+    }
+    const std::string_view open = std::string_view(m.content).substr(committed_);
+    openText_ =
+        open.empty() ? std::string() : (committed_ == 0 ? "agent: " : "") + std::string(open);
+    while (!openText_.empty() && openText_.back() == '\n') openText_.pop_back();
+    const bool spin = openText_.empty();
+    if (spin && !spinnerShown_) {
+      spinnerShown_ = true;
+      tickSpinner();
+    }
+    spinnerShown_ = spin;
+    redraw();
+  }
+
+  // A reply complete: what was not printed yet is printed rendered.
+  void finish(const kit::Message& m) {
+    const std::size_t from = m.id == streamingID_ ? std::min(committed_, m.content.size()) : 0;
+    openText_.clear();
+    spinnerShown_ = false;
+    if (from < m.content.size()) {
+      const std::string rendered =
+          renderMarkdown(std::string_view(m.content).substr(from), style());
+      print(from == 0 ? labelled(rendered) : rendered);
+    } else {
+      redraw();
+    }
+    if (m.id == streamingID_) {
+      streamingID_.clear();
+      committed_ = 0;
+    }
+  }
+
+  static std::string toolKey(const kit::ToolEntrySnapshot& tool) {
+    return tool.toolUseId.value_or(tool.id) + "/" + kit::name(tool.status);
+  }
+
   void printTools(const kit::Message& m) {
     if (!m.toolBlock) return;
     for (const auto& tool : m.toolBlock->tools) {
-      const std::string key = m.id + "/" + tool.id + "/" + kit::name(tool.status);
-      if (!shownTools_.insert(key).second) continue;
+      if (!shownTools_.insert(toolKey(tool)).second) continue;
       print("[tool] " + tool.name + (tool.args ? ": " + *tool.args : "") + " (" +
             kit::name(tool.status) + (tool.isError ? ", error" : "") + ")");
     }
@@ -398,15 +739,31 @@ class ChatTerminal {
   DaemonChatViewModel& vm_;
   kit::DraftStorage& drafts_;
   asio::posix::stream_descriptor input_;
+  asio::steady_timer spinner_;
+  std::filesystem::path historyFile_;
+  bool colour_ = false;
   bool stopped_ = false;
-  std::size_t printedMessages_ = 0;
-  std::size_t printedStreamLength_ = 0;
+  // What has been shown: message ids, and how many messages of each role and text.
+  std::set<std::string> shownIDs_;
+  std::map<std::string, int> shownKeys_;
   std::set<std::string> shownTools_, shownRequests_;
+  std::string streamingID_;
+  std::size_t committed_ = 0;  // bytes of the streaming reply printed for good
+  std::string openText_;
+  std::size_t openRows_ = 0;
+  bool spinnerShown_ = false;
+  std::size_t spinnerFrame_ = 0;
+  bool awaitingOpen_ = false;
   std::optional<std::string> lastError_, lastNotice_;
   bool shownCredits_ = false, shownQuota_ = false;
   std::string lastDraft_;
   std::string promptText_;
-  bool lineSubmitted_ = false;
+  std::string submittedEcho_;  // the prompt and the line as the editor left them on the screen
+  std::string continued_;      // earlier lines of a message typed over several lines
+  std::optional<std::string> continuedPending_;
+  bool lineSubmitted_ = false, inLineHandler_ = false, restoreAfterLine_ = false;
+  bool leaveAfterThisKey_ = false;
+  std::vector<std::string> deferred_;
   std::optional<std::string> shownSession_;
 };
 
@@ -425,7 +782,8 @@ int chatInteractive(const GlobalOptions& options, const std::optional<std::strin
   const auto controller = rt.services.makeChatViewModel();
   auto& vm = *controller;
 
-  ChatTerminal terminal(io, vm, drafts);
+  const bool colour = ::isatty(STDOUT_FILENO) && !rt.services.environment().noColor;
+  ChatTerminal terminal(io, vm, drafts, rt.services.appFolder() / "chat_history", colour);
   vm.start();
   // Wait for the agents before the first prompt, bounded so a slow engine does not hang us.
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
@@ -442,16 +800,17 @@ int chatInteractive(const GlobalOptions& options, const std::optional<std::strin
             << vm.selectedAgent().value_or("the default agent") << ". /help lists commands."
             << std::endl;
 
-  asio::signal_set signals(io, SIGINT, SIGTERM);
+  asio::signal_set signals(io, SIGINT, SIGTERM, SIGHUP);
   std::function<void()> listen = [&] {
     signals.async_wait([&](const boost::system::error_code& ec, int signal) {
       if (ec) return;
-      if (signal == SIGTERM) return terminal.stop();
+      if (signal != SIGINT) return terminal.stop();
       terminal.interrupt();
       listen();
     });
   };
   listen();
+  if (sessionID) terminal.openedExistingSession();
   terminal.run();
   io.run();
   rt.services.eventStream().stop();

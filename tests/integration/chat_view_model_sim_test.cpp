@@ -29,7 +29,7 @@ class ChatViewModelSim : public ::testing::Test {
   std::unique_ptr<DaemonChatViewModel> makeViewModel(
       base::PreferencesStore* preferences = nullptr) {
     auto vm = std::make_unique<DaemonChatViewModel>(
-        main, DaemonChatViewModel::Dependencies{&client, &events, &history, nullptr, preferences});
+        main, DaemonChatViewModel::Dependencies{&engine, &events, &history, nullptr, preferences});
     vm->start();
     runUntil([&] { return !vm->agents().empty() && !vm->sessions().empty(); });
     return vm;
@@ -53,6 +53,7 @@ class ChatViewModelSim : public ::testing::Test {
   asio::io_context io;
   base::AsioMainExecutor main{io};
   bridge::DaemonClient client;
+  DaemonChatEngine engine{client};
   bridge::EventStreamClient events;
   bridge::SessionHistory history;  // reads the session files the simulator writes
 };

@@ -84,7 +84,9 @@ TEST_F(EventStreamSim, DeliversDecodedEventsAndResumesAfterADrop) {
   test::SimEngine sim({});
   asio::io_context io;
   DaemonClient client({sim.port(), sim.token(), "DEVICE-9", {}});
-  EventStreamClient events(io.get_executor(), {sim.port(), sim.token(), "DEVICE-9"});
+  EventStreamClient::Config config{sim.port(), sim.token(), "DEVICE-9"};
+  config.engineInstance = [] { return std::optional<std::string>("the same engine throughout"); };
+  EventStreamClient events(io.get_executor(), config);
   std::vector<bool> connections;
   events.connectionChanged().connect([&](bool up) { connections.push_back(up); });
   auto subscription = events.subscribe();
@@ -133,6 +135,9 @@ TEST_F(EventStreamSim, DeliversDecodedEventsAndResumesAfterADrop) {
   ASSERT_GE(queries.size(), 2u);
   EXPECT_EQ(queries.front(), "-");
   EXPECT_NE(queries.back(), "-") << "the reconnect carries last_event_id";
+  EXPECT_NE(queries.back(), "0")
+      << "the same engine resumes after its last event, not from its first";
+  EXPECT_FALSE(events.readsNewEngineFromStart()) << "the same engine is resumed, not reread";
   EXPECT_EQ((std::vector<bool>{connections.begin(), connections.begin() + 3}),
             (std::vector<bool>{true, false, true}));
   events.stop();

@@ -158,7 +158,8 @@ TEST_F(LifetimesAgainstAnEngine, TheRPCChannelGoesDuringItsHandshake) {
 }
 
 TEST_F(LifetimesAgainstAnEngine, TheChatControllerGoesWhileAReplyStreamsAndALoadRuns) {
-  auto engine = client();
+  auto engineClient = client();
+  desktop::DaemonChatEngine engine(engineClient);
   asio::thread_pool files(1);
   bridge::SessionHistory history(dir.path() / "verdane", files.get_executor());
   bridge::EventStreamClient stream(main.ioExecutor(), {sim.port(), sim.token(), "DEVICE-1"});

@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
 """The interactive `tamsel chat` driven as a person would, through tmux, against the simulator."""
+import json
 import os
 import shutil
 import signal
@@ -70,6 +71,20 @@ class InteractiveChat(unittest.TestCase):
             time.sleep(0.1)
         self.fail("%r never appeared on the screen:\n%s" % (text, self.screen()))
 
+    def wait_idle(self, timeout=15):
+        """Until no reply is being written: the spinner and the reply's open block are gone."""
+        deadline = time.monotonic() + timeout
+        last = None
+        while time.monotonic() < deadline:
+            screen = self.screen()
+            if screen == last and not any(s in screen for s in "⠋⠙⠹⠸⠼⠴⠦⠧⠇⠏"):
+                time.sleep(0.4)
+                if self.screen() == screen:
+                    return screen
+            last = screen
+            time.sleep(0.2)
+        self.fail("the reply never finished:\n" + self.screen())
+
     def session_id(self):
         for line in self.screen().splitlines():
             if line.startswith("(session "):
@@ -80,6 +95,7 @@ class InteractiveChat(unittest.TestCase):
         self.open()
         self.keys("hello there", "Enter")
         self.wait_for('agent: About "hello there"')
+        self.wait_idle()
 
         # Typed while a reply runs: queued, then sent when it ends.
         self.keys("take your time [slow]", "Enter")
@@ -119,7 +135,7 @@ class InteractiveChat(unittest.TestCase):
         session = self.session_id()
         self.keys("keep this for later")
         time.sleep(0.3)
-        self.keys("C-c")
+        self.keys("C-d")
         self.wait_for("EXIT=0")
 
         self.open("--session", session)
@@ -147,6 +163,160 @@ class InteractiveChat(unittest.TestCase):
         self.keys("/send-now", "Enter")
         self.wait_for('agent: About "uno"', timeout=20)
         self.assertNotIn('About "two"', self.screen())
+
+    def drafts(self):
+        path = os.path.join(self.home, "data", "dev.tamsel.desktop", "drafts.json")
+        try:
+            with open(path) as f:
+                return {e["key"]: e["text"] for e in json.load(f)["entries"]}
+        except FileNotFoundError:
+            return {}
+
+    def first_session(self):
+        self.keys("first message", "Enter")
+        self.wait_for('agent: About "first message"')
+        self.wait_idle()
+        return self.session_id()
+
+    def test_switching_sessions_never_loses_a_draft(self):
+        self.open()
+        session = self.first_session()
+        self.keys("draft for the first session")
+        time.sleep(0.8)
+        self.keys("C-d")
+        self.wait_for("EXIT=0")
+        self.assertEqual(self.drafts().get("session:" + session), "draft for the first session")
+
+        # A new chat, then the session opened by hand: its line comes back, and stays stored.
+        self.open()
+        self.keys("/open " + session, "Enter")
+        self.wait_for("> draft for the first session")
+        time.sleep(0.8)
+        self.assertEqual(self.drafts().get("session:" + session), "draft for the first session")
+        self.keys("C-u")  # clear the line by hand: switching away must not store the empty line
+        self.keys("typed again", "Enter")
+        self.wait_for('agent: About "typed again"')
+        self.wait_idle()
+        self.keys("half typed")
+        time.sleep(0.8)
+        self.keys("C-a", "C-k", "/new", "Enter")
+        self.wait_for("New session.")
+        self.keys("/open " + session, "Enter")
+        self.wait_for("(session %s)" % session)
+        time.sleep(0.8)
+        self.assertNotIn("half typed", self.drafts().get("session:" + session, ""))
+
+    def test_a_line_left_in_a_new_chat_comes_back_in_the_next_one(self):
+        self.open()
+        self.keys("not sent yet")
+        time.sleep(0.8)
+        self.keys("C-d")
+        self.wait_for("EXIT=0")
+        self.open()
+        self.wait_for("main> not sent yet")
+        self.assertEqual([k for k in self.drafts() if k.startswith("pending:")], [],
+                         "nothing stored under a key no later chat can reach")
+
+    def test_history_shows_the_users_own_lines_and_slash_commands_leave_a_clean_prompt(self):
+        self.open()
+        self.first_session()
+        self.keys("/history", "Enter")
+        screen = self.wait_for("the whole session")
+        self.assertIn("you: first message", screen.split("the whole session")[1])
+        self.keys("/help", "Enter")
+        screen = self.wait_for("Ctrl-D")
+        self.assertNotIn("/helpmain>", screen)
+        self.assertNotIn("/historymain>", screen)
+        self.assertTrue(screen.rstrip().endswith("main>"), screen)
+
+    def test_a_reply_streams_word_by_word(self):
+        self.open()
+        self.keys("stream it [slow]", "Enter")
+        partial = None
+        deadline = time.monotonic() + 20
+        while time.monotonic() < deadline and partial is None:
+            screen = self.screen()
+            if 'About "stream it [slow]"' in screen and "next steps?" not in screen:
+                partial = screen
+            time.sleep(0.05)
+        self.assertIsNotNone(partial, "the reply never showed before it was complete")
+        final = self.wait_for("next steps?")
+        self.assertEqual(final.count('About "stream it [slow]"'), 1)
+
+    def test_after_an_engine_restart_the_next_reply_shows_once(self):
+        self.open()
+        self.first_session()
+        self.keys("interrupted [slow]", "Enter")
+        self.wait_for("(running)")
+        pidfile = os.path.join(self.home, "data", "dev.tamsel.engine", "daemon.pid")
+        with open(pidfile) as f:
+            os.kill(int(f.read().strip()), signal.SIGKILL)
+        time.sleep(1)
+        env = dict(self.env)
+        env["TAMSEL_ENGINE_ARGS"] = env["TAMSEL_ENGINE_ARGS"].strip("'")
+        subprocess.run([TAMSEL, "--engine-port", str(self.port), "--engine-home",
+                        os.path.join(self.home, "engine-home"), "engine", "start"],
+                       env=env, capture_output=True, timeout=30)
+        time.sleep(1)
+        self.keys("after the restart", "Enter")
+        self.wait_for('agent: About "after the restart"', timeout=20)
+        screen = self.wait_idle()
+        time.sleep(2)  # reloads and reconnects settle
+        screen = self.screen()
+        self.assertEqual(screen.count('About "after the restart"'), 1, screen)
+        self.assertEqual(screen.count("you: first message"), 0, "nothing shown before is shown again")
+
+    def test_keys_answer_approvals_clear_lines_continue_messages_and_recall_history(self):
+        self.open()
+        self.keys("check [approval]", "Enter")
+        self.wait_for("Approval needed: bash")
+        self.keys("s")
+        self.wait_for("bash allowed for this session.")
+        self.wait_for("I listed the folder")
+        self.wait_idle()
+        self.assertTrue(self.screen().rstrip().endswith("main>"), "the key never reached the line")
+
+        self.keys("half typed")
+        self.keys("C-c")
+        time.sleep(0.5)
+        self.assertTrue(self.screen().rstrip().endswith("main>"), self.screen())
+        self.assertNotIn("EXIT=", self.screen())
+
+        self.keys("line one", "M-Enter")
+        self.wait_for("… ")
+        self.keys("line two", "Enter")
+        self.wait_for("line two")
+        self.wait_for('agent: About "line one')
+        self.wait_idle()
+        self.keys("/quit", "Enter")
+        self.wait_for("EXIT=0")
+        history = os.path.join(self.home, "data", "dev.tamsel.desktop", "chat_history")
+        self.assertEqual(os.stat(history).st_mode & 0o777, 0o600)
+
+        self.open()
+        self.keys("Up")
+        self.wait_for("main> /quit")
+        self.keys("Up")
+        self.wait_for("line two")
+
+    def test_a_long_session_opens_on_its_last_screenful(self):
+        sessions = os.path.join(self.home, "engine-home", "sessions")
+        os.makedirs(sessions, exist_ok=True)
+        messages = []
+        for i in range(200):
+            messages.append({"role": "user", "content": "question %d" % i})
+            messages.append({"role": "assistant", "content": "answer %d" % i})
+        with open(os.path.join(sessions, "s_long.json"), "w") as f:
+            json.dump({"id": "s_long", "title": "Long", "messages": messages}, f)
+        self.open("--session", "s_long")
+        screen = self.wait_for("earlier messages not shown")
+        self.assertIn("answer 199", screen)
+        self.assertNotIn("question 0\n", screen + "\n")
+        self.keys("/history", "Enter")
+        time.sleep(1.5)
+        everything = subprocess.run(["tmux", "-L", self.server, "capture-pane", "-p", "-J", "-S", "-",
+                                     "-t", self.name], capture_output=True, text=True).stdout
+        self.assertIn("you: question 0\n", everything.split("— the whole session —")[1])
 
 
 if __name__ == "__main__":

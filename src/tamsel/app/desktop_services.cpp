@@ -10,6 +10,7 @@
 #include "tamsel/bridge/device_identity.hpp"
 #include "tamsel/bridge/event_stream_client.hpp"
 #include "tamsel/bridge/http_transport.hpp"
+#include "tamsel/bridge/pidfile_reader.hpp"
 #include "tamsel/bridge/rpc/desktop_rpc_method_dispatcher.hpp"
 #include "tamsel/bridge/rpc/desktop_rpc_service.hpp"
 #include "tamsel/bridge/session_history.hpp"
@@ -17,6 +18,7 @@
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
 #include "tamsel/desktop/engine_locator.hpp"
 #include "tamsel/kit/draft_storage.hpp"
+#include "tamsel/platform/child_process.hpp"
 
 namespace tamsel::app {
 
@@ -30,6 +32,7 @@ struct DesktopServices::Parts {
   std::optional<std::string> deviceID;
   std::shared_ptr<bridge::HttpSessions> sessions;
   std::unique_ptr<bridge::DaemonClient> client;
+  std::unique_ptr<desktop::DaemonChatEngine> chatEngine;
   std::unique_ptr<base::PreferencesStore> preferences;
   std::unique_ptr<kit::DraftStorage> drafts;
   // Session files are decoded here, never on the main executor.
@@ -94,9 +97,17 @@ bridge::DaemonClient& DesktopServices::client() {
 
 bridge::EventStreamClient& DesktopServices::eventStream() {
   if (!parts_->eventStream) {
-    parts_->eventStream = std::make_unique<bridge::EventStreamClient>(
-        main_.ioExecutor(),
-        bridge::EventStreamClient::Config{options_.enginePort, presenceToken(), deviceID()});
+    bridge::EventStreamClient::Config config{options_.enginePort, presenceToken(), deviceID()};
+    // The engine process: the pidfile's PID with its start time, so a reused PID is not taken
+    // for the same engine.
+    config.engineInstance = [pidfile = paths_.pidfilePath()]() -> std::optional<std::string> {
+      const auto pid = bridge::PidfileReader::readProcessID(pidfile);
+      const auto started = pid ? platform::processStartTime(*pid) : std::nullopt;
+      if (!started) return std::nullopt;
+      return std::to_string(*pid) + "@" + std::to_string(*started);
+    };
+    parts_->eventStream =
+        std::make_unique<bridge::EventStreamClient>(main_.ioExecutor(), std::move(config));
   }
   return *parts_->eventStream;
 }
@@ -182,8 +193,10 @@ desktop::DaemonManager& DesktopServices::daemonManager() {
 }
 
 std::unique_ptr<desktop::DaemonChatViewModel> DesktopServices::makeChatViewModel() {
-  desktop::DaemonChatViewModel::Dependencies deps{&client(), &eventStream(), &sessionHistory(),
-                                                  &drafts(), &preferences()};
+  if (!parts_->chatEngine)
+    parts_->chatEngine = std::make_unique<desktop::DaemonChatEngine>(client());
+  desktop::DaemonChatViewModel::Dependencies deps{parts_->chatEngine.get(), &eventStream(),
+                                                  &sessionHistory(), &drafts(), &preferences()};
   return std::make_unique<desktop::DaemonChatViewModel>(main_, deps);
 }
 

@@ -56,6 +56,8 @@ Environment read() {
   e.desktopRPC = get("TAMSEL_DESKTOP_RPC");
   e.presenceToken = get("TAMSEL_LOCAL_PRESENCE_TOKEN");
   e.axServerBundlePath = get("TAMSEL_AX_SERVER_BUNDLE_PATH");
+  const auto noColor = get("NO_COLOR");
+  e.noColor = noColor && !noColor->empty();
   return e;
 }
 

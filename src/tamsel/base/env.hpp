@@ -26,6 +26,7 @@ struct Environment {
   std::optional<std::string> desktopRPC;     // TAMSEL_DESKTOP_RPC: "0" switches the channel off
   std::optional<std::string> presenceToken;  // TAMSEL_LOCAL_PRESENCE_TOKEN (a secret)
   std::optional<std::string> axServerBundlePath;  // TAMSEL_AX_SERVER_BUNDLE_PATH
+  bool noColor = false;  // NO_COLOR set to anything but empty: text without colour
 };
 Environment read();
 

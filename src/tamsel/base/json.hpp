@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "tamsel/base/dates.hpp"
+#include "tamsel/base/error.hpp"
 #include "tamsel/base/strings.hpp"
 
 namespace tamsel::base::json {
@@ -26,9 +27,10 @@ namespace tamsel::base::json {
 namespace bj = boost::json;
 
 // Thrown when a JSON value does not have the shape of the record asked for.
-class DecodeError : public std::runtime_error {
+class DecodeError : public base::Error {
  public:
-  using std::runtime_error::runtime_error;
+  static constexpr std::string_view category = "decode";
+  explicit DecodeError(const std::string& message) : Error(category, "invalid", message) {}
 };
 
 // Parses text into a JSON value; throws DecodeError with the parser's reason on bad input.

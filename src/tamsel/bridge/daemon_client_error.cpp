@@ -53,6 +53,21 @@ std::string DaemonClientError::description() const {
   return std::visit(Visitor{}, value);
 }
 
+std::string DaemonClientError::code() const {
+  static const char* const names[] = {"server_error",
+                                      "validation",
+                                      "quota_exceeded",
+                                      "credits_exhausted",
+                                      "window_not_found",
+                                      "capture_failed",
+                                      "queue_full",
+                                      "screenshot_endpoint_unavailable",
+                                      "screen_recording_denied",
+                                      "idempotent_request_failed",
+                                      "idempotent_request_in_progress"};
+  return base::caseName(value, names);
+}
+
 DaemonClientError DaemonClientError::fromErrorBody(int status, const DaemonError& body) {
   const std::string code = body.code.value_or("");
   if (!code.empty() && isBillingCode(code)) {

@@ -8,6 +8,7 @@
 #include <variant>
 
 #include "tamsel/base/dates.hpp"
+#include "tamsel/base/error.hpp"
 
 namespace tamsel::bridge {
 
@@ -35,6 +36,7 @@ struct CreditsDetails {
 };
 
 struct DaemonClientError {
+  static constexpr std::string_view category = "engine";
   struct ServerError {
     int status = 0;
     std::string message;
@@ -66,6 +68,7 @@ struct DaemonClientError {
   Case value;
 
   std::string description() const;
+  std::string code() const;
 
   template <class T>
   bool is() const {
@@ -88,20 +91,13 @@ struct DaemonClientError {
 };
 
 // What engine calls throw.
-class DaemonClientException : public std::runtime_error {
- public:
-  explicit DaemonClientException(DaemonClientError error)
-      : std::runtime_error(error.description()), error_(std::move(error)) {}
-  const DaemonClientError& error() const { return error_; }
-
- private:
-  DaemonClientError error_;
-};
+using DaemonClientException = base::ErrorOf<DaemonClientError>;
 
 // A transport failure (no connection, time limit, broken stream), passed to callers as is.
-class TransportError : public std::runtime_error {
+class TransportError : public base::Error {
  public:
-  using std::runtime_error::runtime_error;
+  static constexpr std::string_view category = "transport";
+  explicit TransportError(const std::string& message) : Error(category, "failed", message) {}
 };
 
 }  // namespace tamsel::bridge

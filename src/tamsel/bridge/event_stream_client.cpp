@@ -148,6 +148,9 @@ struct EventStreamClient::Impl {
   std::map<std::string, std::shared_ptr<EventSubscription>> subscribers;
   std::optional<std::string> lastEventID;
   std::optional<std::string> lastFailure;
+  // The engine process the events so far came from, when it could be told.
+  std::optional<std::string> readFrom;
+  bool fromNewEngineStart = false;
   bool running = false;
   bool connected = false;
   std::uint64_t generation = 0;
@@ -181,7 +184,24 @@ struct EventStreamClient::Impl {
     for (auto& [id, subscription] : subscribers) subscription->push(event);
   }
 
+  // A resume point from another engine process is void (see Config::engineInstance).
+  void checkEngineInstance() {
+    if (!config.engineInstance) return;
+    const auto now = config.engineInstance();
+    fromNewEngineStart = false;
+    if (lastEventID && readFrom && now != readFrom) {
+      base::log::info(kSource,
+                      "the engine changed since event {}; reading the new one's events "
+                      "from its first",
+                      *lastEventID);
+      lastEventID = "0";
+      fromNewEngineStart = true;
+    }
+    readFrom = now;
+  }
+
   static asio::awaitable<void> readOnce(std::shared_ptr<Impl> self, std::uint64_t generation) {
+    self->checkEngineInstance();
     DaemonClient::Query query;
     if (self->lastEventID) query.emplace_back("last_event_id", *self->lastEventID);
     HttpRequest request;
@@ -282,6 +302,8 @@ void EventStreamClient::stop() { impl_->stop(); }
 
 bool EventStreamClient::isRunning() const { return impl_->running; }
 bool EventStreamClient::isConnected() const { return impl_->connected; }
+bool EventStreamClient::readsNewEngineFromStart() const { return impl_->fromNewEngineStart; }
+
 const std::optional<std::string>& EventStreamClient::lastEventID() const {
   return impl_->lastEventID;
 }

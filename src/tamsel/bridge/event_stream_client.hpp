@@ -18,6 +18,7 @@
 #include <boost/asio/awaitable.hpp>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -34,10 +35,12 @@ class HttpSession;
 
 namespace tamsel::bridge {
 
-class SSEBufferOverflowError : public std::runtime_error {
+class SSEBufferOverflowError : public base::Error {
  public:
+  static constexpr std::string_view category = "event_stream";
   SSEBufferOverflowError()
-      : std::runtime_error("The event consumer could not keep up with critical daemon events.") {}
+      : Error(category, "buffer_overflow",
+              "The event consumer could not keep up with critical daemon events.") {}
 };
 
 // The backoff rule, kept apart from the loop so it can be checked without waiting.
@@ -90,6 +93,12 @@ class EventStreamClient {
     std::string presenceToken;  // secret: never logged
     std::string desktopDeviceID;
     std::chrono::milliseconds silenceLimit{45000};
+    // Which engine process serves the port now (for example its PID and start time), nothing
+    // when that cannot be told. Event ids are numbered per engine process: a resume point read
+    // from one process means nothing to the next, which numbers from 1 again. So when the
+    // engine changed since the last event (or the one that sent it can no longer be found), the
+    // stream starts again from the first event the new engine kept instead of skipping them.
+    std::function<std::optional<std::string>()> engineInstance;
   };
 
   // `session` carries the stream; without one the client makes its own, with a day's time limit
@@ -121,6 +130,8 @@ class EventStreamClient {
   // Why the last connection ended, when it failed (a transport error, a line past the limit);
   // set before connectionChanged(false) is emitted, so an observer can say why.
   const std::optional<std::string>& lastFailure() const;
+  // Whether the current (or last) connection started again from a new engine's first event.
+  bool readsNewEngineFromStart() const;
   // Emitted on the client's executor when a connection opens (true) or ends (false); views
   // refetch what they show after a reconnect, since events may have been missed.
   base::Signal<bool>& connectionChanged();

@@ -10,6 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "tamsel/base/error.hpp"
+
 namespace tamsel::calendar {
 
 struct DAVResponse {
@@ -20,8 +22,9 @@ struct DAVResponse {
 };
 
 // A failure to talk to the server at all (name lookup, connection, deadline, bad answer).
-struct DAVTransportError : std::runtime_error {
-  using std::runtime_error::runtime_error;
+struct DAVTransportError : base::Error {
+  static constexpr std::string_view category = "caldav";
+  explicit DAVTransportError(const std::string& message) : Error(category, "failed", message) {}
 };
 
 class DAVClient {

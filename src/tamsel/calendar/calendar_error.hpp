@@ -4,12 +4,14 @@
 #include <string>
 #include <variant>
 
+#include "tamsel/base/error.hpp"
 #include "tamsel/bridge/rpc/messages.hpp"
 #include "tamsel/calendar/calendar_records.hpp"
 
 namespace tamsel::calendar {
 
 struct CalendarRPCError {
+  static constexpr std::string_view category = "calendar";
   // The wording for an update with scope "all", kept in this one place: agents read it and act on
   // it, so it names the calls that do what was asked.
   static constexpr const char* updateScopeAllRefusal =
@@ -50,18 +52,11 @@ struct CalendarRPCError {
   // The wire code (CalendarErrorWireCodes).
   std::string code() const;
   std::string message() const;
+  std::string description() const { return message(); }
   // `invalid_argument` carries {"field": ...}; nothing else has details.
   bridge::rpc::RPCError toRPCError() const;
 };
 
-class CalendarException : public std::runtime_error {
- public:
-  explicit CalendarException(CalendarRPCError error)
-      : std::runtime_error(error.message()), error_(std::move(error)) {}
-  const CalendarRPCError& error() const { return error_; }
-
- private:
-  CalendarRPCError error_;
-};
+using CalendarException = base::ErrorOf<CalendarRPCError>;
 
 }  // namespace tamsel::calendar

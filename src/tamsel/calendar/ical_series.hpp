@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tamsel/base/error.hpp"
 #include "tamsel/calendar/calendar_records.hpp"
 #include "tamsel/calendar/calendar_store.hpp"
 
@@ -29,9 +30,10 @@ struct EventID {
   static std::optional<EventID> parse(std::string_view text);
 };
 
-class ICalFormatError : public std::runtime_error {
+class ICalFormatError : public base::Error {
  public:
-  using std::runtime_error::runtime_error;
+  static constexpr std::string_view category = "ical";
+  explicit ICalFormatError(const std::string& message) : Error(category, "invalid", message) {}
 };
 
 class ICalSeries {

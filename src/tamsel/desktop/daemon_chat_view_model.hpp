@@ -2,7 +2,8 @@
 // The controller behind a chat window, free of any UI toolkit: agents and sessions for the
 // sidebar, the visible session's transcript, the reply streams of every running session, queued
 // and injected messages, approvals and questions, drafts, and the bounded caches that make
-// switching sessions instant.
+// switching sessions instant. Its state is kept in parts (chat/chat_parts.hpp) that a window can
+// bind to one by one; this class coordinates them and talks to the engine through ChatEngine.
 //
 // Lives on the main executor: call every method there; every change of its observable state is
 // published there, in order, through changed(). Engine calls and file loads are awaited on it;
@@ -19,106 +20,34 @@
 #include "tamsel/base/main_executor.hpp"
 #include "tamsel/base/preferences_store.hpp"
 #include "tamsel/base/signal.hpp"
-#include "tamsel/bridge/daemon_client.hpp"
-#include "tamsel/bridge/daemon_client_error.hpp"
 #include "tamsel/bridge/event_stream_client.hpp"
 #include "tamsel/bridge/session_history.hpp"
 #include "tamsel/bridge/session_identity_registry.hpp"
-#include "tamsel/kit/cancellation_planning.hpp"
-#include "tamsel/kit/composer_queue.hpp"
+#include "tamsel/desktop/chat/chat_engine.hpp"
+#include "tamsel/desktop/chat/chat_parts.hpp"
 #include "tamsel/kit/draft_storage.hpp"
-#include "tamsel/kit/external_queued_messages.hpp"
-#include "tamsel/kit/session_stores.hpp"
-#include "tamsel/kit/transcript.hpp"
 
 namespace tamsel::desktop {
 
-using kit::Timestamp;
-
 class DaemonChatViewModel {
  public:
-  enum class RunState { softIdle, retrying, active, hardIdle, compacting };
-
+  using RunState = desktop::RunState;
   using ToolStatusEntry = kit::ToolEntrySnapshot;
-
-  struct UsageSnapshot {
-    std::optional<std::int64_t> inputTokens, outputTokens, cacheReadTokens;
-    std::optional<double> costUSD;
-    std::optional<std::string> model;
-    bool operator==(const UsageSnapshot&) const = default;
-  };
-
-  struct StreamingStatus {
-    std::vector<ToolStatusEntry> toolStatuses;
-    std::string activityLine;
-    bool isActive = false;
-    std::optional<kit::CloudProgress> taskProgress;
-    std::optional<UsageSnapshot> usage;
-    RunState runState = RunState::softIdle;
-    std::optional<std::string> ownerSessionID;
-    bool operator==(const StreamingStatus&) const = default;
-  };
-
-  struct InFlightSessionState {
-    std::vector<kit::Message> messages;
-    StreamingStatus streamingStatus;
-    std::string deltaBuffer;
-    bool isSending = false;
-    bool isStreamActive = false;
-  };
-
-  struct CachedSessionWindow {
-    std::vector<kit::Message> messages;
-    std::int64_t totalCount = 0;
-    std::vector<bridge::ReloadedDeliverable> deliverables;
-    std::optional<bridge::SessionFileFingerprint> fingerprint;
-    std::int64_t optimisticCount = 0;
-  };
-
-  struct PendingSession {
-    std::string id;  // pending local id
-    std::optional<std::string> title;
-    Timestamp createdAt{};
-    std::optional<std::string> cwd;
-    std::optional<std::string> projectID;
-  };
-
-  struct AgentItem {
-    std::string id, name;
-    std::optional<std::string> displayName, avatar;
-    bool hasMemory = false, isBuiltin = false, isOverride = false;
-    std::int64_t commandCount = 0, skillCount = 0;
-  };
-
-  // A request row shown in the transcript.
-  struct ApprovalRow {
-    kit::ApprovalInfo info;
-    std::string sessionKey;
-  };
-  struct QuestionRow {
-    bridge::QuestionRequestPayload request;
-    std::string sessionKey;
-  };
+  using UsageSnapshot = desktop::UsageSnapshot;
+  using StreamingStatus = desktop::StreamingStatus;
+  using InFlightSessionState = desktop::InFlightSessionState;
+  using CachedSessionWindow = desktop::CachedSessionWindow;
+  using PendingSession = desktop::PendingSession;
+  using AgentItem = desktop::AgentItem;
+  using ApprovalRow = desktop::ApprovalRow;
+  using QuestionRow = desktop::QuestionRow;
+  using Bounds = ChatBounds;
 
   enum class ApprovalDecision { once, session, always, deny };
   enum class SubmitOutcome { sent, queued, injected, ignored };
 
-  struct Bounds {
-    static constexpr int maxCachedSessions = 6;
-    static constexpr int maxInFlightSessionStates = 10;
-    static constexpr int maxResolvedRequestIDCount = 300;
-    static constexpr int maxHandledMessageReceivedIDCount = 300;
-    static constexpr int maxRecentSSEDoneSessionCount = 300;
-    static constexpr int maxScheduleRunAgentNotifiedCount = 256;
-    static constexpr int shareTaskStatesCap = 20;
-    static constexpr int backgroundTaskScopesCap = 40;
-    static constexpr int backgroundStatusesCap = 20;
-    static constexpr int externalQueuedMessagesPerSession = 20;
-    static constexpr int promptSuggestionsPerSession = 50;
-  };
-
   struct Dependencies {
-    bridge::DaemonClient* client = nullptr;
+    ChatEngine* engine = nullptr;
     bridge::EventStreamClient* events = nullptr;  // optional
     bridge::SessionHistory* history = nullptr;
     kit::DraftStorage* drafts = nullptr;            // optional
@@ -134,7 +63,17 @@ class DaemonChatViewModel {
   DaemonChatViewModel& operator=(const DaemonChatViewModel&) = delete;
 
   // ---- observable state ----
+  // Any change of any part, once per turn of the main executor.
   base::Signal<>& changed();
+  // The parts, for a view that binds to each on its own.
+  ChatPartView<ChatSidebarState>& sidebar();
+  ChatPartView<ChatTranscriptState>& transcript();
+  ChatPartView<ChatRepliesState>& replies();
+  ChatPartView<ChatRequestsState>& requests();
+  ChatPartView<ChatQueueState>& queue();
+  ChatPartView<ChatStatusState>& status();
+
+  // The same state, field by field.
   const std::vector<AgentItem>& agents() const;
   const std::optional<std::string>& selectedAgent() const;
   const std::vector<bridge::DaemonSession>& sessions() const;
@@ -199,10 +138,10 @@ class DaemonChatViewModel {
   void setSessionBrowseScope(std::string scope);
   const std::set<std::string>& partialSessions() const;
   const std::set<std::string>& completedUnreadSessions() const;
-  static constexpr const char* sessionBrowseKey = "dev.tamsel.desktop.daemonChat.sessionBrowse";
-  static constexpr const char* partialSessionsKey = "dev.tamsel.desktop.daemonChat.partialSessions";
+  static constexpr const char* sessionBrowseKey = ChatSidebarState::sessionBrowseKey;
+  static constexpr const char* partialSessionsKey = ChatSidebarState::partialSessionsKey;
   static constexpr const char* completedUnreadSessionsKey =
-      "dev.tamsel.desktop.daemonChat.completedUnreadSessions";
+      ChatSidebarState::completedUnreadSessionsKey;
 
  public:
   struct Impl;

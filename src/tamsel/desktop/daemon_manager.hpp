@@ -18,6 +18,7 @@
 #include <variant>
 #include <vector>
 
+#include "tamsel/base/error.hpp"
 #include "tamsel/base/main_executor.hpp"
 #include "tamsel/base/signal.hpp"
 #include "tamsel/bridge/daemon_client.hpp"
@@ -33,23 +34,17 @@ class DesktopRPCService;
 namespace tamsel::desktop {
 
 struct DaemonManagerError {
+  static constexpr std::string_view category = "supervisor";
   struct ProcessFailed {
     std::int32_t status = 0;
   };
   struct BinaryNotFound {};
   std::variant<ProcessFailed, BinaryNotFound> value;
   std::string description() const;
+  std::string code() const { return base::caseName(value, {"process_failed", "binary_not_found"}); }
 };
 
-class DaemonManagerException : public std::runtime_error {
- public:
-  explicit DaemonManagerException(DaemonManagerError error)
-      : std::runtime_error(error.description()), error_(std::move(error)) {}
-  const DaemonManagerError& error() const { return error_; }
-
- private:
-  DaemonManagerError error_;
-};
+using DaemonManagerException = base::ErrorOf<DaemonManagerError>;
 
 class DaemonManager {
  public:

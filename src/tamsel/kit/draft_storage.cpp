@@ -10,6 +10,7 @@
 #include "tamsel/base/dates.hpp"
 #include "tamsel/base/json.hpp"
 #include "tamsel/base/log.hpp"
+#include "tamsel/kit/composer_draft_key.hpp"
 
 namespace tamsel::kit {
 
@@ -218,8 +219,14 @@ void DraftStorage::storeLocked(const std::string& key, std::string text) {
   std::erase(lruOrder_, key);
   lruOrder_.push_back(key);
   while (entries_.size() > config_.maxEntries && !lruOrder_.empty()) {
-    entries_.erase(lruOrder_.front());
-    lruOrder_.erase(lruOrder_.begin());
+    // A pending session's draft outlives its session only when the engine never named it: such
+    // orphans go before any draft the user can still open.
+    auto victim = std::find_if(lruOrder_.begin(), lruOrder_.end() - 1, [](const std::string& k) {
+      return ComposerDraftKey::pendingLocalID(k).has_value();
+    });
+    if (victim == lruOrder_.end() - 1) victim = lruOrder_.begin();
+    entries_.erase(*victim);
+    lruOrder_.erase(victim);
   }
 }
 

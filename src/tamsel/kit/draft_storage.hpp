@@ -6,8 +6,9 @@
 // the destructor flushes what is still unwritten. Thread-safe.
 //
 // Rules:
-// - At most `maxEntries` keys; writing a key makes it the newest, and the least recently written
-//   key is dropped first when the bound is passed. `rekey` keeps the draft's place in that order.
+// - At most `maxEntries` keys; writing a key makes it the newest. When the bound is passed, the
+//   least recently written pending-session draft goes first (one that outlived its session),
+//   otherwise the least recently written key. `rekey` keeps the draft's place in that order.
 // - A text longer than `maxLengthPerEntry` characters (code points) is cut to that many, never
 //   inside a character, and the cut is logged. Bytes that are not UTF-8 become U+FFFD so that
 //   the file always decodes again. An empty text removes the key; an empty key is ignored.

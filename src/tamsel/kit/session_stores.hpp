@@ -76,15 +76,4 @@ class SessionScopedQueueStore {
   std::map<std::string, std::vector<Item>> itemsByKey_;
 };
 
-class InFlightSessionKeySet {
- public:
-  void insert(const std::string& key) { keys_.insert(key); }
-  void remove(const std::string& key) { keys_.erase(key); }
-  bool contains(const std::string& key) const { return keys_.count(key) > 0; }
-  const std::set<std::string>& keys() const { return keys_; }
-
- private:
-  std::set<std::string> keys_;
-};
-
 }  // namespace tamsel::kit

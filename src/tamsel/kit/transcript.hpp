@@ -86,23 +86,6 @@ struct Message {
   bool operator==(const Message&) const = default;
 };
 
-struct Question {
-  std::string id;
-  std::optional<std::string> header;
-  std::string question;
-  bool multiSelect = false;
-  bool allowOther = false;
-  std::vector<std::string> options;
-  bool operator==(const Question&) const = default;
-};
-
-struct QuestionInfo {
-  std::string requestID;
-  std::vector<Question> questions;
-  std::optional<std::int64_t> autoResolutionMs;
-  bool operator==(const QuestionInfo&) const = default;
-};
-
 struct ApprovalInfo {
   std::string requestID;
   std::string tool;

@@ -13,6 +13,9 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <fstream>
+#include <iterator>
+#include <sstream>
 #include <system_error>
 #include <thread>
 
@@ -132,6 +135,25 @@ bool Process::isRunning() const {
 }
 
 bool processExists(std::int32_t pid) { return pid > 0 && (::kill(pid, 0) == 0 || errno == EPERM); }
+
+std::optional<std::uint64_t> processStartTime(std::int32_t pid) {
+  if (pid <= 0) return std::nullopt;
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  // The command name may hold spaces and parentheses: the fields start after the last ')'.
+  const auto close = text.rfind(')');
+  if (close == std::string::npos) return std::nullopt;
+  std::istringstream fields(text.substr(close + 1));
+  std::string field;
+  // After the name: state is field 3, start time field 22.
+  for (int index = 3; index <= 22; ++index)
+    if (!(fields >> field)) return std::nullopt;
+  try {
+    return std::stoull(field);
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
 
 void Process::signal(int signalNumber) const {
   if (!exited_) ::kill(pid_, signalNumber);

@@ -70,6 +70,9 @@ bool isExecutableFile(const std::filesystem::path& path);
 // Whether a process with this PID exists (also one of another user). PIDs below 1 name process
 // groups for kill(2) and never count.
 bool processExists(std::int32_t pid);
+// When the process started, in clock ticks since boot (/proc/<pid>/stat); nothing when there is
+// no such process. With the PID it names one process even after PIDs are reused.
+std::optional<std::uint64_t> processStartTime(std::int32_t pid);
 
 // The folder of the running executable (/proc/self/exe).
 std::filesystem::path executableDirectory();

@@ -16,9 +16,10 @@ class ChatViewModelFiles : public ::testing::Test {
   }
   boost::asio::io_context io;
   bridge::DaemonClient client{{1, "token", "device", {}}};  // nothing listens: only files are read
+  DaemonChatEngine engine{client};
   bridge::SessionHistory history{std::filesystem::path(TAMSEL_FIXTURES_DIR) / "verdane"};
   base::AsioMainExecutor main{io};
-  DaemonChatViewModel vm{main, {&client, nullptr, &history, nullptr, nullptr}};
+  DaemonChatViewModel vm{main, {&engine, nullptr, &history, nullptr, nullptr}};
 };
 
 TEST_F(ChatViewModelFiles, ASessionLoadsFromItsFile) {

@@ -125,6 +125,22 @@ TEST_F(DraftStorageTest, TheKeyPastTheBoundEvictsTheLeastRecentlyWritten) {
   EXPECT_EQ(storage.keys().back(), "k200");
 }
 
+TEST_F(DraftStorageTest, OrphanedPendingDraftsGoBeforeAnyRealOne) {
+  DraftStorage storage(config());
+  storage.set("a session's draft", "session:oldest");
+  for (int i = 0; i < 150; ++i) storage.set("orphan", "pending:" + std::to_string(i));
+  for (int i = 0; i < 49; ++i) storage.set("real", "session:" + std::to_string(i));
+  storage.set("typed now", "pending:current");  // the bound is passed: an orphan goes
+  EXPECT_EQ(storage.draft("session:oldest"), "a session's draft");
+  EXPECT_FALSE(storage.draft("pending:0"));
+  EXPECT_EQ(storage.draft("pending:current"), "typed now") << "never the key just written";
+  for (int i = 0; i < 150; ++i) storage.set("real", "session:more" + std::to_string(i));
+  EXPECT_EQ(storage.draft("session:oldest"), "a session's draft");
+  EXPECT_EQ(storage.draft("pending:current"), std::nullopt) << "the last orphan went too";
+  storage.set("real", "session:one more");
+  EXPECT_FALSE(storage.draft("session:oldest")) << "with no orphan left, the oldest goes";
+}
+
 TEST_F(DraftStorageTest, ABurstOfSetsIsOneWriteAfterTheDebounce) {
   DraftStorage storage(config(500ms));
   for (int i = 0; i < 10; ++i) storage.set("typing " + std::to_string(i), "session:a");

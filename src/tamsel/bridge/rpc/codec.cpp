@@ -21,9 +21,10 @@ std::string CodecError::description() const {
       value);
 }
 
-bool CodecError::operator==(const CodecError& other) const {
-  if (value.index() != other.value.index()) return false;
-  return description() == other.description();
+std::string CodecError::code() const {
+  static const char* const names[] = {"frame_too_large", "body_too_large", "short_read",
+                                      "empty_frame"};
+  return base::caseName(value, names);
 }
 
 namespace LengthPrefixedCodec {

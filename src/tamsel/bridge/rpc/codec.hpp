@@ -12,35 +12,36 @@
 #include <string_view>
 #include <variant>
 
+#include "tamsel/base/error.hpp"
+
 namespace tamsel::bridge::rpc {
 
 struct CodecError {
+  static constexpr std::string_view category = "rpc_codec";
   struct FrameTooLarge {
     std::uint32_t length = 0;  // as announced by the prefix
+    bool operator==(const FrameTooLarge&) const = default;
   };
   struct BodyTooLarge {
     std::size_t length = 0;  // of the body given to encode
+    bool operator==(const BodyTooLarge&) const = default;
   };
   struct ShortRead {
     std::size_t expected = 0;
     std::size_t got = 0;
+    bool operator==(const ShortRead&) const = default;
   };
-  struct EmptyFrame {};
+  struct EmptyFrame {
+    bool operator==(const EmptyFrame&) const = default;
+  };
   std::variant<FrameTooLarge, BodyTooLarge, ShortRead, EmptyFrame> value;
 
   std::string description() const;
-  bool operator==(const CodecError& other) const;
+  std::string code() const;
+  bool operator==(const CodecError&) const = default;
 };
 
-class CodecException : public std::runtime_error {
- public:
-  explicit CodecException(CodecError error)
-      : std::runtime_error(error.description()), error_(error) {}
-  const CodecError& error() const { return error_; }
-
- private:
-  CodecError error_;
-};
+using CodecException = base::ErrorOf<CodecError>;
 
 namespace LengthPrefixedCodec {
 

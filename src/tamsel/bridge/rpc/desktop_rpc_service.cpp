@@ -62,6 +62,11 @@ ServiceException disconnected() {
 }
 }  // namespace
 
+std::string ServiceError::code() const {
+  static const char* const names[] = {"handshake_failed", "protocol_mismatch", "transport_closed"};
+  return base::caseName(value, names);
+}
+
 std::string ServiceError::description() const {
   if (const auto* e = std::get_if<HandshakeFailed>(&value)) return e->reason;
   if (const auto* e = std::get_if<ProtocolMismatch>(&value))

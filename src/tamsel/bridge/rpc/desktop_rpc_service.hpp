@@ -16,6 +16,7 @@
 #include <string>
 #include <variant>
 
+#include "tamsel/base/error.hpp"
 #include "tamsel/base/signal.hpp"
 #include "tamsel/bridge/rpc/desktop_rpc_method_dispatcher.hpp"
 #include "tamsel/bridge/rpc/messages.hpp"
@@ -24,6 +25,7 @@
 namespace tamsel::bridge::rpc {
 
 struct ServiceError {
+  static constexpr std::string_view category = "rpc_service";
   struct HandshakeFailed {
     std::string reason;
   };
@@ -37,17 +39,10 @@ struct ServiceError {
   std::variant<HandshakeFailed, ProtocolMismatch, TransportClosed> value;
 
   std::string description() const;
+  std::string code() const;
 };
 
-class ServiceException : public std::runtime_error {
- public:
-  explicit ServiceException(ServiceError error)
-      : std::runtime_error(error.description()), error_(std::move(error)) {}
-  const ServiceError& error() const { return error_; }
-
- private:
-  ServiceError error_;
-};
+using ServiceException = base::ErrorOf<ServiceError>;
 
 class DesktopRPCService {
  public:

@@ -14,12 +14,16 @@
 #include <variant>
 #include <vector>
 
+#include "tamsel/base/error.hpp"
+
 namespace tamsel::bridge::rpc {
 
 // A message body that is not what the channel expects: the peer sent corrupt data.
-class DataCorruptedError : public std::runtime_error {
+class DataCorruptedError : public base::Error {
  public:
-  using std::runtime_error::runtime_error;
+  static constexpr std::string_view category = "rpc_data";
+  explicit DataCorruptedError(const std::string& message)
+      : Error(category, "data_corrupted", message) {}
 };
 
 struct JSONValue {

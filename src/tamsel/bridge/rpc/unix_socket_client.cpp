@@ -19,6 +19,12 @@ using Protocol = asio::local::stream_protocol;
 // g++ 12 can destroy a temporary inside a co_await expression twice: every argument of an
 // awaited call here is a named local.
 
+std::string TransportError::code() const {
+  static const char* const names[] = {"connect_failed", "connection_failed", "not_connected",
+                                      "unexpected_eof"};
+  return base::caseName(value, names);
+}
+
 std::string TransportError::description() const {
   return std::visit(
       [](const auto& e) -> std::string {

@@ -16,9 +16,12 @@
 #include <string>
 #include <variant>
 
+#include "tamsel/base/error.hpp"
+
 namespace tamsel::bridge::rpc {
 
 struct TransportError {
+  static constexpr std::string_view category = "rpc_transport";
   struct ConnectFailed {
     std::string message;
   };
@@ -30,17 +33,10 @@ struct TransportError {
   std::variant<ConnectFailed, ConnectionFailed, NotConnected, UnexpectedEOF> value;
 
   std::string description() const;
+  std::string code() const;
 };
 
-class TransportException : public std::runtime_error {
- public:
-  explicit TransportException(TransportError error)
-      : std::runtime_error(error.description()), error_(std::move(error)) {}
-  const TransportError& error() const { return error_; }
-
- private:
-  TransportError error_;
-};
+using TransportException = base::ErrorOf<TransportError>;
 
 class UnixSocketClient {
  public:
