@@ -22,6 +22,7 @@
 #include <map>
 #include <set>
 #include <sstream>
+#include <unordered_map>
 
 #include "cli.hpp"
 #include "runtime.hpp"
@@ -225,12 +226,7 @@ class ChatTerminal {
   }
 
   static std::size_t rowsOf(const std::string& text) {
-    const std::size_t columns = terminalColumns();
-    std::size_t rows = 0;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);)
-      rows += std::max<std::size_t>(1, (displayWidth(line) + columns - 1) / columns);
-    return std::max<std::size_t>(rows, 1);
+    return terminalRowsOf(text, terminalColumns());
   }
 
   void tickSpinner() {
@@ -564,22 +560,30 @@ class ChatTerminal {
 
   // ---- what the controller shows
 
+  // A message's role and text, hashed: what "the same message" means when a reload renames it.
+  static std::size_t keyOf(const kit::Message& m) {
+    return std::hash<std::string>{}(DaemonChatViewModel::sessionKeyFor(m));
+  }
+
   // A message counts as shown once its id, or an earlier message of the same role and text, was
   // printed: a reload that gives a shown message another id (or moves it) never prints it again.
-  bool alreadyShown(const kit::Message& m, std::map<std::string, int>& seen) {
-    const auto key = DaemonChatViewModel::sessionKeyFor(m);
+  // Shown messages keep their key, so a render walks the transcript without rereading its text.
+  bool alreadyShown(const kit::Message& m, std::unordered_map<std::size_t, int>& seen) {
+    const auto shown = shownIDs_.find(m.id);
+    const std::size_t key = shown != shownIDs_.end() ? shown->second : keyOf(m);
     const int occurrence = ++seen[key];
-    if (shownIDs_.count(m.id)) return true;
+    if (shown != shownIDs_.end()) return true;
     if (shownKeys_[key] >= occurrence) {
-      shownIDs_.insert(m.id);
+      shownIDs_.emplace(m.id, key);
       return true;
     }
     return false;
   }
 
   void markShown(const kit::Message& m) {
-    shownIDs_.insert(m.id);
-    ++shownKeys_[DaemonChatViewModel::sessionKeyFor(m)];
+    const std::size_t key = keyOf(m);
+    shownIDs_.insert_or_assign(m.id, key);
+    ++shownKeys_[key];
   }
 
   // After opening a session: its last screenful is shown, the rest counted.
@@ -615,7 +619,7 @@ class ChatTerminal {
       if (vm_.currentSessionID()) skipToLastScreen();
     }
     const auto& messages = vm_.messages();
-    std::map<std::string, int> seen;
+    std::unordered_map<std::size_t, int> seen;
     bool streaming = false;
     for (std::size_t i = 0; i < messages.size(); ++i) {
       const auto& m = messages[i];
@@ -744,8 +748,8 @@ class ChatTerminal {
   bool colour_ = false;
   bool stopped_ = false;
   // What has been shown: message ids, and how many messages of each role and text.
-  std::set<std::string> shownIDs_;
-  std::map<std::string, int> shownKeys_;
+  std::unordered_map<std::string, std::size_t> shownIDs_;
+  std::unordered_map<std::size_t, int> shownKeys_;
   std::set<std::string> shownTools_, shownRequests_;
   std::string streamingID_;
   std::size_t committed_ = 0;  // bytes of the streaming reply printed for good

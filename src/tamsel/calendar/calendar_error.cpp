@@ -1,5 +1,6 @@
 #include "tamsel/calendar/calendar_error.hpp"
 
+#include "tamsel/base/overloaded.hpp"
 #include "tamsel/bridge/rpc/protocol_constants.hpp"
 #include "tamsel/calendar/calendar_protocol.hpp"
 
@@ -8,14 +9,7 @@ namespace tamsel::calendar {
 namespace ErrorCode = bridge::rpc::ProtocolConstants::ErrorCode;
 namespace CalendarErrorCode = CalendarProtocol::ErrorCode;
 
-namespace {
-template <class... F>
-struct Overloaded : F... {
-  using F::operator()...;
-};
-template <class... F>
-Overloaded(F...) -> Overloaded<F...>;
-}  // namespace
+using base::Overloaded;
 
 std::string CalendarRPCError::code() const {
   return std::string(std::visit(

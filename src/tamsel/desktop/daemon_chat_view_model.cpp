@@ -204,14 +204,12 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
   }
 
   void addApproval(const bridge::ApprovalEvent& event, const std::string& sessionKey) {
-    if (!requests->approvalRows.count(event.requestId) &&
-        !requests->resolvedRequestIDs.value(event.requestId))
-      requests.edit().addApproval(event, sessionKey);
+    // Checked first: a request seen again must not notify the cards' observers.
+    if (!requests->knowsApproval(event.requestId)) requests.edit().addApproval(event, sessionKey);
   }
 
   void addQuestion(const bridge::QuestionRequestPayload& request, const std::string& sessionKey) {
-    if (!requests->questionRows.count(request.requestId) &&
-        !requests->resolvedQuestionRequestIDs.value(request.requestId))
+    if (!requests->knowsQuestion(request.requestId))
       requests.edit().addQuestion(request, sessionKey);
   }
 

@@ -108,14 +108,12 @@ struct DeviceQuery {
   pa_threaded_mainloop* loop;
   AudioDeviceList list;
 };
-}  // namespace
 
-AudioDeviceList PulseConnection::devices() {
-  DeviceQuery q{loop_, {}};
-  LoopLock lock(loop_);
-  waitFor(loop_,
+// The server's name, version and default devices, into `q.list`; the loop lock is held.
+void readServerInfo(pa_context* context, DeviceQuery& q) {
+  waitFor(q.loop,
           pa_context_get_server_info(
-              context_,
+              context,
               [](pa_context*, const pa_server_info* info, void* data) {
                 auto& q = *static_cast<DeviceQuery*>(data);
                 if (info) {
@@ -127,6 +125,13 @@ AudioDeviceList PulseConnection::devices() {
                 pa_threaded_mainloop_signal(q.loop, 0);
               },
               &q));
+}
+}  // namespace
+
+AudioDeviceList PulseConnection::devices() {
+  DeviceQuery q{loop_, {}};
+  LoopLock lock(loop_);
+  readServerInfo(context_, q);
   waitFor(loop_,
           pa_context_get_source_info_list(
               context_,
@@ -162,18 +167,7 @@ AudioDeviceList PulseConnection::devices() {
 std::pair<std::string, std::string> PulseConnection::defaults() {
   DeviceQuery q{loop_, {}};
   LoopLock lock(loop_);
-  waitFor(loop_,
-          pa_context_get_server_info(
-              context_,
-              [](pa_context*, const pa_server_info* info, void* data) {
-                auto& q = *static_cast<DeviceQuery*>(data);
-                if (info) {
-                  q.list.defaultSink = info->default_sink_name ? info->default_sink_name : "";
-                  q.list.defaultSource = info->default_source_name ? info->default_source_name : "";
-                }
-                pa_threaded_mainloop_signal(q.loop, 0);
-              },
-              &q));
+  readServerInfo(context_, q);
   return {q.list.defaultSink, q.list.defaultSource};
 }
 

@@ -3,6 +3,8 @@
 #include <boost/json.hpp>
 #include <cmath>
 
+#include "tamsel/base/overloaded.hpp"
+
 namespace tamsel::meeting {
 
 namespace json = boost::json;
@@ -120,14 +122,7 @@ json::value toJSON(const DriftInfo& d) {
                       {"resampleApplied", d.resampleApplied}};
 }
 
-namespace {
-template <class... F>
-struct Overloaded : F... {
-  using F::operator()...;
-};
-template <class... F>
-Overloaded(F...) -> Overloaded<F...>;
-}  // namespace
+using base::Overloaded;
 
 std::string CaptureAccountingError::description() const {
   using E = CaptureAccountingError;

@@ -253,6 +253,15 @@ class ChatControllerParts : public ::testing::Test {
     io.restart();
     io.poll();
   }
+  // Sends `text` in a new chat and lets the engine name its session; the reply stays open.
+  ScriptedReply& startReply(const std::string& text, const std::string& sessionID) {
+    vm.submit(text);
+    settle();
+    auto& reply = *engine.replies.back();
+    reply.event("session_started", R"({"session_id":")" + sessionID + R"("})");
+    settle();
+    return reply;
+  }
   void forget() { std::fill(notifications.begin(), notifications.end(), 0); }
   int heard(Part part) const { return notifications[part]; }
 
@@ -308,10 +317,7 @@ TEST_F(ChatControllerParts, EachPartNotifiesOnlyForItsOwnChanges) {
 }
 
 TEST_F(ChatControllerParts, TextTypedDuringAReplyWaitsInTheQueueAndIsSentAfterIt) {
-  vm.submit("first");
-  settle();
-  engine.replies[0]->event("session_started", R"({"session_id":"s1"})");
-  settle();
+  startReply("first", "s1");
   EXPECT_EQ(vm.submit("second"), DaemonChatViewModel::SubmitOutcome::queued);
   EXPECT_EQ(vm.submit("third"), DaemonChatViewModel::SubmitOutcome::queued);
   // An injection the engine refuses is not lost: it joins the queue.
@@ -342,10 +348,7 @@ TEST_F(ChatControllerParts, ARefusedSendShowsTheErrorAndEndsTheReply) {
 }
 
 TEST_F(ChatControllerParts, CancelAsksTheEngineAndMarksAReplyThatNeverStarted) {
-  vm.submit("long job");
-  settle();
-  engine.replies[0]->event("session_started", R"({"session_id":"s9"})");
-  settle();
+  startReply("long job", "s9");
   vm.cancel();
   EXPECT_TRUE(vm.replies()->isCancelling);
   settle();

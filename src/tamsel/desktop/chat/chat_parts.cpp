@@ -171,8 +171,7 @@ void ChatRepliesState::showTool(const kit::ToolEntrySnapshot& entry) {
 
 bool ChatRequestsState::addApproval(const bridge::ApprovalEvent& event,
                                     const std::string& sessionKey) {
-  if (resolvedRequestIDs.value(event.requestId) || approvalRows.count(event.requestId))
-    return false;
+  if (knowsApproval(event.requestId)) return false;
   kit::ApprovalInfo info;
   info.requestID = event.requestId;
   info.tool = event.tool.value_or("");
@@ -184,10 +183,17 @@ bool ChatRequestsState::addApproval(const bridge::ApprovalEvent& event,
 
 bool ChatRequestsState::addQuestion(const bridge::QuestionRequestPayload& request,
                                     const std::string& sessionKey) {
-  if (resolvedQuestionRequestIDs.value(request.requestId) || questionRows.count(request.requestId))
-    return false;
+  if (knowsQuestion(request.requestId)) return false;
   questionRows[request.requestId] = QuestionRow{request, sessionKey};
   return true;
+}
+
+bool ChatRequestsState::knowsApproval(const std::string& requestID) const {
+  return approvalRows.count(requestID) || resolvedRequestIDs.find(requestID);
+}
+
+bool ChatRequestsState::knowsQuestion(const std::string& requestID) const {
+  return questionRows.count(requestID) || resolvedQuestionRequestIDs.find(requestID);
 }
 
 void ChatRequestsState::resolveApproval(const std::string& requestID) {

@@ -210,6 +210,9 @@ struct ChatRequestsState {
   // A request seen again (the bus repeats what a stream showed, or it was answered) adds nothing;
   // true when a card was added.
   bool addApproval(const bridge::ApprovalEvent& event, const std::string& sessionKey);
+  // Whether a request is shown or was answered (adding it again would change nothing).
+  bool knowsApproval(const std::string& requestID) const;
+  bool knowsQuestion(const std::string& requestID) const;
   bool addQuestion(const bridge::QuestionRequestPayload& request, const std::string& sessionKey);
   void resolveApproval(const std::string& requestID);
   void resolveQuestion(const std::string& requestID);
