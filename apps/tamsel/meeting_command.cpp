@@ -17,6 +17,7 @@
 #include "runtime.hpp"
 #include "tamsel/base/mutex.hpp"
 #include "tamsel/meeting/clock_aligner.hpp"
+#include "tamsel/meeting/meeting_recording_paths.hpp"
 #include "tamsel/meeting/pulse_capture.hpp"
 
 namespace tamsel::cli {
@@ -138,10 +139,10 @@ int meetingRecord(const GlobalOptions& options, const MeetingRecordOptions& o) {
     std::unique_ptr<PulseCaptureSource> source;
   };
   std::vector<Track> tracks;
+  const auto paths = MeetingRecordingPaths::in(folder);
   const auto makeRecorder = [&](TrackSource source) {
-    auto recorder =
-        std::make_shared<TrackRecorder>(source, folder / (std::string(toString(source)) + ".caf"));
-    recorder->journalURL = folder / (std::string(toString(source)) + ".journal.json");
+    auto recorder = std::make_shared<TrackRecorder>(source, paths.rawTrack(source));
+    recorder->journalURL = paths.journal(source);
     return recorder;
   };
   {
