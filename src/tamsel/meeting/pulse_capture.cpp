@@ -246,7 +246,9 @@ struct PulseCaptureSource::Capture {
       if (pa_stream_peek(stream, &bytes, &size) < 0 || size == 0) break;
       const auto frames = static_cast<std::int64_t>(size / sizeof(float));
       if (!bytes) {
-        // A hole: the server skipped this much (PipeWire after a stall).
+        // A hole: the server skipped this much (PipeWire after a stall, when its buffer ran
+        // over). Unlike a device that delivers an empty buffer on time, these frames existed and
+        // were lost, so they are a captureLoss gap rather than silence written in their place.
         if (c.loss.anchored()) c.addLost(frames);
         pa_stream_drop(stream);
         continue;
@@ -319,9 +321,11 @@ AudioCaptureRoute PulseCaptureSource::start(std::shared_ptr<TrackRecorder> recor
       source_ == TrackSource::mic ? "Tamsel Desktop microphone" : "Tamsel Desktop system audio");
   const auto [defaultSink, defaultSource] = connection_->defaults();
   const std::string device = desiredDevice(defaultSink, defaultSource);
-  if (device.empty() || device == ".monitor")
-    throw AudioServerError(source_ == TrackSource::mic ? "the audio server has no input device"
-                                                       : "the audio server has no output device");
+  if (device.empty() || device == ".monitor") {
+    if (source_ == TrackSource::system)
+      throw SystemTapException({SystemTapError::Kind::noOutputDevice, {}});
+    throw AudioServerError("the audio server has no input device");
+  }
   if (source_ == TrackSource::mic)
     base::log::info(logSource(), "install tap fmt={:f}Hz/{}ch", kRate, 1);
   else
@@ -344,19 +348,62 @@ AudioCaptureRoute PulseCaptureSource::start(std::shared_ptr<TrackRecorder> recor
                 },
                 connection_->loop()));
   }
-  if (!connectStream(device)) {
-    const std::string reason = [&] {
-      LoopLock lock(connection_->loop());
-      return std::string(pa_strerror(pa_context_errno(connection_->context())));
-    }();
-    throw AudioServerError(std::string(logSource()) + ": cannot record from " + device + ": " +
-                           reason);
+  std::string connected = device;
+  for (int attempt = 1;; ++attempt) {
+    if (!connectStream(connected)) {
+      const std::string reason = [&] {
+        LoopLock lock(connection_->loop());
+        return std::string(pa_strerror(pa_context_errno(connection_->context())));
+      }();
+      if (source_ == TrackSource::system)
+        throw SystemTapException({SystemTapError::Kind::deviceStartFailed, reason});
+      throw AudioServerError(std::string(logSource()) + ": cannot record from " + connected + ": " +
+                             reason);
+    }
+    if (fixedDevice_) break;
+    const auto [sinkNow, sourceNow] = connection_->defaults();
+    const std::string wantedNow = desiredDevice(sinkNow, sourceNow);
+    const auto check = checkStartDevice(source_, connected, wantedNow, attempt);
+    if (check == StartDeviceCheck::settled) break;
+    disconnectStream();
+    if (check == StartDeviceCheck::fail) {
+      if (source_ == TrackSource::system)
+        throw SystemTapException({SystemTapError::Kind::outputDeviceChangedDuringStart, {}});
+      throw MicrophoneSourceException(
+          {MicrophoneSourceError::Kind::inputDeviceChangedRepeatedlyDuringStart});
+    }
+    connected = wantedNow;
   }
-  currentDevice_ = device;
+  currentDevice_ = connected;
   if (source_ == TrackSource::mic) base::log::info(logSource(), "engine started");
   capture_->startedHost.store(hostTimeNow());
   control_ = std::thread([this] { controlLoop(); });
-  return AudioCaptureRoute{device, describe(device)};
+  return AudioCaptureRoute{connected, describe(connected)};
+}
+
+StartDeviceCheck checkStartDevice(TrackSource source, const std::string& connected,
+                                  const std::string& defaultNow, int attempt) {
+  // A default that vanished meanwhile is left to the control thread, which follows it.
+  if (defaultNow.empty() || defaultNow == ".monitor" || defaultNow == connected)
+    return StartDeviceCheck::settled;
+  if (source == TrackSource::system) return StartDeviceCheck::fail;
+  return attempt < kMicStartAttempts ? StartDeviceCheck::reconnect : StartDeviceCheck::fail;
+}
+
+std::string SystemTapError::description() const {
+  switch (kind) {
+    case Kind::noOutputDevice:
+      return "the audio server has no output device";
+    case Kind::deviceStartFailed:
+      return "systap: cannot record the output device's monitor: " + detail;
+    case Kind::outputDeviceChangedDuringStart:
+      return "systap: the default output device changed while the recording started";
+  }
+  return "system audio error";
+}
+
+std::string MicrophoneSourceError::description() const {
+  return "mic: the default input device kept changing while the recording started";
 }
 
 bool PulseCaptureSource::connectStream(const std::string& device) {

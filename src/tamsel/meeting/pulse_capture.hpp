@@ -82,6 +82,30 @@ class PulseConnection {
 };
 
 // Live figures of a track for meters and warnings; read from any thread.
+// Start failures of the sources that are about the devices, not the server connection.
+struct SystemTapError {
+  enum class Kind { noOutputDevice, deviceStartFailed, outputDeviceChangedDuringStart };
+  Kind kind;
+  std::string detail;  // deviceStartFailed: the server's reason
+  std::string description() const;
+};
+struct MicrophoneSourceError {
+  enum class Kind { inputDeviceChangedRepeatedlyDuringStart };
+  Kind kind;
+  std::string description() const;
+};
+using SystemTapException = MeetingException<SystemTapError>;
+using MicrophoneSourceException = MeetingException<MicrophoneSourceError>;
+
+// What start() does when the default device is read again once the stream is connected: the
+// stream may have been connected to a device that stopped being the default meanwhile. The
+// system track cannot tell which output the user meant and fails; the microphone follows the
+// new default, up to `kMicStartAttempts` connections.
+enum class StartDeviceCheck { settled, reconnect, fail };
+inline constexpr int kMicStartAttempts = 3;
+StartDeviceCheck checkStartDevice(TrackSource source, const std::string& connected,
+                                  const std::string& defaultNow, int attempt);
+
 struct CaptureHealth {
   double levelDBFS = -120;       // RMS of the latest buffer
   double secondsSinceAudio = 0;  // since the last buffer (or since start when none came)
@@ -96,7 +120,8 @@ class PulseCaptureSource {
 
   TrackSource source() const { return source_; }
   // Prepares the recorder (mono float 48 kHz), connects the stream to the current device and
-  // starts following it. Throws AudioServerError, TrackRecorderException.
+  // starts following it. Throws AudioServerError, TrackRecorderException, SystemTapException,
+  // MicrophoneSourceException.
   AudioCaptureRoute start(std::shared_ptr<TrackRecorder> recordingSink);
   // Disconnects; the recorder is left to the caller to stop. Safe to call twice.
   void stop();

@@ -191,6 +191,18 @@ TrackRecording TrackRecorder::finish(const TrackStopToken&) {
   return *completion_;
 }
 
+void TrackRecorder::finish(const TrackStopToken&, FinishHandler done) {
+  std::optional<TrackRecording> ready;
+  {
+    base::MutexLock lock(completionLock_);
+    if (completion_)
+      ready = completion_;
+    else
+      finishHandlers_.push_back(std::move(done));
+  }
+  if (ready) done(std::move(*ready));
+}
+
 std::optional<TrackRecording> TrackRecorder::result() const {
   base::MutexLock lock(completionLock_);
   return completion_;
@@ -237,11 +249,14 @@ void TrackRecorder::runWriter(AudioFormat sourceFormat) {
       }
       auto recording = buildResult(snapshot, ledger, written, expectedOutput);
       if (journalURL) writeJournal(ledger, written, true);
+      std::vector<FinishHandler> handlers;
       {
         base::MutexLock lock(completionLock_);
-        completion_ = std::move(recording);
+        completion_ = recording;
+        handlers.swap(finishHandlers_);
       }
       completed_.notifyAll();
+      for (auto& handler : handlers) handler(recording);
       return;
     }
     auto& chunk = std::get<0>(event->value);

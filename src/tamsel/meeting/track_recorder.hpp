@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "tamsel/base/mutex.hpp"
 #include "tamsel/meeting/audio_buffer.hpp"
@@ -101,6 +102,11 @@ class TrackRecorder {
 
   // Waits until the writer drained the queue and closed the file.
   TrackRecording finish(const TrackStopToken& token);
+  // The same without waiting: `done` runs once with the track's result, on the writer thread when
+  // it finishes, or at once on the caller's thread when it already has. A controller hands the
+  // result on to its own executor from there.
+  using FinishHandler = std::function<void(TrackRecording)>;
+  void finish(const TrackStopToken& token, FinishHandler done);
   // The result when the writer is done, without waiting.
   std::optional<TrackRecording> result() const;
 
@@ -147,6 +153,7 @@ class TrackRecorder {
   mutable base::Mutex completionLock_;
   base::ConditionVariable completed_;
   std::optional<TrackRecording> completion_ GUARDED_BY(completionLock_);
+  std::vector<FinishHandler> finishHandlers_ GUARDED_BY(completionLock_);
 
   std::thread writer_;
 };

@@ -1,4 +1,5 @@
-// Loss found against the monotonic clock: a simulated device, server buffer and reader.
+// Loss found against the monotonic clock (a simulated device, server buffer and reader), and
+// what a source does when the default device moves while it starts.
 #include "tamsel/meeting/capture_loss_detector.hpp"
 
 #include <gtest/gtest.h>
@@ -6,6 +7,8 @@
 #include <algorithm>
 #include <functional>
 #include <vector>
+
+#include "tamsel/meeting/pulse_capture.hpp"
 
 namespace tamsel::meeting {
 namespace {
@@ -110,3 +113,35 @@ TEST(CaptureLossDetector, RestartAnchorsAgain) {
 
 }  // namespace
 }  // namespace tamsel::meeting
+
+TEST(StartDeviceCheck, TheSystemTrackFailsOnAMovedDefaultTheMicrophoneFollowsItAFewTimes) {
+  using tamsel::meeting::checkStartDevice;
+  using tamsel::meeting::kMicStartAttempts;
+  using tamsel::meeting::StartDeviceCheck;
+  using tamsel::meeting::TrackSource;
+  struct Case {
+    TrackSource source;
+    const char *connected, *defaultNow;
+    int attempt;
+    StartDeviceCheck expected;
+  };
+  const Case cases[] = {
+      {TrackSource::system, "a.monitor", "a.monitor", 1, StartDeviceCheck::settled},
+      {TrackSource::system, "a.monitor", "b.monitor", 1, StartDeviceCheck::fail},
+      // No default output any more: the control thread deals with it after start.
+      {TrackSource::system, "a.monitor", ".monitor", 1, StartDeviceCheck::settled},
+      {TrackSource::mic, "usb", "usb", 1, StartDeviceCheck::settled},
+      {TrackSource::mic, "usb", "", 2, StartDeviceCheck::settled},
+      {TrackSource::mic, "usb", "builtin", 1, StartDeviceCheck::reconnect},
+      {TrackSource::mic, "usb", "builtin", kMicStartAttempts - 1, StartDeviceCheck::reconnect},
+      {TrackSource::mic, "usb", "builtin", kMicStartAttempts, StartDeviceCheck::fail},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(checkStartDevice(c.source, c.connected, c.defaultNow, c.attempt), c.expected)
+        << c.connected << " -> " << c.defaultNow << " attempt " << c.attempt;
+  // The failures read as what happened.
+  EXPECT_EQ(tamsel::meeting::SystemTapException(
+                {tamsel::meeting::SystemTapError::Kind::outputDeviceChangedDuringStart, {}})
+                .what(),
+            std::string("systap: the default output device changed while the recording started"));
+}

@@ -10,6 +10,7 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <thread>
 
 #include "tamsel/base/atomic_file.hpp"
@@ -184,6 +185,42 @@ TEST(TrackRecorder, LifecycleErrors) {
   EXPECT_FALSE(r.usable);
   ASSERT_TRUE(r.failure);
   EXPECT_TRUE(std::holds_alternative<TrackRecordingFailure::NoCapturedAudio>(r.failure->value));
+}
+
+TEST(TrackRecorder, FinishWithoutWaitingResolvesOnceTheWriterDrains) {
+  Harness h;
+  h.recorder->prepare(h.format);
+  h.shared->stalled = true;
+  h.feed(0, 480);
+  h.feed(480, 480);
+  const auto token = h.recorder->stop();
+  std::promise<TrackRecording> resolved;
+  std::atomic<int> calls{0};
+  const auto caller = std::this_thread::get_id();
+  std::thread::id resolvedOn;
+  h.recorder->finish(token, [&](TrackRecording r) {
+    resolvedOn = std::this_thread::get_id();
+    ++calls;
+    resolved.set_value(std::move(r));
+  });
+  auto future = resolved.get_future();
+  // The writer is held back: nothing can be resolved yet.
+  EXPECT_EQ(future.wait_for(50ms), std::future_status::timeout);
+  h.shared->stalled = false;
+  const auto r = future.get();
+  EXPECT_EQ(calls, 1);
+  EXPECT_NE(resolvedOn, caller);
+  EXPECT_EQ(r.clock.totalFrames, 960);
+  EXPECT_TRUE(r.usable);
+  // Once finished, a late handler runs at once, on the caller's thread, with the same result.
+  std::optional<TrackRecording> late;
+  h.recorder->finish(token, [&](TrackRecording again) {
+    EXPECT_EQ(std::this_thread::get_id(), caller);
+    late = std::move(again);
+  });
+  ASSERT_TRUE(late);
+  EXPECT_EQ(late->clock.totalFrames, r.clock.totalFrames);
+  EXPECT_EQ(h.recorder->finish(token).clock.totalFrames, 960);
 }
 
 TEST(TrackRecorder, TimelineGapsAndClock) {
