@@ -12,6 +12,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev clang-format groff-base
   libpulse-dev libsndfile1-dev libsoxr-dev
   pulseaudio pulseaudio-utils pipewire pipewire-bin pipewire-pulse wireplumber dbus-user-session sox
+  dpkg-dev lintian desktop-file-utils appstream man-db librsvg2-bin
 )
 
 missing=()

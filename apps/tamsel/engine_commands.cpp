@@ -20,6 +20,7 @@
 #include "tamsel/desktop/engine_locator.hpp"
 #include "tamsel/platform/child_process.hpp"
 #include "tamsel/platform/host_resources.hpp"
+#include "tamsel/platform/service_notifier.hpp"
 
 namespace tamsel::cli {
 
@@ -303,6 +304,8 @@ int runHeadless(const GlobalOptions& options, bool asJSON) {
     }
   };
   std::optional<Shown> last;
+  // Under systemd (Type=notify) the service is ready once the engine answers.
+  platform::ServiceNotifier serviceManager;
   auto show = [&] {
     Shown now{manager.state(),
               manager.localEndpoint(),
@@ -321,9 +324,13 @@ int runHeadless(const GlobalOptions& options, bool asJSON) {
     last = now;
     // Never "running" while the endpoint does not answer.
     const bool answering = now.endpoint == DaemonManager::LocalEndpointHealth::ready;
-    const std::string text = now.state.kind == DaemonManager::State::Kind::running && !answering
-                                 ? "Tamsel Engine is not answering"
-                                 : now.state.displayText();
+    const bool up = now.state.kind == DaemonManager::State::Kind::running;
+    const std::string text =
+        up && !answering ? "Tamsel Engine is not answering" : now.state.displayText();
+    if (!ending && up && answering)
+      serviceManager.ready(text);
+    else if (!ending)
+      serviceManager.status(text);
     // Machines read UTC; people read their own zone.
     const auto stamp = asJSON ? base::formatISO8601(base::nowTimestamp())
                               : base::formatLocalTime(base::nowTimestamp(), true);
@@ -351,6 +358,7 @@ int runHeadless(const GlobalOptions& options, bool asJSON) {
   auto endWhenGivenUp = [&] {
     if (ending || !manager.hasGivenUp()) return;
     ending = true;
+    serviceManager.stopping(manager.state().displayText());
     if (manager.stoppedOnRequest()) {
       std::cerr << "tamsel: the engine was stopped on request (tamsel engine stop); not "
                    "restarting it"
@@ -372,6 +380,7 @@ int runHeadless(const GlobalOptions& options, bool asJSON) {
   signals.async_wait([&](const boost::system::error_code& ec, int) {
     if (ec) return;
     ending = true;
+    serviceManager.stopping("Shutting down the engine…");
     if (!asJSON) std::cout << "Shutting down the engine…" << std::endl;
     manager.stop(
         [&] {

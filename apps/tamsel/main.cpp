@@ -12,6 +12,7 @@
 #include "command_docs.hpp"
 #include "input_checks.hpp"
 #include "tamsel/base/env.hpp"
+#include "tamsel/base/version.hpp"
 
 namespace {
 
@@ -132,7 +133,8 @@ int main(int argc, char** argv) {
   // A closed pipe on our output is reported by write errors, not by dying.
   std::signal(SIGPIPE, SIG_IGN);
   CLI::App app{"Tamsel Desktop: supervise and talk to the local agent engine", "tamsel"};
-  app.set_version_flag("--version", std::string("tamsel ") + TAMSEL_VERSION);
+  app.set_version_flag("--version",
+                       std::string("tamsel ") + std::string(tamsel::base::appVersion()));
   app.require_subcommand(1);
   // Global options work after the command too (subcommands inherit this).
   app.fallthrough();
@@ -337,7 +339,7 @@ int main(int argc, char** argv) {
     return cli::kExitOK;
   }
   if (*manPage) {
-    std::cout << cli::manualPage(app, TAMSEL_VERSION);
+    std::cout << cli::manualPage(app, std::string(tamsel::base::projectVersion()));
     return cli::kExitOK;
   }
   options.enginePort = static_cast<std::uint16_t>(std::stoi(enginePort));

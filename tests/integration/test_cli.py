@@ -656,6 +656,33 @@ class RunTests(CliTestCase):
         self.assertIsNotNone(out.next_matching(lambda l: l == "Shutting down the engine…", 5), out.seen)
 
 
+    def test_tells_a_service_manager_when_the_engine_is_up_and_when_it_stops(self):
+        # What systemd sees of a Type=notify unit: a datagram socket named by NOTIFY_SOCKET.
+        sb = self.sb
+        path = os.path.join(sb.root, "notify.sock")
+        manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.addCleanup(manager.close)
+        manager.bind(path)
+        manager.settimeout(15)
+        proc = sb.popen("run", env={"NOTIFY_SOCKET": path})
+        out = LineReader(proc.stdout)
+        messages = []
+        while not any(m.startswith("READY=1") for m in messages):
+            messages.append(manager.recv(4096).decode())
+        # Ready only once the engine answers, never while it is still starting.
+        self.assertEqual(messages[-1], "READY=1\nSTATUS=Tamsel Engine is running", messages)
+        self.assertTrue(all(m.startswith("STATUS=") for m in messages[:-1]), messages)
+        self.assertIsNotNone(out.next_matching(lambda l: "Tamsel Engine is running" in l, 5), out.seen)
+        pid = sb.pidfile_pid()
+        proc.send_signal(signal.SIGTERM)
+        stopping = manager.recv(4096).decode()
+        while not stopping.startswith("STOPPING=1"):
+            stopping = manager.recv(4096).decode()
+        self.assertEqual(stopping, "STOPPING=1\nSTATUS=Shutting down the engine…")
+        self.assertEqual(proc.wait(timeout=15), 0)
+        self.assertFalse(pid_alive(pid))
+
+
 class DataCommandTests(CliTestCase):
     def test_listing_from_a_later_process_with_the_saved_token(self):
         sb = self.sb

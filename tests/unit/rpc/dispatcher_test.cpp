@@ -5,6 +5,7 @@
 
 #include "../test_support.hpp"
 #include "tamsel/base/dates.hpp"
+#include "tamsel/base/version.hpp"
 #include "tamsel/bridge/rpc/desktop_rpc_method_dispatcher.hpp"
 
 namespace tamsel::bridge::rpc {
@@ -62,7 +63,13 @@ TEST(Platform, DescribesTheDistributionAndKernel) {
   const auto here = Platform::current();
   EXPECT_EQ(here.os, "Linux");
   EXPECT_FALSE(here.osVersion.empty());
-  EXPECT_EQ(here.appVersion, TAMSEL_VERSION);
+  EXPECT_EQ(here.appVersion, base::appVersion());
+  // The version the engine is told names the revision when the build knows it.
+  const std::string expected =
+      std::string(base::projectVersion()) + (base::sourceRevision().empty()
+                                                 ? std::string()
+                                                 : "+git." + std::string(base::sourceRevision()));
+  EXPECT_EQ(base::appVersion(), expected);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "tamsel/base/version.hpp"
 #include "tamsel/bridge/rpc/protocol_constants.hpp"
 
 namespace tamsel::bridge::rpc {
@@ -39,7 +40,7 @@ Platform Platform::current() {
   }
   utsname names{};
   const std::string kernel = ::uname(&names) == 0 ? names.release : "";
-  return Platform{"Linux", describeOS(osRelease, kernel), TAMSEL_VERSION};
+  return Platform{"Linux", describeOS(osRelease, kernel), std::string(base::appVersion())};
 }
 
 void DesktopRPCMethodDispatcher::registerMethod(std::string name, Handler handler) {
