@@ -52,10 +52,9 @@ TEST(ServiceNotifier, ReadyOnceStatusOnChangeAndStopping) {
   notifier.status("Engine not responding");
   notifier.stopping("Shutting down the engine");
   EXPECT_EQ(manager.received(),
-            (std::vector<std::string>{"STATUS=Tamsel Engine starting…",
-                                      "READY=1\nSTATUS=Tamsel Engine is running",
-                                      "STATUS=Engine not responding",
-                                      "STOPPING=1\nSTATUS=Shutting down the engine"}));
+            (std::vector<std::string>{
+                "STATUS=Tamsel Engine starting…", "READY=1\nSTATUS=Tamsel Engine is running",
+                "STATUS=Engine not responding", "STOPPING=1\nSTATUS=Shutting down the engine"}));
 }
 
 TEST(ServiceNotifier, AManagerSocketThatIsGoneDoesNotStopTheService) {
