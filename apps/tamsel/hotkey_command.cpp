@@ -61,13 +61,16 @@ int hotkeyWatch(const GlobalOptions& options, const HotkeyWatchOptions& watch) {
   if (watch.side) {
     side = hotkey::optionSideFrom(*watch.side);
     if (!side)
-      throw CommandException(CommandError{CommandError::Usage{"--side must be left, right or either"}});
+      throw CommandException(
+          CommandError{CommandError::Usage{"--side must be left, right or either"}});
   } else {
-    side = hotkey::doubleTapSide(rt.services.hotkeyTriggerMode()).value_or(hotkey::OptionSide::either);
+    side =
+        hotkey::doubleTapSide(rt.services.hotkeyTriggerMode()).value_or(hotkey::OptionSide::either);
   }
   const auto backend = hotkey::hotkeyBackendFrom(watch.backend);
   if (!backend)
-    throw CommandException(CommandError{CommandError::Usage{"--backend must be auto, x11 or evdev"}});
+    throw CommandException(
+        CommandError{CommandError::Usage{"--backend must be auto, x11 or evdev"}});
 
   const bool asJSON = watch.asJSON;
   hotkey::DoubleTapWatcher watcher(
@@ -105,8 +108,8 @@ int hotkeyMode(const GlobalOptions& options, const std::optional<std::string>& n
   if (newMode) {
     const auto mode = hotkey::triggerModeFrom(*newMode);
     if (!mode)
-      throw CommandException(
-          CommandError{CommandError::Usage{"the mode must be doubleTapLeft, doubleTapRight, custom or off"}});
+      throw CommandException(CommandError{
+          CommandError::Usage{"the mode must be doubleTapLeft, doubleTapRight, custom or off"}});
     rt.services.setHotkeyTriggerMode(*mode);
     std::cout << "Trigger mode set to " << hotkey::rawValue(*mode) << ": " << describeMode(*mode)
               << " (a running `tamsel run` takes it up when it starts again)" << std::endl;
@@ -166,8 +169,8 @@ void HeadlessSummoner::summon(hotkey::OptionSide side) {
   launch.environment = platform::currentEnvironment();
   try {
     chat_ = platform::Process::launch(launch);
-    out << ": `tamsel chat` opened in " << terminal->filename().string() << " (PID "
-        << chat_->pid() << ")" << std::endl;
+    out << ": `tamsel chat` opened in " << terminal->filename().string() << " (PID " << chat_->pid()
+        << ")" << std::endl;
   } catch (const std::exception& e) {
     out << "; " << terminal->string() << " could not be started: " << e.what() << std::endl;
   }

@@ -23,10 +23,10 @@ DoubleTapWatcher::DoubleTapWatcher(base::MainExecutor& main, OptionSide side, Ha
                                    Notice onNotice, ModifierDoubleTapMonitor::Now now)
     : main_(main),
       onNotice_(std::move(onNotice)),
-      state_(std::make_shared<State>(State{
-          ModifierDoubleTapMonitor(OptionDoubleTapDetector(side, kDoubleTapWindowSeconds),
-                                   std::move(onDoubleTap), std::move(now)),
-          0})) {}
+      state_(std::make_shared<State>(
+          State{ModifierDoubleTapMonitor(OptionDoubleTapDetector(side, kDoubleTapWindowSeconds),
+                                         std::move(onDoubleTap), std::move(now)),
+                0})) {}
 
 DoubleTapWatcher::~DoubleTapWatcher() { stop(); }
 

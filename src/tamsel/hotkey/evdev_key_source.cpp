@@ -33,9 +33,7 @@ struct Device {
   bool dropping = false;  // the kernel dropped events: skip to the next report, then resync
 };
 
-bool isEventNode(const fs::path& path) {
-  return path.filename().string().starts_with("event");
-}
+bool isEventNode(const fs::path& path) { return path.filename().string().starts_with("event"); }
 
 void setNonBlocking(int fd) { ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK); }
 
@@ -175,8 +173,8 @@ struct EvdevKeySource::Impl {
       return;
     }
     ++scan.keyboards;
-    devices.push_back(Device{fd, (name.empty() ? "keyboard" : name) + " (" + path.string() + ")",
-                             path});
+    devices.push_back(
+        Device{fd, (name.empty() ? "keyboard" : name) + " (" + path.string() + ")", path});
     if (notice) notice("keyboard added: " + devices.back().name);
   }
 
@@ -284,9 +282,8 @@ void EvdevKeySource::start(Sink sink, Notice notice) {
   impl_->sink = std::move(sink);
   impl_->notice = std::move(notice);
   impl_->inotify = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-  if (impl_->inotify >= 0 &&
-      ::inotify_add_watch(impl_->inotify, impl_->directory.c_str(),
-                          IN_CREATE | IN_ATTRIB | IN_DELETE) < 0) {
+  if (impl_->inotify >= 0 && ::inotify_add_watch(impl_->inotify, impl_->directory.c_str(),
+                                                 IN_CREATE | IN_ATTRIB | IN_DELETE) < 0) {
     ::close(impl_->inotify);
     impl_->inotify = -1;
   }

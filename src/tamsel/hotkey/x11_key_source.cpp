@@ -33,8 +33,8 @@ AltKeycodes readAltKeycodes(Display* display) {
   AltKeycodes codes;
   int minCode = 0, maxCode = 0, perCode = 0;
   XDisplayKeycodes(display, &minCode, &maxCode);
-  KeySym* map = XGetKeyboardMapping(display, static_cast<KeyCode>(minCode), maxCode - minCode + 1,
-                                    &perCode);
+  KeySym* map =
+      XGetKeyboardMapping(display, static_cast<KeyCode>(minCode), maxCode - minCode + 1, &perCode);
   if (!map) return codes;
   std::set<int> altGr;
   for (int code = minCode; code <= maxCode; ++code) {
@@ -76,8 +76,8 @@ class X11KeySource final : public KeySource {
       for (int code : codes) out += (out.empty() ? "" : "/") + std::to_string(code);
       return out.empty() ? std::string("none") : out;
     };
-    text += list(codes_.left) + (codes_.rightIsAltGr ? ", AltGr as right Alt keycode "
-                                                     : ", Alt_R keycode ") +
+    text += list(codes_.left) +
+            (codes_.rightIsAltGr ? ", AltGr as right Alt keycode " : ", Alt_R keycode ") +
             list(codes_.right) + ")";
     return text;
   }
