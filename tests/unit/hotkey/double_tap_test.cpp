@@ -148,7 +148,10 @@ TEST(ModifierDoubleTapMonitor, TurnsKeyChangesIntoPressesByTable) {
        left,
        {"L+", "L-", "R+", "L-", "L+", "L-", "R-"},
        {}},
-      {"four taps are two double taps", right, {"R+", "R-", "R+", "R-", "R+", "R-", "R+"}, {right, right}},
+      {"four taps are two double taps",
+       right,
+       {"R+", "R-", "R+", "R-", "R+", "R-", "R+"},
+       {right, right}},
   };
   for (const auto& c : cases) {
     MonitorRig rig(c.side);
@@ -251,8 +254,8 @@ TEST(DoubleTapWatcher, WithoutAnyBackendSaysWhyForEach) {
   ASSERT_TRUE(failure.has_value());
   EXPECT_FALSE(watcher.running());
   // Under Wayland the input devices are tried first.
-  EXPECT_EQ(*failure, std::string(kAccessibilityMessage) + "\n  input devices: " +
-                          (dir.path() / "missing").string() +
+  EXPECT_EQ(*failure, std::string(kAccessibilityMessage) +
+                          "\n  input devices: " + (dir.path() / "missing").string() +
                           ": No such file or directory (no input devices to read here)" +
                           "\n  X11: DISPLAY is not set (no X server to ask)");
   const auto onlyX11 = watcher.start(session, HotkeyBackend::x11);

@@ -67,8 +67,7 @@ struct Rig {
   test::TempDir dir;
   boost::asio::io_context io;
   // Keeps run_for() running for its whole time while the reading thread has not posted yet.
-  boost::asio::executor_work_guard<boost::asio::io_context::executor_type> busy{
-      io.get_executor()};
+  boost::asio::executor_work_guard<boost::asio::io_context::executor_type> busy{io.get_executor()};
   base::AsioMainExecutor main{io};
   std::vector<OptionSide> taps;
   std::vector<std::string> notices;
@@ -213,9 +212,9 @@ TEST(EvdevKeySource, OpeningSaysWhyWhenNoDeviceCanBeRead) {
   if (child == 0) {
     if (::getuid() == 0 && ::setuid(65534) != 0) ::_exit(3);
     const auto opening = openEvdevKeySource(dir.path());
-    const bool saysWhy =
-        !opening.source && opening.failure.find("Permission denied") != std::string::npos &&
-        opening.failure.find("join the `input` group") != std::string::npos;
+    const bool saysWhy = !opening.source &&
+                         opening.failure.find("Permission denied") != std::string::npos &&
+                         opening.failure.find("join the `input` group") != std::string::npos;
     ::_exit(saysWhy ? 0 : 1);
   }
   int status = 0;
