@@ -69,6 +69,7 @@ class Xvfb:
             except subprocess.TimeoutExpired:
                 self.proc.kill()
                 self.proc.wait()
+        self.log.close()
 
 
 def tap(key, gap_ms=100):
@@ -89,9 +90,9 @@ class WatchTests(unittest.TestCase):
     def setUp(self):
         self.sb = Sandbox(self)
 
-    def watch(self, *args):
+    def watch(self, *args, x=None):
         before = self.stderr().count("watching for double taps")
-        proc = self.sb.popen("hotkey", "watch", *args, env={"DISPLAY": self.x.name, "WAYLAND_DISPLAY": None})
+        proc = self.sb.popen("hotkey", "watch", *args, env={"DISPLAY": (x or self.x).name, "WAYLAND_DISPLAY": None})
         out = LineReader(proc.stdout)
         # The backend is announced once it listens: keys sent before then would be lost.
         deadline = time.monotonic() + 10
@@ -108,9 +109,9 @@ class WatchTests(unittest.TestCase):
         except FileNotFoundError:
             return ""
 
-    def lines_after(self, out, steps, settle=0.6):
+    def lines_after(self, out, steps, settle=0.6, x=None):
         """The tap lines that follow sending `steps`; waits past the window so none is in flight."""
-        self.x.keys(*steps, "sleep:%d" % int(settle * 1000))
+        (x or self.x).keys(*steps, "sleep:%d" % int(settle * 1000))
         found = []
         while True:
             hit = out.next_matching(lambda line: True, 0.3)
@@ -156,6 +157,23 @@ class WatchTests(unittest.TestCase):
         self.assertEqual(self.lines_after(out, ["+Alt_L", "-Alt_L", "+Alt_R", "-Alt_R"]), ["right"])
         proc.send_signal(signal.SIGTERM)
         self.assertEqual(proc.wait(timeout=10), 0)
+
+    def test_keymap_changes_are_followed_and_altgr_counts_as_right_alt(self):
+        x = Xvfb()  # its own server: the keymap changes
+        try:
+            proc, out = self.watch("--side", "right", x=x)
+            self.assertEqual(self.lines_after(out, tap("#108"), x=x), ["right"])
+            # A layout with AltGr where the right Alt was: no key carries Alt_R any more.
+            x.keys("map:108=ISO_Level3_Shift", "sleep:200")
+            self.assertEqual(self.lines_after(out, tap("#108"), x=x), ["right"])
+            # That key becomes a letter, and Alt_R moves to another key.
+            x.keys("map:108=a", "map:92=a", "map:105=Alt_R", "sleep:200")
+            self.assertEqual(self.lines_after(out, tap("#108"), x=x), [])
+            self.assertEqual(self.lines_after(out, tap("#105"), x=x), ["right"])
+            proc.send_signal(signal.SIGINT)
+            self.assertEqual(proc.wait(timeout=10), 0)
+        finally:
+            x.stop()
 
     def test_side_comes_from_the_trigger_mode(self):
         done = self.sb.run("hotkey", "mode", "doubleTapRight")

@@ -4,6 +4,8 @@
 // Usage: xtest-keys DISPLAY STEP...
 //   +KEYSYM   press the key that carries KEYSYM (e.g. +Alt_L)
 //   -KEYSYM   release it
+//   +#CODE    press keycode CODE (-#CODE releases it)
+//   map:CODE=KEYSYM  make KEYSYM the only symbol of keycode CODE (clients get MappingNotify)
 //   sleep:MS  wait MS milliseconds
 // Every event is synced before the next step, so the waits are what the server sees.
 #include <X11/Xlib.h>
@@ -37,12 +39,35 @@ int main(int argc, char** argv) {
       nanosleep(&wait, nullptr);
       continue;
     }
+    if (strncmp(step, "map:", 4) == 0) {
+      char* rest = nullptr;
+      const long code = std::strtol(step + 4, &rest, 10);
+      KeySym sym = rest && *rest == '=' ? XStringToKeysym(rest + 1) : NoSymbol;
+      if (sym == NoSymbol || code < 8 || code > 255) {
+        fprintf(stderr, "xtest-keys: bad step %s\n", step);
+        return 2;
+      }
+      // As wide as the current map: a narrower change is not taken by every server.
+      int width = 0;
+      KeySym* current = XGetKeyboardMapping(display, static_cast<KeyCode>(code), 1, &width);
+      if (current) XFree(current);
+      KeySym row[16] = {sym};
+      XChangeKeyboardMapping(display, static_cast<int>(code), width > 0 && width <= 16 ? width : 1,
+                             row, 1);
+      XSync(display, False);
+      continue;
+    }
     if ((step[0] != '+' && step[0] != '-') || !step[1]) {
       fprintf(stderr, "xtest-keys: bad step %s\n", step);
       return 2;
     }
-    const KeySym sym = XStringToKeysym(step + 1);
-    const KeyCode code = sym == NoSymbol ? 0 : XKeysymToKeycode(display, sym);
+    KeyCode code = 0;
+    if (step[1] == '#') {
+      code = static_cast<KeyCode>(std::strtol(step + 2, nullptr, 10));
+    } else {
+      const KeySym sym = XStringToKeysym(step + 1);
+      code = sym == NoSymbol ? 0 : XKeysymToKeycode(display, sym);
+    }
     if (!code) {
       fprintf(stderr, "xtest-keys: no key carries %s\n", step + 1);
       return 2;

@@ -56,6 +56,14 @@ class X11KeySource final : public KeySource {
   X11KeySource(Display* display, int xiOpcode, std::string name)
       : display_(display), xiOpcode_(xiOpcode), name_(std::move(name)) {
     codes_ = readAltKeycodes(display_);
+    // Xlib speaks XKB to the server, which then reports keymap changes as XKB events rather
+    // than core MappingNotify: ask for those.
+    int opcode = 0, error = 0, major = XkbMajorVersion, minor = XkbMinorVersion;
+    if (XkbQueryExtension(display_, &opcode, &xkbEventBase_, &error, &major, &minor))
+      XkbSelectEvents(display_, XkbUseCoreKbd, XkbMapNotifyMask | XkbNewKeyboardNotifyMask,
+                      XkbMapNotifyMask | XkbNewKeyboardNotifyMask);
+    else
+      xkbEventBase_ = -1;
   }
 
   ~X11KeySource() override {
@@ -120,8 +128,13 @@ class X11KeySource final : public KeySource {
   }
 
   void handle(XEvent& event) {
-    if (event.type == MappingNotify) {
-      XRefreshKeyboardMapping(&event.xmapping);
+    const bool keymapChanged =
+        event.type == MappingNotify ||
+        (xkbEventBase_ >= 0 && event.type == xkbEventBase_ &&
+         (reinterpret_cast<XkbEvent&>(event).any.xkb_type == XkbMapNotify ||
+          reinterpret_cast<XkbEvent&>(event).any.xkb_type == XkbNewKeyboardNotify));
+    if (keymapChanged) {
+      if (event.type == MappingNotify) XRefreshKeyboardMapping(&event.xmapping);
       auto codes = readAltKeycodes(display_);
       base::MutexLock lock(mutex_);
       codes_ = std::move(codes);
@@ -160,6 +173,7 @@ class X11KeySource final : public KeySource {
 
   Display* display_;
   int xiOpcode_;
+  int xkbEventBase_ = -1;
   std::string name_;
   int wake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   std::thread thread_;
