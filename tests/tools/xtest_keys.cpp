@@ -7,6 +7,7 @@
 //   +#CODE    press keycode CODE (-#CODE releases it)
 //   map:CODE=KEYSYM  make KEYSYM the only symbol of keycode CODE (clients get MappingNotify)
 //   sleep:MS  wait MS milliseconds
+//   stamp     print CLOCK_MONOTONIC in seconds: when the server had every earlier step
 // Every event is synced before the next step, so the waits are what the server sees.
 #include <X11/Xlib.h>
 #include <X11/extensions/XTest.h>
@@ -37,6 +38,13 @@ int main(int argc, char** argv) {
       const long ms = std::strtol(step + 6, nullptr, 10);
       struct timespec wait = {ms / 1000, (ms % 1000) * 1000000L};
       nanosleep(&wait, nullptr);
+      continue;
+    }
+    if (strcmp(step, "stamp") == 0) {
+      timespec now{};
+      clock_gettime(CLOCK_MONOTONIC, &now);
+      printf("%.6f\n", static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9);
+      fflush(stdout);
       continue;
     }
     if (strncmp(step, "map:", 4) == 0) {
