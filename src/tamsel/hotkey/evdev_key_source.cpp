@@ -41,6 +41,7 @@ void setNonBlocking(int fd) { ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONB
 
 struct EvdevKeySource::Impl {
   fs::path directory;
+  KeyboardProbe probe;
   int wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   int inotify = -1;
   std::thread thread;
@@ -157,24 +158,14 @@ struct EvdevKeySource::Impl {
       if (scan.problem.empty()) scan.problem = path.string() + ": " + std::strerror(errno);
       return;
     }
-    libevdev* dev = nullptr;
-    if (libevdev_new_from_fd(fd, &dev) < 0) {
-      ++scan.others;
-      ::close(fd);
-      return;
-    }
-    const bool keyboard = libevdev_has_event_code(dev, EV_KEY, KEY_LEFTALT) ||
-                          libevdev_has_event_code(dev, EV_KEY, KEY_RIGHTALT);
-    std::string name = libevdev_get_name(dev) ? libevdev_get_name(dev) : "";
-    libevdev_free(dev);
-    if (!keyboard) {
+    const auto name = probe(fd);
+    if (!name) {
       ++scan.others;
       ::close(fd);
       return;
     }
     ++scan.keyboards;
-    devices.push_back(
-        Device{fd, (name.empty() ? "keyboard" : name) + " (" + path.string() + ")", path});
+    devices.push_back(Device{fd, *name + " (" + path.string() + ")", path});
     if (notice) notice("keyboard added: " + devices.back().name);
   }
 
@@ -247,8 +238,22 @@ struct EvdevKeySource::Impl {
   }
 };
 
-EvdevKeySource::EvdevKeySource(fs::path directory) : impl_(std::make_unique<Impl>()) {
+std::optional<std::string> EvdevKeySource::probeWithLibevdev(int fd) {
+  libevdev* dev = nullptr;
+  if (libevdev_new_from_fd(fd, &dev) < 0) return std::nullopt;
+  const bool keyboard = libevdev_has_event_code(dev, EV_KEY, KEY_LEFTALT) ||
+                        libevdev_has_event_code(dev, EV_KEY, KEY_RIGHTALT);
+  const char* name = libevdev_get_name(dev);
+  std::optional<std::string> result;
+  if (keyboard) result = name && *name ? name : "keyboard";
+  libevdev_free(dev);
+  return result;
+}
+
+EvdevKeySource::EvdevKeySource(fs::path directory, KeyboardProbe probe)
+    : impl_(std::make_unique<Impl>()) {
   impl_->directory = std::move(directory);
+  impl_->probe = std::move(probe);
 }
 
 EvdevKeySource::~EvdevKeySource() { stop(); }
@@ -282,8 +287,8 @@ void EvdevKeySource::start(Sink sink, Notice notice) {
   impl_->sink = std::move(sink);
   impl_->notice = std::move(notice);
   impl_->inotify = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-  if (impl_->inotify >= 0 && ::inotify_add_watch(impl_->inotify, impl_->directory.c_str(),
-                                                 IN_CREATE | IN_ATTRIB | IN_DELETE) < 0) {
+  if (impl_->inotify >= 0 &&
+      ::inotify_add_watch(impl_->inotify, impl_->directory.c_str(), IN_CREATE | IN_ATTRIB) < 0) {
     ::close(impl_->inotify);
     impl_->inotify = -1;
   }

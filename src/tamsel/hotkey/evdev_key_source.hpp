@@ -2,7 +2,9 @@
 // The evdev backend, apart so it can be fed from any descriptor: it reads `struct input_event`
 // records itself (libevdev only tells keyboards from other devices), so a pipe works as a device.
 #include <filesystem>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "tamsel/hotkey/key_source.hpp"
@@ -11,8 +13,14 @@ namespace tamsel::hotkey {
 
 class EvdevKeySource final : public KeySource {
  public:
+  // The name of the keyboard open on `fd`; nothing when the device is no keyboard.
+  using KeyboardProbe = std::function<std::optional<std::string>(int fd)>;
+  // libevdev's view: a device with an Alt key is a keyboard.
+  static std::optional<std::string> probeWithLibevdev(int fd);
+
   // Watches `directory` for keyboards that appear (event* entries) once started.
-  explicit EvdevKeySource(std::filesystem::path directory);
+  explicit EvdevKeySource(std::filesystem::path directory,
+                          KeyboardProbe probe = &EvdevKeySource::probeWithLibevdev);
   ~EvdevKeySource() override;
 
   // What a look through the directory found.

@@ -192,6 +192,37 @@ TEST(EvdevKeySource, DroppedEventsAreSkippedAndTheKeysResynchronised) {
   EXPECT_EQ(rig.taps, std::vector<OptionSide>{OptionSide::left});
 }
 
+TEST(EvdevKeySource, AKeyboardPluggedInLaterIsFollowed) {
+  Rig rig(OptionSide::left);  // started on an empty folder
+  // A FIFO stands in for the new device node; the probe takes it for a keyboard.
+  rig.source = nullptr;
+  auto owned = std::make_unique<EvdevKeySource>(
+      rig.dir.path(), [](int) { return std::optional<std::string>("hot keyboard"); });
+  auto* source = owned.get();
+  rig.watcher.start(std::move(owned));
+  rig.settle();
+  EXPECT_NE(source->description().find("no keyboard yet"), std::string::npos);
+
+  const auto node = rig.dir.path() / "event7";
+  ASSERT_EQ(::mkfifo(node.c_str(), 0600), 0);
+  for (int i = 0; i < 50 && rig.notices.empty(); ++i) rig.settle();
+  ASSERT_EQ(rig.notices,
+            std::vector<std::string>{"keyboard added: hot keyboard (" + node.string() + ")"});
+  const int writer = ::open(node.c_str(), O_WRONLY | O_CLOEXEC);
+  ASSERT_GE(writer, 0) << "the source does not hold the node open";
+  std::vector<input_event> taps;
+  for (int i = 0; i < 2; ++i)
+    for (int value : {1, 0})
+      taps.insert(taps.end(), {record(EV_KEY, KEY_LEFTALT, value), record(EV_SYN, SYN_REPORT, 0)});
+  ASSERT_EQ(::write(writer, taps.data(), taps.size() * sizeof(input_event)),
+            static_cast<ssize_t>(taps.size() * sizeof(input_event)));
+  rig.advance(100ms);
+  EXPECT_EQ(rig.taps, std::vector<OptionSide>{OptionSide::left});
+  ::close(writer);
+  rig.settle();
+  EXPECT_EQ(rig.notices.back(), "keyboard gone: hot keyboard (" + node.string() + ")");
+}
+
 TEST(EvdevKeySource, OpeningSaysWhyWhenNoDeviceCanBeRead) {
   test::TempDir dir;
   {
