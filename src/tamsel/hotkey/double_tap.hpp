@@ -13,7 +13,7 @@ namespace tamsel::hotkey {
 using Clock = std::chrono::steady_clock;
 using TimePoint = Clock::time_point;
 
-// The Option key of the Mac keyboard is Alt here.
+// Which Alt key (the Option key on some keyboards).
 enum class OptionSide { left, right, either };
 
 std::string_view rawValue(OptionSide side);
