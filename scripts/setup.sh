@@ -11,6 +11,7 @@ packages=(
   libsimdjson-dev libsystemd-dev libreadline-dev libmd4c-dev tmux clang libclang-rt-14-dev libical-dev libxml2-dev radicale khal
   libgtest-dev libgmock-dev libbenchmark-dev clang-format groff-base
   libpulse-dev libsndfile1-dev libsoxr-dev
+  libx11-dev libxi-dev libxtst-dev libevdev-dev xvfb
   pulseaudio pulseaudio-utils pipewire pipewire-bin pipewire-pulse wireplumber dbus-user-session sox
   dpkg-dev lintian desktop-file-utils appstream man-db librsvg2-bin
 )

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <variant>
@@ -11,6 +12,14 @@
 
 #include "tamsel/base/error.hpp"
 #include "tamsel/desktop/daemon_manager.hpp"
+#include "tamsel/hotkey/double_tap.hpp"
+
+namespace tamsel::platform {
+class Process;
+}
+namespace tamsel::app {
+class DesktopServices;
+}
 
 namespace tamsel::cli {
 
@@ -109,6 +118,35 @@ struct MeetingRecordOptions {
 };
 int meetingRecord(const GlobalOptions& options, const MeetingRecordOptions& meeting);
 int meetingDevices(const GlobalOptions& options, bool asJSON);
+
+// `tamsel hotkey watch`: one line per double tap until interrupted.
+struct HotkeyWatchOptions {
+  std::optional<std::string> side;  // left, right, either; default: the trigger mode's
+  std::string backend = "auto";     // auto, x11, evdev
+  bool asJSON = false;
+};
+int hotkeyWatch(const GlobalOptions& options, const HotkeyWatchOptions& watch);
+// `tamsel hotkey mode [MODE]`: shows or sets the trigger mode.
+int hotkeyMode(const GlobalOptions& options, const std::optional<std::string>& mode);
+
+// What a double tap does in the headless front end: it opens `tamsel chat` in a new terminal
+// window (x-terminal-emulator, else xterm), once at a time, and says so; the desktop window
+// raises itself instead. `quiet`: machine-read stdout, the lines go to stderr.
+class HeadlessSummoner {
+ public:
+  HeadlessSummoner(const GlobalOptions& options, bool quiet);
+  ~HeadlessSummoner();
+  void summon(hotkey::OptionSide side);
+
+ private:
+  GlobalOptions options_;
+  bool quiet_;
+  std::unique_ptr<platform::Process> chat_;
+};
+
+// `tamsel run`'s hotkey: started as the trigger mode asks, and said so (on stderr when `asJSON`);
+// when no backend can see keys, why, and the run goes on without it.
+void startSummonHotkey(app::DesktopServices& services, bool asJSON);
 
 // Every command that needs the engine starts it the way `engine start` does, saying so on
 // stderr when it launched one; throws CommandException(EngineUnavailable) when it does not

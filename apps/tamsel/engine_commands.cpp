@@ -276,7 +276,11 @@ int engineStop(const GlobalOptions& options) {
 }
 
 int runHeadless(const GlobalOptions& options, bool asJSON) {
-  Runtime rt(options);
+  HeadlessSummoner summoner(options, asJSON);
+  app::FrontEndHooks hooks;
+  hooks.summon = [&summoner](hotkey::OptionSide side) { summoner.summon(side); };
+  hooks.hotkeyNotice = [](const std::string& notice) { printError(notice); };
+  Runtime rt(options, std::move(hooks));
   auto& io = rt.io;
   auto& manager = rt.services.daemonManager();
 
@@ -394,6 +398,7 @@ int runHeadless(const GlobalOptions& options, bool asJSON) {
     });
   });
   manager.start();
+  startSummonHotkey(rt.services, asJSON);
   io.run();
   return exitCode;
 }

@@ -291,6 +291,28 @@ int main(int argc, char** argv) {
   bool devicesJSON = false;
   meetingDevices->add_flag("--json", devicesJSON, "Print JSON");
 
+  cli::HotkeyWatchOptions hotkeyWatchOptions;
+  auto* hotkeyCmd =
+      app.add_subcommand("hotkey", "The Alt double tap that summons Tamsel from any application");
+  hotkeyCmd->require_subcommand(1);
+  auto* hotkeyWatch = hotkeyCmd->add_subcommand(
+      "watch", "Print a line for each double tap of the Alt key until interrupted");
+  hotkeyWatch
+      ->add_option("--side", hotkeyWatchOptions.side,
+                   "Which Alt key counts (default: the trigger mode's side, else either)")
+      ->check(CLI::IsMember({"left", "right", "either"}));
+  hotkeyWatch
+      ->add_option("--backend", hotkeyWatchOptions.backend,
+                   "Where keys come from: auto, x11 (XInput2) or evdev (/dev/input)")
+      ->check(CLI::IsMember({"auto", "x11", "evdev"}))
+      ->capture_default_str();
+  hotkeyWatch->add_flag("--json", hotkeyWatchOptions.asJSON, "One JSON object per double tap");
+  auto* hotkeyModeCmd =
+      hotkeyCmd->add_subcommand("mode", "Show or set the trigger that `tamsel run` watches for");
+  std::optional<std::string> hotkeyModeValue;
+  hotkeyModeCmd->add_option("mode", hotkeyModeValue, "doubleTapLeft, doubleTapRight, custom or off")
+      ->check(CLI::IsMember({"doubleTapLeft", "doubleTapRight", "custom", "off"}));
+
   // Generated from this command tree, so they never drift from it; hidden from the listing.
   auto* completion =
       app.add_subcommand("completion", "Print a shell completion script (bash or zsh)")->group("");
@@ -327,6 +349,9 @@ int main(int argc, char** argv) {
                {"meeting", "tamsel meeting record --duration 60"},
                {"meeting record", "tamsel meeting record --duration 600 --json"},
                {"meeting devices", "tamsel meeting devices --json"},
+               {"hotkey", "tamsel hotkey watch --side left"},
+               {"hotkey watch", "tamsel hotkey watch --side either --json"},
+               {"hotkey mode", "tamsel hotkey mode doubleTapRight"},
            });
 
   try {
@@ -357,6 +382,8 @@ int main(int argc, char** argv) {
     if (*history) return cli::showHistory(options, historySession, historyAgent, historyJSON);
     if (*meetingRecord) return cli::meetingRecord(options, meetingOptions);
     if (*meetingDevices) return cli::meetingDevices(options, devicesJSON);
+    if (*hotkeyWatch) return cli::hotkeyWatch(options, hotkeyWatchOptions);
+    if (*hotkeyModeCmd) return cli::hotkeyMode(options, hotkeyModeValue);
     if (*calendarCmd) {
       for (auto* sub : calendarCmd->get_subcommands()) calendarOptions.action = sub->get_name();
       return cli::calendarCommand(options, calendarOptions);

@@ -343,7 +343,7 @@ class TimesAndTablesTests(CliTestCase):
 class HelpAndCompletionTests(CliTestCase):
     COMMANDS = ["engine", "engine start", "engine status", "engine stop", "run", "agents", "sessions", "chat",
                 "events", "history", "calendar", "calendar permission", "calendar sources", "calendar events",
-                "calendar add-local", "calendar add-caldav"]
+                "calendar add-local", "calendar add-caldav", "hotkey", "hotkey watch", "hotkey mode"]
 
     def generated(self, *args):
         proc = subprocess.run([TAMSEL, *args], capture_output=True, text=True, timeout=30)
@@ -358,6 +358,7 @@ class HelpAndCompletionTests(CliTestCase):
                  "tamsel engine s": {"start", "status", "stop"},
                  "tamsel calendar events --f": {"--from"},
                  "tamsel chat --dec": {"--decline-questions"},
+                 "tamsel hotkey watch --s": {"--side"},
                  "tamsel --engine-port 7600 agents --engine-p": {"--engine-port"},  # global options anywhere
                  "tamsel comp": set()}  # hidden commands are not offered
         for line, expected in cases.items():

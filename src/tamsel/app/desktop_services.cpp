@@ -17,6 +17,7 @@
 #include "tamsel/calendar/desktop_calendar.hpp"
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
 #include "tamsel/desktop/engine_locator.hpp"
+#include "tamsel/hotkey/trigger_preference.hpp"
 #include "tamsel/kit/draft_storage.hpp"
 #include "tamsel/platform/child_process.hpp"
 
@@ -44,6 +45,8 @@ struct DesktopServices::Parts {
   bool rpcMade = false;
   std::shared_ptr<bridge::rpc::DesktopRPCService> rpcService;
   std::unique_ptr<desktop::DaemonManager> manager;
+  bool hotkeyStarted = false;
+  std::unique_ptr<hotkey::DoubleTapWatcher> hotkey;
 };
 
 const std::vector<std::string>& DesktopServices::consumerCapabilities() {
@@ -190,6 +193,49 @@ desktop::DaemonManager& DesktopServices::daemonManager() {
                                                                std::move(deps), std::move(hooks));
   }
   return *parts_->manager;
+}
+
+hotkey::HotkeySession DesktopServices::hotkeySession() const {
+  return hotkey::HotkeySession{environment_.display, environment_.waylandDisplay, "/dev/input"};
+}
+
+hotkey::HotkeyTriggerMode DesktopServices::hotkeyTriggerMode() {
+  return hotkey::loadTriggerMode(preferences());
+}
+
+HotkeyStatus DesktopServices::setHotkeyTriggerMode(hotkey::HotkeyTriggerMode mode) {
+  hotkey::saveTriggerMode(preferences(), mode);
+  if (!parts_->hotkeyStarted) return {};
+  return startSummonHotkey();
+}
+
+HotkeyStatus DesktopServices::startSummonHotkey() {
+  stopSummonHotkey();
+  parts_->hotkeyStarted = true;
+  const auto mode = hotkeyTriggerMode();
+  const auto side = hotkey::doubleTapSide(mode);
+  if (!side)
+    return {HotkeyStatus::Kind::off,
+            "the summon hotkey is off (trigger mode " + std::string(hotkey::rawValue(mode)) + ")"};
+  auto watcher = std::make_unique<hotkey::DoubleTapWatcher>(
+      main_, *side,
+      [this](hotkey::OptionSide pressed) {
+        if (hooks_.summon) hooks_.summon(pressed);
+      },
+      hooks_.hotkeyNotice);
+  if (auto failure = watcher->start(hotkeySession())) {
+    base::log::info(kSource, "summon hotkey unavailable: {}", *failure);
+    return {HotkeyStatus::Kind::unavailable, *failure};
+  }
+  parts_->hotkey = std::move(watcher);
+  return {HotkeyStatus::Kind::watching,
+          "double tap of the " + std::string(hotkey::rawValue(*side)) +
+              " Alt key summons, through " + parts_->hotkey->backendDescription()};
+}
+
+void DesktopServices::stopSummonHotkey() {
+  parts_->hotkeyStarted = false;
+  parts_->hotkey.reset();
 }
 
 std::unique_ptr<desktop::DaemonChatViewModel> DesktopServices::makeChatViewModel() {

@@ -22,6 +22,8 @@
 #include "tamsel/bridge/daemon_paths.hpp"
 #include "tamsel/calendar/calendar_permission_store.hpp"
 #include "tamsel/desktop/daemon_manager.hpp"
+#include "tamsel/hotkey/double_tap.hpp"
+#include "tamsel/hotkey/double_tap_watcher.hpp"
 
 namespace tamsel::base {
 class PreferencesStore;
@@ -64,6 +66,18 @@ struct DesktopOptions {
 struct FrontEndHooks {
   // Asks the user whether the engine may use the calendars; empty when nobody can answer.
   calendar::PermissionPrompter askCalendarPermission;
+  // What a double tap of the trigger key does (the window raises itself; the headless front end
+  // opens a chat). Runs on the main executor; its argument is the side of the completing press.
+  std::function<void(hotkey::OptionSide)> summon;
+  // What the hotkey's backend has to say later (a keyboard plugged in or gone); may be empty.
+  std::function<void(const std::string&)> hotkeyNotice;
+};
+
+// Whether the summon hotkey runs, and in words: its backend, or why there is none.
+struct HotkeyStatus {
+  enum class Kind { off, watching, unavailable };
+  Kind kind = Kind::off;
+  std::string text;
 };
 
 class DesktopServices {
@@ -106,6 +120,19 @@ class DesktopServices {
   // Null when the calendar cannot be opened (logged); the RPC channel then serves no calendar.
   std::shared_ptr<calendar::CalendarProvider> calendar();
   desktop::DaemonManager& daemonManager();
+
+  // The display servers and input devices the hotkey may use.
+  hotkey::HotkeySession hotkeySession() const;
+  // The trigger setting from the preferences.
+  hotkey::HotkeyTriggerMode hotkeyTriggerMode();
+  // Saves the setting (throws when it cannot be saved) and, when the hotkey was started, starts
+  // it again as the new setting asks.
+  HotkeyStatus setHotkeyTriggerMode(hotkey::HotkeyTriggerMode mode);
+  // Starts the summon hotkey when the trigger setting is a double tap: the monitor calls the
+  // front end's summon hook. Unavailable (with the explanation) when no backend can see keys in
+  // other applications; everything else keeps working then. Calling it again restarts it.
+  HotkeyStatus startSummonHotkey();
+  void stopSummonHotkey();
 
   // A chat controller over the shared clients and stores; the root must outlive it.
   std::unique_ptr<desktop::DaemonChatViewModel> makeChatViewModel();

@@ -59,6 +59,8 @@ Environment read() {
   const auto noColor = get("NO_COLOR");
   e.noColor = noColor && !noColor->empty();
   e.meetingDisableSystap = get("TamselMeetingDisableSystap");
+  e.display = get("DISPLAY");
+  e.waylandDisplay = get("WAYLAND_DISPLAY");
   return e;
 }
 

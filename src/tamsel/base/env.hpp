@@ -29,6 +29,8 @@ struct Environment {
   bool noColor = false;  // NO_COLOR set to anything but empty: text without colour
   // TamselMeetingDisableSystap: set (to anything) records meetings without the system track.
   std::optional<std::string> meetingDisableSystap;
+  // The display servers of the session, for the hotkey: DISPLAY and WAYLAND_DISPLAY.
+  std::optional<std::string> display, waylandDisplay;
 };
 Environment read();
 

@@ -26,7 +26,8 @@ struct FakeManager {
       std::string line;
       for (const auto& a : args) line += (line.empty() ? "" : " ") + a;
       calls.push_back(line);
-      if (failWith) return {failWith, "Failed to enable unit: Unit file tamsel.service does not exist."};
+      if (failWith)
+        return {failWith, "Failed to enable unit: Unit file tamsel.service does not exist."};
       const auto link = config / "systemd/user/default.target.wants/tamsel.service";
       if (args.at(0) == "enable") {
         fs::create_directories(link.parent_path());
@@ -35,8 +36,7 @@ struct FakeManager {
         fs::remove(link);
       }
       return {0, ""};
-    }
-    ;
+    };
     return s;
   }
 };
