@@ -85,6 +85,13 @@ struct MeetingJobRecord {
   bool operator==(const MeetingJobRecord&) const = default;
 };
 
+// A new meeting's job, written as its recording starts.
+MeetingJobRecord newMeetingJob(std::string id, base::Timestamp now);
+// Capture has let go of the devices: the job moves on to sealing, with the tracks' quality and a
+// sealing deadline.
+void markCaptureReleased(MeetingJobRecord& record, const std::optional<TrackRecording>& mic,
+                         const std::optional<TrackRecording>& system, base::Timestamp now);
+
 // Keys in the record's order; absent optional keys are left out.
 boost::json::value toJSON(const MeetingJobRecord& record);
 std::string serializeJobRecord(const MeetingJobRecord& record);  // pretty enough to read, one line
