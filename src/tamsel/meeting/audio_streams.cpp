@@ -48,7 +48,8 @@ bool isIgnoredStream(const AudioStreamInfo& stream, const AudioSelf& self) {
   return isOwnStream(stream, self) || isLevelMeter(stream);
 }
 
-AudioProcessSnapshot buildAudioProcessSnapshot(const AudioStreamTable& table, const AudioSelf& self) {
+AudioProcessSnapshot buildAudioProcessSnapshot(const AudioStreamTable& table,
+                                               const AudioSelf& self) {
   AudioProcessSnapshot snapshot;
   for (const auto& stream : table.streams) {
     if (!stream.propertiesRead || isIgnoredStream(stream, self)) continue;
@@ -67,9 +68,8 @@ AudioProcessSnapshot buildAudioProcessSnapshot(const AudioStreamTable& table, co
     const auto identifier = processIdentifier(propertyOr(stream, "pipewire.access.portal.app_id"),
                                               propertyOr(stream, "application.id"),
                                               propertyOr(stream, "application.process.binary"));
-    if (process->bundleID.empty() ||
-        (!MeetingApplicationDetector::family(process->bundleID) &&
-         MeetingApplicationDetector::family(identifier)))
+    if (process->bundleID.empty() || (!MeetingApplicationDetector::family(process->bundleID) &&
+                                      MeetingApplicationDetector::family(identifier)))
       if (!identifier.empty()) process->bundleID = identifier;
     if (stream.corked) continue;
     if (stream.direction == AudioStreamInfo::Direction::record)

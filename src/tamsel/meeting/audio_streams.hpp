@@ -22,7 +22,7 @@ struct AudioStreamInfo {
   // The server's client of the stream; nothing for streams a module owns (loopbacks, remaps).
   std::optional<std::uint32_t> client;
   bool corked = false;
-  std::string device;          // the source (record) or sink (playback) it is connected to
+  std::string device;            // the source (record) or sink (playback) it is connected to
   bool deviceIsMonitor = false;  // a record stream on a sink's monitor
   std::uint32_t sampleRate = 0;
   // The stream's properties, completed from its client's where the stream lacks them (under
@@ -39,7 +39,7 @@ struct AudioStreamInfo {
 
 struct AudioStreamTable {
   std::string defaultSource;
-  bool defaultSourceRunning = false;  // the server's state for it is RUNNING
+  bool defaultSourceRunning = false;     // the server's state for it is RUNNING
   std::vector<AudioStreamInfo> streams;  // record streams, then playback streams, by index
   bool operator==(const AudioStreamTable&) const = default;
 };
@@ -64,7 +64,8 @@ bool isIgnoredStream(const AudioStreamInfo& stream, const AudioSelf& self);
 // Streams grouped by the process id they carry ("application.process.id"), processes in the
 // order of their first stream. A stream whose properties could not be read, or whose process id
 // is missing or not a positive number, is left out with its process; the rest still count.
-AudioProcessSnapshot buildAudioProcessSnapshot(const AudioStreamTable& table, const AudioSelf& self);
+AudioProcessSnapshot buildAudioProcessSnapshot(const AudioStreamTable& table,
+                                               const AudioSelf& self);
 
 // The default input is in use by someone else: its state is RUNNING and it has an uncorked
 // record stream that is not ignored.

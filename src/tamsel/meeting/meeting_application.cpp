@@ -1,12 +1,11 @@
 #include "tamsel/meeting/meeting_application.hpp"
 
-#include <algorithm>
-#include <array>
-#include <set>
-
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <array>
 #include <cctype>
+#include <set>
 
 namespace tamsel::meeting {
 
@@ -91,7 +90,8 @@ std::optional<MeetingApplicationFamily> MeetingApplicationDetector::family(
   return std::nullopt;
 }
 
-MeetingApplicationDetection MeetingApplicationDetector::detect(const AudioProcessSnapshot& snapshot) {
+MeetingApplicationDetection MeetingApplicationDetector::detect(
+    const AudioProcessSnapshot& snapshot) {
   std::set<MeetingApplicationIdentity> identities;
   for (const auto& process : snapshot.states) {
     if (!process.isRunningInput) continue;

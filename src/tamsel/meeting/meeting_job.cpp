@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -430,6 +431,64 @@ MeetingFolderLock& MeetingFolderLock::operator=(MeetingFolderLock&& other) noexc
 
 MeetingFolderLock::~MeetingFolderLock() {
   if (fd_ >= 0) ::close(fd_);
+}
+
+fs::path createMeetingFolder(const fs::path& meetingsRoot, base::Timestamp now) {
+  std::error_code ec;
+  fs::create_directories(meetingsRoot, ec);
+  if (ec) throw std::system_error(ec, "cannot create " + meetingsRoot.string());
+  ::chmod(meetingsRoot.c_str(), 0700);
+  // "2026-11-24T09:15:02.123Z" -> "2026-11-24T09-15-02Z": no colons, which some tools mind.
+  auto name = base::formatISO8601(now).substr(0, 19) + "Z";
+  std::replace(name.begin() + 10, name.end(), ':', '-');
+  for (int n = 1;; ++n) {
+    const fs::path candidate = meetingsRoot / (n == 1 ? name : name + "-" + std::to_string(n));
+    if (::mkdir(candidate.c_str(), 0700) == 0) return candidate;
+    if (errno != EEXIST)
+      throw std::system_error(errno, std::generic_category(),
+                              "cannot create " + candidate.string());
+  }
+}
+
+std::vector<MeetingJobReplayEntry> replayMeetingJobs(
+    const MeetingJobStore& store, base::Timestamp now,
+    const std::function<void(const fs::path&)>& sealer, MeetingJobReplayMode mode,
+    std::vector<MeetingJobLoadProblem>* problems) {
+  using Action = MeetingJobPolicy::LaunchAction;
+  std::vector<MeetingJobReplayEntry> entries;
+  for (auto& [folder, record] : store.loadAll(problems)) {
+    const MeetingJobFolderFacts facts{MeetingFolderLock::isHeldElsewhere(folder),
+                                      meetingCaptureFinished(folder)};
+    MeetingJobReplayEntry entry{
+        folder, record, MeetingJobPolicy::launchAction(record, facts, now), std::nullopt, {}};
+    const bool marks = entry.action == Action::markCrashedWhileRecording ||
+                       entry.action == Action::markCrashedWhileReleasingCapture;
+    if (mode == MeetingJobReplayMode::launch || marks) {
+      try {
+        if (entry.action == Action::sweepDelete) {
+          // Only ever a folder of this store: never follow a record elsewhere.
+          if (folder.parent_path() == store.root()) fs::remove_all(folder);
+        } else if (auto next = MeetingJobPolicy::applyLaunchAction(record, entry.action, now)) {
+          store.save(folder, *next);
+          entry.after = std::move(next);
+        }
+      } catch (const std::exception& e) {
+        entry.error = e.what();
+        base::log::warn("meeting", "job {}: {}", folder.filename().string(), e.what());
+      }
+    }
+    if (mode == MeetingJobReplayMode::launch && entry.error.empty() && sealer &&
+        MeetingJobPolicy::sealsAfter(entry.action)) {
+      try {
+        sealer(folder);
+      } catch (const std::exception& e) {
+        entry.error = e.what();
+        base::log::warn("meeting", "job {}: sealing: {}", folder.filename().string(), e.what());
+      }
+    }
+    entries.push_back(std::move(entry));
+  }
+  return entries;
 }
 
 bool meetingCaptureFinished(const fs::path& meetingFolder) {

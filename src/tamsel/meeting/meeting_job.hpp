@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -218,6 +219,35 @@ class MeetingFolderLock {
   explicit MeetingFolderLock(int fd) : fd_(fd) {}
   int fd_ = -1;
 };
+
+// A new meeting folder under the root, named by the UTC time ("2026-11-24T09-15-02Z", "-2" and
+// on when taken), 0700; the root is created 0700 when missing. Throws std::system_error.
+std::filesystem::path createMeetingFolder(const std::filesystem::path& meetingsRoot,
+                                          base::Timestamp now);
+
+// What the launch replay did with one record.
+struct MeetingJobReplayEntry {
+  std::filesystem::path meetingFolder;
+  MeetingJobRecord before;
+  MeetingJobPolicy::LaunchAction action;
+  std::optional<MeetingJobRecord> after;  // the record written, when it changed
+  std::string error;                      // why the action could not be carried out
+};
+
+enum class MeetingJobReplayMode : std::uint8_t {
+  // Everything the policy decides: marks, sealing, escalation, sweeping.
+  launch,
+  // Only records the facts of dead recorders (the markCrashed actions), never seals or deletes:
+  // what a listing may do.
+  markCrashedOnly,
+};
+
+// Gives every record under the store's root its launch action and carries it out; `sealer` (may
+// be empty) is handed each folder whose job goes on to sealing, after its record is saved.
+std::vector<MeetingJobReplayEntry> replayMeetingJobs(
+    const MeetingJobStore& store, base::Timestamp now,
+    const std::function<void(const std::filesystem::path&)>& sealer, MeetingJobReplayMode mode,
+    std::vector<MeetingJobLoadProblem>* problems = nullptr);
 
 // Whether every "<source>.journal.json" in the folder says its writer finished; true when there
 // is none (nothing was being captured). A journal that cannot be read counts as unfinished.

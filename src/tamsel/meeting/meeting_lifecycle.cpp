@@ -65,18 +65,17 @@ std::string describe(const MeetingLifecyclePhase& phase) {
                     : std::string("manual");
   };
   return std::visit(
-      base::Overloaded{
-          [&](const MeetingLifecyclePhase::Recording& r) {
-            return fmt::format("recording ({})", origin(r.origin));
-          },
-          [&](const MeetingLifecyclePhase::EndingGrace& g) {
-            return fmt::format("ending grace ({}) until {}", origin(g.origin),
-                               base::formatISO8601(g.deadline));
-          },
-          [](const MeetingLifecyclePhase::Stopping& s) {
-            return fmt::format("stopping ({})", toString(s.reason));
-          },
-          [](const MeetingLifecyclePhase::Idle&) { return std::string("idle"); }},
+      base::Overloaded{[&](const MeetingLifecyclePhase::Recording& r) {
+                         return fmt::format("recording ({})", origin(r.origin));
+                       },
+                       [&](const MeetingLifecyclePhase::EndingGrace& g) {
+                         return fmt::format("ending grace ({}) until {}", origin(g.origin),
+                                            base::formatISO8601(g.deadline));
+                       },
+                       [](const MeetingLifecyclePhase::Stopping& s) {
+                         return fmt::format("stopping ({})", toString(s.reason));
+                       },
+                       [](const MeetingLifecyclePhase::Idle&) { return std::string("idle"); }},
       phase.value);
 }
 
@@ -91,9 +90,8 @@ MeetingLifecycleReducer::Actions MeetingLifecycleReducer::applicationPresenceCha
   if (auto* recording = std::get_if<Phase::Recording>(&phase_.value)) {
     if (present || !recording->origin.detectedIdentity()) return {};
     ++generation_;
-    const auto deadline =
-        now + std::chrono::duration_cast<std::chrono::microseconds>(
-                  std::chrono::duration<double>(graceSeconds_));
+    const auto deadline = now + std::chrono::duration_cast<std::chrono::microseconds>(
+                                    std::chrono::duration<double>(graceSeconds_));
     const MeetingGraceToken token{generation_};
     phase_.value = Phase::EndingGrace{std::move(recording->origin), deadline, token};
     return {{MeetingLifecycleAction::ScheduleGrace{deadline, token}}};
@@ -108,7 +106,7 @@ MeetingLifecycleReducer::Actions MeetingLifecycleReducer::applicationPresenceCha
 }
 
 MeetingLifecycleReducer::Actions MeetingLifecycleReducer::graceExpired(MeetingGraceToken token,
-                                                                        base::Timestamp now) {
+                                                                       base::Timestamp now) {
   const auto* grace = std::get_if<MeetingLifecyclePhase::EndingGrace>(&phase_.value);
   if (!grace || grace->token != token || grace->deadline > now) return {};
   // Deliberately no generation step here: the token that fired stays the newest one.

@@ -75,7 +75,9 @@ bool MeetingCaptureEngine::start(std::shared_ptr<TrackRecorder> mic,
                                  std::shared_ptr<TrackRecorder> system) {
   const auto install = [this](MeetingCaptureSource& source) {
     const auto s = source.source();
-    source.routeChangeHandler = [this, s](const AudioCaptureRoute& route) { routeChanged(s, route); };
+    source.routeChangeHandler = [this, s](const AudioCaptureRoute& route) {
+      routeChanged(s, route);
+    };
     source.routeFailureHandler = [this, s](const std::string& reason) { routeFailed(s, reason); };
     source.warningHandler = [this](const std::string& text) {
       if (warnings) warnings(text);
@@ -89,7 +91,8 @@ bool MeetingCaptureEngine::start(std::shared_ptr<TrackRecorder> mic,
   } catch (const std::exception& e) {
     mic_->stop();
     mic_.reset();
-    throw MeetingRecorderException({MeetingRecorderError::TrackFailure{TrackSource::mic, e.what()}});
+    throw MeetingRecorderException(
+        {MeetingRecorderError::TrackFailure{TrackSource::mic, e.what()}});
   }
   std::optional<AudioCaptureRoute> systemRoute;
   bool unavailable = false;
@@ -100,7 +103,8 @@ bool MeetingCaptureEngine::start(std::shared_ptr<TrackRecorder> mic,
       systemRoute = system_->start(std::move(system));
     } catch (const std::exception& e) {
       base::log::warn("meeting", "meeting: system route restart failed: {}", e.what());
-      if (warnings) warnings(std::string("systap: ") + e.what() + "; recording the microphone alone");
+      if (warnings)
+        warnings(std::string("systap: ") + e.what() + "; recording the microphone alone");
       system_->stop();
       system_.reset();
       unavailable = true;
@@ -260,6 +264,44 @@ void MeetingRecorder::seal(const MeetingStopToken& token) {
 MeetingRecorder::State MeetingRecorder::state() const {
   base::MutexLock lock(lock_);
   return state_;
+}
+
+namespace {
+
+class EngineRecording final : public MeetingRecording {
+ public:
+  EngineRecording(const std::filesystem::path& folder, MeetingRecordingOptions options)
+      : engine_(std::move(options.sources), options.systemCaptureDisabled),
+        recorder_(folder, !options.systemCaptureDisabled, std::move(options.sealer)) {
+    engine_.routeActivities = std::move(options.routeActivities);
+    engine_.warnings = std::move(options.warnings);
+    recorder_.start(engine_);
+  }
+  const std::filesystem::path& folder() const override { return recorder_.folder(); }
+  MeetingRecordingResult stop() override {
+    engine_.stop();
+    token_ = recorder_.stop();
+    return recorder_.finish(*token_);
+  }
+  void seal() override {
+    if (!token_) throw MeetingRecorderException({MeetingRecorderError::FinishBeforeStopping{}});
+    recorder_.seal(*token_);
+  }
+  std::optional<CaptureHealth> health(TrackSource source) const override {
+    return engine_.health(source);
+  }
+
+ private:
+  MeetingCaptureEngine engine_;
+  MeetingRecorder recorder_;
+  std::optional<MeetingStopToken> token_;
+};
+
+}  // namespace
+
+std::unique_ptr<MeetingRecording> startMeetingRecording(const std::filesystem::path& folder,
+                                                        MeetingRecordingOptions options) {
+  return std::make_unique<EngineRecording>(folder, std::move(options));
 }
 
 }  // namespace tamsel::meeting

@@ -178,4 +178,28 @@ class MeetingRecorder {
   bool finished_ GUARDED_BY(lock_) = false;
 };
 
+// One running recording as a controller holds it: the capture engine and the recorder together.
+class MeetingRecording {
+ public:
+  virtual ~MeetingRecording() = default;
+  virtual const std::filesystem::path& folder() const = 0;
+  // Stops capture and waits for both writers to close their files (well under a second).
+  virtual MeetingRecordingResult stop() = 0;
+  // After stop: hands the folder to the sealer.
+  virtual void seal() = 0;
+  virtual std::optional<CaptureHealth> health(TrackSource source) const = 0;
+};
+
+struct MeetingRecordingOptions {
+  MeetingCaptureEngine::SourceFactory sources = MeetingCaptureEngine::pulseSources();
+  bool systemCaptureDisabled = false;
+  MeetingRecorder::Sealer sealer;
+  MeetingCaptureEngine::ActivityHandler routeActivities;
+  std::function<void(const std::string&)> warnings;
+};
+
+// Starts recording into `folder` (which exists). Throws MeetingRecorderException.
+std::unique_ptr<MeetingRecording> startMeetingRecording(const std::filesystem::path& folder,
+                                                        MeetingRecordingOptions options);
+
 }  // namespace tamsel::meeting

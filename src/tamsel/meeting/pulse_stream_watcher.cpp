@@ -114,24 +114,23 @@ struct PulseStreamWatcher::Impl {
                           r.clients[info->index] = readProperties(info->proplist);
                         },
                         &r));
-    waitFor(r.loop,
-            pa_context_get_source_output_info_list(
-                context,
-                [](pa_context*, const pa_source_output_info* info, int eol, void* data) {
-                  auto& r = *static_cast<Reading*>(data);
-                  if (eol || !info) return pa_threaded_mainloop_signal(r.loop, 0);
-                  AudioStreamInfo s;
-                  s.index = info->index;
-                  s.direction = AudioStreamInfo::Direction::record;
-                  if (info->client != PA_INVALID_INDEX) s.client = info->client;
-                  s.corked = info->corked != 0;
-                  s.device = std::to_string(info->source);  // resolved to a name below
-                  s.sampleRate = info->sample_spec.rate;
-                  s.propertiesRead = info->proplist != nullptr;
-                  s.properties = readProperties(info->proplist);
-                  r.records.push_back(std::move(s));
-                },
-                &r));
+    waitFor(r.loop, pa_context_get_source_output_info_list(
+                        context,
+                        [](pa_context*, const pa_source_output_info* info, int eol, void* data) {
+                          auto& r = *static_cast<Reading*>(data);
+                          if (eol || !info) return pa_threaded_mainloop_signal(r.loop, 0);
+                          AudioStreamInfo s;
+                          s.index = info->index;
+                          s.direction = AudioStreamInfo::Direction::record;
+                          if (info->client != PA_INVALID_INDEX) s.client = info->client;
+                          s.corked = info->corked != 0;
+                          s.device = std::to_string(info->source);  // resolved to a name below
+                          s.sampleRate = info->sample_spec.rate;
+                          s.propertiesRead = info->proplist != nullptr;
+                          s.properties = readProperties(info->proplist);
+                          r.records.push_back(std::move(s));
+                        },
+                        &r));
     waitFor(r.loop, pa_context_get_sink_input_info_list(
                         context,
                         [](pa_context*, const pa_sink_input_info* info, int eol, void* data) {

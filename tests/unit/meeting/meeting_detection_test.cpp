@@ -39,10 +39,10 @@ TEST(MeetingApplicationDetector, IdentifierTableLowerCasesAndMatchesExactly) {
 
 TEST(MeetingApplicationDetector, OnlyInputIdentifiesOneApplication) {
   // Upper-case Zoom running input: identified, bundle id kept as reported.
-  const AudioProcessSnapshot zoomTalking{{process(1, "firefox", true, true),
-                                          process(42, "US.ZOOM.XOS", true, false)}};
-  EXPECT_EQ(D::detect(zoomTalking), MeetingApplicationDetection::identified(
-                                        {F::zoom, "US.ZOOM.XOS", 42}));
+  const AudioProcessSnapshot zoomTalking{
+      {process(1, "firefox", true, true), process(42, "US.ZOOM.XOS", true, false)}};
+  EXPECT_EQ(D::detect(zoomTalking),
+            MeetingApplicationDetection::identified({F::zoom, "US.ZOOM.XOS", 42}));
 
   // Output only: not identified, but still present.
   const AudioProcessSnapshot zoomListening{{process(42, "us.zoom.xos", false, true)}};
@@ -54,8 +54,9 @@ TEST(MeetingApplicationDetector, OnlyInputIdentifiesOneApplication) {
   EXPECT_FALSE(D::isRunning(F::zoom, {{process(42, "zoom", false, false)}}));
 
   // Two applications, or two processes of one: ambiguous.
-  EXPECT_TRUE(D::detect({{process(42, "zoom", true, false), process(7, "teams-for-linux", true, true)}})
-                  .isAmbiguous());
+  EXPECT_TRUE(
+      D::detect({{process(42, "zoom", true, false), process(7, "teams-for-linux", true, true)}})
+          .isAmbiguous());
   EXPECT_TRUE(D::detect({{process(42, "zoom", true, false), process(43, "zoom", true, false)}})
                   .isAmbiguous());
   // The same process listed twice is one identity.
@@ -105,7 +106,8 @@ TEST(AudioProcessSnapshot, GroupsStreamsByProcessAndRunningMeansUncorked) {
   AudioStreamTable table;
   table.defaultSource = "mic";
   table.streams = {stream(1, Dir::record, 42, "zoom"), stream(2, Dir::record, 7, "arecord", true),
-                   stream(3, Dir::playback, 42, "zoom", true), stream(4, Dir::playback, 7, "arecord"),
+                   stream(3, Dir::playback, 42, "zoom", true),
+                   stream(4, Dir::playback, 7, "arecord"),
                    stream(5, Dir::playback, 9, "mpv", true)};
   const auto snapshot = buildAudioProcessSnapshot(table, self);
   ASSERT_EQ(snapshot.states.size(), 3u);
@@ -132,8 +134,9 @@ TEST(AudioProcessSnapshot, IgnoresOursModulesMonitorsMetersAndUnreadableStreams)
   auto badPid = stream(8, Dir::record, std::nullopt, "zoom");
   badPid.properties["application.process.id"] = "12x";
   auto noPid = stream(9, Dir::record, std::nullopt, "zoom");
-  table.streams = {ours, otherTamsel, loopback, monitor, meter, peak, unreadable, badPid, noPid,
-                   stream(10, Dir::record, 60, "teams-for-linux")};
+  table.streams = {
+      ours, otherTamsel, loopback, monitor, meter,
+      peak, unreadable,  badPid,   noPid,   stream(10, Dir::record, 60, "teams-for-linux")};
   const auto snapshot = buildAudioProcessSnapshot(table, self);
   ASSERT_EQ(snapshot.states.size(), 1u) << "only the last stream counts";
   EXPECT_EQ(snapshot.states[0].pid, 60);

@@ -66,8 +66,8 @@ TEST(MeetingLifecycleReducer, DetectedMeetingEndsAfterItsGrace) {
   const MeetingGraceToken token{2};
   ASSERT_EQ(actions, (std::vector<Action>{{Action::ScheduleGrace{t0 + 30s, token}}}));
   EXPECT_TRUE(r.isInGrace());
-  EXPECT_EQ(r.phase(), (Phase{Phase::EndingGrace{MeetingStartOrigin::detected(zoom), t0 + 30s,
-                                                  token}}));
+  EXPECT_EQ(r.phase(),
+            (Phase{Phase::EndingGrace{MeetingStartOrigin::detected(zoom), t0 + 30s, token}}));
   EXPECT_TRUE(r.applicationPresenceChanged(false, t0 + 5s).empty());  // still gone: no new grace
 
   EXPECT_TRUE(r.graceExpired(token, t0 + 29s).empty()) << "an early timer does nothing";
@@ -95,7 +95,8 @@ TEST(MeetingLifecycleReducer, ApplicationBackCancelsTheGraceAndItsTokenGoesStale
   r.start(MeetingStartOrigin::detected(zoom));
   const auto first = r.applicationPresenceChanged(false, t0);
   const auto firstToken = std::get<Action::ScheduleGrace>(first[0].value).token;
-  EXPECT_EQ(r.applicationPresenceChanged(true, t0 + 1s), (std::vector<Action>{{Action::CancelGrace{}}}));
+  EXPECT_EQ(r.applicationPresenceChanged(true, t0 + 1s),
+            (std::vector<Action>{{Action::CancelGrace{}}}));
   EXPECT_EQ(r.phase(), recording(MeetingStartOrigin::detected(zoom)));
 
   const auto second = r.applicationPresenceChanged(false, t0 + 2s);
