@@ -53,7 +53,8 @@ std::string_view toString(MeetingControllerEvent::Kind kind) {
 namespace {
 
 const MeetingStartOrigin* originOf(const MeetingLifecyclePhase& phase) {
-  if (const auto* r = std::get_if<MeetingLifecyclePhase::Recording>(&phase.value)) return &r->origin;
+  if (const auto* r = std::get_if<MeetingLifecyclePhase::Recording>(&phase.value))
+    return &r->origin;
   if (const auto* g = std::get_if<MeetingLifecyclePhase::EndingGrace>(&phase.value))
     return &g->origin;
   return nullptr;
@@ -151,9 +152,9 @@ struct MeetingController::Impl : std::enable_shared_from_this<Impl> {
           return;
         }
         proposal = *identity;
-        MeetingControllerEvent e{Kind::proposal,
-                                 familyName(identity->family) +
-                                     " is using the microphone: record this meeting?"};
+        MeetingControllerEvent e{
+            Kind::proposal,
+            familyName(identity->family) + " is using the microphone: record this meeting?"};
         e.identity = *identity;
         emit(std::move(e));
       } else if (proposal && !identity &&
@@ -177,13 +178,14 @@ struct MeetingController::Impl : std::enable_shared_from_this<Impl> {
 
   void applyCallEvent(CallActivityReducer::Event event) {
     // Reported, never acted on: see the header.
-    emit(Kind::callActivity,
-         event == CallActivityReducer::Event::callStarted
-             ? "callStarted: the microphone is in use by another application"
-             : "callEnded: the microphone is free again");
+    emit(Kind::callActivity, event == CallActivityReducer::Event::callStarted
+                                 ? "callStarted: the microphone is in use by another application"
+                                 : "callEnded: the microphone is free again");
   }
 
-  bool idle() const { return std::holds_alternative<MeetingLifecyclePhase::Idle>(reducer.phase().value); }
+  bool idle() const {
+    return std::holds_alternative<MeetingLifecyclePhase::Idle>(reducer.phase().value);
+  }
 
   void begin(MeetingStartOrigin origin) {
     if (!idle()) return;
@@ -198,8 +200,7 @@ struct MeetingController::Impl : std::enable_shared_from_this<Impl> {
       store.save(*folder, *job);
       auto options = config.recordingOptions;
       options.warnings = [weak = weak_from_this()](const std::string& text) {
-        if (auto self = weak.lock())
-          self->post([text](Impl& s) { s.emit(Kind::warning, text); });
+        if (auto self = weak.lock()) self->post([text](Impl& s) { s.emit(Kind::warning, text); });
       };
       options.routeActivities = [weak = weak_from_this()](MeetingAudioRouteActivity activity,
                                                           const MeetingAudioRouteTransition& t) {
@@ -270,16 +271,17 @@ struct MeetingController::Impl : std::enable_shared_from_this<Impl> {
 
   void arm(MeetingLifecycleAction::ScheduleGrace grace) {
     const auto remaining = grace.deadline - now();
-    graceTimer.expires_after(std::max(std::chrono::steady_clock::duration::zero(),
-                                      std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-                                          remaining)));
+    graceTimer.expires_after(
+        std::max(std::chrono::steady_clock::duration::zero(),
+                 std::chrono::duration_cast<std::chrono::steady_clock::duration>(remaining)));
     graceTimer.async_wait([weak = weak_from_this(), grace](const boost::system::error_code& ec) {
       auto self = ec ? nullptr : weak.lock();
       if (!self || self->closed) return;
       auto actions = self->reducer.graceExpired(grace.token, self->now());
       // The steady timer and the wall clock may disagree by a little: still this grace and not
       // yet due by the clock means wait out the rest.
-      const auto* phase = std::get_if<MeetingLifecyclePhase::EndingGrace>(&self->reducer.phase().value);
+      const auto* phase =
+          std::get_if<MeetingLifecyclePhase::EndingGrace>(&self->reducer.phase().value);
       if (actions.empty() && phase && phase->token == grace.token) return self->arm(grace);
       self->perform(actions);
     });
@@ -301,8 +303,8 @@ struct MeetingController::Impl : std::enable_shared_from_this<Impl> {
     currentFolder.reset();
     currentJob.reset();
     base::MutexLock guard(workersLock);
-    workers.emplace_back([weak = weak_from_this(), recording, folder, job, lock,
-                          store = store, clock = config.clock]() mutable {
+    workers.emplace_back([weak = weak_from_this(), recording, folder, job, lock, store = store,
+                          clock = config.clock]() mutable {
       MeetingRecordingResult result;
       std::string failure;
       try {
@@ -331,7 +333,9 @@ struct MeetingController::Impl : std::enable_shared_from_this<Impl> {
         base::log::warn("meeting", "{}", e.what());
       }
       lock.reset();  // the folder is free for a later launch's replay
-      if (auto self = weak.lock(); self && after && *after != job)
+      // Compared as written: the file keeps dates to the millisecond.
+      if (auto self = weak.lock();
+          self && after && serializeJobRecord(*after) != serializeJobRecord(job))
         self->post([after, folder](Impl& s) {
           MeetingControllerEvent e{Kind::jobState, std::string(toString(after->state))};
           e.folder = folder;
@@ -389,8 +393,8 @@ MeetingController::~MeetingController() {
 
 void MeetingController::start() {
   if (!impl_->observer) return;
-  impl_->subscription =
-      impl_->observer->subscribe([weak = std::weak_ptr<Impl>(impl_)](const AudioProcessSnapshot& s) {
+  impl_->subscription = impl_->observer->subscribe(
+      [weak = std::weak_ptr<Impl>(impl_)](const AudioProcessSnapshot& s) {
         if (auto self = weak.lock()) self->post([s](Impl& i) { i.applySnapshot(s); });
       });
 }

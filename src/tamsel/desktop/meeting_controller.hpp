@@ -46,11 +46,11 @@ namespace tamsel::desktop {
 
 struct MeetingControllerEvent {
   enum class Kind {
-    detection,      // the detection changed (text: what is detected now)
-    proposal,       // a recording is proposed for `identity`
+    detection,  // the detection changed (text: what is detected now)
+    proposal,   // a recording is proposed for `identity`
     proposalWithdrawn,
-    started,        // recording into `folder`
-    graceStarted,   // the application is gone; stops at `deadline` unless it comes back
+    started,       // recording into `folder`
+    graceStarted,  // the application is gone; stops at `deadline` unless it comes back
     graceCancelled,
     stopping,       // text: the reason
     stopped,        // capture has let go; `job` holds the record

@@ -25,7 +25,7 @@ std::atomic<bool> reportedUnavailable{false};
 
 struct SleepMonitor::Impl {
   Handler handler;
-  sd_bus* bus = nullptr;        // monitor thread only once started
+  sd_bus* bus = nullptr;  // monitor thread only once started
   sd_bus_slot* slot = nullptr;
   int wakeFd = -1;
   std::thread thread;
@@ -78,7 +78,8 @@ struct SleepMonitor::Impl {
     int start = 0;
     if (sd_bus_message_read(message, "b", &start) < 0) return 0;
     self.sleeping.store(start != 0);
-    base::log::info("meeting", "{}", start ? "the machine is going to sleep" : "the machine woke up");
+    base::log::info("meeting", "{}",
+                    start ? "the machine is going to sleep" : "the machine woke up");
     if (self.handler) self.handler(start != 0);
     if (start)
       self.release();  // the recording has stopped: let the machine sleep

@@ -50,7 +50,9 @@ class FakeRecording final : public MeetingRecording {
 
 const MeetingApplicationIdentity zoom{MeetingApplicationFamily::zoom, "zoom", 42};
 
-AudioProcessSnapshot snapshotOf(std::vector<AudioProcessState> states) { return {std::move(states)}; }
+AudioProcessSnapshot snapshotOf(std::vector<AudioProcessState> states) {
+  return {std::move(states)};
+}
 AudioProcessState zoomTalking() { return {1, 42, "zoom", true, true}; }
 AudioProcessState zoomListening() { return {1, 42, "zoom", false, true}; }
 AudioProcessState teamsTalking() { return {2, 7, "teams-for-linux", true, false}; }
@@ -65,13 +67,14 @@ class MeetingControllerTest : public ::testing::Test {
     config.recordingOptions.sealer = [this](const fs::path& folder) {
       sealedFolders.push_back(folder);
     };
-    config.recordingFactory = [this](const fs::path& folder, MeetingRecordingOptions options)
-        -> std::unique_ptr<MeetingRecording> {
+    config.recordingFactory =
+        [this](const fs::path& folder,
+               MeetingRecordingOptions options) -> std::unique_ptr<MeetingRecording> {
       if (counts.failToStart) throw std::runtime_error("no microphone");
       return std::make_unique<FakeRecording>(folder, std::move(options), counts);
     };
-    controller = std::make_unique<MeetingController>(executor, std::move(config), nullptr, nullptr,
-                                                     nullptr);
+    controller =
+        std::make_unique<MeetingController>(executor, std::move(config), nullptr, nullptr, nullptr);
     controller->events().connect([this](const MeetingControllerEvent& e) { events.push_back(e); });
     return *controller;
   }
@@ -231,7 +234,8 @@ TEST_F(MeetingControllerTest, SleepStopsTheRecordingBeforeReturning) {
   sleeper.join();
   EXPECT_EQ(counts.stopped, 1);
   bool sawSleep = false;
-  for (const auto& e : events) sawSleep = sawSleep || (e.kind == Kind::stopping && e.text == "sleep");
+  for (const auto& e : events)
+    sawSleep = sawSleep || (e.kind == Kind::stopping && e.text == "sleep");
   EXPECT_TRUE(sawSleep);
   c.drain();
 }
