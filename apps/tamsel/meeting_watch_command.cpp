@@ -1,13 +1,12 @@
 // tamsel meeting watch | jobs | auto-record, and the meeting part of `tamsel run`: the
 // automatic lifecycle on the terminal, the job records, and the launch replay.
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/json.hpp>
-#include <fmt/format.h>
-
 #include <iostream>
 #include <thread>
 
@@ -36,9 +35,8 @@ std::string stamp(bool asJSON) {
 
 void printEvent(const MeetingControllerEvent& e, bool asJSON) {
   if (asJSON) {
-    boost::json::object line{{"time", stamp(true)},
-                             {"event", desktop::toString(e.kind)},
-                             {"text", e.text}};
+    boost::json::object line{
+        {"time", stamp(true)}, {"event", desktop::toString(e.kind)}, {"text", e.text}};
     if (e.identity) line["identity"] = toJSON(*e.identity);
     if (e.folder) line["folder"] = e.folder->string();
     if (e.job) line["job"] = toJSON(*e.job);
@@ -98,9 +96,9 @@ std::unique_ptr<MeetingWatch> startWatching(Runtime& rt, bool autoStart, double 
   config.graceSeconds = graceSeconds;
   config.autoStart = autoStart;
   config.recordingOptions.systemCaptureDisabled = !rt.services.meetingSystemAudioEnabled();
-  watch->controller = std::make_unique<MeetingController>(
-      rt.main, std::move(config), watch->observer.get(), watch->callMonitor.get(),
-      watch->sleepMonitor.get());
+  watch->controller =
+      std::make_unique<MeetingController>(rt.main, std::move(config), watch->observer.get(),
+                                          watch->callMonitor.get(), watch->sleepMonitor.get());
   watch->controller->events().connect(
       [asJSON](const MeetingControllerEvent& e) { printEvent(e, asJSON); });
   watch->sleepMonitor->start();
@@ -138,8 +136,9 @@ int meetingWatch(const GlobalOptions& options, const MeetingWatchOptions& o) {
   auto watch = startWatching(rt, o.autoStart, o.graceSeconds, o.asJSON);
   auto& controller = *watch->controller;
   if (!o.asJSON)
-    std::cerr << "watching for meetings (" << (o.autoStart ? "recording them as they start" : "asking first")
-              << ", grace " << o.graceSeconds
+    std::cerr << "watching for meetings ("
+              << (o.autoStart ? "recording them as they start" : "asking first") << ", grace "
+              << o.graceSeconds
               << " s); keys + Enter: y record, n decline, r record now, k keep recording, s stop; "
                  "Ctrl-C ends\n";
 
@@ -188,7 +187,8 @@ int meetingWatch(const GlobalOptions& options, const MeetingWatchOptions& o) {
         const auto seconds =
             std::chrono::duration_cast<std::chrono::seconds>(now - **started).count();
         if (seconds > 0 && seconds % 10 == 0 && !o.asJSON)
-          std::cout << stamp(false) << "  recording: " << fmt::format("{:02}:{:02}", seconds / 60, seconds % 60)
+          std::cout << stamp(false)
+                    << "  recording: " << fmt::format("{:02}:{:02}", seconds / 60, seconds % 60)
                     << "  mic " << formatLevel(controller.health(TrackSource::mic)) << "  system "
                     << formatLevel(controller.health(TrackSource::system)) << std::endl;
       }
