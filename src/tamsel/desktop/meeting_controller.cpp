@@ -1,5 +1,7 @@
 #include "tamsel/desktop/meeting_controller.hpp"
 
+#include <unistd.h>
+
 #include <boost/asio/steady_timer.hpp>
 #include <future>
 #include <mutex>
@@ -10,6 +12,7 @@
 #include "tamsel/base/log.hpp"
 #include "tamsel/base/mutex.hpp"
 #include "tamsel/base/uuid.hpp"
+#include "tamsel/meeting/tap_exclusion.hpp"
 #include "tamsel/platform/sleep_monitor.hpp"
 
 namespace tamsel::desktop {
@@ -115,6 +118,7 @@ struct MeetingController::Impl : std::enable_shared_from_this<Impl> {
   std::optional<fs::path> currentFolder;
   std::optional<MeetingJobRecord> currentJob;
   std::shared_ptr<MeetingFolderLock> currentLock;
+  std::unique_ptr<TapExclusionMonitor> exclusion;
   std::vector<std::promise<void>> sleepWaiters;
 
   base::Mutex workersLock;
@@ -224,6 +228,20 @@ struct MeetingController::Impl : std::enable_shared_from_this<Impl> {
       }
       return;
     }
+    if (observer) {
+      exclusion = std::make_unique<TapExclusionMonitor>(
+          static_cast<std::int32_t>(::getpid()), nullptr, *observer,
+          TapExclusionMonitor::pulseApplier(), [weak = weak_from_this()](const std::string& why) {
+            if (auto self = weak.lock())
+              self->post([why](Impl& s) {
+                if (!s.current) return;
+                s.current->failTrack(TrackSource::system,
+                                     {TrackRecordingFailure::SystemExclusion{why}});
+                s.emit(Kind::warning, "systap: " + why + "; the system track ends here");
+              });
+          });
+      exclusion->start();
+    }
     currentOrigin = origin;
     currentFolder = folder;
     currentJob = job;
@@ -296,6 +314,7 @@ struct MeetingController::Impl : std::enable_shared_from_this<Impl> {
       declined.insert(*currentOrigin->detectedIdentity());
     if (lastDetection && lastDetection->identity()) declined.insert(*lastDetection->identity());
     currentOrigin.reset();
+    exclusion.reset();
     auto recording = std::move(current);
     auto folder = *currentFolder;
     auto job = *currentJob;

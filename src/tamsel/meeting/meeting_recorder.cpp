@@ -261,6 +261,14 @@ void MeetingRecorder::seal(const MeetingStopToken& token) {
   if (sealer_) sealer_(folder_);
 }
 
+void MeetingRecorder::failTrack(TrackSource source, TrackRecordingFailure failure) {
+  {
+    base::MutexLock lock(lock_);
+    if (state_ != State::capturing || (source == TrackSource::system && !systemStarted_)) return;
+  }
+  (source == TrackSource::mic ? micRecorder_ : systemRecorder_)->fail(std::move(failure));
+}
+
 MeetingRecorder::State MeetingRecorder::state() const {
   base::MutexLock lock(lock_);
   return state_;
@@ -289,6 +297,9 @@ class EngineRecording final : public MeetingRecording {
   }
   std::optional<CaptureHealth> health(TrackSource source) const override {
     return engine_.health(source);
+  }
+  void failTrack(TrackSource source, TrackRecordingFailure failure) override {
+    recorder_.failTrack(source, std::move(failure));
   }
 
  private:

@@ -155,6 +155,8 @@ class MeetingRecorder {
   // Hands the folder to the sealer, once. Throws sealingAlreadyStarted, invalidStopToken,
   // finishBeforeStopping.
   void seal(const MeetingStopToken& token);
+  // Ends one track with this failure (an exclusion that cannot be applied); the other goes on.
+  void failTrack(TrackSource source, TrackRecordingFailure failure);
 
   State state() const;
   const std::string& id() const { return id_; }
@@ -188,6 +190,7 @@ class MeetingRecording {
   // After stop: hands the folder to the sealer.
   virtual void seal() = 0;
   virtual std::optional<CaptureHealth> health(TrackSource source) const = 0;
+  virtual void failTrack(TrackSource source, TrackRecordingFailure failure) = 0;
 };
 
 struct MeetingRecordingOptions {

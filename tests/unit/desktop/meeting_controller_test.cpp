@@ -41,6 +41,7 @@ class FakeRecording final : public MeetingRecording {
     if (options_.sealer) options_.sealer(folder_);
   }
   std::optional<CaptureHealth> health(TrackSource) const override { return std::nullopt; }
+  void failTrack(TrackSource, TrackRecordingFailure) override {}
 
  private:
   fs::path folder_;
