@@ -117,7 +117,8 @@ class MeetingController {
   void applyCallEvent(meeting::CallActivityReducer::Event event);
   // The machine is about to sleep: stops the recording and returns once capture has let go (or
   // after `limit`). Called from any thread but the main one.
-  void stopBeforeSleep(std::chrono::milliseconds limit = std::chrono::milliseconds(8000));
+  // logind waits at most InhibitDelayMaxSec (5 s by default) for the delay lock.
+  void stopBeforeSleep(std::chrono::milliseconds limit = std::chrono::milliseconds(4000));
 
   const meeting::MeetingLifecyclePhase& phase() const;
   bool recording() const;

@@ -49,8 +49,7 @@ struct Sources {
   FakeSource* system = nullptr;
   MeetingCaptureEngine::SourceFactory factory() {
     return [this](TrackSource s) -> std::unique_ptr<MeetingCaptureSource> {
-      auto source =
-          std::make_unique<FakeSource>(s, s == TrackSource::mic ? failMic : failSystem);
+      auto source = std::make_unique<FakeSource>(s, s == TrackSource::mic ? failMic : failSystem);
       (s == TrackSource::mic ? mic : system) = source.get();
       return source;
     };
@@ -108,7 +107,7 @@ TEST(MeetingRecorder, MicrophoneFailureFailsTheStartAndSystemFailureDegrades) {
   Sources sources;
   sources.failMic = true;
   MeetingCaptureEngine failing(sources.factory(), false);
-  MeetingRecorder recorder(dir.path() , true, {});
+  MeetingRecorder recorder(dir.path(), true, {});
   try {
     recorder.start(failing);
     ADD_FAILURE() << "started without a microphone";
@@ -225,7 +224,9 @@ class FakeBackend final : public AudioProcessBackend {
   int starts = 0, stops = 0;
 };
 
-AudioProcessSnapshot snapshotOf(std::vector<AudioProcessState> states) { return {std::move(states)}; }
+AudioProcessSnapshot snapshotOf(std::vector<AudioProcessState> states) {
+  return {std::move(states)};
+}
 
 TEST(AudioProcessObserver, FirstSubscriberStartsLastStopsLatestIsReplayedRepeatsDropped) {
   auto owned = std::make_unique<FakeBackend>();
@@ -264,8 +265,8 @@ TEST(AudioProcessObserver, FirstSubscriberStartsLastStopsLatestIsReplayedRepeats
 }
 
 TEST(TapExclusion, TranslatesProcessIDsAndKeepsTheUnresolved) {
-  const auto snapshot = snapshotOf({{10, 42, "a", false, true}, {11, 43, "b", false, true},
-                                    {12, 42, "a", true, false}});
+  const auto snapshot = snapshotOf(
+      {{10, 42, "a", false, true}, {11, 43, "b", false, true}, {12, 42, "a", true, false}});
   std::vector<std::int32_t> unresolved;
   EXPECT_EQ(TapExclusion::objectIDs({43, 42, 99, 42}, snapshot, &unresolved),
             (std::vector<std::uint32_t>{10, 11, 12}));
