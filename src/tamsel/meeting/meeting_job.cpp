@@ -457,8 +457,14 @@ std::vector<MeetingJobReplayEntry> replayMeetingJobs(
   using Action = MeetingJobPolicy::LaunchAction;
   std::vector<MeetingJobReplayEntry> entries;
   for (auto& [folder, record] : store.loadAll(problems)) {
-    const MeetingJobFolderFacts facts{MeetingFolderLock::isHeldElsewhere(folder),
-                                      meetingCaptureFinished(folder)};
+    // Facts cost file reads: gather only those the record's state is decided on.
+    const auto state = record.state;
+    const bool mayAct = state == MeetingJobState::releasingCapture ||
+                        state == MeetingJobState::sealing || state == MeetingJobState::done ||
+                        state == MeetingJobState::retryableFailed;
+    const MeetingJobFolderFacts facts{
+        mayAct && MeetingFolderLock::isHeldElsewhere(folder),
+        state == MeetingJobState::releasingCapture && meetingCaptureFinished(folder)};
     MeetingJobReplayEntry entry{
         folder, record, MeetingJobPolicy::launchAction(record, facts, now), std::nullopt, {}};
     const bool marks = entry.action == Action::markCrashedWhileRecording ||
@@ -468,7 +474,8 @@ std::vector<MeetingJobReplayEntry> replayMeetingJobs(
         if (entry.action == Action::sweepDelete) {
           // Only ever a folder of this store: never follow a record elsewhere.
           if (folder.parent_path() == store.root()) fs::remove_all(folder);
-        } else if (auto next = MeetingJobPolicy::applyLaunchAction(record, entry.action, now)) {
+        } else if (auto next = MeetingJobPolicy::applyLaunchAction(record, entry.action, now);
+                   next && serializeJobRecord(*next) != serializeJobRecord(record)) {
           store.save(folder, *next);
           entry.after = std::move(next);
         }

@@ -333,5 +333,67 @@ TEST(MeetingJobPolicy, ApplyingAnActionWritesTheJobsNextState) {
     EXPECT_FALSE(MeetingJobPolicy::applyLaunchAction(record, action, now));
 }
 
+TEST(ReplayMeetingJobs, CarriesOutEachDecisionAndAListingOnlyMarks) {
+  test::TempDir root;
+  const MeetingJobStore store(root.path());
+  const auto now = at("2026-11-24T12:00:00Z");
+  const auto make = [&](const char* name, MeetingJobState state, std::chrono::hours age) {
+    const auto folder = root.path() / name;
+    fs::create_directories(folder);
+    auto record = newMeetingJob(name, now - age);
+    record.state = state;
+    store.save(folder, record);
+    return folder;
+  };
+  const auto crashed = make("a-crashed", MeetingJobState::releasingCapture, 1h);
+  writeText(crashed / "mic.caf", "raw");
+  writeText(crashed / "mic.journal.json", R"({"finished":false})");
+  const auto live = make("b-live", MeetingJobState::releasingCapture, 1h);
+  auto liveLock = MeetingFolderLock::tryAcquire(live);
+  const auto old = make("c-old", MeetingJobState::done, 24h * 40);
+  const auto queued = make("d-queued", MeetingJobState::queued, 1h);
+  const auto stuck = make("e-stuck", MeetingJobState::sealing, 2h);
+
+  std::vector<fs::path> sealed;
+  const auto sealer = [&](const fs::path& f) { sealed.push_back(f); };
+  auto entries = replayMeetingJobs(store, now, sealer, MeetingJobReplayMode::markCrashedOnly);
+  ASSERT_EQ(entries.size(), 5u);
+  EXPECT_EQ(entries[0].action, Action::markCrashedWhileRecording);
+  EXPECT_TRUE(entries[0].after);
+  EXPECT_EQ(store.load(crashed)->state, MeetingJobState::sealing);
+  EXPECT_TRUE(sealed.empty()) << "a listing never seals";
+  EXPECT_TRUE(fs::exists(old)) << "a listing never deletes";
+  EXPECT_EQ(store.load(stuck)->state, MeetingJobState::sealing);
+
+  entries = replayMeetingJobs(store, now, sealer, MeetingJobReplayMode::launch);
+  ASSERT_EQ(entries.size(), 5u);
+  EXPECT_EQ(entries[0].action, Action::resumeSealing);
+  EXPECT_FALSE(entries[0].after) << "an unchanged record is not written again";
+  EXPECT_EQ(entries[1].action, Action::keep);
+  EXPECT_EQ(store.load(live)->state, MeetingJobState::releasingCapture);
+  EXPECT_EQ(entries[2].action, Action::sweepDelete);
+  EXPECT_FALSE(fs::exists(old));
+  EXPECT_EQ(entries[3].action, Action::keepQueued);
+  EXPECT_EQ(entries[4].action, Action::escalateSealingFailed);
+  EXPECT_EQ(store.load(stuck)->state, MeetingJobState::sealingFailed);
+  EXPECT_EQ(sealed, std::vector<fs::path>{crashed});
+  EXPECT_TRUE(fs::exists(crashed / "mic.caf")) << "raw tracks are kept";
+  EXPECT_TRUE(fs::exists(queued / "job.json"));
+}
+
+TEST(CreateMeetingFolder, NamedByUTCTimePrivateAndNeverReused) {
+  test::TempDir root;
+  const auto when = at("2026-11-24T09:15:02.123Z");
+  const auto first = createMeetingFolder(root.path() / "meetings", when);
+  const auto second = createMeetingFolder(root.path() / "meetings", when);
+  EXPECT_EQ(first.filename(), "2026-11-24T09-15-02Z");
+  EXPECT_EQ(second.filename(), "2026-11-24T09-15-02Z-2");
+  struct stat info {};
+  ASSERT_EQ(::stat(first.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0700u);
+  ASSERT_EQ(::stat((root.path() / "meetings").c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0700u);
+}
+
 }  // namespace
 }  // namespace tamsel::meeting

@@ -129,7 +129,8 @@ class FakeLogind {
 };
 
 bool waitFor(const std::function<bool()>& done) {
-  for (int i = 0; i < 300 && !done(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  for (int i = 0; i < 300 && !done(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   return done();
 }
 
