@@ -27,21 +27,23 @@ double msSince(std::chrono::steady_clock::time_point start) {
 // A realistic mix: most jobs finished or waiting in the cloud, some cut by a crash.
 void populate(const fs::path& root, int count, base::Timestamp now) {
   const MeetingJobStore store(root);
-  const MeetingJobState states[] = {MeetingJobState::done,         MeetingJobState::queued,
-                                    MeetingJobState::transcribing, MeetingJobState::releasingCapture,
-                                    MeetingJobState::sealing,      MeetingJobState::sealingFailed};
+  const MeetingJobState states[] = {
+      MeetingJobState::done,         MeetingJobState::queued,
+      MeetingJobState::transcribing, MeetingJobState::releasingCapture,
+      MeetingJobState::sealing,      MeetingJobState::sealingFailed};
   for (int i = 0; i < count; ++i) {
-    const auto folder = root / ("2026-11-" + std::to_string(10 + i % 18) + "T00-00-00Z-" +
-                                std::to_string(i));
+    const auto folder =
+        root / ("2026-11-" + std::to_string(10 + i % 18) + "T00-00-00Z-" + std::to_string(i));
     fs::create_directories(folder);
     auto record = newMeetingJob(base::newUUIDString(), now - std::chrono::hours(i % 1000));
     record.state = states[i % 6];
     record.captureQuality = MeetingCaptureQualitySummary{1, {{TrackSource::system, 0.25}}};
-    if (record.state != MeetingJobState::releasingCapture) record.artifactSHA256 = std::string(64, 'a');
+    if (record.state != MeetingJobState::releasingCapture)
+      record.artifactSHA256 = std::string(64, 'a');
     store.save(folder, record);
     for (const char* journal : {"mic.journal.json", "system.journal.json"})
-      std::ofstream(folder / journal) << R"({"raw_file":"mic.caf","finished":)"
-                                      << (i % 12 == 3 ? "false" : "true") << "}\n";
+      std::ofstream(folder / journal)
+          << R"({"raw_file":"mic.caf","finished":)" << (i % 12 == 3 ? "false" : "true") << "}\n";
   }
 }
 
