@@ -45,6 +45,7 @@ void printEvent(const MeetingControllerEvent& e, bool asJSON) {
     return;
   }
   std::string text = e.text;
+  if (e.kind == Kind::proposal) text += " [y/n, then Enter]";
   if (e.kind == Kind::jobState && e.job) {
     text = std::string(toString(e.job->state));
     if (e.job->lastError) text += " (" + *e.job->lastError + ")";
@@ -58,6 +59,10 @@ std::string formatLevel(const std::optional<CaptureHealth>& health) {
   if (health->levelDBFS <= -120) return "-inf dBFS";
   return fmt::format("{:.1f} dBFS", health->levelDBFS);
 }
+
+// What a stopped recording's folder is handed to. Sealing plugs in here; until it does, a job
+// waits in `sealing` and the next launch's replay offers it again.
+std::function<void(const fs::path&)> meetingSealer(Runtime&) { return {}; }
 
 // Everything watching needs, in the order it must be torn down (controller first).
 struct MeetingWatch {
@@ -96,6 +101,7 @@ std::unique_ptr<MeetingWatch> startWatching(Runtime& rt, bool autoStart, double 
   config.graceSeconds = graceSeconds;
   config.autoStart = autoStart;
   config.recordingOptions.systemCaptureDisabled = !rt.services.meetingSystemAudioEnabled();
+  config.recordingOptions.sealer = meetingSealer(rt);
   watch->controller =
       std::make_unique<MeetingController>(rt.main, std::move(config), watch->observer.get(),
                                           watch->callMonitor.get(), watch->sleepMonitor.get());
@@ -269,8 +275,8 @@ int meetingAutoRecord(const GlobalOptions& options, const std::optional<std::str
 
 std::shared_ptr<void> startMeetingsForRun(Runtime& rt, bool asJSON) {
   const MeetingJobStore store(rt.services.meetingsFolder());
-  // The sealer is wired in by the sealing stage; until then a resumed job waits in `sealing`.
-  printReplay(replayMeetingJobs(store, base::nowTimestamp(), {}, MeetingJobReplayMode::launch),
+  printReplay(replayMeetingJobs(store, base::nowTimestamp(), meetingSealer(rt),
+                                MeetingJobReplayMode::launch),
               asJSON);
   if (!rt.services.meetingAutoRecord()) return nullptr;
   try {

@@ -1,5 +1,6 @@
 #include "tamsel/meeting/audio_process_observer.hpp"
 
+#include "tamsel/base/log.hpp"
 #include "tamsel/meeting/pulse_stream_watcher.hpp"
 
 namespace tamsel::meeting {
@@ -13,6 +14,15 @@ class PulseAudioProcessBackend final : public AudioProcessBackend {
     watcher_ = std::make_unique<PulseStreamWatcher>(
         "Tamsel Desktop meeting detection",
         [self = self_, handler = std::move(onSnapshot)](const AudioStreamTable& table) {
+          // A stream the server could not describe drops its process, not the snapshot.
+          for (const auto& stream : table.streams)
+            if (!stream.propertiesRead)
+              base::log::warn("meeting",
+                              "process activity listener partial failure object={} input={} "
+                              "output={}",
+                              stream.client.value_or(0),
+                              stream.direction == AudioStreamInfo::Direction::record ? 1 : 0,
+                              stream.direction == AudioStreamInfo::Direction::playback ? 1 : 0);
           handler(buildAudioProcessSnapshot(table, self));
         });
     watcher_->start();

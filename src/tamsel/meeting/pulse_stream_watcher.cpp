@@ -2,6 +2,7 @@
 
 #include <pulse/pulseaudio.h>
 
+#include <atomic>
 #include <chrono>
 #include <thread>
 
@@ -24,6 +25,9 @@ constexpr const char* kProcessKeys[] = {"application.process.id", "application.p
                                         "pipewire.access.portal.app_id"};
 
 using Properties = std::map<std::string, std::string>;
+
+// Every watcher of the process sees the same server: say it is gone once, not once per watcher.
+std::atomic<bool> serverDownReported{false};
 
 Properties readProperties(const pa_proplist* list) {
   Properties out;
@@ -188,14 +192,16 @@ struct PulseStreamWatcher::Impl {
       try {
         connection = std::make_unique<PulseConnection>(clientName);
       } catch (const std::exception& e) {
-        if (!reportedDown) base::log::warn("meeting", "{}; trying again every 2 s", e.what());
+        if (!reportedDown && !serverDownReported.exchange(true))
+          base::log::warn("meeting", "{}; trying again every 2 s", e.what());
         reportedDown = true;
         deliver({});  // nothing uses audio on a server that is gone
         base::MutexLock lock(mutex);
         if (!stopRequested) wake.waitFor(mutex, kReconnectInterval);
         continue;
       }
-      if (reportedDown) base::log::info("meeting", "audio server is back");
+      if (reportedDown && serverDownReported.exchange(false))
+        base::log::info("meeting", "audio server is back");
       reportedDown = false;
       {
         pa_threaded_mainloop_lock(connection->loop());
