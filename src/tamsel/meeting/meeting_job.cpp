@@ -469,7 +469,24 @@ std::vector<MeetingJobReplayEntry> replayMeetingJobs(
         folder, record, MeetingJobPolicy::launchAction(record, facts, now), std::nullopt, {}};
     const bool marks = entry.action == Action::markCrashedWhileRecording ||
                        entry.action == Action::markCrashedWhileReleasingCapture;
-    if (mode == MeetingJobReplayMode::launch || marks) {
+    const bool acts = entry.action != Action::keep && entry.action != Action::keepQueued &&
+                      (mode == MeetingJobReplayMode::launch || marks);
+    // The folder is ours while we act on it; a process that took it since the facts were read
+    // (a seal started by hand) keeps it, and the record is left to it.
+    std::optional<MeetingFolderLock> lock;
+    if (acts) {
+      try {
+        lock = MeetingFolderLock::tryAcquire(folder);
+      } catch (const std::exception& e) {
+        entry.error = e.what();
+      }
+      if (!lock) {
+        if (entry.error.empty()) entry.action = Action::keep;
+        entries.push_back(std::move(entry));
+        continue;
+      }
+    }
+    if (acts) {
       try {
         if (entry.action == Action::sweepDelete) {
           // Only ever a folder of this store: never follow a record elsewhere.

@@ -27,7 +27,7 @@ namespace tamsel::meeting {
 
 // The job file's name inside a meeting folder.
 inline constexpr std::string_view meetingJobFileName = "job.json";
-// Held (flock) by the process recording into the folder, for as long as it records.
+// Held (flock) by the process recording or sealing into the folder, for as long as it does.
 inline constexpr std::string_view meetingRecordingLockFileName = "recording.lock";
 
 enum class MeetingJobState : std::uint8_t {
@@ -199,8 +199,9 @@ class MeetingJobStore {
   std::filesystem::path root_;
 };
 
-// The recording lock of one meeting folder: an flock on "recording.lock", held while a process
-// records into it, released by the kernel when that process dies however it dies.
+// The lock of one meeting folder: an flock on "recording.lock", held while a process records
+// into it, seals it or replays its job, released by the kernel when that process dies however it
+// dies.
 class MeetingFolderLock {
  public:
   // The lock when no other process holds it; nothing when one does. Throws std::system_error
@@ -242,8 +243,9 @@ enum class MeetingJobReplayMode : std::uint8_t {
   markCrashedOnly,
 };
 
-// Gives every record under the store's root its launch action and carries it out; `sealer` (may
-// be empty) is handed each folder whose job goes on to sealing, after its record is saved.
+// Gives every record under the store's root its launch action and carries it out under the
+// folder's lock (a folder another process holds is kept as it is); `sealer` (may be empty) is
+// handed each folder whose job goes on to sealing, after its record is saved, with the lock held.
 std::vector<MeetingJobReplayEntry> replayMeetingJobs(
     const MeetingJobStore& store, base::Timestamp now,
     const std::function<void(const std::filesystem::path&)>& sealer, MeetingJobReplayMode mode,
