@@ -297,7 +297,8 @@ int main(int argc, char** argv) {
       ->add_option("--grace", watchOptions.graceSeconds,
                    "Seconds a detected meeting's application may be gone before the recording "
                    "stops (default 15)")
-      ->check(CLI::NonNegativeNumber);
+      ->check(checkedBy(&cli::graceSecondsProblem, ""))
+      ->type_name("SECONDS");
   meetingWatch->add_flag("--json", watchOptions.asJSON, "One JSON object per event");
   auto* meetingJobs =
       meetingCmd->add_subcommand("jobs", "List the recorded meetings' jobs with their folders");

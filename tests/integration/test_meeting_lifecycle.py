@@ -333,6 +333,43 @@ class MeetingLifecycle(unittest.TestCase):
         for name in ("mic.caf", "system.caf", "mic.journal.json", "system.journal.json"):
             self.assertGreater(os.path.getsize(os.path.join(folder, name)), 0, name)
 
+    def test_run_watches_only_with_auto_record_on(self):
+        run_env = dict(self.env, VERD_BINARY=VERD_SIM)
+
+        def run_with_meeting(seconds):
+            run = subprocess.Popen([TAMSEL, "run", "--json"], env=run_env, stdout=subprocess.PIPE,
+                                   stderr=subprocess.DEVNULL, text=True)
+            time.sleep(1.5)
+            record, play = self.meeting_app("wemeetapp")
+            time.sleep(seconds)
+            run.send_signal(signal.SIGINT)
+            out, _ = run.communicate(timeout=20)
+            self.stop_clients(record, play)
+            return [json.loads(line) for line in out.splitlines()]
+
+        events = run_with_meeting(2)
+        self.assertFalse([e for e in events if e.get("event") in ("detection", "started")])
+        self.assertFalse(os.path.exists(self.meetings) and os.listdir(self.meetings))
+
+        out = subprocess.run([TAMSEL, "meeting", "auto-record", "on"], env=self.env,
+                             capture_output=True, text=True)
+        self.assertIn("auto-record on", out.stdout)
+        events = run_with_meeting(3)
+        started = [e for e in events if e.get("event") == "started"]
+        self.assertEqual(len(started), 1, events)
+        self.assertEqual(started[0]["identity"]["family"], "tencentMeeting")
+        # Ending the supervisor ends the recording cleanly: its job went on to sealing.
+        (job,) = self.jobs()
+        self.assertEqual(job["folder"], started[0]["folder"])
+        self.assertEqual(job["job"]["state"], "sealing")
+
+    def test_a_grace_that_is_not_seconds_is_a_usage_error(self):
+        for value in ("-1", "soon", "7200"):
+            out = subprocess.run([TAMSEL, "meeting", "watch", "--grace", value], env=self.env,
+                                 capture_output=True, text=True, stdin=subprocess.DEVNULL)
+            self.assertEqual(out.returncode, 2, value)
+            self.assertIn("is not a grace period", out.stderr)
+
     def test_listing_marks_a_dead_recorder_and_keeps_a_damaged_record(self):
         os.makedirs(os.path.join(self.meetings, "b-damaged"))
         with open(os.path.join(self.meetings, "b-damaged", "job.json"), "w") as f:
