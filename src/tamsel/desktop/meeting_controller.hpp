@@ -60,6 +60,7 @@ struct MeetingControllerEvent {
     warning,
     error,
   };
+  MeetingControllerEvent(Kind k, std::string t) : kind(k), text(std::move(t)) {}
   Kind kind;
   std::string text;
   std::optional<meeting::MeetingApplicationIdentity> identity;
