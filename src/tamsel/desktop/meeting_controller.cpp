@@ -217,6 +217,10 @@ struct MeetingController::Impl : std::enable_shared_from_this<Impl> {
       current = config.recordingFactory(*folder, std::move(options));
     } catch (const std::exception& e) {
       emit(Kind::error, std::string("could not start recording: ") + e.what());
+      // Not tried again for this meeting on every change of the streams: it waits until the
+      // application lets go of the microphone, or the user starts by hand.
+      if (const auto* identity = origin.detectedIdentity()) declined.insert(*identity);
+      proposal.reset();
       if (folder && job) {
         job->state = MeetingJobState::sealingFailed;
         job->lastError = std::string("could not start recording: ") + e.what();
