@@ -118,6 +118,17 @@ struct MeetingRecordOptions {
 };
 int meetingRecord(const GlobalOptions& options, const MeetingRecordOptions& meeting);
 int meetingDevices(const GlobalOptions& options, bool asJSON);
+// `tamsel meeting watch`: the automatic lifecycle until interrupted.
+struct MeetingWatchOptions {
+  bool autoStart = false;
+  double graceSeconds = 15;
+  bool asJSON = false;
+};
+int meetingWatch(const GlobalOptions& options, const MeetingWatchOptions& watch);
+// `tamsel meeting jobs`: every meeting's job record.
+int meetingJobs(const GlobalOptions& options, bool asJSON);
+// `tamsel meeting auto-record [on|off]`: the preference to record detected meetings at once.
+int meetingAutoRecord(const GlobalOptions& options, const std::optional<std::string>& setting);
 
 // `tamsel hotkey watch`: one line per double tap until interrupted.
 struct HotkeyWatchOptions {

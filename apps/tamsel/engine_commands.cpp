@@ -397,6 +397,8 @@ int runHeadless(const GlobalOptions& options, bool asJSON) {
       if (!again) io.stop();
     });
   });
+  // Jobs left by an earlier run are settled first; meetings are watched when the user opted in.
+  const auto meetings = startMeetingsForRun(rt, asJSON);
   manager.start();
   startSummonHotkey(rt.services, asJSON);
   io.run();

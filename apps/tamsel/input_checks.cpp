@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <stdexcept>
 
@@ -24,6 +25,13 @@ std::string colourProblem(const std::string& text) {
                   std::all_of(text.begin() + 1, text.end(),
                               [](char c) { return std::isxdigit(static_cast<unsigned char>(c)); });
   return ok ? std::string() : "'" + text + "' is not a colour: use #RRGGBB, e.g. #3A7BD5";
+}
+
+std::string graceSecondsProblem(const std::string& text) {
+  char* end = nullptr;
+  const double value = std::strtod(text.c_str(), &end);
+  const bool ok = !text.empty() && end == text.c_str() + text.size() && value >= 0 && value <= 3600;
+  return ok ? std::string() : "'" + text + "' is not a grace period: use seconds from 0 to 3600";
 }
 
 namespace {

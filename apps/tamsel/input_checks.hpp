@@ -13,6 +13,9 @@ std::string portProblem(const std::string& text);
 // Empty when `text` is a colour "#RRGGBB", else what is wrong with it.
 std::string colourProblem(const std::string& text);
 
+// Empty when `text` is a grace period in seconds, 0 to 3600, else what is wrong with it.
+std::string graceSecondsProblem(const std::string& text);
+
 // A calendar range bound as an RFC 3339 time with offset. A plain date (2026-03-01) is a whole
 // day in the local zone: its start for a range's start, the next day's start for its end.
 // Throws std::invalid_argument with the reason for anything else.

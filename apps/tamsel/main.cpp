@@ -290,6 +290,26 @@ int main(int argc, char** argv) {
       meetingCmd->add_subcommand("devices", "List the audio sources and sinks, defaults marked");
   bool devicesJSON = false;
   meetingDevices->add_flag("--json", devicesJSON, "Print JSON");
+  cli::MeetingWatchOptions watchOptions;
+  auto* meetingWatch = meetingCmd->add_subcommand(
+      "watch", "Propose (or with --auto start) a recording when a meeting application starts");
+  meetingWatch->add_flag("--auto", watchOptions.autoStart,
+                         "Record detected meetings without asking");
+  meetingWatch
+      ->add_option("--grace", watchOptions.graceSeconds,
+                   "Seconds a detected meeting's application may be gone before the recording "
+                   "stops (default 15)")
+      ->check(checkedBy(&cli::graceSecondsProblem, ""))
+      ->type_name("SECONDS");
+  meetingWatch->add_flag("--json", watchOptions.asJSON, "One JSON object per event");
+  auto* meetingJobs =
+      meetingCmd->add_subcommand("jobs", "List the recorded meetings' jobs with their folders");
+  bool jobsJSON = false;
+  meetingJobs->add_flag("--json", jobsJSON, "Print JSON");
+  auto* meetingAuto = meetingCmd->add_subcommand(
+      "auto-record", "Show or set whether detected meetings are recorded without asking");
+  std::optional<std::string> autoSetting;
+  meetingAuto->add_option("setting", autoSetting, "on or off")->check(CLI::IsMember({"on", "off"}));
 
   cli::HotkeyWatchOptions hotkeyWatchOptions;
   auto* hotkeyCmd =
@@ -349,6 +369,9 @@ int main(int argc, char** argv) {
                {"meeting", "tamsel meeting record --duration 60"},
                {"meeting record", "tamsel meeting record --duration 600 --json"},
                {"meeting devices", "tamsel meeting devices --json"},
+               {"meeting watch", "tamsel meeting watch --auto"},
+               {"meeting jobs", "tamsel meeting jobs --json"},
+               {"meeting auto-record", "tamsel meeting auto-record on"},
                {"hotkey", "tamsel hotkey watch --side left"},
                {"hotkey watch", "tamsel hotkey watch --side either --json"},
                {"hotkey mode", "tamsel hotkey mode doubleTapRight"},
@@ -382,6 +405,9 @@ int main(int argc, char** argv) {
     if (*history) return cli::showHistory(options, historySession, historyAgent, historyJSON);
     if (*meetingRecord) return cli::meetingRecord(options, meetingOptions);
     if (*meetingDevices) return cli::meetingDevices(options, devicesJSON);
+    if (*meetingWatch) return cli::meetingWatch(options, watchOptions);
+    if (*meetingJobs) return cli::meetingJobs(options, jobsJSON);
+    if (*meetingAuto) return cli::meetingAutoRecord(options, autoSetting);
     if (*hotkeyWatch) return cli::hotkeyWatch(options, hotkeyWatchOptions);
     if (*hotkeyModeCmd) return cli::hotkeyMode(options, hotkeyModeValue);
     if (*calendarCmd) {

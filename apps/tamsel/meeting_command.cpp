@@ -16,7 +16,9 @@
 #include "cli.hpp"
 #include "runtime.hpp"
 #include "tamsel/base/mutex.hpp"
+#include "tamsel/base/uuid.hpp"
 #include "tamsel/meeting/clock_aligner.hpp"
+#include "tamsel/meeting/meeting_job.hpp"
 #include "tamsel/meeting/meeting_recording_paths.hpp"
 #include "tamsel/meeting/pulse_capture.hpp"
 
@@ -47,26 +49,6 @@ class WarningBoard {
   base::Mutex mutex_;
   std::deque<std::string> pending_ GUARDED_BY(mutex_);
 };
-
-std::string meetingFolderName() {
-  const std::time_t now = std::time(nullptr);
-  std::tm utc{};
-  ::gmtime_r(&now, &utc);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H-%M-%SZ", &utc);
-  return text;
-}
-
-fs::path newMeetingFolder(const fs::path& meetings) {
-  fs::create_directories(meetings);
-  ::chmod(meetings.c_str(), 0700);
-  const std::string base = meetingFolderName();
-  for (int n = 1;; ++n) {
-    const fs::path candidate = meetings / (n == 1 ? base : base + "-" + std::to_string(n));
-    if (::mkdir(candidate.c_str(), 0700) == 0) return candidate;
-    if (errno != EEXIST) throw std::runtime_error("cannot create " + candidate.string());
-  }
-}
 
 std::string formatLevel(double dbfs) {
   if (dbfs <= -120) return "  -inf dBFS";
@@ -126,8 +108,24 @@ int meetingRecord(const GlobalOptions& options, const MeetingRecordOptions& o) {
       fs::create_directories(folder);
       ::chmod(folder.c_str(), 0700);
     } else {
-      folder = newMeetingFolder(rt.services.meetingsFolder());
+      folder = createMeetingFolder(rt.services.meetingsFolder(), base::nowTimestamp());
     }
+  } catch (const std::exception& e) {
+    printError(e.what());
+    return kExitFailure;
+  }
+  // The job exists from the first moment, so a crash leaves a record behind; the folder's lock
+  // tells a later launch that this process is alive.
+  const MeetingJobStore jobs(folder.parent_path());
+  std::optional<MeetingFolderLock> folderLock;
+  auto job = newMeetingJob(base::newUUIDString(), base::nowTimestamp());
+  try {
+    folderLock = MeetingFolderLock::tryAcquire(folder);
+    if (!folderLock) {
+      printError("another process is recording into " + folder.string());
+      return kExitFailure;
+    }
+    jobs.save(folder, job);
   } catch (const std::exception& e) {
     printError(e.what());
     return kExitFailure;
@@ -181,6 +179,9 @@ int meetingRecord(const GlobalOptions& options, const MeetingRecordOptions& o) {
     } catch (const std::exception& e) {
       printError(e.what());
       for (auto& other : tracks) other.source->stop();
+      job.state = MeetingJobState::sealingFailed;
+      job.lastError = std::string("could not start recording: ") + e.what();
+      jobs.save(folder, job);
       return kExitFailure;
     }
   }
@@ -219,10 +220,20 @@ int meetingRecord(const GlobalOptions& options, const MeetingRecordOptions& o) {
   for (auto& t : tracks) t.source->stop();
   for (auto& t : tracks) tokens.push_back(t.recorder->stop());
   bool allUsable = true;
+  std::optional<TrackRecording> recordings[2];
   for (std::size_t i = 0; i < tracks.size(); ++i) {
     const auto recording = tracks[i].recorder->finish(tokens[i]);
     allUsable = allUsable && recording.usable;
     printResult(recording, o.asJSON, tracks[i].source->source() == TrackSource::system);
+    recordings[static_cast<int>(tracks[i].source->source())] = recording;
+  }
+  markCaptureReleased(job, recordings[0], recordings[1], base::nowTimestamp());
+  try {
+    jobs.save(folder, job);
+    std::cerr << "job: " << toString(job.state) << "\n";
+  } catch (const std::exception& e) {
+    printError(e.what());
+    allUsable = false;
   }
   for (const auto& w : warnings.take()) std::cerr << "warning: " << w << "\n";
   return allUsable ? kExitOK : kExitFailure;

@@ -5,6 +5,7 @@
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/io_context.hpp>
 #include <exception>
+#include <memory>
 #include <optional>
 
 #include "cli.hpp"
@@ -39,5 +40,9 @@ struct Runtime {
     return std::move(*result);
   }
 };
+
+// `tamsel run`'s meetings: replays the job records left behind, and when the auto-record
+// preference is on watches for meetings until the returned holder goes.
+std::shared_ptr<void> startMeetingsForRun(Runtime& rt, bool asJSON);
 
 }  // namespace tamsel::cli

@@ -138,6 +138,19 @@ base::PreferencesStore& DesktopServices::preferences() {
   return *parts_->preferences;
 }
 
+namespace {
+constexpr const char* kMeetingAutoRecordKey = "dev.tamsel.desktop.meetingAutoRecord";
+}
+
+bool DesktopServices::meetingAutoRecord() {
+  const auto value = preferences().value(kMeetingAutoRecordKey);
+  return value && value->is_bool() && value->as_bool();
+}
+
+void DesktopServices::setMeetingAutoRecord(bool on) {
+  preferences().set(kMeetingAutoRecordKey, boost::json::value(on));
+}
+
 std::shared_ptr<calendar::CalendarProvider> DesktopServices::calendar() {
   if (!parts_->calendarTried) {
     parts_->calendarTried = true;

@@ -105,6 +105,10 @@ class DesktopServices {
   std::filesystem::path meetingsFolder() const { return appFolder() / "meetings"; }
   // False when TamselMeetingDisableSystap is set: meetings record the microphone alone.
   bool meetingSystemAudioEnabled() const { return !environment_.meetingDisableSystap; }
+  // The user's opt-in to record detected meetings without asking (off until set). `tamsel run`
+  // watches for meetings only when it is on.
+  bool meetingAutoRecord();
+  void setMeetingAutoRecord(bool on);  // throws when the preferences cannot be written
 
   // A secret: never log or print it.
   const std::string& presenceToken();

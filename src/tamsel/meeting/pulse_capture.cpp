@@ -614,6 +614,7 @@ void PulseCaptureSource::controlLoop() {
                   ? TrackRecordingFailure{TrackRecordingFailure::MicInputRouteChanged{}}
                   : TrackRecordingFailure{TrackRecordingFailure::SystemOutputRouteChanged{}});
           base::log::warn(logSource(), "cannot follow the device; the track ends here");
+          if (routeFailureHandler) routeFailureHandler("no device to record from");
           return;
         }
       }

@@ -112,24 +112,38 @@ struct CaptureHealth {
   std::uint64_t buffers = 0;
 };
 
-class PulseCaptureSource {
+// One track's capture as the meeting capture engine drives it.
+class MeetingCaptureSource {
  public:
-  virtual ~PulseCaptureSource();
+  virtual ~MeetingCaptureSource() = default;
+  virtual TrackSource source() const = 0;
+  // Prepares the recorder, starts delivering into it and following the device. Throws.
+  virtual AudioCaptureRoute start(std::shared_ptr<TrackRecorder> recordingSink) = 0;
+  // Stops delivering; the recorder is left to the caller to stop. Safe to call twice.
+  virtual void stop() = 0;
+  virtual CaptureHealth health() const = 0;
+  // Called on the source's own thread (never the capture callback): the track moved to another
+  // device; the track could not follow its device and ended (the reason); a warning for people.
+  std::function<void(const AudioCaptureRoute&)> routeChangeHandler;
+  std::function<void(const std::string& reason)> routeFailureHandler;
+  std::function<void(const std::string& warning)> warningHandler;
+};
+
+class PulseCaptureSource : public MeetingCaptureSource {
+ public:
+  ~PulseCaptureSource() override;
   PulseCaptureSource(const PulseCaptureSource&) = delete;
   PulseCaptureSource& operator=(const PulseCaptureSource&) = delete;
 
-  TrackSource source() const { return source_; }
+  TrackSource source() const override { return source_; }
   // Prepares the recorder (mono float 48 kHz), connects the stream to the current device and
   // starts following it. Throws AudioServerError, TrackRecorderException, SystemTapException,
   // MicrophoneSourceException.
-  AudioCaptureRoute start(std::shared_ptr<TrackRecorder> recordingSink);
+  AudioCaptureRoute start(std::shared_ptr<TrackRecorder> recordingSink) override;
   // Disconnects; the recorder is left to the caller to stop. Safe to call twice.
-  void stop();
+  void stop() override;
 
-  CaptureHealth health() const;
-  // Called on the source's control thread (never the capture callback).
-  std::function<void(const AudioCaptureRoute&)> routeChangeHandler;
-  std::function<void(const std::string& warning)> warningHandler;
+  CaptureHealth health() const override;
 
  protected:
   PulseCaptureSource(TrackSource source, std::optional<std::string> fixedDevice);
