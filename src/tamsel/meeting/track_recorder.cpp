@@ -236,7 +236,7 @@ void TrackRecorder::runWriter(AudioFormat sourceFormat) {
         }
       }
       auto recording = buildResult(snapshot, ledger, written, expectedOutput);
-      if (journalURL) writeJournal(ledger, written, true);
+      if (journalURL) writeJournal(ledger, written, true, &recording);
       {
         base::MutexLock lock(completionLock_);
         completion_ = std::move(recording);
@@ -319,7 +319,7 @@ TrackRecording TrackRecorder::buildResult(const TrackCaptureSnapshot& snapshot, 
 }
 
 void TrackRecorder::writeJournal(const GapLedger& ledger, std::int64_t framesWritten,
-                                 bool finished) {
+                                 bool finished, const TrackRecording* result) {
   TrackClock clock;
   {
     base::MutexLock lock(stateLock_);
@@ -341,6 +341,12 @@ void TrackRecorder::writeJournal(const GapLedger& ledger, std::int64_t framesWri
                               {"frames_written", framesWritten},
                               {"next_sequence", ledger.expectedNextSequence},
                               {"finished", finished}};
+  // The final journal says whether the track holds, so sealing can tell without the process.
+  if (result) {
+    journal["usable"] = result->usable;
+    journal["failure"] = result->failure ? boost::json::value(result->failure->description())
+                                         : boost::json::value(nullptr);
+  }
   try {
     base::writeFileAtomically(*journalURL, boost::json::serialize(journal) + "\n", 0600);
   } catch (const std::exception& e) {
