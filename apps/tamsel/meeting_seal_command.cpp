@@ -12,6 +12,7 @@
 
 #include "cli.hpp"
 #include "tamsel/base/json.hpp"
+#include "tamsel/meeting/meeting_job.hpp"
 #include "tamsel/sealing/meeting_sealer.hpp"
 
 namespace tamsel::cli {
@@ -44,7 +45,8 @@ std::string describeDrift(const DriftInfo& d, bool withSystem) {
     return text;
   }
   const double offset = d.interTrackOffsetSeconds;
-  std::snprintf(text, sizeof text, "mic %.1f ppm, system %.1f ppm; system audio starts %.3f s %s the microphone%s",
+  std::snprintf(text, sizeof text,
+                "mic %.1f ppm, system %.1f ppm; system audio starts %.3f s %s the microphone%s",
                 d.micPPM, d.systemPPM, std::abs(offset), offset < 0 ? "before" : "after",
                 d.resampleApplied ? "; resampled" : "");
   return text;
@@ -115,7 +117,8 @@ int sealMeetingFolder(const fs::path& folder, bool asJSON) {
         {"duration", manifest.combinedDuration},
         {"sha256", manifest.sha256},
         {"driftCorrection", meeting::toJSON(manifest.driftCorrection)},
-        {"channels", boost::json::object{{"left", "mic"}, {"right", withSystem ? "system" : "silence"}}},
+        {"channels",
+         boost::json::object{{"left", "mic"}, {"right", withSystem ? "system" : "silence"}}},
         {"sealSeconds", result.timings.total}};
     if (result.jobState) o["job"] = *result.jobState;
     std::cout << base::json::serialize(o) << std::endl;
@@ -140,6 +143,10 @@ int meetingSeal(const GlobalOptions&, const fs::path& folder, bool asJSON) {
   if (!fs::is_directory(folder, ec)) {
     printError(folder.string() + " is not a meeting folder");
     return kExitUsage;
+  }
+  if (meeting::MeetingFolderLock::isHeldElsewhere(folder)) {
+    printError(folder.string() + " is still being recorded; seal it once the recording stops");
+    return kExitFailure;
   }
   return sealMeetingFolder(folder, asJSON);
 }

@@ -318,8 +318,8 @@ TrackRecording TrackRecorder::buildResult(const TrackCaptureSnapshot& snapshot, 
   return r;
 }
 
-void TrackRecorder::writeJournal(const GapLedger& ledger, std::int64_t framesWritten,
-                                 bool finished, const TrackRecording* result) {
+void TrackRecorder::writeJournal(const GapLedger& ledger, std::int64_t framesWritten, bool finished,
+                                 const TrackRecording* result) {
   TrackClock clock;
   {
     base::MutexLock lock(stateLock_);

@@ -22,11 +22,16 @@ namespace fs = std::filesystem;
 
 std::string_view toString(SealingStage stage) {
   switch (stage) {
-    case SealingStage::rendering: return "rendering";
-    case SealingStage::encoding: return "encoding";
-    case SealingStage::hashing: return "hashing";
-    case SealingStage::installing: return "installing";
-    case SealingStage::finished: return "finished";
+    case SealingStage::rendering:
+      return "rendering";
+    case SealingStage::encoding:
+      return "encoding";
+    case SealingStage::hashing:
+      return "hashing";
+    case SealingStage::installing:
+      return "installing";
+    case SealingStage::finished:
+      return "finished";
   }
   return "unknown";
 }
@@ -64,13 +69,13 @@ class FolderLock {
   explicit FolderLock(const fs::path& folder) {
     fd_ = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd_ < 0)
-      throw AudioArtifactSealerException(AudioArtifactSealerError{
-          AudioArtifactSealerError::Kind::missingTrack,
-          folder.string() + ": " + std::strerror(errno)});
+      throw AudioArtifactSealerException(
+          AudioArtifactSealerError{AudioArtifactSealerError::Kind::missingTrack,
+                                   folder.string() + ": " + std::strerror(errno)});
     if (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
       ::close(fd_);
-      throw AudioArtifactSealerException(
-          AudioArtifactSealerError{AudioArtifactSealerError::Kind::sealInProgress, folder.string()});
+      throw AudioArtifactSealerException(AudioArtifactSealerError{
+          AudioArtifactSealerError::Kind::sealInProgress, folder.string()});
     }
   }
   ~FolderLock() { ::close(fd_); }
@@ -149,10 +154,10 @@ fs::path AudioArtifactSealer::workingRenderPath(const MeetingRecordingPaths& pat
 std::size_t AudioArtifactSealer::removeLeftovers(const MeetingRecordingPaths& paths) {
   std::vector<fs::path> doomed{workingRenderPath(paths), paths.renderedStereoCAF};
   const auto patternFor = [](const fs::path& final) {
-    return std::regex(std::regex_replace(final.stem().string(), std::regex(R"([.^$|()\[\]{}*+?\\])"),
-                                         R"(\$&)") +
-                      R"(\.tmp\.[0-9A-Fa-f]{8}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{12})" +
-                      std::regex_replace(final.extension().string(), std::regex(R"(\.)"), R"(\.)"));
+    return std::regex(
+        std::regex_replace(final.stem().string(), std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)") +
+        R"(\.tmp\.[0-9A-Fa-f]{8}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{4}-[0-9A-Fa-f]{12})" +
+        std::regex_replace(final.extension().string(), std::regex(R"(\.)"), R"(\.)"));
   };
   const std::regex combined = patternFor(paths.combinedM4A);
   const std::regex manifest = patternFor(paths.manifestJSON);
@@ -272,8 +277,7 @@ MeetingSealingOutput AudioArtifactSealer::seal(const fs::path& folder,
     const auto installStarted = Clock::now();
     manifest.tracks.push_back(input.mic);
     if (input.system) manifest.tracks.push_back(*input.system);
-    manifest.combinedDuration =
-        static_cast<double>(plan.totalFrames) / M4AAudioEncoder::sampleRate;
+    manifest.combinedDuration = static_cast<double>(plan.totalFrames) / M4AAudioEncoder::sampleRate;
     manifest.gaps = input.mic.gaps;
     if (input.system)
       manifest.gaps.insert(manifest.gaps.end(), input.system->gaps.begin(),

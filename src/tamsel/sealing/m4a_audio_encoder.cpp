@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "tamsel/base/log.hpp"
 #include "tamsel/sealing/sealing_types.hpp"
 
 extern "C" {
@@ -20,6 +21,7 @@ extern "C" {
 #include <libavformat/avformat.h>
 #include <libavutil/channel_layout.h>
 #include <libavutil/error.h>
+#include <libavutil/log.h>
 #include <libavutil/opt.h>
 }
 
@@ -54,7 +56,28 @@ using CodecContextPtr = std::unique_ptr<AVCodecContext, CodecContextFree>;
 using FramePtr = std::unique_ptr<AVFrame, FrameFree>;
 using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
 
+// FFmpeg prints to stderr by default, which would tear through a progress bar: its errors go
+// to our log, its chatter (and the warnings of encoders stopped early) nowhere.
+void routeFFmpegLog() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    av_log_set_callback([](void* object, int level, const char* format, va_list args) {
+      if (level > AV_LOG_ERROR) return;
+      char line[1024];
+      int prefix = 1;
+      va_list copy;
+      va_copy(copy, args);
+      av_log_format_line(object, level, format, copy, line, sizeof line, &prefix);
+      va_end(copy);
+      std::string text(line);
+      while (!text.empty() && text.back() == '\n') text.pop_back();
+      base::log::warn("meeting", "ffmpeg: {}", text);
+    });
+  });
+}
+
 CodecContextPtr openEncoder(const M4AEncoderOptions& options) {
+  routeFFmpegLog();
   const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
   if (!codec) fail("this FFmpeg has no AAC encoder");
   CodecContextPtr ctx(avcodec_alloc_context3(codec));
@@ -199,6 +222,7 @@ void mux(std::vector<Segment>& segments, const std::filesystem::path& output,
     }
     avformat_free_context(f);
   });
+  format->url = av_strdup(output.c_str());
   AVStream* stream = avformat_new_stream(format.get(), nullptr);
   if (!stream) fail("cannot add the audio stream");
   if (const int rc = avcodec_parameters_from_context(stream->codecpar, model.get()); rc < 0)
@@ -233,8 +257,7 @@ void mux(std::vector<Segment>& segments, const std::filesystem::path& output,
     }
     segment.packets.clear();
   }
-  if (const int rc = av_write_trailer(format.get()); rc < 0)
-    fail("cannot finish the M4A file", rc);
+  if (const int rc = av_write_trailer(format.get()); rc < 0) fail("cannot finish the M4A file", rc);
   avio_flush(format->pb);
   if (format->pb->error < 0) fail("cannot write " + output.string(), format->pb->error);
   if (::fsync(sink.fd) != 0)
@@ -244,8 +267,8 @@ void mux(std::vector<Segment>& segments, const std::filesystem::path& output,
 }  // namespace
 
 M4AAudioEncoder::M4AAudioEncoder(M4AEncoderOptions options) : options_(std::move(options)) {
-  options_.segmentFrames = std::max<std::int64_t>(kFrameSize, options_.segmentFrames / kFrameSize *
-                                                                  kFrameSize);
+  options_.segmentFrames =
+      std::max<std::int64_t>(kFrameSize, options_.segmentFrames / kFrameSize * kFrameSize);
   options_.overlapFrames = std::max<std::int64_t>(0, options_.overlapFrames);
   options_.workers = std::max(1, options_.workers);
 }

@@ -17,7 +17,8 @@ MeetingFileHasher::MeetingFileHasher(std::size_t blockSize)
 
 std::string MeetingFileHasher::sha256Hex(const std::filesystem::path& file) const {
   const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) throw std::system_error(errno, std::generic_category(), "cannot read " + file.string());
+  if (fd < 0)
+    throw std::system_error(errno, std::generic_category(), "cannot read " + file.string());
   struct CloseFd {
     int fd;
     ~CloseFd() { ::close(fd); }

@@ -13,13 +13,27 @@ std::string StereoTimelineRendererError::description() const {
   using K = Kind;
   std::string text;
   switch (kind) {
-    case K::unexpectedTrack: text = "unexpected track"; break;
-    case K::failedTrack: text = "the track's recording failed"; break;
-    case K::cannotCreateConverter: text = "cannot create the drift converter"; break;
-    case K::nonMonoInput: text = "the raw track is not mono"; break;
-    case K::conversionFailed: text = "conversion failed"; break;
-    case K::invalidBlockSize: text = "invalid block size"; break;
-    case K::cannotCreateFormat: text = "cannot create the rendered format"; break;
+    case K::unexpectedTrack:
+      text = "unexpected track";
+      break;
+    case K::failedTrack:
+      text = "the track's recording failed";
+      break;
+    case K::cannotCreateConverter:
+      text = "cannot create the drift converter";
+      break;
+    case K::nonMonoInput:
+      text = "the raw track is not mono";
+      break;
+    case K::conversionFailed:
+      text = "conversion failed";
+      break;
+    case K::invalidBlockSize:
+      text = "invalid block size";
+      break;
+    case K::cannotCreateFormat:
+      text = "cannot create the rendered format";
+      break;
   }
   if (track) text = std::string(meeting::toString(*track)) + ": " + text;
   if (!detail.empty()) text += " (" + detail + ")";
@@ -32,10 +46,18 @@ std::string AudioArtifactSealerError::description() const {
     case Kind::noCapturedSignal:
       text = "no captured signal: both tracks hold only digital silence";
       break;
-    case Kind::missingTrack: text = "no microphone track"; break;
-    case Kind::unreadableInput: text = "cannot read the recording"; break;
-    case Kind::sealInProgress: text = "another seal of this meeting is running"; break;
-    case Kind::io: text = "cannot write the sealed files"; break;
+    case Kind::missingTrack:
+      text = "no microphone track";
+      break;
+    case Kind::unreadableInput:
+      text = "cannot read the recording";
+      break;
+    case Kind::sealInProgress:
+      text = "another seal of this meeting is running";
+      break;
+    case Kind::io:
+      text = "cannot write the sealed files";
+      break;
   }
   if (!detail.empty()) text += ": " + detail;
   return text;
@@ -103,9 +125,9 @@ json::value trackJSON(const PersistedTrackRecording& t) {
 MeetingSealingInput MeetingSealingInput::load(const MeetingRecordingPaths& paths) {
   std::error_code ec;
   if (!std::filesystem::is_regular_file(paths.micCAF, ec))
-    throw AudioArtifactSealerException(AudioArtifactSealerError{
-        AudioArtifactSealerError::Kind::missingTrack,
-        paths.micCAF.string() + " does not exist or is not a file"});
+    throw AudioArtifactSealerException(
+        AudioArtifactSealerError{AudioArtifactSealerError::Kind::missingTrack,
+                                 paths.micCAF.string() + " does not exist or is not a file"});
   MeetingSealingInput input;
   input.mic = loadTrack(paths, TrackSource::mic);
   if (std::filesystem::is_regular_file(paths.systemCAF, ec))

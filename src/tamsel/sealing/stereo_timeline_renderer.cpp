@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -158,8 +159,8 @@ class TrackStream {
         ++gapIndex_;
       std::int64_t k;
       if (gapIndex_ < gaps_.size() && timelinePos_ >= gaps_[gapIndex_].startSample) {
-        k = std::min(n, gaps_[gapIndex_].startSample + gaps_[gapIndex_].droppedFrames -
-                            timelinePos_);
+        k = std::min(n,
+                     gaps_[gapIndex_].startSample + gaps_[gapIndex_].droppedFrames - timelinePos_);
         std::fill(out, out + k, 0.0f);
       } else {
         k = n;
@@ -201,8 +202,8 @@ RenderPlan RenderPlan::make(const MeetingSealingInput& input, std::int64_t micFi
     TrackPlacement p;
     p.present = true;
     // A crash can leave more frames in the file than the journal last counted.
-    p.sourceFrames =
-        std::max(track.clock.totalFrames, std::max<std::int64_t>(0, fileFrames) + gapFrames(track.gaps));
+    p.sourceFrames = std::max(track.clock.totalFrames,
+                              std::max<std::int64_t>(0, fileFrames) + gapFrames(track.gaps));
     p.outputFrames = p.sourceFrames;
     return p;
   };
@@ -241,7 +242,8 @@ RenderPlan RenderPlan::make(const MeetingSealingInput& input, std::int64_t micFi
     }
     plan.drift.resampleApplied = true;
   }
-  plan.totalFrames = std::max(plan.mic.endFrame(), plan.system.present ? plan.system.endFrame() : 0);
+  plan.totalFrames =
+      std::max(plan.mic.endFrame(), plan.system.present ? plan.system.endFrame() : 0);
   return plan;
 }
 
@@ -258,16 +260,25 @@ void DigitalAudioSignalAnalyzer::observe(const float* interleaved, std::int64_t 
 
 // ---- the growing file ----
 
-struct RenderedStereoFile::Reader {
-  std::thread::id thread;
-  SndfilePtr file;
-  std::int64_t frames = 0;  // what this handle can see
-};
-
 RenderedStereoFile::RenderedStereoFile(std::filesystem::path path, std::int64_t totalFrames)
     : totalFrames_(totalFrames), path_(std::move(path)) {}
 
-RenderedStereoFile::~RenderedStereoFile() = default;
+RenderedStereoFile::~RenderedStereoFile() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+void RenderedStereoFile::opened(std::int64_t dataOffset) {
+  const int fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+  {
+    std::lock_guard lock(mutex_);
+    if (fd < 0 && !error_)
+      error_ = std::make_exception_ptr(
+          std::runtime_error("cannot read " + path_.string() + ": " + std::strerror(errno)));
+    fd_ = fd;
+    dataOffset_ = dataOffset;
+  }
+  changed_.notify_all();
+}
 
 void RenderedStereoFile::published(std::int64_t frames) {
   {
@@ -278,7 +289,7 @@ void RenderedStereoFile::published(std::int64_t frames) {
 }
 
 void RenderedStereoFile::moveTo(const std::filesystem::path& path) {
-  // Under the lock: a reader never opens the old name after it is gone.
+  // The descriptor readers use follows the file; the name is only for messages.
   std::lock_guard lock(mutex_);
   std::filesystem::rename(path_, path);
   path_ = path;
@@ -292,37 +303,33 @@ void RenderedStereoFile::failed(std::exception_ptr error) {
   changed_.notify_all();
 }
 
-RenderedStereoFile::Reader& RenderedStereoFile::readerForThisThread(std::int64_t needFrames) {
-  std::unique_lock lock(mutex_);
-  changed_.wait(lock, [&] { return error_ || published_ >= needFrames; });
-  if (error_) std::rethrow_exception(error_);
-  const auto self = std::this_thread::get_id();
-  Reader* reader = nullptr;
-  for (auto& r : readers_)
-    if (r->thread == self) reader = r.get();
-  if (!reader) {
-    readers_.push_back(std::make_unique<Reader>());
-    reader = readers_.back().get();
-    reader->thread = self;
-  }
-  if (reader->frames < needFrames) {
-    // The header is brought up to date before each publication: a fresh handle sees it all.
-    SF_INFO info{};
-    reader->file.reset(sf_open(path_.c_str(), SFM_READ, &info));
-    if (!reader->file)
-      throw std::runtime_error("cannot read " + path_.string() + ": " + sf_strerror(nullptr));
-    reader->frames = info.frames;
-    if (reader->frames < needFrames)
-      throw std::runtime_error(path_.string() + " holds fewer frames than rendered");
-  }
-  return *reader;
-}
-
 void RenderedStereoFile::read(std::int64_t start, std::int64_t count, float* out) {
-  auto& reader = readerForThisThread(start + count);
-  if (sf_seek(reader.file.get(), start, SEEK_SET) != start ||
-      sf_readf_float(reader.file.get(), out, count) != count)
-    throw std::runtime_error("cannot read the rendered timeline at frame " + std::to_string(start));
+  int fd;
+  std::int64_t offset;
+  {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return error_ || (fd_ >= 0 && published_ >= start + count); });
+    if (error_) std::rethrow_exception(error_);
+    fd = fd_;
+    offset = dataOffset_;
+  }
+  // The samples are little-endian floats (see render()), read in place with pread, which
+  // several encoder threads may do at once on one descriptor.
+  auto* bytes = reinterpret_cast<char*>(out);
+  std::size_t want = static_cast<std::size_t>(count) * 2 * sizeof(float);
+  off_t at = static_cast<off_t>(offset + start * 2 * static_cast<std::int64_t>(sizeof(float)));
+  while (want > 0) {
+    const ssize_t n = ::pread(fd, bytes, want, at);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0)
+      throw std::runtime_error("cannot read the rendered timeline at frame " +
+                               std::to_string(start));
+    bytes += n;
+    want -= static_cast<std::size_t>(n);
+    at += n;
+  }
+  static_assert(std::endian::native == std::endian::little,
+                "rendered samples are read in place as little-endian floats");
 }
 
 // ---- renderer ----
@@ -362,13 +369,20 @@ void StereoTimelineRenderer::render(const MeetingSealingInput& input, const Rend
   SF_INFO info{};
   info.samplerate = static_cast<int>(kTimelineRate);
   info.channels = 2;
-  info.format = SF_FORMAT_CAF | SF_FORMAT_FLOAT;
+  // Little-endian, so encoders can read the samples in place while the file grows.
+  info.format = SF_FORMAT_CAF | SF_FORMAT_FLOAT | SF_ENDIAN_LITTLE;
   SndfilePtr out(sf_open_fd(fd, SFM_RDWR, &info, SF_TRUE));
   if (!out) {
     ::close(fd);
     fail(Kind::cannotCreateFormat, std::nullopt,
          "cannot write " + workingPath.string() + ": " + sf_strerror(nullptr));
   }
+  // The header is written on open: the samples start where the descriptor stands now.
+  const off_t dataOffset = ::lseek(fd, 0, SEEK_CUR);
+  if (dataOffset <= 0)
+    fail(Kind::cannotCreateFormat, std::nullopt,
+         "cannot tell where the samples of " + workingPath.string() + " start");
+  if (rendered) rendered->opened(dataOffset);
   std::vector<float> left(static_cast<std::size_t>(blockSize_)),
       right(static_cast<std::size_t>(blockSize_)),
       interleaved(static_cast<std::size_t>(blockSize_) * 2);
@@ -385,13 +399,10 @@ void StereoTimelineRenderer::render(const MeetingSealingInput& input, const Rend
     if (sf_writef_float(out.get(), interleaved.data(), n) != n)
       fail(Kind::conversionFailed, std::nullopt,
            "cannot write " + workingPath.string() + ": " + sf_strerror(out.get()));
-    if (rendered) {
-      sf_command(out.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
-      rendered->published(at + n);
-    }
+    if (rendered) rendered->published(at + n);
     if (readObserver) readObserver(at + n, plan.totalFrames);
   }
-  sf_write_sync(out.get());
+  // No fsync: the rendered timeline is an intermediate that a crash makes us render again.
   out.reset();
   try {
     if (rendered)

@@ -11,8 +11,8 @@
 #include <exception>
 #include <filesystem>
 #include <functional>
-#include <mutex>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -65,7 +65,9 @@ class RenderedStereoFile final : public StereoFrameSource {
   std::int64_t totalFrames() const override { return totalFrames_; }
   void read(std::int64_t start, std::int64_t count, float* out) override;
 
-  // Renderer side.
+  // Renderer side: the file exists and its samples start at `dataOffset`; then how many frames
+  // are written.
+  void opened(std::int64_t dataOffset);
   void published(std::int64_t frames);
   // Renames the file (from the path it was created with); throws filesystem_error.
   void moveTo(const std::filesystem::path& path);
@@ -73,16 +75,14 @@ class RenderedStereoFile final : public StereoFrameSource {
   void failed(std::exception_ptr error);
 
  private:
-  struct Reader;
-  Reader& readerForThisThread(std::int64_t needFrames);
-
   const std::int64_t totalFrames_;
   std::mutex mutex_;
   std::condition_variable changed_;
   std::filesystem::path path_;
+  int fd_ = -1;
+  std::int64_t dataOffset_ = 0;
   std::int64_t published_ = 0;
   std::exception_ptr error_;
-  std::vector<std::unique_ptr<Reader>> readers_;
 };
 
 class StereoTimelineRenderer {
@@ -106,8 +106,7 @@ class StereoTimelineRenderer {
   // a partial working file is left for the caller to remove.
   void render(const MeetingSealingInput& input, const RenderPlan& plan,
               const std::filesystem::path& workingPath, const std::filesystem::path& finalPath,
-              RenderedStereoFile* file = nullptr,
-              const std::atomic<bool>* cancel = nullptr) const;
+              RenderedStereoFile* file = nullptr, const std::atomic<bool>* cancel = nullptr) const;
 
  private:
   std::int64_t blockSize_;
