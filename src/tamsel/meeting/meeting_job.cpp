@@ -24,9 +24,9 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr std::array<std::string_view, 11> stateNames{
-    "releasingCapture", "sealing",      "queued",          "sealingFailed",
-    "uploading",        "transcribing", "generatingNotes", "waitingForApproval",
-    "cancelling",       "done",         "retryableFailed"};
+    "releasingCapture", "sealing",       "queued",    "sealingFailed",
+    "uploading",        "transcribing",  "generatingNotes", "waitingForApproval",
+    "cancelling",       "done",          "retryableFailed"};
 
 constexpr std::array<std::string_view, 3> stageDeadlineStateNames{"none", "pending", "expired"};
 
@@ -80,8 +80,8 @@ double numberOf(const json::value& v, std::string_view key) {
 json::value toJSON(const MeetingCaptureQualitySummary& summary) {
   json::array missing;
   for (const auto& gap : summary.missingCoverage)
-    missing.push_back(
-        json::object{{"source", toString(gap.source)}, {"durationSeconds", gap.durationSeconds}});
+    missing.push_back(json::object{{"source", toString(gap.source)},
+                                   {"durationSeconds", gap.durationSeconds}});
   return json::object{{"routeTransitionCount", summary.routeTransitionCount},
                       {"missingCoverage", std::move(missing)}};
 }
@@ -215,13 +215,11 @@ MeetingJobRecord meetingJobRecordFromJSON(const json::value& value) {
 // ---- launch policy ----
 
 std::string_view toString(MeetingJobPolicy::LaunchAction action) {
-  static constexpr std::array<std::string_view, 7> names{"markCrashedWhileRecording",
-                                                         "markCrashedWhileReleasingCapture",
-                                                         "resumeSealing",
-                                                         "escalateSealingFailed",
-                                                         "keepQueued",
-                                                         "keep",
-                                                         "sweepDelete"};
+  static constexpr std::array<std::string_view, 7> names{
+      "markCrashedWhileRecording", "markCrashedWhileReleasingCapture",
+      "resumeSealing",             "escalateSealingFailed",
+      "keepQueued",                "keep",
+      "sweepDelete"};
   return names[static_cast<std::size_t>(action)];
 }
 
@@ -282,10 +280,9 @@ std::optional<MeetingJobRecord> MeetingJobPolicy::applyLaunchAction(const Meetin
     case LaunchAction::markCrashedWhileReleasingCapture:
       next.state = MeetingJobState::sealing;
       next.sealingDeadline = deadline;
-      next.lastError =
-          std::string(action == LaunchAction::markCrashedWhileRecording
-                          ? MeetingJobConfiguration::crashedWhileRecordingMessage
-                          : MeetingJobConfiguration::crashedWhileReleasingCaptureMessage);
+      next.lastError = std::string(action == LaunchAction::markCrashedWhileRecording
+                                       ? MeetingJobConfiguration::crashedWhileRecordingMessage
+                                       : MeetingJobConfiguration::crashedWhileReleasingCaptureMessage);
       return next;
     case LaunchAction::resumeSealing:
       if (record.state == MeetingJobState::retryableFailed) ++next.retryCount;
@@ -320,15 +317,15 @@ std::string MeetingJobStoreError::code() const {
 
 std::string MeetingJobStoreError::description() const {
   return std::visit(
-      base::Overloaded{[](const Corrupt& c) {
-                         return fmt::format(
-                             "The meeting job record {} is damaged ({}); it was left as it is",
-                             c.file.string(), c.reason);
-                       },
-                       [](const Unreadable& u) {
-                         return fmt::format("The meeting job record {} could not be read: {}",
-                                            u.file.string(), u.reason);
-                       }},
+      base::Overloaded{
+          [](const Corrupt& c) {
+            return fmt::format("The meeting job record {} is damaged ({}); it was left as it is",
+                               c.file.string(), c.reason);
+          },
+          [](const Unreadable& u) {
+            return fmt::format("The meeting job record {} could not be read: {}", u.file.string(),
+                               u.reason);
+          }},
       value);
 }
 
@@ -343,7 +340,8 @@ std::optional<MeetingJobRecord> MeetingJobStore::load(const fs::path& meetingFol
   }
   std::string text;
   if (!base::readFile(file, text))
-    throw MeetingJobStoreException({MeetingJobStoreError::Unreadable{file, std::strerror(errno)}});
+    throw MeetingJobStoreException(
+        {MeetingJobStoreError::Unreadable{file, std::strerror(errno)}});
   try {
     return meetingJobRecordFromJSON(base::json::parse(text));
   } catch (const base::json::DecodeError& e) {

@@ -9,9 +9,9 @@
 
 #include <fstream>
 
-#include "../test_support.hpp"
 #include "tamsel/base/atomic_file.hpp"
 #include "tamsel/base/json.hpp"
+#include "../test_support.hpp"
 
 namespace tamsel::meeting {
 namespace {
@@ -39,7 +39,9 @@ MeetingJobRecord fullRecord() {
   return r;
 }
 
-void writeText(const fs::path& path, const std::string& text) { std::ofstream(path) << text; }
+void writeText(const fs::path& path, const std::string& text) {
+  std::ofstream(path) << text;
+}
 
 TEST(MeetingJobRecord, KeysInOrderOptionalOnesLeftOutAndRoundTrip) {
   const auto full = fullRecord();
@@ -66,10 +68,10 @@ TEST(MeetingJobRecord, KeysInOrderOptionalOnesLeftOutAndRoundTrip) {
 }
 
 TEST(MeetingJobRecord, EveryStateHasItsNameBothWays) {
-  const char* names[] = {
-      "releasingCapture", "sealing",      "queued",          "sealingFailed",
-      "uploading",        "transcribing", "generatingNotes", "waitingForApproval",
-      "cancelling",       "done",         "retryableFailed"};
+  const char* names[] = {"releasingCapture", "sealing",         "queued",
+                         "sealingFailed",    "uploading",       "transcribing",
+                         "generatingNotes",  "waitingForApproval", "cancelling",
+                         "done",             "retryableFailed"};
   for (std::size_t i = 0; i < std::size(names); ++i) {
     const auto state = static_cast<MeetingJobState>(i);
     EXPECT_EQ(toString(state), names[i]);
@@ -95,12 +97,14 @@ TEST(MeetingJobRecord, DecodeRefusesWhatIsNotARecordAndNamesTheKey) {
   expectRefused(R"({"id":"a","state":"queued","createdAt":"yesterday","retryCount":0})",
                 "createdAt");
   expectRefused(R"({"id":"a","state":"queued","createdAt":"2026-11-20T09:15:02Z"})", "retryCount");
-  expectRefused(R"({"id":"a","state":"queued","createdAt":"2026-11-20T09:15:02Z","retryCount":-1})",
-                "retryCount");
-  expectRefused(R"({"id":"a","state":"queued","createdAt":"2026-11-20T09:15:02Z","retryCount":0,)"
-                R"("captureQuality":{"routeTransitionCount":0,"missingCoverage":[{"source":"x",)"
-                R"("durationSeconds":1}]}})",
-                "source");
+  expectRefused(
+      R"({"id":"a","state":"queued","createdAt":"2026-11-20T09:15:02Z","retryCount":-1})",
+      "retryCount");
+  expectRefused(
+      R"({"id":"a","state":"queued","createdAt":"2026-11-20T09:15:02Z","retryCount":0,)"
+      R"("captureQuality":{"routeTransitionCount":0,"missingCoverage":[{"source":"x",)"
+      R"("durationSeconds":1}]}})",
+      "source");
 }
 
 TEST(MeetingCaptureQualitySummary, CountsRouteTransitionsAndMissingTimePerSource) {
@@ -243,11 +247,7 @@ TEST(MeetingJobPolicy, EveryStateGetsItsLaunchAction) {
   const MeetingJobFolderFacts dead{false, false}, deadFinished{false, true}, live{true, false};
   const LaunchCase cases[] = {
       {MeetingJobState::releasingCapture, dead, {}, 0, 1h, Action::markCrashedWhileRecording},
-      {MeetingJobState::releasingCapture,
-       deadFinished,
-       {},
-       0,
-       1h,
+      {MeetingJobState::releasingCapture, deadFinished, {}, 0, 1h,
        Action::markCrashedWhileReleasingCapture},
       {MeetingJobState::releasingCapture, live, {}, 0, 1h, Action::keep},
       {MeetingJobState::sealing, dead, {}, 0, 0h, Action::resumeSealing},
@@ -298,8 +298,7 @@ TEST(MeetingJobPolicy, ApplyingAnActionWritesTheJobsNextState) {
   record.id = "j";
   record.createdAt = now - 1h;
 
-  auto crashed =
-      MeetingJobPolicy::applyLaunchAction(record, Action::markCrashedWhileRecording, now);
+  auto crashed = MeetingJobPolicy::applyLaunchAction(record, Action::markCrashedWhileRecording, now);
   ASSERT_TRUE(crashed);
   EXPECT_EQ(crashed->state, MeetingJobState::sealing);
   EXPECT_EQ(crashed->lastError, std::string(MeetingJobConfiguration::crashedWhileRecordingMessage));
@@ -320,9 +319,8 @@ TEST(MeetingJobPolicy, ApplyingAnActionWritesTheJobsNextState) {
   // Resuming an interrupted seal keeps its original deadline, so retries cannot extend it.
   record.state = MeetingJobState::sealing;
   record.sealingDeadline = now + 5min;
-  EXPECT_EQ(
-      MeetingJobPolicy::applyLaunchAction(record, Action::resumeSealing, now)->sealingDeadline,
-      now + 5min);
+  EXPECT_EQ(MeetingJobPolicy::applyLaunchAction(record, Action::resumeSealing, now)->sealingDeadline,
+            now + 5min);
   const auto failed =
       MeetingJobPolicy::applyLaunchAction(record, Action::escalateSealingFailed, now);
   EXPECT_EQ(failed->state, MeetingJobState::sealingFailed);
