@@ -52,12 +52,13 @@ void writeTrack(const fs::path& path, std::int64_t frames, double baseHz, unsign
     for (std::int64_t i = 0; i < n; ++i) {
       const double t = static_cast<double>(at + i) / kRate;
       const double syllable = std::max(0.0, std::sin(2 * M_PI * 4.0 * t));  // 4 Hz bursts
-      const double pause = std::fmod(t, 7.0) < 5.5 ? 1.0 : 0.0;               // sentences
+      const double pause = std::fmod(t, 7.0) < 5.5 ? 1.0 : 0.0;             // sentences
       const double hz = baseHz * (1.0 + 0.3 * std::sin(2 * M_PI * 0.7 * t));
       phase += 2 * M_PI * hz / kRate;
-      block[static_cast<std::size_t>(i)] = static_cast<float>(
-          0.3 * syllable * pause * (std::sin(phase) + 0.3 * std::sin(3 * phase))) +
-                                           noise(random);
+      block[static_cast<std::size_t>(i)] =
+          static_cast<float>(0.3 * syllable * pause *
+                             (std::sin(phase) + 0.3 * std::sin(3 * phase))) +
+          noise(random);
     }
     sf_writef_float(file, block.data(), n);
   }

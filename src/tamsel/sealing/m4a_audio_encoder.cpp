@@ -246,8 +246,13 @@ void mux(std::vector<Segment>& segments, const std::filesystem::path& output,
     av_free(buffer);
     fail("out of memory");
   }
-  if (const int rc = avformat_write_header(format.get(), nullptr); rc < 0)
-    fail("cannot write the M4A header", rc);
+  // The edit list's length counts in the movie's timescale: at the default 1/1000 s a track
+  // could only end on a whole millisecond; at the sample rate it ends on its last sample.
+  AVDictionary* muxerOptions = nullptr;
+  av_dict_set_int(&muxerOptions, "movie_timescale", M4AAudioEncoder::sampleRate, 0);
+  const int headerRC = avformat_write_header(format.get(), &muxerOptions);
+  av_dict_free(&muxerOptions);
+  if (headerRC < 0) fail("cannot write the M4A header", headerRC);
   for (auto& segment : segments) {
     for (auto& packet : segment.packets) {
       packet->stream_index = stream->index;

@@ -3,6 +3,7 @@
 #include "tamsel/base/log.hpp"
 #include "tamsel/base/uuid.hpp"
 #include "tamsel/meeting/meeting_job.hpp"
+#include "tamsel/meeting/meeting_recording_paths.hpp"
 
 namespace tamsel::sealing {
 
@@ -38,8 +39,10 @@ MeetingSealResult MeetingSealer::seal(const std::filesystem::path& folder,
     }
   };
   try {
-    job = store.load(folder);
-    if (!job) {
+    // A folder without a microphone track is no meeting: it gets no record.
+    if (std::filesystem::exists(meeting::MeetingRecordingPaths::in(folder).micCAF))
+      job = store.load(folder);
+    if (!job && std::filesystem::exists(meeting::MeetingRecordingPaths::in(folder).micCAF)) {
       job = MeetingJobRecord{};
       job->id = base::newUUIDString();
       job->createdAt = base::nowTimestamp();
@@ -62,8 +65,7 @@ MeetingSealResult MeetingSealer::seal(const std::filesystem::path& folder,
   } catch (const AudioArtifactSealerException& e) {
     result.error = e.what();
     result.retryable = e.error().retryable();
-    result.noCapturedSignal =
-        e.error().kind == AudioArtifactSealerError::Kind::noCapturedSignal;
+    result.noCapturedSignal = e.error().kind == AudioArtifactSealerError::Kind::noCapturedSignal;
   } catch (const StereoTimelineRendererException& e) {
     result.error = e.what();
     result.retryable = retryableRendererFailure(e.error().kind);
@@ -80,14 +82,15 @@ MeetingSealResult MeetingSealer::seal(const std::filesystem::path& folder,
       job->artifactSHA256 = result.output->artifact.manifest.sha256;
       job->lastError.reset();
     } else {
-      job->state = result.retryable ? MeetingJobState::retryableFailed
-                                    : MeetingJobState::sealingFailed;
+      job->state =
+          result.retryable ? MeetingJobState::retryableFailed : MeetingJobState::sealingFailed;
       job->lastError = result.error;
       job->artifactSHA256.reset();
     }
     saveJob();
   }
-  if (!result.output) base::log::warn("meeting", "seal of {} failed: {}", folder.string(), result.error);
+  if (!result.output)
+    base::log::warn("meeting", "seal of {} failed: {}", folder.string(), result.error);
   return result;
 }
 

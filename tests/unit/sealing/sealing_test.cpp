@@ -1,22 +1,22 @@
 // Sealing: the timeline plan, the renderer on real CAF files, the signal check, the hasher, the
 // manifest, reading tracks back from their journals, the seams of the parallel encoder (decoded
 // with the ffmpeg tool) and whole seals with their failures, leftovers and job records.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sndfile.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <boost/json.hpp>
 #include <cmath>
 #include <cstdio>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <regex>
 #include <thread>
-#include <unistd.h>
 
 #include "../test_support.hpp"
 #include "tamsel/base/atomic_file.hpp"
@@ -98,11 +98,11 @@ void makeMeeting(const fs::path& folder, double seconds, bool withSystem = true,
   writeJournal(folder, clockFor(TrackSource::mic, frames, 1'000'000'000), {});
   if (withSystem) {
     writeCAF(folder / "system.caf", tone(frames, 440));
-    writeJournal(folder,
-                 clockFor(TrackSource::system, frames,
-                          1'000'000'000 + static_cast<std::uint64_t>(systemLateSeconds * 1e9),
-                          systemPPM),
-                 {});
+    writeJournal(
+        folder,
+        clockFor(TrackSource::system, frames,
+                 1'000'000'000 + static_cast<std::uint64_t>(systemLateSeconds * 1e9), systemPPM),
+        {});
   }
 }
 
@@ -275,8 +275,7 @@ TEST_F(RendererTest, RefusesWhatItCannotLayOnTheTimeline) {
   try {
     StereoTimelineRenderer().plan(input);
   } catch (const StereoTimelineRendererException& e) {
-    EXPECT_EQ(e.error().description(),
-              "mic: the track's recording failed (no captured audio)");
+    EXPECT_EQ(e.error().description(), "mic: the track's recording failed (no captured audio)");
   }
 
   // A journal of the other source beside "mic.caf".
@@ -318,7 +317,8 @@ TEST(MeetingSealingInput, ReadsTracksBackFromTheirJournals) {
   std::ofstream(paths.journal(TrackSource::system)) << "{\"clock\": 3";
   EXPECT_EQ(kindOf(), AudioArtifactSealerError::Kind::unreadableInput);
   std::ofstream(paths.journal(TrackSource::system))
-      << R"({"clock":)" << boost::json::serialize(meeting::toJSON(clockFor(TrackSource::system, 1, 1)))
+      << R"({"clock":)"
+      << boost::json::serialize(meeting::toJSON(clockFor(TrackSource::system, 1, 1)))
       << R"(,"gaps":[{"track":"system","startSample":5,"droppedFrames":-3,"reason":"captureLoss"}]})";
   EXPECT_EQ(kindOf(), AudioArtifactSealerError::Kind::unreadableInput);
 }
@@ -426,13 +426,15 @@ double worstSeamErrorRatio(const std::vector<float>& original, const std::vector
   const auto errorAt = [&](std::int64_t from) {
     double e = 0;
     for (std::int64_t i = from; i < from + window; ++i) {
-      const double d = decoded[static_cast<std::size_t>(2 * i)] - original[static_cast<std::size_t>(2 * i)];
+      const double d =
+          decoded[static_cast<std::size_t>(2 * i)] - original[static_cast<std::size_t>(2 * i)];
       e += d * d;
     }
     return std::sqrt(e / window);
   };
   std::vector<double> all;
-  for (std::int64_t at = 4096; at + window < frames - 4096; at += window) all.push_back(errorAt(at));
+  for (std::int64_t at = 4096; at + window < frames - 4096; at += window)
+    all.push_back(errorAt(at));
   std::nth_element(all.begin(), all.begin() + static_cast<long>(all.size() / 2), all.end());
   const double typical = all[all.size() / 2];
   double worst = 0;
@@ -460,7 +462,8 @@ TEST(M4AAudioEncoder, ParallelSegmentsDecodeWithoutClicksAtTheSeams) {
   const auto encode = [&](M4AEncoderOptions o, const char* name) {
     const auto path = dir.path() / name;
     std::int64_t lastProgress = 0;
-    M4AAudioEncoder(o).encode(source, path, [&](std::int64_t f) { lastProgress = std::max(lastProgress, f); });
+    M4AAudioEncoder(o).encode(source, path,
+                              [&](std::int64_t f) { lastProgress = std::max(lastProgress, f); });
     EXPECT_EQ(lastProgress, frames);
     return decodeStereo(path);
   };
@@ -591,7 +594,8 @@ TEST_F(SealTest, AFailedOrCancelledSealLeavesOnlyTheRawTracksAndIsRetried) {
   auto options = smallSegments();
   options.encoder.segmentFrames = kRate / 4;
   const auto result = MeetingSealer(options).seal(
-      folder, [&](const SealingProgress& p) {
+      folder,
+      [&](const SealingProgress& p) {
         if (p.framesEncoded > kRate && ++calls == 1) cancel = true;
       },
       &cancel);
@@ -631,8 +635,8 @@ TEST_F(SealTest, ASecondSealOfTheSameFolderAtOnceIsRefused) {
 TEST(AudioArtifactSealer, NamesTemporariesBesideTheFinal) {
   const auto p = AudioArtifactSealer::temporaryPathFor("/m/combined.m4a");
   EXPECT_EQ(p.parent_path(), "/m");
-  EXPECT_TRUE(std::regex_match(p.filename().string(),
-                               std::regex(R"(combined\.tmp\.[0-9A-F-]{36}\.m4a)")))
+  EXPECT_TRUE(
+      std::regex_match(p.filename().string(), std::regex(R"(combined\.tmp\.[0-9A-F-]{36}\.m4a)")))
       << p;
   EXPECT_NE(p, AudioArtifactSealer::temporaryPathFor("/m/combined.m4a"));
 }
