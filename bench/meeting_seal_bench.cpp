@@ -86,6 +86,13 @@ void writeJournal(const fs::path& path, const char* source, std::int64_t frames,
   base::writeFileAtomically(path, base::json::serialize(journal));
 }
 
+double cpuSeconds() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  const auto seconds = [](const timeval& t) { return t.tv_sec + t.tv_usec / 1e6; };
+  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
 long peakRSSKiB() {
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
@@ -129,8 +136,12 @@ int main(int argc, char** argv) {
   sealing::AudioArtifactSealer sealer;
   sealing::SealingTimings t;
   int exitCode = 0;
+  double loadBefore[1] = {0};
+  ::getloadavg(loadBefore, 1);
   try {
+    const double cpuBefore = cpuSeconds();
     const auto out = sealer.seal(folder, {}, nullptr, &t);
+    const double cpu = cpuSeconds() - cpuBefore;
     std::printf("plan      %7.2f s\n", t.plan);
     std::printf("render    %7.2f s  (with the signal analysis; runs beside the encoder)\n",
                 t.render);
@@ -142,6 +153,9 @@ int main(int argc, char** argv) {
     std::printf("manifest+install %6.3f s\n", t.manifestAndInstall);
     std::printf("total     %7.2f s  = %.0fx real time (target: at most 12 s for an hour)\n",
                 t.total, seconds / t.total);
+    // The machine may be shared: the CPU time says what two idle cores would take.
+    std::printf("cpu       %7.2f s  (user + system, all threads; load average %.1f before)\n", cpu,
+                loadBefore[0]);
     std::printf("artifact  %.1f MB, %.3f s, drift resampled: %s\n",
                 static_cast<double>(fs::file_size(out.artifact.combinedFileURL)) / 1e6,
                 out.artifact.manifest.combinedDuration,

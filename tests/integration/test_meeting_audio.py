@@ -292,7 +292,10 @@ class MeetingRecording(unittest.TestCase):
         # Nothing plays into the microphone at first: a null sink's monitor gives exact zeros.
         tracks, log, rc = self.finish(
             self.start_recorder("--duration", "6.5", env={"TamselMeetingDisableSystap": "1"}))
-        self.assertEqual(rc, 0, log)
+        # Capture worked; the seal that follows finds nothing but zeros and makes no artifact.
+        self.assertEqual(rc, 1, log)
+        self.assertIn("no captured signal", log)
+        self.assertFalse(os.path.exists(os.path.join(self.dir, "combined.m4a")))
         self.assertEqual(list(tracks), ["mic"])
         self.assertIn("TamselMeetingDisableSystap", log)
         self.assertIn("warning: mic: the microphone delivers digital silence", log)

@@ -29,8 +29,9 @@ struct M4AEncoderOptions {
   // and measured no worse.
   std::string coder = "fast";
   int workers = 2;
-  // Rounded down to a multiple of 1024; one minute keeps the two workers evenly loaded.
-  std::int64_t segmentFrames = 60 * 48000;
+  // Rounded down to a multiple of 1024; half a minute keeps the workers evenly loaded to the end
+  // at a cost of 0.6 % more audio coded.
+  std::int64_t segmentFrames = 30 * 48000;
   // Audio coded before and after each segment and then dropped. 0 makes seams naive cuts.
   std::int64_t overlapFrames = 4096;
 };

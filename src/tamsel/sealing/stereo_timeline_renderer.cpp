@@ -24,6 +24,7 @@ namespace {
 
 constexpr double kTimelineRate = 48000;
 constexpr double kHostTicksPerSecond = 1e9;  // CLOCK_MONOTONIC nanoseconds
+constexpr double kMaxDriftPPM = 50'000;
 
 using Kind = StereoTimelineRendererError::Kind;
 
@@ -87,6 +88,11 @@ class TrackStream {
               [](const Gap& a, const Gap& b) { return a.startSample < b.startSample; });
     inputLeft_ = placement.sourceFrames;
     if (placement.resample) {
+      // Crystals drift by tens of ppm; a clock 5 % off is broken bookkeeping, and following it
+      // would stretch the meeting by as much.
+      if (!(std::abs(placement.ppm) < kMaxDriftPPM))
+        fail(Kind::cannotCreateConverter, source,
+             "a drift of " + std::to_string(placement.ppm) + " ppm is no clock drift");
       soxr_error_t error = nullptr;
       const soxr_io_spec_t io = soxr_io_spec(SOXR_FLOAT32_I, SOXR_FLOAT32_I);
       const soxr_quality_spec_t quality = soxr_quality_spec(SOXR_HQ, 0);

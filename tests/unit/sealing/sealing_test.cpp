@@ -278,6 +278,17 @@ TEST_F(RendererTest, RefusesWhatItCannotLayOnTheTimeline) {
     EXPECT_EQ(e.error().description(), "mic: the track's recording failed (no captured audio)");
   }
 
+  // A clock 10 % off: not a drift to follow.
+  writeJournal(dir.path(), clockFor(TrackSource::mic, 200, 1'000'000'000, 100'000), {});
+  input = MeetingSealingInput::load(paths);
+  const auto plan = StereoTimelineRenderer().plan(input);
+  try {
+    StereoTimelineRenderer().render(input, plan, dir.path() / "w.caf", dir.path() / "r.caf");
+    ADD_FAILURE() << "followed a broken clock";
+  } catch (const StereoTimelineRendererException& e) {
+    EXPECT_EQ(e.error().kind, K::cannotCreateConverter);
+  }
+
   // A journal of the other source beside "mic.caf".
   writeJournal(dir.path(), clockFor(TrackSource::system, 200, 1), {});
   fs::rename(paths.journal(TrackSource::system), paths.journal(TrackSource::mic));
