@@ -62,29 +62,6 @@ double secondsSince(Clock::time_point t) {
       AudioArtifactSealerError{AudioArtifactSealerError::Kind::io, what});
 }
 
-// Holds the folder for one seal: a second seal of the same meeting waits for nothing and says
-// so, instead of removing the first one's temporaries from under it.
-class FolderLock {
- public:
-  explicit FolderLock(const fs::path& folder) {
-    fd_ = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd_ < 0)
-      throw AudioArtifactSealerException(
-          AudioArtifactSealerError{AudioArtifactSealerError::Kind::missingTrack,
-                                   folder.string() + ": " + std::strerror(errno)});
-    if (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
-      ::close(fd_);
-      throw AudioArtifactSealerException(AudioArtifactSealerError{
-          AudioArtifactSealerError::Kind::sealInProgress, folder.string()});
-    }
-  }
-  ~FolderLock() { ::close(fd_); }
-  void syncFolder() const { ::fsync(fd_); }
-
- private:
-  int fd_;
-};
-
 void writeNewFile(const fs::path& path, std::string_view contents) {
   const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
   if (fd < 0) ioFailure("cannot create " + path.string() + ": " + std::strerror(errno));
@@ -129,6 +106,33 @@ class ProgressRelay {
 };
 
 }  // namespace
+
+std::optional<SealingFolderLock> SealingFolderLock::tryAcquire(const fs::path& folder) {
+  const int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0)
+    throw AudioArtifactSealerException(
+        AudioArtifactSealerError{AudioArtifactSealerError::Kind::missingTrack,
+                                 folder.string() + ": " + std::strerror(errno)});
+  if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    ::close(fd);
+    return std::nullopt;
+  }
+  return SealingFolderLock(fd);
+}
+
+SealingFolderLock& SealingFolderLock::operator=(SealingFolderLock&& other) noexcept {
+  if (this != &other) {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = std::exchange(other.fd_, -1);
+  }
+  return *this;
+}
+
+SealingFolderLock::~SealingFolderLock() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+void SealingFolderLock::syncFolder() const { ::fsync(fd_); }
 
 AudioArtifactSealer::AudioArtifactSealer() : AudioArtifactSealer(Options{}) {}
 
@@ -176,11 +180,19 @@ std::size_t AudioArtifactSealer::removeLeftovers(const MeetingRecordingPaths& pa
 MeetingSealingOutput AudioArtifactSealer::seal(const fs::path& folder,
                                                const ProgressCallback& progress,
                                                const std::atomic<bool>* cancel,
-                                               SealingTimings* timings) const {
+                                               SealingTimings* timings,
+                                               const SealingFolderLock* heldLock) const {
   const auto started = Clock::now();
   SealingTimings t;
   const auto paths = MeetingRecordingPaths::in(folder);
-  FolderLock lock(folder);
+  std::optional<SealingFolderLock> ownLock;
+  if (!heldLock) {
+    ownLock = SealingFolderLock::tryAcquire(folder);
+    if (!ownLock)
+      throw AudioArtifactSealerException(AudioArtifactSealerError{
+          AudioArtifactSealerError::Kind::sealInProgress, folder.string()});
+  }
+  const SealingFolderLock& lock = heldLock ? *heldLock : *ownLock;
   if (const auto n = removeLeftovers(paths))
     base::log::info("meeting", "seal: removed {} files a previous seal left in {}", n,
                     folder.string());

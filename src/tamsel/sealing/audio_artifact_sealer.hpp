@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <optional>
+#include <utility>
 
 #include "tamsel/sealing/m4a_audio_encoder.hpp"
 #include "tamsel/sealing/meeting_file_hasher.hpp"
@@ -35,6 +37,25 @@ struct SealingTimings {
   double plan = 0, render = 0, encode = 0, hash = 0, manifestAndInstall = 0, total = 0;
 };
 
+// Held for one seal of a folder (an flock on the folder itself): a second seal of the same
+// meeting is refused instead of removing the first one's temporaries from under it.
+class SealingFolderLock {
+ public:
+  // Nothing when another seal holds the folder. Throws AudioArtifactSealerException(missingTrack)
+  // when the folder cannot be opened.
+  static std::optional<SealingFolderLock> tryAcquire(const std::filesystem::path& folder);
+  SealingFolderLock(SealingFolderLock&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  SealingFolderLock& operator=(SealingFolderLock&& other) noexcept;
+  SealingFolderLock(const SealingFolderLock&) = delete;
+  ~SealingFolderLock();
+  // Makes the renames done in the folder durable.
+  void syncFolder() const;
+
+ private:
+  explicit SealingFolderLock(int fd) : fd_(fd) {}
+  int fd_ = -1;
+};
+
 class AudioArtifactSealer {
  public:
   struct Options {
@@ -55,10 +76,12 @@ class AudioArtifactSealer {
   // StereoTimelineRendererException or M4AAudioEncoderException; every temporary is removed
   // and the raw tracks kept, whatever happens. Setting `cancel` stops it with
   // std::runtime_error("cancelled").
+  // `lock`, when given, is the folder's lock the caller already holds; otherwise the seal takes it.
   MeetingSealingOutput seal(const std::filesystem::path& folder,
                             const ProgressCallback& progress = {},
                             const std::atomic<bool>* cancel = nullptr,
-                            SealingTimings* timings = nullptr) const;
+                            SealingTimings* timings = nullptr,
+                            const SealingFolderLock* lock = nullptr) const;
 
   // "<base>.tmp.<UUID>.<ext>" beside `finalPath`, with a new UUID.
   static std::filesystem::path temporaryPathFor(const std::filesystem::path& finalPath);

@@ -25,6 +25,21 @@ MeetingSealResult MeetingSealer::seal(const std::filesystem::path& folder,
                                       const AudioArtifactSealer::ProgressCallback& progress,
                                       const std::atomic<bool>* cancel) const {
   MeetingSealResult result;
+  // Taken before the job is touched: a seal already running keeps its record as it has it.
+  std::optional<SealingFolderLock> lock;
+  try {
+    lock = SealingFolderLock::tryAcquire(folder);
+  } catch (const AudioArtifactSealerException& e) {
+    result.error = e.what();
+    return result;
+  }
+  if (!lock) {
+    result.error =
+        AudioArtifactSealerError{AudioArtifactSealerError::Kind::sealInProgress, folder.string()}
+            .description();
+    result.retryable = true;
+    return result;
+  }
   const meeting::MeetingJobStore store(folder.parent_path());
   std::optional<MeetingJobRecord> job;
   const auto saveJob = [&] {
@@ -61,7 +76,7 @@ MeetingSealResult MeetingSealer::seal(const std::filesystem::path& folder,
   }
 
   try {
-    result.output = sealer_.seal(folder, progress, cancel, &result.timings);
+    result.output = sealer_.seal(folder, progress, cancel, &result.timings, &*lock);
   } catch (const AudioArtifactSealerException& e) {
     result.error = e.what();
     result.retryable = e.error().retryable();

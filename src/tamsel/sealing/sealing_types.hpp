@@ -78,8 +78,7 @@ struct MeetingSealingInput {
   // Reads the tracks back from what capture wrote: each raw track with its journal, also one a
   // crash cut short (the file may then hold more frames than the journal last counted). A track
   // without a journal is taken as one gapless stretch of unknown drift. Throws
-  // AudioArtifactSealerException (missingTrack, unreadableInput) or
-  // StereoTimelineRendererException (unexpectedTrack: a journal of the other source).
+  // AudioArtifactSealerException (missingTrack, unreadableInput); the renderer checks the rest.
   static MeetingSealingInput load(const MeetingRecordingPaths& paths);
 };
 

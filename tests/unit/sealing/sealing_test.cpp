@@ -639,6 +639,16 @@ TEST_F(SealTest, ASecondSealOfTheSameFolderAtOnceIsRefused) {
     EXPECT_EQ(e.error().kind, AudioArtifactSealerError::Kind::sealInProgress);
     EXPECT_TRUE(e.error().retryable());
   }
+  // The running seal's job record is left as it has it.
+  meeting::MeetingJobRecord running;
+  running.id = "J";
+  running.state = meeting::MeetingJobState::sealing;
+  meeting::MeetingJobStore(root.path()).save(folder, running);
+  const auto refused = MeetingSealer().seal(folder);
+  EXPECT_FALSE(refused.output);
+  EXPECT_TRUE(refused.retryable);
+  EXPECT_NE(refused.error.find("another seal"), std::string::npos);
+  EXPECT_EQ(job(), running);
   ::close(fd);
   EXPECT_FALSE(fs::exists(paths.combinedM4A));
 }
