@@ -29,7 +29,9 @@ class MeetingSealer {
   explicit MeetingSealer(AudioArtifactSealer::Options options) : sealer_(std::move(options)) {}
 
   // Seals `meetingFolder` and keeps its job record ("job.json") in step; a folder without one
-  // (recorded before jobs existed) gets one. `progress` runs on the sealing's threads.
+  // (recorded before jobs existed) gets one. Blocks for the seal's length (seconds for an hour):
+  // call it from a worker thread, never the main executor. `progress` runs on the sealing's
+  // threads; `cancel` stops it (the job becomes retryableFailed).
   MeetingSealResult seal(const std::filesystem::path& meetingFolder,
                          const AudioArtifactSealer::ProgressCallback& progress = {},
                          const std::atomic<bool>* cancel = nullptr) const;
