@@ -246,9 +246,12 @@ class MeetingSeal(unittest.TestCase):
                                 stderr=subprocess.DEVNULL)
         deadline = time.time() + 30
         working = self.file("mic.render.caf")
-        while time.time() < deadline and not (os.path.exists(working) and
-                                              os.path.getsize(working) > 20_000_000):
-            time.sleep(0.01)
+
+        def midway():  # rendering well under way, or done and the encoders still at work
+            return os.path.exists(self.file("rendered.caf")) or (
+                os.path.exists(working) and os.path.getsize(working) > 20_000_000)
+        while time.time() < deadline and not midway():
+            time.sleep(0.005)
         os.kill(proc.pid, signal.SIGKILL)
         proc.wait()
         self.assertNotEqual(self.leftovers(), [], "killed before it wrote anything")
