@@ -257,7 +257,9 @@ MeetingSealingOutput AudioArtifactSealer::seal(const fs::path& folder,
       encoder_.encode(
           rendered, temporaryM4A,
           [&](std::int64_t encoded) {
-            relay.update([&](SealingProgress& p) { p.framesEncoded = encoded; });
+            // Workers report out of order now and then: the count only moves forward.
+            relay.update(
+                [&](SealingProgress& p) { p.framesEncoded = std::max(p.framesEncoded, encoded); });
             if (cancel && cancel->load()) stop = true;
           },
           &stop);

@@ -520,8 +520,22 @@ class SealTest : public ::testing::Test {
 
 TEST_F(SealTest, InstallsTheArtifactAndManifestAndQueuesTheJob) {
   makeMeeting(folder, 3.0, true, 0.25, 20.0);
-  const auto result = MeetingSealer(smallSegments()).seal(folder);
+  std::vector<SealingProgress> seen;
+  const auto result = MeetingSealer(smallSegments()).seal(folder, [&](const SealingProgress& p) {
+    seen.push_back(p);
+  });
   ASSERT_TRUE(result.output) << result.error;
+  // Progress only moves forward and ends complete.
+  ASSERT_FALSE(seen.empty());
+  for (std::size_t i = 1; i < seen.size(); ++i) {
+    EXPECT_GE(seen[i].framesEncoded, seen[i - 1].framesEncoded);
+    EXPECT_GE(seen[i].framesRendered, seen[i - 1].framesRendered);
+    EXPECT_GE(seen[i].fraction(), seen[i - 1].fraction());
+  }
+  EXPECT_EQ(seen.back().stage, SealingStage::finished);
+  EXPECT_EQ(seen.back().framesEncoded, seen.back().totalFrames);
+  EXPECT_EQ(seen.back().framesRendered, seen.back().totalFrames);
+  EXPECT_EQ(seen.back().fraction(), 1.0);
   const auto& out = *result.output;
   EXPECT_EQ(out.artifact.combinedFileURL, paths.combinedM4A);
   EXPECT_EQ(out.manifestURL, paths.manifestJSON);
