@@ -308,36 +308,34 @@ int main(int argc, char** argv) {
   auto* manPage = app.add_subcommand("man", "Print the manual page (roff)")->group("");
 
   describeCommands(
-      app,
-      {
-          {"", "tamsel chat -m \"What is on my calendar today?\""},
-          {"engine", "tamsel engine status --json"},
-          {"engine start", "tamsel --engine-port 7600 engine start"},
-          {"engine status", "tamsel engine status --json"},
-          {"engine stop", "tamsel engine stop"},
-          {"run", "VERD_BINARY=/opt/verd/bin/verd tamsel run --json"},
-          {"agents", "tamsel agents --json"},
-          {"sessions", "tamsel sessions --agent researcher"},
-          {"chat", "git diff | tamsel chat --json --deny -m - > reply.jsonl"},
-          {"events", "tamsel events --json"},
-          {"history", "tamsel history 4F1C9E52-0B7A-4D8E-9C1F-2A3B4C5D6E7F"},
-          {"calendar", "tamsel calendar events --from 2026-03-01 --to 2026-03-07"},
-          {"calendar permission", "tamsel calendar permission grant"},
-          {"calendar sources", "tamsel calendar sources --json"},
-          {"calendar events", "tamsel calendar events --from 2026-03-01 --to 2026-03-01"},
-          {"calendar add-local", "tamsel calendar add-local work --color #3A7BD5"},
-          {"calendar add-caldav",
-           "CAL_PW=secret tamsel calendar add-caldav https://cal.example.org/ --user me "
-           "--password-env CAL_PW"},
-          {"completion",
-           "tamsel completion bash > ~/.local/share/bash-completion/completions/tamsel"},
-          {"man", "tamsel man > tamsel.1"},
-          {"meeting", "tamsel meeting record --duration 60"},
-          {"meeting record", "tamsel meeting record --duration 600 --json"},
-          {"meeting devices", "tamsel meeting devices --json"},
-          {"meeting seal",
-           "tamsel meeting seal ~/.local/share/dev.tamsel.desktop/meetings/2026-01-05T09-00-00Z"},
-      });
+      app, {
+               {"", "tamsel chat -m \"What is on my calendar today?\""},
+               {"engine", "tamsel engine status --json"},
+               {"engine start", "tamsel --engine-port 7600 engine start"},
+               {"engine status", "tamsel engine status --json"},
+               {"engine stop", "tamsel engine stop"},
+               {"run", "VERD_BINARY=/opt/verd/bin/verd tamsel run --json"},
+               {"agents", "tamsel agents --json"},
+               {"sessions", "tamsel sessions --agent researcher"},
+               {"chat", "git diff | tamsel chat --json --deny -m - > reply.jsonl"},
+               {"events", "tamsel events --json"},
+               {"history", "tamsel history 4F1C9E52-0B7A-4D8E-9C1F-2A3B4C5D6E7F"},
+               {"calendar", "tamsel calendar events --from 2026-03-01 --to 2026-03-07"},
+               {"calendar permission", "tamsel calendar permission grant"},
+               {"calendar sources", "tamsel calendar sources --json"},
+               {"calendar events", "tamsel calendar events --from 2026-03-01 --to 2026-03-01"},
+               {"calendar add-local", "tamsel calendar add-local work --color #3A7BD5"},
+               {"calendar add-caldav",
+                "CAL_PW=secret tamsel calendar add-caldav https://cal.example.org/ --user me "
+                "--password-env CAL_PW"},
+               {"completion",
+                "tamsel completion bash > ~/.local/share/bash-completion/completions/tamsel"},
+               {"man", "tamsel man > tamsel.1"},
+               {"meeting", "tamsel meeting record --duration 60"},
+               {"meeting record", "tamsel meeting record --duration 600 --json"},
+               {"meeting devices", "tamsel meeting devices --json"},
+               {"meeting seal", "tamsel meeting seal ./2026-01-05T09-00-00Z --json"},
+           });
 
   try {
     app.parse(argc, argv);
