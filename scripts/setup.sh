@@ -10,7 +10,7 @@ packages=(
   libspdlog-dev libfmt-dev libcli11-dev libhowardhinnant-date-dev libssl-dev
   libsimdjson-dev libsystemd-dev libreadline-dev libmd4c-dev tmux clang libclang-rt-14-dev libical-dev libxml2-dev radicale khal
   libgtest-dev libgmock-dev libbenchmark-dev clang-format groff-base
-  libpulse-dev libsndfile1-dev libsoxr-dev
+  libpulse-dev libsndfile1-dev libsoxr-dev libavcodec-dev libavformat-dev libavutil-dev ffmpeg
   libx11-dev libxi-dev libxtst-dev libevdev-dev xvfb
   pulseaudio pulseaudio-utils pipewire pipewire-bin pipewire-pulse wireplumber dbus-user-session sox
   dpkg-dev lintian desktop-file-utils appstream man-db librsvg2-bin

@@ -115,6 +115,7 @@ struct MeetingRecordOptions {
   bool noSystem = false;
   std::optional<std::string> mic;  // a source name instead of the default
   bool asJSON = false;
+  bool noSeal = false;  // leave the raw tracks unsealed
 };
 int meetingRecord(const GlobalOptions& options, const MeetingRecordOptions& meeting);
 int meetingDevices(const GlobalOptions& options, bool asJSON);
@@ -158,6 +159,10 @@ class HeadlessSummoner {
 // `tamsel run`'s hotkey: started as the trigger mode asks, and said so (on stderr when `asJSON`);
 // when no backend can see keys, why, and the run goes on without it.
 void startSummonHotkey(app::DesktopServices& services, bool asJSON);
+// `tamsel meeting seal DIR`: the folder's raw tracks into combined.m4a and manifest.json.
+int meetingSeal(const GlobalOptions& options, const std::filesystem::path& folder, bool asJSON);
+// Seals with a progress bar on a terminal and prints the result; the exit code.
+int sealMeetingFolder(const std::filesystem::path& folder, bool asJSON);
 
 // Every command that needs the engine starts it the way `engine start` does, saying so on
 // stderr when it launched one; throws CommandException(EngineUnavailable) when it does not

@@ -286,6 +286,15 @@ int main(int argc, char** argv) {
   meetingRecord->add_option("--mic", meetingOptions.mic,
                             "Record this source instead of the default input");
   meetingRecord->add_flag("--json", meetingOptions.asJSON, "One JSON object per track at the end");
+  meetingRecord->add_flag("--no-seal", meetingOptions.noSeal,
+                          "Keep the raw tracks only; seal later with `tamsel meeting seal`");
+  std::filesystem::path sealFolder;
+  bool sealJSON = false;
+  auto* meetingSeal = meetingCmd->add_subcommand(
+      "seal",
+      "Seal a recorded meeting into one stereo M4A (mic left, system right) and a manifest");
+  meetingSeal->add_option("DIR", sealFolder, "The meeting folder")->required();
+  meetingSeal->add_flag("--json", sealJSON, "Print the result as JSON");
   auto* meetingDevices =
       meetingCmd->add_subcommand("devices", "List the audio sources and sinks, defaults marked");
   bool devicesJSON = false;
@@ -369,6 +378,7 @@ int main(int argc, char** argv) {
                {"meeting", "tamsel meeting record --duration 60"},
                {"meeting record", "tamsel meeting record --duration 600 --json"},
                {"meeting devices", "tamsel meeting devices --json"},
+               {"meeting seal", "tamsel meeting seal ./2026-01-05T09-00-00Z --json"},
                {"meeting watch", "tamsel meeting watch --auto"},
                {"meeting jobs", "tamsel meeting jobs --json"},
                {"meeting auto-record", "tamsel meeting auto-record on"},
@@ -405,6 +415,7 @@ int main(int argc, char** argv) {
     if (*history) return cli::showHistory(options, historySession, historyAgent, historyJSON);
     if (*meetingRecord) return cli::meetingRecord(options, meetingOptions);
     if (*meetingDevices) return cli::meetingDevices(options, devicesJSON);
+    if (*meetingSeal) return cli::meetingSeal(options, sealFolder, sealJSON);
     if (*meetingWatch) return cli::meetingWatch(options, watchOptions);
     if (*meetingJobs) return cli::meetingJobs(options, jobsJSON);
     if (*meetingAuto) return cli::meetingAutoRecord(options, autoSetting);

@@ -236,7 +236,9 @@ int meetingRecord(const GlobalOptions& options, const MeetingRecordOptions& o) {
     allUsable = false;
   }
   for (const auto& w : warnings.take()) std::cerr << "warning: " << w << "\n";
-  return allUsable ? kExitOK : kExitFailure;
+  if (o.noSeal) return allUsable ? kExitOK : kExitFailure;
+  const int sealed = sealMeetingFolder(folder, o.asJSON);
+  return allUsable && sealed == kExitOK ? kExitOK : kExitFailure;
 }
 
 int meetingDevices(const GlobalOptions&, bool asJSON) {

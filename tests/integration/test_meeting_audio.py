@@ -20,9 +20,9 @@ from audio_servers import RATE, AudioServer, have, sox_info, tone_at, tone_level
 
 TAMSEL = os.environ.get("TAMSEL_BIN", "build/apps/tamsel/tamsel")
 KIND = sys.argv.pop(1) if len(sys.argv) > 1 and sys.argv[1] in ("pulseaudio", "pipewire") else "pulseaudio"
-NEEDS = {"pulseaudio": ("pulseaudio", "pactl", "pacat", "sox"),
+NEEDS = {"pulseaudio": ("pulseaudio", "pactl", "pacat", "sox", "ffmpeg"),
          "pipewire": ("pipewire", "wireplumber", "pipewire-pulse", "dbus-run-session", "pactl",
-                      "pacat", "sox")}
+                      "pacat", "sox", "ffmpeg")}
 # sox scales a float file by its loudest sample, so levels are relative: a tone that is there
 # measures well above this through the band-pass, what leaks into another tone's band far below.
 PRESENT = 0.05
@@ -45,6 +45,7 @@ class MeetingRecording(unittest.TestCase):
         cls.server.stop()
 
     def setUp(self):
+        self.sealed = None
         self.dir = tempfile.mkdtemp(prefix="tamsel-meeting-")
         self.server.pactl("set-default-sink", "speakers")
         self.server.pactl("set-default-source", "virtual_mic")
@@ -71,6 +72,9 @@ class MeetingRecording(unittest.TestCase):
         tracks = {}
         for line in out.splitlines():
             record = json.loads(line)
+            if "artifact" in record:  # the seal that follows the recording
+                self.sealed = record
+                continue
             tracks[record["source"]] = record
         return tracks, log, proc.returncode
 
@@ -128,6 +132,25 @@ class MeetingRecording(unittest.TestCase):
         self.assertEqual(os.stat(self.path("mic")).st_mode & 0o777, 0o600)
         self.assertIn("microphone: virtual_mic", log)
         self.assertIn("system audio: speakers", log)
+        self.check_sealed_channels()
+
+    def check_sealed_channels(self):
+        """The seal at the end of the recording: mic tone left, system tone right."""
+        self.assertIsNotNone(self.sealed, "the recording was not sealed")
+        combined = os.path.join(self.dir, "combined.m4a")
+        self.assertEqual(self.sealed["artifact"], combined)
+        self.assertEqual(self.sealed["job"], "queued")
+        wav = os.path.join(self.dir, "combined.wav")
+        subprocess.run(["ffmpeg", "-v", "error", "-y", "-i", combined, wav], check=True)
+        _, channels, frames = sox_info(wav)
+        self.assertEqual(channels, 2)
+        self.assertAlmostEqual(frames / RATE, self.sealed["duration"], delta=0.03)
+        for channel, tone, other in ((1, 1000, 440), (2, 440, 1000)):
+            single = os.path.join(self.dir, f"channel{channel}.wav")
+            subprocess.run(["sox", wav, single, "remix", str(channel)], check=True)
+            start = frames / RATE - 2.5
+            self.assertGreater(tone_level(single, start, 1.0, tone),
+                               4 * tone_level(single, start, 1.0, other), channel)
 
     def test_default_device_switches_continue_the_tracks(self):
         self.server.play("speakers", 440, 20)
@@ -211,6 +234,11 @@ class MeetingRecording(unittest.TestCase):
             self.assertEqual(journal["clock"]["totalFrames"] - journal["clock"]["droppedFrames"],
                              journal["frames_written"])
             self.assertEqual(journal["gaps"], [])
+        # The crashed recording seals from what its journals and files hold.
+        sealed = subprocess.run([TAMSEL, "meeting", "seal", "--json", self.dir],
+                                capture_output=True, text=True, timeout=60)
+        self.assertEqual(sealed.returncode, 0, sealed.stderr)
+        self.assertGreater(json.loads(sealed.stdout)["duration"], 2.0)
 
     def test_unplugged_output_moves_the_system_track_to_the_new_default(self):
         module = self.server.pactl("load-module", "module-null-sink", "sink_name=headphones",
@@ -264,7 +292,10 @@ class MeetingRecording(unittest.TestCase):
         # Nothing plays into the microphone at first: a null sink's monitor gives exact zeros.
         tracks, log, rc = self.finish(
             self.start_recorder("--duration", "6.5", env={"TamselMeetingDisableSystap": "1"}))
-        self.assertEqual(rc, 0, log)
+        # Capture worked; the seal that follows finds nothing but zeros and makes no artifact.
+        self.assertEqual(rc, 1, log)
+        self.assertIn("no captured signal", log)
+        self.assertFalse(os.path.exists(os.path.join(self.dir, "combined.m4a")))
         self.assertEqual(list(tracks), ["mic"])
         self.assertIn("TamselMeetingDisableSystap", log)
         self.assertIn("warning: mic: the microphone delivers digital silence", log)

@@ -248,7 +248,7 @@ void TrackRecorder::runWriter(AudioFormat sourceFormat) {
         }
       }
       auto recording = buildResult(snapshot, ledger, written, expectedOutput);
-      if (journalURL) writeJournal(ledger, written, true);
+      if (journalURL) writeJournal(ledger, written, true, &recording);
       std::vector<FinishHandler> handlers;
       {
         base::MutexLock lock(completionLock_);
@@ -333,8 +333,8 @@ TrackRecording TrackRecorder::buildResult(const TrackCaptureSnapshot& snapshot, 
   return r;
 }
 
-void TrackRecorder::writeJournal(const GapLedger& ledger, std::int64_t framesWritten,
-                                 bool finished) {
+void TrackRecorder::writeJournal(const GapLedger& ledger, std::int64_t framesWritten, bool finished,
+                                 const TrackRecording* result) {
   TrackClock clock;
   {
     base::MutexLock lock(stateLock_);
@@ -356,6 +356,12 @@ void TrackRecorder::writeJournal(const GapLedger& ledger, std::int64_t framesWri
                               {"frames_written", framesWritten},
                               {"next_sequence", ledger.expectedNextSequence},
                               {"finished", finished}};
+  // The final journal says whether the track holds, so sealing can tell without the process.
+  if (result) {
+    journal["usable"] = result->usable;
+    journal["failure"] = result->failure ? boost::json::value(result->failure->description())
+                                         : boost::json::value(nullptr);
+  }
   try {
     base::writeFileAtomically(*journalURL, boost::json::serialize(journal) + "\n", 0600);
   } catch (const std::exception& e) {

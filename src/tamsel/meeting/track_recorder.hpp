@@ -137,7 +137,8 @@ class TrackRecorder {
   void setFailure(TrackRecordingFailure failure);
   TrackRecording buildResult(const TrackCaptureSnapshot& snapshot, GapLedger& ledger,
                              std::int64_t framesWritten, std::int64_t expectedFrames);
-  void writeJournal(const GapLedger& ledger, std::int64_t framesWritten, bool finished);
+  void writeJournal(const GapLedger& ledger, std::int64_t framesWritten, bool finished,
+                    const TrackRecording* result = nullptr);
 
   const TrackSource source_;
   const std::filesystem::path fileURL_;

@@ -510,6 +510,20 @@ TEST_F(CAFTrackWriterTest, ConversionErrorTexts) {
   EXPECT_THROW(CAFTrackWriter(dir / "no" / "such" / "dir.caf"), std::runtime_error);
 }
 
+TEST_F(CAFTrackWriterTest, TheFinalJournalOfAFailedTrackNamesTheFailure) {
+  TrackRecorder recorder(TrackSource::system, dir / "system.caf");
+  recorder.journalURL = dir / "system.journal.json";
+  recorder.prepare(kTrackOutputFormat);
+  recorder.fail(TrackRecordingFailure{TrackRecordingFailure::SystemExclusion{"no tap"}});
+  const auto r = recorder.finish(recorder.stop());
+  std::string text;
+  ASSERT_TRUE(base::readFile(dir / "system.journal.json", text));
+  const auto journal = boost::json::parse(text).as_object();
+  EXPECT_EQ(journal.at("usable"), false);
+  ASSERT_TRUE(r.failure);
+  EXPECT_EQ(journal.at("failure").as_string(), r.failure->description());
+}
+
 TEST_F(CAFTrackWriterTest, RecorderKeepsAJournalBesideTheTrack) {
   const auto file = dir / "mic.caf";
   TrackRecorder recorder(TrackSource::mic, file);
@@ -528,6 +542,9 @@ TEST_F(CAFTrackWriterTest, RecorderKeepsAJournalBesideTheTrack) {
   ASSERT_EQ(journal.at("gaps").as_array().size(), 1u);
   EXPECT_EQ(gapFromJSON(journal.at("gaps").as_array()[0]), r.gaps[0]);
   EXPECT_EQ(trackClockFromJSON(journal.at("clock"))->totalFrames, 1440);
+  // The final journal says how the track ended, for a seal in another process.
+  EXPECT_EQ(journal.at("usable"), true);
+  EXPECT_TRUE(journal.at("failure").is_null());
   SF_INFO info{};
   EXPECT_EQ(readBack(file, info).size(), 960u);
 }
