@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -14,8 +15,10 @@
 #include "runtime.hpp"
 #include "table.hpp"
 #include "tamsel/base/json.hpp"
+#include "tamsel/base/log.hpp"
 #include "tamsel/desktop/meeting_controller.hpp"
 #include "tamsel/platform/sleep_monitor.hpp"
+#include "tamsel/sealing/meeting_sealer.hpp"
 
 namespace tamsel::cli {
 
@@ -60,9 +63,16 @@ std::string formatLevel(const std::optional<CaptureHealth>& health) {
   return fmt::format("{:.1f} dBFS", health->levelDBFS);
 }
 
-// What a stopped recording's folder is handed to. Sealing plugs in here; until it does, a job
-// waits in `sealing` and the next launch's replay offers it again.
-std::function<void(const fs::path&)> meetingSealer(Runtime&) { return {}; }
+// What a stopped recording's folder is handed to, on a worker thread with the folder's lock held:
+// sealed into combined.m4a and its manifest, the job moving on to `queued` (or a failed state
+// with its reason, which a later launch's replay retries). `cancel`, when given, stops a seal
+// in progress (the job becomes retryableFailed).
+std::function<void(const fs::path&)> meetingSealer(const std::atomic<bool>* cancel = nullptr) {
+  return [cancel](const fs::path& folder) {
+    const auto result = sealing::MeetingSealer().seal(folder, {}, cancel);
+    if (!result.output) base::log::warn("meeting", "sealing {}: {}", folder.string(), result.error);
+  };
+}
 
 // Everything watching needs, in the order it must be torn down (controller first).
 struct MeetingWatch {
@@ -101,7 +111,7 @@ std::unique_ptr<MeetingWatch> startWatching(Runtime& rt, bool autoStart, double 
   config.graceSeconds = graceSeconds;
   config.autoStart = autoStart;
   config.recordingOptions.systemCaptureDisabled = !rt.services.meetingSystemAudioEnabled();
-  config.recordingOptions.sealer = meetingSealer(rt);
+  config.recordingOptions.sealer = meetingSealer();
   watch->controller =
       std::make_unique<MeetingController>(rt.main, std::move(config), watch->observer.get(),
                                           watch->callMonitor.get(), watch->sleepMonitor.get());
@@ -274,18 +284,34 @@ int meetingAutoRecord(const GlobalOptions& options, const std::optional<std::str
 }
 
 std::shared_ptr<void> startMeetingsForRun(Runtime& rt, bool asJSON) {
-  const MeetingJobStore store(rt.services.meetingsFolder());
-  printReplay(replayMeetingJobs(store, base::nowTimestamp(), meetingSealer(rt),
-                                MeetingJobReplayMode::launch),
-              asJSON);
-  if (!rt.services.meetingAutoRecord()) return nullptr;
+  // Jobs an earlier run left behind are settled on a thread of their own: resealing a crashed
+  // hour takes seconds, and the engine's supervision must not wait for it. Its report is printed
+  // on the main loop; ending the run cancels a seal in progress (the next launch retries it).
+  struct ForRun {
+    std::atomic<bool> cancel{false};
+    std::thread replay;
+    std::shared_ptr<MeetingWatch> watch;
+    ~ForRun() {
+      watch.reset();
+      cancel = true;
+      if (replay.joinable()) replay.join();
+    }
+  };
+  auto forRun = std::make_shared<ForRun>();
+  forRun->replay = std::thread(
+      [&io = rt.io, folder = rt.services.meetingsFolder(), cancel = &forRun->cancel, asJSON] {
+        const MeetingJobStore store(folder);
+        auto entries = replayMeetingJobs(store, base::nowTimestamp(), meetingSealer(cancel),
+                                         MeetingJobReplayMode::launch);
+        asio::post(io, [entries = std::move(entries), asJSON] { printReplay(entries, asJSON); });
+      });
+  if (!rt.services.meetingAutoRecord()) return forRun;
   try {
-    return std::shared_ptr<MeetingWatch>(
-        startWatching(rt, true, MeetingController::defaultGraceSeconds, asJSON));
+    forRun->watch = startWatching(rt, true, MeetingController::defaultGraceSeconds, asJSON);
   } catch (const std::exception& e) {
     printError(std::string("not watching for meetings: ") + e.what());
-    return nullptr;
   }
+  return forRun;
 }
 
 }  // namespace tamsel::cli
