@@ -11,6 +11,7 @@ packages=(
   libsimdjson-dev libsystemd-dev libreadline-dev libmd4c-dev tmux clang libclang-rt-14-dev libical-dev libxml2-dev radicale khal
   libgtest-dev libgmock-dev libbenchmark-dev clang-format groff-base
   libpulse-dev libsndfile1-dev libsoxr-dev
+  qt6-base-dev qt6-base-dev-tools libqt6svg6-dev qt6-svg-dev xvfb xdotool
   pulseaudio pulseaudio-utils pipewire pipewire-bin pipewire-pulse wireplumber dbus-user-session sox
 )
 
