@@ -112,7 +112,7 @@ void EngineBar::refresh() {
     details_->setPlainText(failureDetails());
   }
   QPalette palette = this->palette();
-  palette.setColor(QPalette::Window, trouble ? QColor(0xfd, 0xe8, 0xe8)
+  palette.setColor(QPalette::Window, trouble                       ? QColor(0xfd, 0xe8, 0xe8)
                                      : state.kind == Kind::running ? QColor(0xe8, 0xf5, 0xe9)
                                                                    : QColor(0xff, 0xf8, 0xe1));
   setAutoFillBackground(true);

@@ -17,10 +17,12 @@ ListUpdate planListUpdate(const std::vector<RowKey>& before, const std::vector<R
   update.removed = static_cast<int>(before.size() - head - tail);
   update.inserted = static_cast<int>(after.size() - head - tail);
   for (std::size_t i = 0; i < head; ++i)
-    if (before[i].fingerprint != after[i].fingerprint) update.changed.push_back(static_cast<int>(i));
+    if (before[i].fingerprint != after[i].fingerprint)
+      update.changed.push_back(static_cast<int>(i));
   for (std::size_t k = 0; k < tail; ++k) {
     const std::size_t b = before.size() - tail + k, a = after.size() - tail + k;
-    if (before[b].fingerprint != after[a].fingerprint) update.changed.push_back(static_cast<int>(a));
+    if (before[b].fingerprint != after[a].fingerprint)
+      update.changed.push_back(static_cast<int>(a));
   }
   return update;
 }

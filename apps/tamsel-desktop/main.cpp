@@ -6,7 +6,9 @@
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QDir>
+#include <QFile>
 #include <QIcon>
+#include <QListView>
 #include <QPainter>
 #include <QRegularExpression>
 #include <QScreen>
@@ -18,8 +20,8 @@
 #include "engine_bar.hpp"
 #include "main_window.hpp"
 #include "qt_main_executor.hpp"
+#include "screen_report.hpp"
 #include "session_list_model.hpp"
-#include <QListView>
 #include "tamsel/app/desktop_services.hpp"
 #include "tamsel/base/log.hpp"
 
@@ -71,9 +73,10 @@ int main(int argc, char** argv) {
   parser.setApplicationDescription(QStringLiteral("The Tamsel desktop window."));
   parser.addHelpOption();
   parser.addVersionOption();
-  QCommandLineOption port(QStringLiteral("engine-port"),
-                          QStringLiteral("The engine's port on 127.0.0.1 (env TAMSEL_ENGINE_PORT)."),
-                          QStringLiteral("PORT"));
+  QCommandLineOption port(
+      QStringLiteral("engine-port"),
+      QStringLiteral("The engine's port on 127.0.0.1 (env TAMSEL_ENGINE_PORT)."),
+      QStringLiteral("PORT"));
   QCommandLineOption home(QStringLiteral("engine-home"),
                           QStringLiteral("The engine's home folder with its session files."),
                           QStringLiteral("DIR"));
@@ -83,7 +86,8 @@ int main(int argc, char** argv) {
                           QStringLiteral("ARGS"));
   QCommandLineOption screenshots(
       QStringLiteral("screenshot-dir"),
-      QStringLiteral("On SIGUSR1, save the window as DIR/screen-N.png (N from 1)."),
+      QStringLiteral("On SIGUSR1, save the window as DIR/screen-N.png (N from 1) and what it "
+                     "shows as text in DIR/screen-N.txt."),
       QStringLiteral("DIR"));
   QCommandLineOption timings(QStringLiteral("print-timings"),
                              QStringLiteral("Print the first paint, the engine's readiness and the "
@@ -92,8 +96,8 @@ int main(int argc, char** argv) {
   parser.process(application);
 
   app::DesktopOptions options;
-  const auto portText = parser.isSet(port) ? parser.value(port)
-                                           : qEnvironmentVariable("TAMSEL_ENGINE_PORT");
+  const auto portText =
+      parser.isSet(port) ? parser.value(port) : qEnvironmentVariable("TAMSEL_ENGINE_PORT");
   if (!portText.isEmpty()) {
     bool ok = false;
     const int value = portText.toInt(&ok);
@@ -104,10 +108,10 @@ int main(int argc, char** argv) {
     }
     options.enginePort = static_cast<std::uint16_t>(value);
   }
-  const auto argsText = parser.isSet(args) ? parser.value(args)
-                                           : qEnvironmentVariable("TAMSEL_ENGINE_ARGS");
-  for (const auto& word : argsText.split(QRegularExpression(QStringLiteral("\\s+")),
-                                         Qt::SkipEmptyParts))
+  const auto argsText =
+      parser.isSet(args) ? parser.value(args) : qEnvironmentVariable("TAMSEL_ENGINE_ARGS");
+  for (const auto& word :
+       argsText.split(QRegularExpression(QStringLiteral("\\s+")), Qt::SkipEmptyParts))
     options.engineArguments.push_back(word.toStdString());
   if (parser.isSet(home)) options.engineHome = parser.value(home).toStdString();
 
@@ -150,11 +154,16 @@ int main(int argc, char** argv) {
       const auto path = QDir(screenshotDir).filePath(QStringLiteral("screen-%1.png").arg(++shot));
       auto* screen = window.screen();
       const bool saved = screen && screen->grabWindow(window.winId()).save(path);
+      if (QFile report(QDir(screenshotDir).filePath(QStringLiteral("screen-%1.txt").arg(shot)));
+          report.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        report.write(desktopui::describeVisible(&window).toUtf8());
       std::printf("screenshot %s %s\n", qPrintable(path), saved ? "saved" : "failed");
       std::fflush(stdout);
       shotSignal.async_wait(onShot);
     };
     shotSignal.async_wait(onShot);
+    std::printf("screenshots: SIGUSR1 saves one in %s\n", qPrintable(screenshotDir));
+    std::fflush(stdout);
   }
 
   if (parser.isSet(timings)) {
@@ -166,7 +175,8 @@ int main(int argc, char** argv) {
       std::fflush(stdout);
       // With a session open, as someone would leave it.
       QTimer::singleShot(1000, &application, [&] {
-        if (window.sessionModel().rowCount() > 0) window.sessionView().clicked(window.sessionModel().index(0));
+        if (window.sessionModel().rowCount() > 0)
+          window.sessionView().clicked(window.sessionModel().index(0));
       });
       QTimer::singleShot(3000, &application, [&] {
         std::printf("idle_rss_kb=%ld\n", residentKilobytes());

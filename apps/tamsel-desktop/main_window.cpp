@@ -156,9 +156,8 @@ MainWindow::MainWindow(app::DesktopServices& services, QWidget* parent)
     vm_->selectAgent(agents_->itemData(index).toString().toStdString());
   });
   // Keep the newest text in view while a reply grows, unless the user scrolled up to read.
-  connect(transcriptModel_, &QAbstractItemModel::rowsInserted, this, [this] {
-    transcript_->scrollToBottom();
-  });
+  connect(transcriptModel_, &QAbstractItemModel::rowsInserted, this,
+          [this] { transcript_->scrollToBottom(); });
 
   const auto watch = [this](base::Signal<>& signal, std::function<void()> slot) {
     connections_.emplace_back(&signal, signal.connect(std::move(slot)));
@@ -220,8 +219,10 @@ void MainWindow::buildActions() {
 void MainWindow::showShortcuts() {
   QString text;
   for (const auto& row : shortcutTable())
-    text += QString::fromUtf8(row.keys) + QStringLiteral("\t") + tr(row.action) + QStringLiteral("\n");
-  QMessageBox box(QMessageBox::Information, tr("Keyboard shortcuts"), text, QMessageBox::Close, this);
+    text +=
+        QString::fromUtf8(row.keys) + QStringLiteral("\t") + tr(row.action) + QStringLiteral("\n");
+  QMessageBox box(QMessageBox::Information, tr("Keyboard shortcuts"), text, QMessageBox::Close,
+                  this);
   box.setAccessibleName(tr("Keyboard shortcuts"));
   box.exec();
 }
@@ -255,7 +256,8 @@ void MainWindow::onTranscriptChanged() {
     }
   }
   const auto title = vm_->currentSessionTitle();
-  setWindowTitle(title ? QString::fromStdString(*title) + QStringLiteral(" — Tamsel") : tr("Tamsel"));
+  setWindowTitle(title ? QString::fromStdString(*title) + QStringLiteral(" — Tamsel")
+                       : tr("Tamsel"));
 }
 
 void MainWindow::refreshAgents() {

@@ -20,7 +20,8 @@ QString documentKey(const QModelIndex& index) {
 }
 }  // namespace
 
-MessageDelegate::MessageDelegate(QAbstractItemView* view) : QStyledItemDelegate(view), view_(view) {}
+MessageDelegate::MessageDelegate(QAbstractItemView* view)
+    : QStyledItemDelegate(view), view_(view) {}
 
 int MessageDelegate::contentWidth() const {
   return std::max(120, view_->viewport()->width() - 2 * kMargin);
@@ -93,7 +94,8 @@ void MessageDelegate::paint(QPainter* painter, const QStyleOptionViewItem& optio
   const bool user = index.data(TranscriptModel::AuthorRole).toString() == QLatin1String("user");
   const auto& palette = option.palette;
   QColor background = user ? palette.color(QPalette::AlternateBase) : palette.color(QPalette::Base);
-  if (option.state & QStyle::State_Selected) background = palette.color(QPalette::Highlight).lighter(170);
+  if (option.state & QStyle::State_Selected)
+    background = palette.color(QPalette::Highlight).lighter(170);
   painter->fillRect(option.rect, background);
   if (option.state & QStyle::State_HasFocus) {
     painter->setPen(palette.color(QPalette::Highlight));
@@ -128,7 +130,8 @@ void MessageDelegate::paint(QPainter* painter, const QStyleOptionViewItem& optio
     QMetaObject::invokeMethod(
         const_cast<MessageDelegate*>(this),
         [this, persistent] {
-          if (persistent.isValid()) Q_EMIT const_cast<MessageDelegate*>(this)->sizeHintChanged(persistent);
+          if (persistent.isValid())
+            Q_EMIT const_cast<MessageDelegate*>(this)->sizeHintChanged(persistent);
         },
         Qt::QueuedConnection);
   }

@@ -49,9 +49,8 @@ bool armForOtherThreads(Scheduler& scheduler) {
   asio::detail::conditionally_enabled_mutex::scoped_lock lock(schedulerMutex(scheduler));
   auto& queue = schedulerQueue(scheduler);
   Operation* const task = schedulerTask(scheduler);
-  const bool onlyTheTask =
-      queue.empty() ||
-      (queue.front() == task && asio::detail::op_queue_access::next(task) == nullptr);
+  const bool onlyTheTask = queue.empty() || (queue.front() == task &&
+                                             asio::detail::op_queue_access::next(task) == nullptr);
   if (!onlyTheTask) return false;
   schedulerTaskInterrupted(scheduler) = false;
   return true;
@@ -87,7 +86,8 @@ void QtMainExecutor::runReady() {
   io_.poll();
   if (io_.stopped()) io_.restart();
   if (!armForOtherThreads(asio::use_service<Scheduler>(io_)))
-    QMetaObject::invokeMethod(this, [this] { runReady(); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this, [this] { runReady(); }, Qt::QueuedConnection);
 }
 
 void QtMainExecutor::post(std::function<void()> work) const {

@@ -70,16 +70,19 @@ QWidget* RequestCards::approvalCard(const std::string& requestID) {
   if (!row.info.flags.empty()) {
     QStringList flags;
     for (const auto& f : row.info.flags) flags << QString::fromStdString(f);
-    column->addWidget(text(card, tr("Flags: %1").arg(flags.join(QStringLiteral(", "))), tr("Flags")));
+    column->addWidget(
+        text(card, tr("Flags: %1").arg(flags.join(QStringLiteral(", "))), tr("Flags")));
   }
   auto* buttons = new QHBoxLayout;
-  const std::pair<QString, Decision> choices[] = {{tr("Allow &once"), Decision::once},
-                                                  {tr("Allow for this &session"), Decision::session},
-                                                  {tr("&Always allow"), Decision::always},
-                                                  {tr("&Deny"), Decision::deny}};
+  const std::pair<QString, Decision> choices[] = {
+      {tr("Allow &once"), Decision::once},
+      {tr("Allow for this &session"), Decision::session},
+      {tr("&Always allow"), Decision::always},
+      {tr("&Deny"), Decision::deny}};
   for (const auto& [label, decision] : choices) {
     auto* button = new QPushButton(label, card);
-    button->setAccessibleName(QString(label).remove(QLatin1Char('&')) + QStringLiteral(": ") + tool);
+    button->setAccessibleName(QString(label).remove(QLatin1Char('&')) + QStringLiteral(": ") +
+                              tool);
     connect(button, &QPushButton::clicked, this,
             [this, requestID, decision = decision] { vm_.answerApproval(requestID, decision); });
     buttons->addWidget(button);
@@ -97,7 +100,8 @@ QWidget* RequestCards::questionCard(const std::string& requestID) {
   std::vector<std::function<bridge::AnswerBody()>> collectors;
   for (const auto& entry : request.questions) {
     QString heading = QString::fromStdString(entry.question);
-    if (entry.header) heading = QString::fromStdString(*entry.header) + QStringLiteral(": ") + heading;
+    if (entry.header)
+      heading = QString::fromStdString(*entry.header) + QStringLiteral(": ") + heading;
     auto* label = text(card, heading, tr("Question"));
     QFont bold = label->font();
     bold.setBold(true);
@@ -110,9 +114,11 @@ QWidget* RequestCards::questionCard(const std::string& requestID) {
     if (entry.options)
       for (const auto& option : *entry.options) {
         QString caption = QString::fromStdString(option.label);
-        if (option.description) caption += QStringLiteral(" — ") + QString::fromStdString(*option.description);
-        QAbstractButton* button = multi ? static_cast<QAbstractButton*>(new QCheckBox(caption, card))
-                                        : new QRadioButton(caption, card);
+        if (option.description)
+          caption += QStringLiteral(" — ") + QString::fromStdString(*option.description);
+        QAbstractButton* button = multi
+                                      ? static_cast<QAbstractButton*>(new QCheckBox(caption, card))
+                                      : new QRadioButton(caption, card);
         button->setAccessibleName(QString::fromStdString(option.label));
         if (!multi && options.empty()) button->setChecked(true);
         group->addButton(button);
@@ -123,8 +129,9 @@ QWidget* RequestCards::questionCard(const std::string& requestID) {
     if (!entry.options || entry.options->empty() || entry.allowOther.value_or(false)) {
       other = new QLineEdit(card);
       other->setPlaceholderText(entry.options && !entry.options->empty() ? tr("Or your own answer")
-                                                                        : tr("Your answer"));
-      other->setAccessibleName(tr("Your own answer to: %1").arg(QString::fromStdString(entry.question)));
+                                                                         : tr("Your answer"));
+      other->setAccessibleName(
+          tr("Your own answer to: %1").arg(QString::fromStdString(entry.question)));
       column->addWidget(other);
     }
     collectors.push_back([entry, options, other] {
@@ -148,7 +155,8 @@ QWidget* RequestCards::questionCard(const std::string& requestID) {
     for (const auto& collect : collectors) answers.push_back(collect());
     vm_.answerQuestion(requestID, std::move(answers));
   });
-  connect(decline, &QPushButton::clicked, this, [this, requestID] { vm_.declineQuestion(requestID); });
+  connect(decline, &QPushButton::clicked, this,
+          [this, requestID] { vm_.declineQuestion(requestID); });
   buttons->addWidget(answer);
   buttons->addWidget(decline);
   buttons->addStretch();

@@ -43,8 +43,8 @@ void SessionListModel::refresh() {
   std::stable_sort(sessions.begin(), sessions.end(),
                    [&](auto* a, auto* b) { return when(a) > when(b); });
   for (const auto* s : sessions) {
-    const QString title = s->title && !s->title->empty() ? QString::fromStdString(*s->title)
-                                                         : tr("Untitled session");
+    const QString title =
+        s->title && !s->title->empty() ? QString::fromStdString(*s->title) : tr("Untitled session");
     if (!matches(title)) continue;
     rows.push_back({s->id, title,
                     replies.runningSessionIDs.count(s->id) > 0 || s->inProgress.value_or(false),

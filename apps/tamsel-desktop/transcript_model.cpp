@@ -1,5 +1,7 @@
 #include "transcript_model.hpp"
 
+#include <QTextDocument>
+
 #include "tamsel/kit/injected_message_prefix.hpp"
 
 namespace tamsel::desktopui {
@@ -32,7 +34,8 @@ QStringList TranscriptModel::toolLines(const kit::Message& m) {
   if (!m.toolBlock) return lines;
   for (const auto& tool : m.toolBlock->tools) {
     QString line = QString::fromStdString(tool.name);
-    if (tool.args && !tool.args->empty()) line += QStringLiteral(" ") + QString::fromStdString(*tool.args);
+    if (tool.args && !tool.args->empty())
+      line += QStringLiteral(" ") + QString::fromStdString(*tool.args);
     line += QStringLiteral(" — ") + QString::fromUtf8(kit::name(tool.status));
     if (tool.isError) line += QStringLiteral(" (error)");
     lines << line;
@@ -70,12 +73,15 @@ QVariant TranscriptModel::data(const QModelIndex& index, int role) const {
     case ToolLinesRole:
       return toolLines(*m);
     case FingerprintRole:
-      return QVariant::fromValue<qulonglong>(keys()[static_cast<std::size_t>(index.row())].fingerprint);
+      return QVariant::fromValue<qulonglong>(
+          keys()[static_cast<std::size_t>(index.row())].fingerprint);
     case Qt::DisplayRole:
     case Qt::AccessibleTextRole: {
+      // Read out as text, without the Markdown's marks.
+      QTextDocument document;
+      document.setMarkdown(QString::fromStdString(kit::InjectedMessagePrefix::strip(m->content)));
       const QString who = m->author == "user" ? tr("You") : tr("Agent");
-      QString text = who + QStringLiteral(": ") +
-                     QString::fromStdString(kit::InjectedMessagePrefix::strip(m->content));
+      QString text = who + QStringLiteral(": ") + document.toPlainText().trimmed();
       for (const auto& line : toolLines(*m)) text += QStringLiteral("\n") + tr("Tool: ") + line;
       return text;
     }

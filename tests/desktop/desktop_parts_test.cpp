@@ -127,9 +127,11 @@ class DesktopPartsTest : public QObject {
     QCOMPARE(removed.size(), 1);
     QCOMPARE(inserted.size(), 1);
     QCOMPARE(resets.size(), 0);
-    QCOMPARE(model.index(1).data(desktopui::TranscriptModel::IdRole).toString(), QStringLiteral("f2"));
+    QCOMPARE(model.index(1).data(desktopui::TranscriptModel::IdRole).toString(),
+             QStringLiteral("f2"));
     // An injected message is shown without its marker.
-    QCOMPARE(model.index(2).data(desktopui::TranscriptModel::MarkdownRole).toString(), QStringLiteral("more"));
+    QCOMPARE(model.index(2).data(desktopui::TranscriptModel::MarkdownRole).toString(),
+             QStringLiteral("more"));
     QCOMPARE(model.index(2).data(Qt::AccessibleTextRole).toString(), QStringLiteral("You: more"));
 
     // Several edits in one turn reach the model once.

@@ -43,7 +43,8 @@ struct Desktop {
   Desktop(desktopui::QtMainExecutor& main, const std::filesystem::path& root,
           std::optional<std::string> verdBinary = test::simPath().string(),
           std::vector<std::string> extraEngineArguments = {}, std::uint16_t port = 0)
-      : port(port ? port : test::freePort()), services(main, environment(root, verdBinary), options(root, extraEngineArguments)) {
+      : port(port ? port : test::freePort()),
+        services(main, environment(root, verdBinary), options(root, extraEngineArguments)) {
     window = std::make_unique<MainWindow>(services);
     window->show();
     services.daemonManager().start();
@@ -57,7 +58,8 @@ struct Desktop {
     manager.stop([&] { stopped = true; }, 3);
     QElapsedTimer waited;
     waited.start();
-    while (!stopped && waited.elapsed() < kTimeout) QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
+    while (!stopped && waited.elapsed() < kTimeout)
+      QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
     if (!stopped && pid) ::kill(*pid, SIGKILL);
   }
 
@@ -74,8 +76,13 @@ struct Desktop {
     app::DesktopOptions o;
     o.enginePort = port;
     o.engineHome = root / "verdane";
-    o.engineArguments = {"daemon", "--port", "{port}", "--engine-home", (root / "verdane").string(),
-                         "--record", (root / "requests.jsonl").string()};
+    o.engineArguments = {"daemon",
+                         "--port",
+                         "{port}",
+                         "--engine-home",
+                         (root / "verdane").string(),
+                         "--record",
+                         (root / "requests.jsonl").string()};
     o.engineArguments.insert(o.engineArguments.end(), extra.begin(), extra.end());
     o.supervision.restartDelaySeconds = 0.3;
     o.supervision.readinessIntervalSeconds = 0.2;
@@ -93,7 +100,8 @@ struct Desktop {
 };
 
 // The bodies of the requests the simulator received on `path`.
-std::vector<boost::json::value> requestBodies(const std::filesystem::path& root, const std::string& path) {
+std::vector<boost::json::value> requestBodies(const std::filesystem::path& root,
+                                              const std::string& path) {
   std::vector<boost::json::value> out;
   std::ifstream in(root / "requests.jsonl");
   for (std::string line; std::getline(in, line);) {
@@ -111,7 +119,9 @@ void type(MainWindow& window, const QString& text) {
 QString lastMessage(MainWindow& window) {
   auto& model = window.transcriptModel();
   if (model.rowCount() == 0) return {};
-  return model.index(model.rowCount() - 1).data(desktopui::TranscriptModel::MarkdownRole).toString();
+  return model.index(model.rowCount() - 1)
+      .data(desktopui::TranscriptModel::MarkdownRole)
+      .toString();
 }
 
 template <class T>
@@ -172,7 +182,8 @@ class DesktopWindowTest : public QObject {
     QCOMPARE(QString::fromStdString(std::string(sent[0].at("text").as_string())),
              QStringLiteral("tell me [slow]\nin two lines"));
     // The new session shows in the sidebar once the engine names it.
-    QTRY_VERIFY_WITH_TIMEOUT(d.window->sessionModel().rowOf(*d.chat().currentSessionID()) >= 0, kTimeout);
+    QTRY_VERIFY_WITH_TIMEOUT(d.window->sessionModel().rowOf(*d.chat().currentSessionID()) >= 0,
+                             kTimeout);
   }
 
   void approvesFromTheCardAndByKeyboard() {
@@ -195,7 +206,8 @@ class DesktopWindowTest : public QObject {
     QCOMPARE(approvals.size(), std::size_t{1});
     QCOMPARE(std::string(approvals[0].at("decision").as_string()), std::string("once"));
     QCOMPARE(d.window->statusLine().text(),
-             QStringLiteral("Allowed for this turn. High-risk commands are never saved as Always Allow."));
+             QStringLiteral(
+                 "Allowed for this turn. High-risk commands are never saved as Always Allow."));
 
     // The next one is denied from the keyboard (Alt+D), the card's mnemonic.
     type(*d.window, QStringLiteral("again [approval]"));
@@ -222,7 +234,8 @@ class DesktopWindowTest : public QObject {
         if (r->text().startsWith(QStringLiteral("Prose"))) prose = r;
     QVERIFY(prose);
     prose->click();
-    QTest::mouseClick(findButton<QPushButton>(cards.firstCard(), QStringLiteral("A&nswer")), Qt::LeftButton);
+    QTest::mouseClick(findButton<QPushButton>(cards.firstCard(), QStringLiteral("A&nswer")),
+                      Qt::LeftButton);
     QTRY_COMPARE_WITH_TIMEOUT(cards.cardCount(), 0, kTimeout);
     QTRY_VERIFY_WITH_TIMEOUT(!d.chat().isStreamActive(), kTimeout);
     const auto answers = requestBodies(dir->path(), "/question");
@@ -249,7 +262,8 @@ class DesktopWindowTest : public QObject {
     QTRY_VERIFY(queue.isVisible());
     QCOMPARE(queue.model().rowCount(), 2);
     // Edit the first queued message in place, retract the second from the keyboard.
-    QVERIFY(queue.model().setData(queue.model().index(0), QStringLiteral("second, edited"), Qt::EditRole));
+    QVERIFY(queue.model().setData(queue.model().index(0), QStringLiteral("second, edited"),
+                                  Qt::EditRole));
     queue.list()->setCurrentIndex(queue.model().index(1));
     queue.list()->setFocus();
     QTest::keyClick(queue.list(), Qt::Key_Delete);
@@ -275,8 +289,8 @@ class DesktopWindowTest : public QObject {
     QTest::keyClick(d.window.get(), Qt::Key_Return, Qt::ControlModifier | Qt::ShiftModifier);
     QTRY_VERIFY_WITH_TIMEOUT(!requestBodies(dir->path(), "/cancel").empty(), kTimeout);
     QTRY_VERIFY_WITH_TIMEOUT(requestBodies(dir->path(), "/message").size() == 2, kTimeout);
-    QVERIFY(std::string(requestBodies(dir->path(), "/message")[1].at("text").as_string()).find("urgent") !=
-            std::string::npos);
+    QVERIFY(std::string(requestBodies(dir->path(), "/message")[1].at("text").as_string())
+                .find("urgent") != std::string::npos);
   }
 
   void switchesSessionsAndKeepsEachDraft() {
@@ -309,7 +323,11 @@ class DesktopWindowTest : public QObject {
     {
       Desktop d(*main, dir->path(), test::simPath().string(), {}, port);
       QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
-      session = d.window->sessionModel().index(0).data(desktopui::SessionListModel::IdRole).toString().toStdString();
+      session = d.window->sessionModel()
+                    .index(0)
+                    .data(desktopui::SessionListModel::IdRole)
+                    .toString()
+                    .toStdString();
       d.chat().selectSession(session);
       QTRY_VERIFY_WITH_TIMEOUT(d.chat().currentSessionID() == session, kTimeout);
       type(*d.window, QStringLiteral("half a thought"));
@@ -318,21 +336,23 @@ class DesktopWindowTest : public QObject {
     QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
     QCOMPARE(d.window->composer().toPlainText(), QString());
     d.chat().selectSession(session);
-    QTRY_COMPARE_WITH_TIMEOUT(d.window->composer().toPlainText(), QStringLiteral("half a thought"), kTimeout);
+    QTRY_COMPARE_WITH_TIMEOUT(d.window->composer().toPlainText(), QStringLiteral("half a thought"),
+                              kTimeout);
   }
 
   void showsAMissingEngineAndWhyAnEngineFailed() {
     {
       Desktop d(*main, dir->path(), (dir->path() / "no-such-verd").string());
-      QTRY_COMPARE_WITH_TIMEOUT(d.window->engineBar().stateText(),
-                                QStringLiteral("Engine not found — update Tamsel Desktop to reinstall"),
-                                kTimeout);
+      QTRY_COMPARE_WITH_TIMEOUT(
+          d.window->engineBar().stateText(),
+          QStringLiteral("Engine not found — update Tamsel Desktop to reinstall"), kTimeout);
       QVERIFY(findButton<QPushButton>(&d.window->engineBar(), QStringLiteral("&Retry")));
     }
     // An engine that dies at once, every time: after the restarts it is given up, and the bar
     // says how it ended, how it was started and what it printed.
     const auto broken = dir->path() / "broken-verd";
-    std::ofstream(broken) << "#!/bin/sh\necho \"verd: config file is not valid JSON\" >&2\nexit 3\n";
+    std::ofstream(broken)
+        << "#!/bin/sh\necho \"verd: config file is not valid JSON\" >&2\nexit 3\n";
     std::filesystem::permissions(broken, std::filesystem::perms::owner_all);
     Desktop d(*main, dir->path(), broken.string());
     QTRY_COMPARE_WITH_TIMEOUT(d.services.daemonManager().state().kind, Kind::failed, 30000);
@@ -341,8 +361,11 @@ class DesktopWindowTest : public QObject {
     QVERIFY(why);
     const auto details = d.window->engineBar().failureDetails();
     QVERIFY2(details.contains(QStringLiteral("exited with status 3")), qPrintable(details));
-    QVERIFY2(details.contains(QString::fromStdString(broken.string()) + QStringLiteral(" daemon --port")), qPrintable(details));
-    QVERIFY2(details.contains(QStringLiteral("config file is not valid JSON")), qPrintable(details));
+    QVERIFY2(details.contains(QString::fromStdString(broken.string()) +
+                              QStringLiteral(" daemon --port")),
+             qPrintable(details));
+    QVERIFY2(details.contains(QStringLiteral("config file is not valid JSON")),
+             qPrintable(details));
   }
 
   void followsAnEngineThatCrashesAndComesBack() {
@@ -352,7 +375,8 @@ class DesktopWindowTest : public QObject {
     QVERIFY(pid);
     QStringList seen;
     auto& manager = d.services.daemonManager();
-    const auto connection = manager.changed().connect([&] { seen << d.window->engineBar().stateText(); });
+    const auto connection =
+        manager.changed().connect([&] { seen << d.window->engineBar().stateText(); });
     ::kill(*pid, SIGKILL);
     QTRY_VERIFY_WITH_TIMEOUT(seen.contains(QStringLiteral("Tamsel Engine starting…")), kTimeout);
     QTRY_VERIFY_WITH_TIMEOUT(d.engineRunning() && manager.enginePID() != pid, kTimeout);
@@ -362,7 +386,9 @@ class DesktopWindowTest : public QObject {
     d.window->newSession();
     type(*d.window, QStringLiteral("still there?"));
     QTest::keyClick(&d.window->composer(), Qt::Key_Return);
-    QTRY_VERIFY_WITH_TIMEOUT(!d.chat().isStreamActive() && lastMessage(*d.window).contains(QStringLiteral("still there")), kTimeout);
+    QTRY_VERIFY_WITH_TIMEOUT(!d.chat().isStreamActive() &&
+                                 lastMessage(*d.window).contains(QStringLiteral("still there")),
+                             kTimeout);
   }
 
   void everyControlHasAnAccessibleName() {
@@ -379,14 +405,17 @@ class DesktopWindowTest : public QObject {
     QStringList unnamed;
     int checked = 0;
     for (auto* widget : d.window->findChildren<QWidget*>()) {
-      const bool interactive = qobject_cast<QAbstractButton*>(widget) || qobject_cast<QLineEdit*>(widget) ||
-                               qobject_cast<QPlainTextEdit*>(widget) || qobject_cast<QComboBox*>(widget) ||
-                               qobject_cast<QAbstractItemView*>(widget);
+      const bool interactive =
+          qobject_cast<QAbstractButton*>(widget) || qobject_cast<QLineEdit*>(widget) ||
+          qobject_cast<QPlainTextEdit*>(widget) || qobject_cast<QComboBox*>(widget) ||
+          qobject_cast<QAbstractItemView*>(widget);
       if (!interactive || !widget->isVisible()) continue;
       ++checked;
       auto* accessible = QAccessible::queryAccessibleInterface(widget);
       const auto name = accessible ? accessible->text(QAccessible::Name).trimmed() : QString();
-      if (name.isEmpty()) unnamed << QString::fromLatin1(widget->metaObject()->className()) + QStringLiteral(" ") + widget->objectName();
+      if (name.isEmpty())
+        unnamed << QString::fromLatin1(widget->metaObject()->className()) + QStringLiteral(" ") +
+                       widget->objectName();
     }
     QVERIFY2(unnamed.isEmpty(), qPrintable(unnamed.join(QStringLiteral(", "))));
     QVERIFY2(checked >= 12, qPrintable(QString::number(checked)));
