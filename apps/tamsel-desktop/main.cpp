@@ -1,6 +1,7 @@
 // tamsel-desktop: the chat window over the same composition root as `tamsel`. It starts (or
 // reuses) the engine, shows its state, and on quit asks the engine to shut down.
 #include <signal.h>
+#include <sys/resource.h>
 #include <time.h>
 
 #include <QApplication>
@@ -33,6 +34,13 @@ long long monotonicNanoseconds() {
   timespec now{};
   ::clock_gettime(CLOCK_MONOTONIC, &now);
   return static_cast<long long>(now.tv_sec) * 1'000'000'000LL + now.tv_nsec;
+}
+
+double cpuSeconds() {
+  rusage usage{};
+  ::getrusage(RUSAGE_SELF, &usage);
+  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
 long residentKilobytes() {
@@ -90,8 +98,9 @@ int main(int argc, char** argv) {
                      "shows as text in DIR/screen-N.txt."),
       QStringLiteral("DIR"));
   QCommandLineOption timings(QStringLiteral("print-timings"),
-                             QStringLiteral("Print the first paint, the engine's readiness and the "
-                                            "resident memory 2 s after it, then quit."));
+                             QStringLiteral("Print the first paint, when the engine answers, and "
+                                            "the CPU and memory at rest with a session open, "
+                                            "then quit."));
   parser.addOptions({port, home, args, screenshots, timings});
   parser.process(application);
 
@@ -178,7 +187,10 @@ int main(int argc, char** argv) {
         if (window.sessionModel().rowCount() > 0)
           window.sessionView().clicked(window.sessionModel().index(0));
       });
-      QTimer::singleShot(3000, &application, [&] {
+      auto cpuAtRest = std::make_shared<double>(0);
+      QTimer::singleShot(2000, &application, [cpuAtRest] { *cpuAtRest = cpuSeconds(); });
+      QTimer::singleShot(5000, &application, [&, cpuAtRest] {
+        std::printf("idle_cpu_percent=%.2f\n", (cpuSeconds() - *cpuAtRest) / 3.0 * 100);
         std::printf("idle_rss_kb=%ld\n", residentKilobytes());
         std::fflush(stdout);
         // Leaves the engine running: the benchmark owns it.

@@ -40,9 +40,10 @@ QString describeVisible(QWidget* window) {
         const auto index = model->index(row, 0);
         const QRect rect = list->visualRect(index);
         if (!rect.isValid() || !list->viewport()->rect().intersects(rect)) continue;
-        out += line("row", index.data(Qt::AccessibleTextRole).toString().isEmpty()
-                               ? index.data().toString()
-                               : index.data(Qt::AccessibleTextRole).toString(),
+        out += line("row",
+                    index.data(Qt::AccessibleTextRole).toString().isEmpty()
+                        ? index.data().toString()
+                        : index.data(Qt::AccessibleTextRole).toString(),
                     list->viewport(), rect);
       }
     }
