@@ -45,7 +45,8 @@ kit::Message message(int i) {
   m.content = i % 2 ? "Here is what I found about item " + std::to_string(i) +
                           ":\n\n- the **first** point, with `code`\n- a second point that runs "
                           "long enough to wrap on a normal window width, as replies do\n\n"
-                          "```\nlet x = " + std::to_string(i) + ";\n```\n"
+                          "```\nlet x = " +
+                          std::to_string(i) + ";\n```\n"
                     : "Question number " + std::to_string(i) + ", about the release plan?";
   return m;
 }
@@ -116,12 +117,14 @@ void longSession(base::MainExecutor& main) {
   while (settle.elapsed() < 1500) QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
   view.list.scrollToBottom();
   waitForPaint(view.list);
-  std::printf("10,000-message session: first paint %.1f ms after the view opens "
-              "(messages built in %.1f ms, not counted)\n",
-              firstPaint, built);
-  std::printf("  resident: %.1f MB before, %.1f MB with the messages, %.1f MB with the view "
-              "settled (%d laid-out rows kept)\n",
-              before, withMessages, residentMB(), view.delegate->cachedDocuments());
+  std::printf(
+      "10,000-message session: first paint %.1f ms after the view opens "
+      "(messages built in %.1f ms, not counted)\n",
+      firstPaint, built);
+  std::printf(
+      "  resident: %.1f MB before, %.1f MB with the messages, %.1f MB with the view "
+      "settled (%d laid-out rows kept)\n",
+      before, withMessages, residentMB(), view.delegate->cachedDocuments());
 }
 
 void streaming(base::MainExecutor& main) {
@@ -165,8 +168,10 @@ void streaming(base::MainExecutor& main) {
   });
   QObject::connect(&keyTimer, &QTimer::timeout, [&] {
     probe.sentAt = probe.clock.nsecsElapsed();
-    QCoreApplication::postEvent(&composer, new QKeyEvent(QEvent::KeyPress, Qt::Key_A, {}, QStringLiteral("a")));
-    QCoreApplication::postEvent(&composer, new QKeyEvent(QEvent::KeyRelease, Qt::Key_A, {}, QStringLiteral("a")));
+    QCoreApplication::postEvent(
+        &composer, new QKeyEvent(QEvent::KeyPress, Qt::Key_A, {}, QStringLiteral("a")));
+    QCoreApplication::postEvent(
+        &composer, new QKeyEvent(QEvent::KeyRelease, Qt::Key_A, {}, QStringLiteral("a")));
   });
   tokenTimer.setTimerType(Qt::PreciseTimer);
   tokenTimer.start(5);
@@ -180,8 +185,9 @@ void streaming(base::MainExecutor& main) {
   std::printf("  transcript frames painted %zu, paint time p50 %.2f ms, p99 %.2f ms, max %.2f ms\n",
               view.list.paints.size(), percentile(view.list.paints, 0.5),
               percentile(view.list.paints, 0.99), percentile(view.list.paints, 1.0));
-  std::printf("  a key typed in the composer meanwhile waited p50 %.2f ms, p99 %.2f ms (%zu keys)\n",
-              percentile(keyLatency, 0.5), percentile(keyLatency, 0.99), keyLatency.size());
+  std::printf(
+      "  a key typed in the composer meanwhile waited p50 %.2f ms, p99 %.2f ms (%zu keys)\n",
+      percentile(keyLatency, 0.5), percentile(keyLatency, 0.99), keyLatency.size());
 }
 
 void manyReplies(base::MainExecutor& main) {
@@ -207,10 +213,11 @@ void manyReplies(base::MainExecutor& main) {
     if (r == 10) after10 = residentMB();
   }
   waitForPaint(view.list);
-  std::printf("memory after 10 streamed replies %.1f MB, after 1,000 %.1f MB "
-              "(transcript then %d rows; laid-out rows kept: %d, bound %d)\n",
-              after10, residentMB(), view.model.rowCount(), view.delegate->cachedDocuments(),
-              desktopui::MessageDelegate::maxCachedDocuments);
+  std::printf(
+      "memory after 10 streamed replies %.1f MB, after 1,000 %.1f MB "
+      "(transcript then %d rows; laid-out rows kept: %d, bound %d)\n",
+      after10, residentMB(), view.model.rowCount(), view.delegate->cachedDocuments(),
+      desktopui::MessageDelegate::maxCachedDocuments);
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <QSplitter>
 #include <QVBoxLayout>
 
+#include "approval_notifier.hpp"
 #include "composer.hpp"
 #include "engine_bar.hpp"
 #include "message_delegate.hpp"
@@ -50,8 +51,11 @@ const std::vector<ShortcutHelp>& shortcutTable() {
   return table;
 }
 
-MainWindow::MainWindow(app::DesktopServices& services, QWidget* parent)
+MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notifications,
+                       QWidget* parent)
     : QMainWindow(parent), services_(services), vm_(services.makeChatViewModel()) {
+  notifier_ = std::make_unique<ApprovalNotifier>(*vm_, std::move(notifications),
+                                                 [this] { return !isActiveWindow(); });
   setWindowTitle(tr("Tamsel"));
   setAccessibleName(tr("Tamsel"));
   auto& manager = services_.daemonManager();

@@ -3,6 +3,7 @@
 // the waiting approvals and questions, the queue and the composer on the right. A view over the
 // composition root's controllers (DaemonManager, a DaemonChatViewModel of its own): it holds no
 // conversation logic. Closing the window destroys its chat controller; the root stays.
+#include <QDBusConnection>
 #include <QMainWindow>
 #include <memory>
 #include <optional>
@@ -25,6 +26,7 @@ class DaemonChatViewModel;
 
 namespace tamsel::desktopui {
 
+class ApprovalNotifier;
 class Composer;
 class EngineBar;
 class MessageDelegate;
@@ -43,7 +45,11 @@ const std::vector<ShortcutHelp>& shortcutTable();
 class MainWindow final : public QMainWindow {
   Q_OBJECT
  public:
-  explicit MainWindow(app::DesktopServices& services, QWidget* parent = nullptr);
+  // Approvals that arrive while the window is not active are also shown as desktop
+  // notifications on `notifications` (the session bus by default).
+  explicit MainWindow(app::DesktopServices& services,
+                      QDBusConnection notifications = QDBusConnection::sessionBus(),
+                      QWidget* parent = nullptr);
   ~MainWindow() override;
 
   desktop::DaemonChatViewModel& chat() { return *vm_; }
@@ -57,6 +63,7 @@ class MainWindow final : public QMainWindow {
   QueuePanel& queuePanel() { return *queue_; }
   QLabel& statusLine() { return *status_; }
   MessageDelegate& messageDelegate() { return *delegate_; }
+  ApprovalNotifier& notifier() { return *notifier_; }
 
  public Q_SLOTS:
   void send();
@@ -76,6 +83,8 @@ class MainWindow final : public QMainWindow {
 
   app::DesktopServices& services_;
   std::unique_ptr<desktop::DaemonChatViewModel> vm_;
+  // After the controller, so it goes first.
+  std::unique_ptr<ApprovalNotifier> notifier_;
   bool chatStarted_ = false;
   std::optional<std::string> shownKey_;
   bool loadingDraft_ = false;

@@ -7,10 +7,13 @@
 #include <QAbstractItemView>
 #include <QAccessible>
 #include <QComboBox>
+#include <QDBusConnection>
+#include <QDBusMetaType>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListView>
 #include <QPlainTextEdit>
+#include <QProcess>
 #include <QPushButton>
 #include <QRadioButton>
 #include <QSignalSpy>
@@ -18,6 +21,7 @@
 #include <fstream>
 
 #include "../integration/sim_harness.hpp"
+#include "approval_notifier.hpp"
 #include "composer.hpp"
 #include "engine_bar.hpp"
 #include "main_window.hpp"
@@ -42,10 +46,11 @@ constexpr int kTimeout = 15000;
 struct Desktop {
   Desktop(desktopui::QtMainExecutor& main, const std::filesystem::path& root,
           std::optional<std::string> verdBinary = test::simPath().string(),
-          std::vector<std::string> extraEngineArguments = {}, std::uint16_t port = 0)
+          std::vector<std::string> extraEngineArguments = {}, std::uint16_t port = 0,
+          QDBusConnection notifications = QDBusConnection(QStringLiteral("not-connected")))
       : port(port ? port : test::freePort()),
         services(main, environment(root, verdBinary), options(root, extraEngineArguments)) {
-    window = std::make_unique<MainWindow>(services);
+    window = std::make_unique<MainWindow>(services, notifications);
     window->show();
     services.daemonManager().start();
   }
@@ -130,6 +135,34 @@ T* findButton(QWidget* in, const QString& text) {
     if (b->text() == text && b->isVisible()) return b;
   return nullptr;
 }
+
+// A notification server on a private bus: records what it is asked to show, and lets the test
+// press a notification's button.
+class FakeNotifications final : public QObject {
+  Q_OBJECT
+  Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
+ public:
+  struct Shown {
+    uint id;
+    QString summary, body;
+    QStringList actions;
+  };
+  std::vector<Shown> shown;
+  std::vector<uint> closed;
+
+ public Q_SLOTS:
+  uint Notify(const QString&, uint, const QString&, const QString& summary, const QString& body,
+              const QStringList& actions, const QVariantMap&, int) {
+    shown.push_back({static_cast<uint>(shown.size() + 1), summary, body, actions});
+    return shown.back().id;
+  }
+  void CloseNotification(uint id) { closed.push_back(id); }
+  QStringList GetCapabilities() { return {QStringLiteral("actions"), QStringLiteral("body")}; }
+
+ Q_SIGNALS:
+  void ActionInvoked(uint id, const QString& action);
+  void NotificationClosed(uint id, uint reason);
+};
 
 }  // namespace
 
@@ -389,6 +422,67 @@ class DesktopWindowTest : public QObject {
     QTRY_VERIFY_WITH_TIMEOUT(!d.chat().isStreamActive() &&
                                  lastMessage(*d.window).contains(QStringLiteral("still there")),
                              kTimeout);
+  }
+
+  void approvesFromTheNotificationAction() {
+    QProcess bus;
+    bus.start(QStringLiteral("dbus-daemon"),
+              {QStringLiteral("--session"), QStringLiteral("--nofork"),
+               QStringLiteral("--print-address=1")});
+    if (!bus.waitForStarted(5000)) QSKIP("dbus-daemon is not installed");
+    QTRY_VERIFY_WITH_TIMEOUT(bus.canReadLine(), kTimeout);
+    const auto address = QString::fromUtf8(bus.readLine()).trimmed();
+    {
+      auto server = QDBusConnection::connectToBus(address, QStringLiteral("fake-notifications"));
+      FakeNotifications fake;
+      QVERIFY(server.registerObject(
+          QStringLiteral("/org/freedesktop/Notifications"), &fake,
+          QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllSignals));
+      QVERIFY(server.registerService(QStringLiteral("org.freedesktop.Notifications")));
+      auto client = QDBusConnection::connectToBus(address, QStringLiteral("window"));
+      {
+        Desktop d(*main, dir->path(), test::simPath().string(), {}, 0, client);
+        QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
+        d.window->newSession();
+        type(*d.window, QStringLiteral("clean the build folder [approval]"));
+        QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+        // The user went to another window while the reply ran.
+        d.window->hide();
+        QTRY_COMPARE_WITH_TIMEOUT(fake.shown.size(), std::size_t{1}, kTimeout);
+        QCOMPARE(fake.shown[0].summary, QStringLiteral("Approval needed: bash"));
+        QCOMPARE(fake.shown[0].actions,
+                 (QStringList{QStringLiteral("once"), QStringLiteral("Allow once"),
+                              QStringLiteral("session"), QStringLiteral("Allow for this session"),
+                              QStringLiteral("always"), QStringLiteral("Always allow"),
+                              QStringLiteral("deny"), QStringLiteral("Deny")}));
+        QTRY_COMPARE_WITH_TIMEOUT(d.window->notifier().openCount(), std::size_t{1}, kTimeout);
+        Q_EMIT fake.ActionInvoked(fake.shown[0].id, QStringLiteral("session"));
+        QTRY_COMPARE_WITH_TIMEOUT(requestBodies(dir->path(), "/approval").size(), std::size_t{1},
+                                  kTimeout);
+        QCOMPARE(std::string(requestBodies(dir->path(), "/approval")[0].at("decision").as_string()),
+                 std::string("session"));
+        // Answered: the card goes and the notification is withdrawn.
+        QTRY_COMPARE_WITH_TIMEOUT(d.window->requestCards().cardCount(), 0, kTimeout);
+        QTRY_COMPARE_WITH_TIMEOUT(fake.closed, std::vector<uint>{fake.shown[0].id}, kTimeout);
+        // While the window is in front, the card alone is enough.
+        d.window->show();
+        QApplication::setActiveWindow(d.window.get());
+        QTRY_VERIFY_WITH_TIMEOUT(d.window->isActiveWindow(), kTimeout);
+        type(*d.window, QStringLiteral("and again [approval]"));
+        QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+        QTRY_COMPARE_WITH_TIMEOUT(d.window->requestCards().cardCount(), 1, kTimeout);
+        QTest::qWait(200);
+        QCOMPARE(fake.shown.size(), std::size_t{1});
+        QTest::mouseClick(
+            findButton<QPushButton>(d.window->requestCards().firstCard(), QStringLiteral("&Deny")),
+            Qt::LeftButton);
+        QTRY_COMPARE_WITH_TIMEOUT(d.window->requestCards().cardCount(), 0, kTimeout);
+      }
+      QDBusConnection::disconnectFromBus(QStringLiteral("window"));
+      QDBusConnection::disconnectFromBus(QStringLiteral("fake-notifications"));
+    }
+    bus.kill();
+    bus.waitForFinished(5000);
   }
 
   void everyControlHasAnAccessibleName() {
