@@ -64,7 +64,8 @@ void ApprovalNotifier::show(const std::string& requestID) {
   const auto& row = vm_.requests()->approvalRows.at(requestID);
   QString body = QString::fromStdString(row.info.args.value_or(""));
   if (!row.info.flags.empty())
-    body += QStringLiteral("\n") + tr("Flags: %1").arg(QString::fromStdString(row.info.flags.front()));
+    body +=
+        QStringLiteral("\n") + tr("Flags: %1").arg(QString::fromStdString(row.info.flags.front()));
   auto call = QDBusMessage::createMethodCall(kService, kPath, kInterface, QStringLiteral("Notify"));
   const QStringList actions{QStringLiteral("once"),    tr("Allow once"),
                             QStringLiteral("session"), tr("Allow for this session"),

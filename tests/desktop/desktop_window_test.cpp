@@ -187,6 +187,8 @@ class DesktopWindowTest : public QObject {
     QCOMPARE(d.window->engineBar().stateText(), QStringLiteral("Tamsel Engine is running"));
     QTest::keyClick(d.window.get(), Qt::Key_N, Qt::ControlModifier);
     QVERIFY(d.chat().currentPendingSessionLocalID());
+    const auto pending = *d.chat().currentPendingSessionLocalID();
+    QTRY_VERIFY(d.window->sessionModel().rowOf(pending) >= 0);
     auto& model = d.window->transcriptModel();
     QSignalSpy resets(&model, &QAbstractItemModel::modelReset);
     QSignalSpy changes(&model, &QAbstractItemModel::dataChanged);
@@ -214,9 +216,10 @@ class DesktopWindowTest : public QObject {
     QCOMPARE(sent.size(), std::size_t{1});
     QCOMPARE(QString::fromStdString(std::string(sent[0].at("text").as_string())),
              QStringLiteral("tell me [slow]\nin two lines"));
-    // The new session shows in the sidebar once the engine names it.
+    // The new session shows in the sidebar once the engine names it, in place of its pending row.
     QTRY_VERIFY_WITH_TIMEOUT(d.window->sessionModel().rowOf(*d.chat().currentSessionID()) >= 0,
                              kTimeout);
+    QTRY_COMPARE_WITH_TIMEOUT(d.window->sessionModel().rowOf(pending), -1, kTimeout);
   }
 
   void approvesFromTheCardAndByKeyboard() {
