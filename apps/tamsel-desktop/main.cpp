@@ -25,6 +25,7 @@
 #include "session_list_model.hpp"
 #include "tamsel/app/desktop_services.hpp"
 #include "tamsel/base/log.hpp"
+#include "tray_icon.hpp"
 
 namespace {
 
@@ -142,6 +143,12 @@ int main(int argc, char** argv) {
   };
   QApplication::setQuitOnLastWindowClosed(false);
   QObject::connect(&application, &QGuiApplication::lastWindowClosed, &application, quit);
+  std::unique_ptr<desktopui::TrayIcon> tray;
+  if (QSystemTrayIcon::isSystemTrayAvailable()) {
+    tray = std::make_unique<desktopui::TrayIcon>(manager, window);
+    QObject::connect(tray.get(), &desktopui::TrayIcon::quitRequested, &application, quit);
+    tray->show();
+  }
 
   boost::asio::signal_set stopSignals(main.context(), SIGINT, SIGTERM);
   std::function<void(const boost::system::error_code&, int)> onStop =

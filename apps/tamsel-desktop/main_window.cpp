@@ -1,7 +1,9 @@
 #include "main_window.hpp"
 
 #include <QAction>
+#include <QClipboard>
 #include <QComboBox>
+#include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QLineEdit>
@@ -39,6 +41,7 @@ const std::vector<ShortcutHelp>& shortcutTable() {
       {"Ctrl+F", "search sessions"},
       {"Ctrl+L", "go to the message field"},
       {"Ctrl+1 / Ctrl+2", "go to the sessions / the transcript"},
+      {"Ctrl+C (in the transcript)", "copy the selected message (its Markdown)"},
       {"Ctrl+PgUp / Ctrl+PgDown", "previous / next session"},
       {"Alt+O, Alt+S, Alt+A, Alt+D", "approve once, for the session, always; deny"},
       {"Alt+N / Alt+E", "answer / decline a question"},
@@ -217,6 +220,17 @@ void MainWindow::buildActions() {
       [this] { engineBar_->retry(); });
   add(QKeySequence(Qt::Key_F5), tr("Reload the session"), [this] { vm_->refreshCurrentSession(); });
   add(QKeySequence(Qt::Key_F1), tr("Keyboard shortcuts"), [this] { showShortcuts(); });
+  // Ctrl+C in the transcript copies the selected message as its Markdown source (code blocks
+  // included, as typed).
+  auto* copy = new QAction(tr("Copy the message"), transcript_);
+  copy->setShortcut(QKeySequence::Copy);
+  copy->setShortcutContext(Qt::WidgetShortcut);
+  transcript_->addAction(copy);
+  connect(copy, &QAction::triggered, this, [this] {
+    const auto index = transcript_->currentIndex();
+    if (index.isValid())
+      QGuiApplication::clipboard()->setText(index.data(TranscriptModel::MarkdownRole).toString());
+  });
   add(QKeySequence(Qt::CTRL | Qt::Key_Q), tr("Quit"), [this] { close(); });
 }
 

@@ -6,6 +6,7 @@
 #include <QAbstractButton>
 #include <QAbstractItemView>
 #include <QAccessible>
+#include <QClipboard>
 #include <QComboBox>
 #include <QDBusConnection>
 #include <QDBusMetaType>
@@ -207,6 +208,11 @@ class DesktopWindowTest : public QObject {
     QCOMPARE(resets.size(), 0);
     QCOMPARE(model.rowCount(), 2);
     QVERIFY(lastMessage(*d.window).contains(QStringLiteral("tell me")));
+    // A message is copied from the transcript as its Markdown source.
+    d.window->transcriptView().setFocus();
+    d.window->transcriptView().setCurrentIndex(model.index(0));
+    QTest::keyClick(&d.window->transcriptView(), Qt::Key_C, Qt::ControlModifier);
+    QCOMPARE(QGuiApplication::clipboard()->text(), QStringLiteral("tell me [slow]\nin two lines"));
     // The stop button follows the reply.
     QPushButton* stop = nullptr;
     for (auto* b : d.window->findChildren<QPushButton*>())
