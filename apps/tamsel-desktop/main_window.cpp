@@ -163,8 +163,13 @@ MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notificat
     vm_->selectAgent(agents_->itemData(index).toString().toStdString());
   });
   // Keep the newest text in view while a reply grows, unless the user scrolled up to read.
-  connect(transcriptModel_, &QAbstractItemModel::rowsInserted, this,
-          [this] { transcript_->scrollToBottom(); });
+  auto* bar = transcript_->verticalScrollBar();
+  connect(bar, &QScrollBar::valueChanged, this,
+          [this, bar](int value) { followTail_ = value >= bar->maximum() - 2; });
+  connect(bar, &QScrollBar::rangeChanged, this, [this, bar](int, int maximum) {
+    if (followTail_) bar->setValue(maximum);
+  });
+  connect(queue_, &QueuePanel::sendNowRequested, this, &MainWindow::sendNow);
 
   const auto watch = [this](base::Signal<>& signal, std::function<void()> slot) {
     connections_.emplace_back(&signal, signal.connect(std::move(slot)));
@@ -204,9 +209,9 @@ void MainWindow::buildActions() {
   add(QKeySequence(Qt::CTRL | Qt::Key_N), tr("New session"), [this] { newSession(); });
   add(QKeySequence(Qt::CTRL | Qt::Key_Period), tr("Stop the reply"), [this] { cancelReply(); });
   add(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Return), tr("Send the queue now"),
-      [this] { vm_->forceSendQueued(); });
+      [this] { sendNow(); });
   add(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Enter), tr("Send the queue now"),
-      [this] { vm_->forceSendQueued(); });
+      [this] { sendNow(); });
   add(QKeySequence(Qt::CTRL | Qt::Key_F), tr("Search sessions"), [this] {
     search_->setFocus();
     search_->selectAll();
@@ -267,6 +272,7 @@ void MainWindow::onTranscriptChanged() {
     composer_->setPlainText(QString::fromStdString(vm_->composerText()));
     composer_->moveCursor(QTextCursor::End);
     loadingDraft_ = false;
+    followTail_ = true;
     transcript_->scrollToBottom();
     if (key) {
       const int row = sessionModel_->rowOf(vm_->sessionIdentityRegistry().realID(*key));
@@ -324,6 +330,13 @@ void MainWindow::inject() {
   const auto text = composer_->toPlainText();
   if (text.trimmed().isEmpty()) return;
   if (vm_->submit(text.toStdString(), true) == DaemonChatViewModel::SubmitOutcome::ignored) return;
+  composer_->clear();
+}
+
+void MainWindow::sendNow() {
+  const auto typed = composer_->toPlainText().trimmed();
+  if (vm_->queuedDrafts().empty() && typed.isEmpty()) return;
+  vm_->forceSendQueued(typed.toStdString());
   composer_->clear();
 }
 

@@ -70,6 +70,8 @@ class MainWindow final : public QMainWindow {
   void inject();
   void newSession();
   void cancelReply();
+  // Stops the running reply and sends the queue and the typed text as one message.
+  void sendNow();
   void showShortcuts();
 
  private:
@@ -88,6 +90,8 @@ class MainWindow final : public QMainWindow {
   bool chatStarted_ = false;
   std::optional<std::string> shownKey_;
   bool loadingDraft_ = false;
+  // The transcript follows its newest text while the user has not scrolled up.
+  bool followTail_ = true;
   std::vector<std::pair<base::Signal<>*, base::Signal<>::Connection>> connections_;
 
   EngineBar* engineBar_;

@@ -127,6 +127,4 @@ void QueuePanel::editSelected() {
   list_->edit(index);
 }
 
-void QueuePanel::sendNow() { vm_.forceSendQueued(); }
-
 }  // namespace tamsel::desktopui

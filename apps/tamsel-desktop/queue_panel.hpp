@@ -41,7 +41,11 @@ class QueuePanel final : public QWidget {
  public Q_SLOTS:
   void retractSelected();
   void editSelected();
-  void sendNow();
+  // Asks the window to stop the reply and send the queue with what is typed.
+  void sendNow() { Q_EMIT sendNowRequested(); }
+
+ Q_SIGNALS:
+  void sendNowRequested();
 
  private:
   void refresh();

@@ -328,11 +328,17 @@ class DesktopWindowTest : public QObject {
     type(*d.window, QStringLiteral("urgent"));
     QTest::keyClick(&d.window->composer(), Qt::Key_Return);
     QTRY_COMPARE(d.window->queuePanel().model().rowCount(), 1);
+    // What is typed and not yet sent goes with the queue.
+    type(*d.window, QStringLiteral("and this too"));
     QTest::keyClick(d.window.get(), Qt::Key_Return, Qt::ControlModifier | Qt::ShiftModifier);
+    QVERIFY(d.window->composer().toPlainText().isEmpty());
     QTRY_VERIFY_WITH_TIMEOUT(!requestBodies(dir->path(), "/cancel").empty(), kTimeout);
     QTRY_VERIFY_WITH_TIMEOUT(requestBodies(dir->path(), "/message").size() == 2, kTimeout);
-    QVERIFY(std::string(requestBodies(dir->path(), "/message")[1].at("text").as_string())
-                .find("urgent") != std::string::npos);
+    const std::string sent(requestBodies(dir->path(), "/message")[1].at("text").as_string());
+    QVERIFY2(
+        sent.find("urgent") != std::string::npos && sent.find("and this too") != std::string::npos,
+        sent.c_str());
+    QTRY_VERIFY_WITH_TIMEOUT(!d.window->queuePanel().isVisible(), kTimeout);
   }
 
   void switchesSessionsAndKeepsEachDraft() {
