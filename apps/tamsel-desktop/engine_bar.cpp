@@ -25,6 +25,10 @@ EngineBar::EngineBar(DaemonManager& manager, std::filesystem::path engineLog, QW
   why_ = new QPushButton(tr("&Why?"), this);
   why_->setAccessibleName(tr("Why the engine failed"));
   why_->setCheckable(true);
+  auto* diagnostics = new QPushButton(tr("Diagnostics…"), this);
+  diagnostics->setAccessibleName(tr("Export diagnostics to a file"));
+  diagnostics->setToolTip(tr("Versions, paths and the engine's output in one file (Ctrl+Shift+D)"));
+  connect(diagnostics, &QPushButton::clicked, this, &EngineBar::diagnosticsRequested);
   details_ = new QPlainTextEdit(this);
   details_->setReadOnly(true);
   details_->setAccessibleName(tr("Engine failure details"));
@@ -34,6 +38,7 @@ EngineBar::EngineBar(DaemonManager& manager, std::filesystem::path engineLog, QW
   auto* row = new QHBoxLayout;
   row->setContentsMargins(0, 0, 0, 0);
   row->addWidget(state_, 1);
+  row->addWidget(diagnostics);
   row->addWidget(why_);
   row->addWidget(retry_);
   auto* column = new QVBoxLayout(this);

@@ -35,6 +35,10 @@ class EngineBar final : public QWidget {
  public Q_SLOTS:
   void retry();
 
+ Q_SIGNALS:
+  // The user asked to save the diagnostics file.
+  void diagnosticsRequested();
+
  private:
   void refresh();
 

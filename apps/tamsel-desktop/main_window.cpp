@@ -3,6 +3,9 @@
 #include <QAction>
 #include <QClipboard>
 #include <QComboBox>
+#include <QDate>
+#include <QDir>
+#include <QFileDialog>
 #include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -16,6 +19,7 @@
 
 #include "approval_notifier.hpp"
 #include "composer.hpp"
+#include "diagnostics.hpp"
 #include "engine_bar.hpp"
 #include "message_delegate.hpp"
 #include "queue_panel.hpp"
@@ -48,6 +52,7 @@ const std::vector<ShortcutHelp>& shortcutTable() {
       {"F2 / Delete (in the queue)", "edit / retract a queued message"},
       {"Ctrl+R", "start the engine again"},
       {"F5", "reload the session"},
+      {"Ctrl+Shift+D", "export diagnostics to a file"},
       {"F1", "this list"},
       {"Ctrl+Q", "quit"},
   };
@@ -170,6 +175,7 @@ MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notificat
     if (followTail_) bar->setValue(maximum);
   });
   connect(queue_, &QueuePanel::sendNowRequested, this, &MainWindow::sendNow);
+  connect(engineBar_, &EngineBar::diagnosticsRequested, this, &MainWindow::exportDiagnosticsFile);
 
   const auto watch = [this](base::Signal<>& signal, std::function<void()> slot) {
     connections_.emplace_back(&signal, signal.connect(std::move(slot)));
@@ -225,6 +231,8 @@ void MainWindow::buildActions() {
       [this] { engineBar_->retry(); });
   add(QKeySequence(Qt::Key_F5), tr("Reload the session"), [this] { vm_->refreshCurrentSession(); });
   add(QKeySequence(Qt::Key_F1), tr("Keyboard shortcuts"), [this] { showShortcuts(); });
+  add(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_D), tr("Export diagnostics"),
+      [this] { exportDiagnosticsFile(); });
   // Ctrl+C in the transcript copies the selected message as its Markdown source (code blocks
   // included, as typed).
   auto* copy = new QAction(tr("Copy the message"), transcript_);
@@ -248,6 +256,21 @@ void MainWindow::showShortcuts() {
                   this);
   box.setAccessibleName(tr("Keyboard shortcuts"));
   box.exec();
+}
+
+void MainWindow::exportDiagnosticsFile() {
+  const auto suggested = QDir::home().filePath(
+      QStringLiteral("tamsel-diagnostics-%1.txt").arg(QDate::currentDate().toString(Qt::ISODate)));
+  const auto file = QFileDialog::getSaveFileName(this, tr("Export diagnostics"), suggested,
+                                                 tr("Text files (*.txt)"));
+  if (file.isEmpty()) return;
+  try {
+    exportDiagnostics(services_, file.toStdString());
+    status_->setText(tr("Diagnostics saved to %1").arg(file));
+  } catch (const std::exception& e) {
+    status_->setText(tr("Could not save the diagnostics: %1").arg(QString::fromUtf8(e.what())));
+  }
+  status_->setVisible(true);
 }
 
 void MainWindow::onEngineChanged() {

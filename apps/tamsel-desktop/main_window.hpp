@@ -73,6 +73,8 @@ class MainWindow final : public QMainWindow {
   // Stops the running reply and sends the queue and the typed text as one message.
   void sendNow();
   void showShortcuts();
+  // Asks where, then saves the diagnostics file there.
+  void exportDiagnosticsFile();
 
  private:
   void buildActions();

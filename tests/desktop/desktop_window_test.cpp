@@ -24,6 +24,7 @@
 #include "../integration/sim_harness.hpp"
 #include "approval_notifier.hpp"
 #include "composer.hpp"
+#include "diagnostics.hpp"
 #include "engine_bar.hpp"
 #include "main_window.hpp"
 #include "qt_main_executor.hpp"
@@ -399,8 +400,9 @@ class DesktopWindowTest : public QObject {
     // An engine that dies at once, every time: after the restarts it is given up, and the bar
     // says how it ended, how it was started and what it printed.
     const auto broken = dir->path() / "broken-verd";
-    std::ofstream(broken)
-        << "#!/bin/sh\necho \"verd: config file is not valid JSON\" >&2\nexit 3\n";
+    // It also prints its environment's presence token, which the diagnostics must not repeat.
+    std::ofstream(broken) << "#!/bin/sh\necho \"verd: config file is not valid JSON\" >&2\n"
+                             "echo \"verd: token=$TAMSEL_LOCAL_PRESENCE_TOKEN\" >&2\nexit 3\n";
     std::filesystem::permissions(broken, std::filesystem::perms::owner_all);
     Desktop d(*main, dir->path(), broken.string());
     QTRY_COMPARE_WITH_TIMEOUT(d.services.daemonManager().state().kind, Kind::failed, 30000);
@@ -414,6 +416,21 @@ class DesktopWindowTest : public QObject {
              qPrintable(details));
     QVERIFY2(details.contains(QStringLiteral("config file is not valid JSON")),
              qPrintable(details));
+
+    // The diagnostics file: state, exit, command line and output, never the token.
+    const auto file = dir->path() / "diagnostics.txt";
+    desktopui::exportDiagnostics(d.services, file);
+    std::ifstream in(file);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const auto& token = d.services.presenceToken();
+    QVERIFY(token.size() > 20);
+    QVERIFY2(text.find(token) == std::string::npos, "the presence token is in the diagnostics");
+    QVERIFY(text.find("token=<presence token removed>") != std::string::npos);
+    QVERIFY(text.find("last exit: exited with status 3") != std::string::npos);
+    QVERIFY(text.find("config file is not valid JSON") != std::string::npos);
+    QVERIFY2(text.find("arguments: daemon --port") != std::string::npos, text.c_str());
+    QCOMPARE(std::filesystem::status(file).permissions() & std::filesystem::perms::all,
+             std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
   }
 
   void followsAnEngineThatCrashesAndComesBack() {
