@@ -14,7 +14,9 @@ namespace tamsel::desktopui {
 
 QString diagnosticsReport(app::DesktopServices& services) {
   auto& manager = services.daemonManager();
-  const auto path = [](const std::filesystem::path& p) { return QString::fromStdString(p.string()); };
+  const auto path = [](const std::filesystem::path& p) {
+    return QString::fromStdString(p.string());
+  };
   QStringList out;
   out << QStringLiteral("Tamsel Desktop diagnostics, %1")
              .arg(QDateTime::currentDateTimeUtc().toString(Qt::ISODate));
@@ -36,7 +38,8 @@ QString diagnosticsReport(app::DesktopServices& services) {
   for (const auto& a : manager.lastLaunchArguments()) arguments += QString::fromStdString(a) + ' ';
   out << QStringLiteral("arguments: %1").arg(arguments.trimmed());
   out << QStringLiteral("PID: %1, started by this desktop: %2, restarts: %3")
-             .arg(manager.enginePID() ? QString::number(*manager.enginePID()) : QStringLiteral("none"))
+             .arg(manager.enginePID() ? QString::number(*manager.enginePID())
+                                      : QStringLiteral("none"))
              .arg(manager.ownsEngineProcess() ? QStringLiteral("yes") : QStringLiteral("no"))
              .arg(manager.restartCount());
   if (const auto& exit = manager.lastExit())
@@ -44,13 +47,15 @@ QString diagnosticsReport(app::DesktopServices& services) {
   if (auto* rpc = services.rpcService())
     out << QStringLiteral("RPC channel: %1%2")
                .arg(rpc->isOnline() ? QStringLiteral("online") : QStringLiteral("offline"))
-               .arg(rpc->lastError() ? QStringLiteral(" (") + QString::fromStdString(*rpc->lastError()) + ')'
-                                     : QString());
+               .arg(rpc->lastError()
+                        ? QStringLiteral(" (") + QString::fromStdString(*rpc->lastError()) + ')'
+                        : QString());
   else
     out << QStringLiteral("RPC channel: disabled");
   out << QString() << QStringLiteral("[paths]");
   out << QStringLiteral("app folder: %1").arg(path(services.appFolder()));
-  out << QStringLiteral("engine folder: %1").arg(path(services.daemonPaths().engineSupportDirectory()));
+  out << QStringLiteral("engine folder: %1")
+             .arg(path(services.daemonPaths().engineSupportDirectory()));
   out << QStringLiteral("engine home: %1").arg(path(services.engineHome()));
   const auto log = services.daemonPaths().engineLogPath();
   out << QStringLiteral("engine log: %1").arg(path(log));

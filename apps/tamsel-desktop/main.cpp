@@ -103,7 +103,13 @@ int main(int argc, char** argv) {
                                             "the CPU and memory at rest with a session open, "
                                             "then quit."));
   parser.addOptions({port, home, args, screenshots, timings});
-  parser.process(application);
+  // A usage error exits 2, as every tamsel command does.
+  if (!parser.parse(QCoreApplication::arguments())) {
+    std::fprintf(stderr, "tamsel-desktop: %s (see --help)\n", qPrintable(parser.errorText()));
+    return 2;
+  }
+  if (parser.isSet(QStringLiteral("help"))) parser.showHelp(0);
+  if (parser.isSet(QStringLiteral("version"))) parser.showVersion();
 
   app::DesktopOptions options;
   const auto portText =

@@ -195,8 +195,19 @@ def main():
         return 0
     finally:
         if app and app.poll() is None:
-            app.kill()
-            app.wait()
+            # Quitting the window stops the engine; a window that does not go is killed.
+            app.send_signal(signal.SIGTERM)
+            try:
+                app.wait(timeout=15)
+            except subprocess.TimeoutExpired:
+                app.kill()
+                app.wait()
+        # Never leave an engine behind, whatever happened above.
+        try:
+            with open(os.path.join(work, "home/.local/share/dev.tamsel.engine/daemon.pid")) as f:
+                os.kill(int(f.read().strip()), signal.SIGKILL)
+        except (OSError, ValueError):
+            pass
         xvfb.terminate()
         xvfb.wait(timeout=10)
         if not keep:
