@@ -22,10 +22,24 @@ RequestCards::RequestCards(DaemonChatViewModel& vm, QWidget* parent) : QWidget(p
   layout_ = new QVBoxLayout(this);
   layout_->setContentsMargins(0, 0, 0, 0);
   connection_ = vm_.requests().changed().connect([this] { refresh(); });
+  transcriptConnection_ = vm_.transcript().changed().connect([this] { markElsewhere(); });
   refresh();
 }
 
-RequestCards::~RequestCards() { vm_.requests().changed().disconnect(connection_); }
+RequestCards::~RequestCards() {
+  vm_.requests().changed().disconnect(connection_);
+  vm_.transcript().changed().disconnect(transcriptConnection_);
+}
+
+void RequestCards::markElsewhere() {
+  const auto current = vm_.currentSessionKey();
+  auto& ids = vm_.sessionIdentityRegistry();
+  for (auto& [requestID, entry] : elsewhere_) {
+    const bool here = entry.sessionKey.empty() ||
+                      (current && ids.realID(*current) == ids.realID(entry.sessionKey));
+    entry.line->setVisible(!here);
+  }
+}
 
 QWidget* RequestCards::firstCard() const {
   for (int i = 0; i < layout_->count(); ++i)
@@ -65,6 +79,25 @@ QWidget* RequestCards::approvalCard(const std::string& requestID) {
   bold.setBold(true);
   title->setFont(bold);
   column->addWidget(title);
+  // Requests of every session wait here: one in another session says where, with a way there.
+  auto* where = new QWidget(card);
+  auto* whereRow = new QHBoxLayout(where);
+  whereRow->setContentsMargins(0, 0, 0, 0);
+  QString session = QString::fromStdString(row.sessionKey);
+  for (const auto& s : vm_.sessions())
+    if (s.id == vm_.sessionIdentityRegistry().realID(row.sessionKey) && s.title)
+      session = QString::fromStdString(*s.title);
+  whereRow->addWidget(text(where, tr("Waiting in another session: %1").arg(session), tr("Session")),
+                      1);
+  auto* go = new QPushButton(tr("Go there"), where);
+  go->setAccessibleName(tr("Open the session this approval waits in"));
+  const auto sessionKey = row.sessionKey;
+  connect(go, &QPushButton::clicked, this, [this, sessionKey] {
+    vm_.selectSession(vm_.sessionIdentityRegistry().realID(sessionKey));
+  });
+  whereRow->addWidget(go);
+  column->addWidget(where);
+  elsewhere_[requestID] = {row.sessionKey, where};
   if (row.info.args && !row.info.args->empty())
     column->addWidget(text(card, QString::fromStdString(*row.info.args), tr("Arguments")));
   if (!row.info.flags.empty()) {
@@ -184,6 +217,8 @@ void RequestCards::refresh() {
   for (auto& [id, card] : next)
     if (!cards_.count(id)) layout_->addWidget(card);
   cards_ = std::move(next);
+  std::erase_if(elsewhere_, [this](const auto& entry) { return !cards_.count(entry.first); });
+  markElsewhere();
   setVisible(!cards_.empty());
 }
 

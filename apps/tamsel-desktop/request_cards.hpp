@@ -28,11 +28,18 @@ class RequestCards final : public QWidget {
 
  private:
   void refresh();
+  // Marks the cards of requests waiting in a session other than the visible one.
+  void markElsewhere();
   QWidget* approvalCard(const std::string& requestID);
   QWidget* questionCard(const std::string& requestID);
 
   desktop::DaemonChatViewModel& vm_;
-  base::Signal<>::Connection connection_;
+  base::Signal<>::Connection connection_, transcriptConnection_;
+  struct Elsewhere {
+    std::string sessionKey;
+    QWidget* line;
+  };
+  std::map<std::string, Elsewhere> elsewhere_;  // by request id
   QVBoxLayout* layout_;
   std::map<std::string, QWidget*> cards_;
 };

@@ -263,6 +263,35 @@ class DesktopWindowTest : public QObject {
     QCOMPARE(std::string(approvals[1].at("decision").as_string()), std::string("deny"));
   }
 
+  void anApprovalWaitingInAnotherSessionSaysWhere() {
+    Desktop d(*main, dir->path());
+    QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
+    d.window->newSession();
+    type(*d.window, QStringLiteral("prune old branches [approval]"));
+    QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+    auto& cards = d.window->requestCards();
+    QTRY_COMPARE_WITH_TIMEOUT(cards.cardCount(), 1, kTimeout);
+    QTRY_VERIFY_WITH_TIMEOUT(d.chat().currentSessionID().has_value(), kTimeout);
+    const auto waitingIn = *d.chat().currentSessionID();
+    const auto go = [&] {
+      return findButton<QPushButton>(cards.firstCard(), QStringLiteral("Go there"));
+    };
+    QVERIFY(!go());
+    // Another session: the card stays, saying where it waits.
+    const auto other = std::find_if(d.chat().sessions().begin(), d.chat().sessions().end(),
+                                    [&](const auto& s) { return s.id != waitingIn; });
+    QVERIFY(other != d.chat().sessions().end());
+    d.chat().selectSession(other->id);
+    QTRY_VERIFY_WITH_TIMEOUT(go() != nullptr, kTimeout);
+    QCOMPARE(cards.cardCount(), 1);
+    QTest::mouseClick(go(), Qt::LeftButton);
+    QTRY_VERIFY_WITH_TIMEOUT(d.chat().currentSessionID() == waitingIn, kTimeout);
+    QTRY_VERIFY_WITH_TIMEOUT(!go(), kTimeout);
+    QTest::mouseClick(findButton<QPushButton>(cards.firstCard(), QStringLiteral("&Deny")),
+                      Qt::LeftButton);
+    QTRY_COMPARE_WITH_TIMEOUT(cards.cardCount(), 0, kTimeout);
+  }
+
   void answersAQuestion() {
     Desktop d(*main, dir->path());
     QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
