@@ -51,6 +51,15 @@ step "man -w tamsel"
 man -w tamsel | grep -qx /usr/share/man/man1/tamsel.1.gz || fail "the manual page is not found"
 man -w tamsel
 
+if [ -x /usr/bin/tamsel-desktop ]; then
+  step "tamsel-desktop --version, man -w tamsel-desktop"
+  desktop_version=$(QT_QPA_PLATFORM=offscreen /usr/bin/tamsel-desktop --version)
+  echo "$desktop_version"
+  [[ $desktop_version == *"${version#tamsel }" ]] ||
+    fail "tamsel-desktop names another version than tamsel ($desktop_version)"
+  man -w tamsel-desktop
+fi
+
 step "bash completion"
 completed=$(bash -c '
   source /usr/share/bash-completion/completions/tamsel

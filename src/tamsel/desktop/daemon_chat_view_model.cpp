@@ -264,6 +264,8 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
       deps.drafts->rekey(kit::ComposerDraftKey::forPendingSession(pending),
                          kit::ComposerDraftKey::forSession(real));
     if (!queue->drafts.items(pending).empty()) queue.edit().rekey(pending, real);
+    // The engine has the session now: list it, and its pending row goes once it is listed.
+    reloadOwnerSidebar();
   }
 
   // Reads a reply stream to its end, keeping the transcript of its session current.
@@ -632,7 +634,13 @@ void DaemonChatViewModel::reloadSidebar() {
       query.agent = self->sidebar->selectedAgent;
       auto sessions = co_await self->deps.engine->sessions(query);
       if (self->closed() || generation != self->sidebarLoadGeneration) co_return;
-      self->sidebar.edit().sessions = std::move(sessions);
+      auto& sidebar = self->sidebar.edit();
+      sidebar.sessions = std::move(sessions);
+      // A pending session the engine has named and lists is shown once, under its real id.
+      std::erase_if(sidebar.pendingSessions, [&](const PendingSession& pending) {
+        const auto real = self->registry.realIDIfRegistered(pending.id);
+        return real && sidebar.session(*real) != nullptr;
+      });
     } catch (const std::exception& e) {
       if (!self->closed()) self->showError(e);
     }

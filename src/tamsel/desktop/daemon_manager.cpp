@@ -132,6 +132,7 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
   bool stoppedOnRequest = false;
   std::optional<fs::path> enginePath;
   std::vector<std::string> lastLaunchArguments;
+  std::optional<platform::ExitStatus> lastExit;
   base::ChangePublisher publisher;
 
   // Shared with the exit watcher, which may outlive a replaced engine.
@@ -397,6 +398,8 @@ struct DaemonManager::Impl : std::enable_shared_from_this<Impl> {
 
   void onEngineExit(const platform::ExitStatus& status) {
     base::log::warn(kSource, "engine (PID {}) {}", process ? process->pid() : 0, status.describe());
+    lastExit = status;
+    publish();
     ++generation;  // the health watcher of this engine stands down
     monitorTimer.cancel();
     if (terminationRequested) return;
@@ -618,6 +621,9 @@ bool DaemonManager::isBootstrapping() const { return impl_->isBootstrapping; }
 const std::optional<fs::path>& DaemonManager::enginePath() const { return impl_->enginePath; }
 const std::vector<std::string>& DaemonManager::lastLaunchArguments() const {
   return impl_->lastLaunchArguments;
+}
+const std::optional<platform::ExitStatus>& DaemonManager::lastExit() const {
+  return impl_->lastExit;
 }
 base::Signal<>& DaemonManager::changed() { return impl_->publisher.changed(); }
 bridge::DaemonClient& DaemonManager::client() { return *impl_->deps.client; }

@@ -156,6 +156,8 @@ class DaemonManager {
   const std::optional<std::filesystem::path>& enginePath() const;
   // The arguments the engine was last started with.
   const std::vector<std::string>& lastLaunchArguments() const;
+  // How the supervised engine last ended, for telling the user why it failed.
+  const std::optional<platform::ExitStatus>& lastExit() const;
   base::Signal<>& changed();
 
   bridge::DaemonClient& client();

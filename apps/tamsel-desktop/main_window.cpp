@@ -1,0 +1,405 @@
+#include "main_window.hpp"
+
+#include <QAction>
+#include <QApplication>
+#include <QClipboard>
+#include <QComboBox>
+#include <QDate>
+#include <QDir>
+#include <QFileDialog>
+#include <QGuiApplication>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListView>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QScrollBar>
+#include <QSplitter>
+#include <QVBoxLayout>
+
+#include "approval_notifier.hpp"
+#include "composer.hpp"
+#include "diagnostics.hpp"
+#include "engine_bar.hpp"
+#include "message_delegate.hpp"
+#include "queue_panel.hpp"
+#include "request_cards.hpp"
+#include "session_list_model.hpp"
+#include "tamsel/app/desktop_services.hpp"
+#include "tamsel/desktop/daemon_chat_view_model.hpp"
+#include "transcript_model.hpp"
+
+namespace tamsel::desktopui {
+
+using desktop::DaemonChatViewModel;
+using desktop::DaemonManager;
+
+const std::vector<ShortcutHelp>& shortcutTable() {
+  static const std::vector<ShortcutHelp> table{
+      {"Enter", "send the message (queued while a reply runs)"},
+      {"Shift+Enter", "new line in the message"},
+      {"Ctrl+Enter", "add the message to the running reply (inject)"},
+      {"Ctrl+Shift+Enter", "stop the reply and send the queue now"},
+      {"Ctrl+.", "stop the running reply"},
+      {"Ctrl+N", "new session"},
+      {"Ctrl+F", "search sessions"},
+      {"Ctrl+L", "go to the message field"},
+      {"Ctrl+1 / Ctrl+2", "go to the sessions / the transcript"},
+      {"Ctrl+C (in the transcript)", "copy the selected message (its Markdown)"},
+      {"Ctrl+PgUp / Ctrl+PgDown", "previous / next session"},
+      {"Alt+O, Alt+S, Alt+A, Alt+D", "approve once, for the session, always; deny"},
+      {"Alt+N / Alt+E", "answer / decline a question"},
+      {"F2 / Delete (in the queue)", "edit / retract a queued message"},
+      {"Ctrl+R", "start the engine again"},
+      {"F5", "reload the session"},
+      {"Ctrl+Shift+D", "export diagnostics to a file"},
+      {"F1", "this list"},
+      {"Shift+F1", "about Tamsel Desktop (version and revision)"},
+      {"Ctrl+Q", "quit"},
+  };
+  return table;
+}
+
+MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notifications,
+                       QWidget* parent)
+    : QMainWindow(parent), services_(services), vm_(services.makeChatViewModel()) {
+  notifier_ = std::make_unique<ApprovalNotifier>(*vm_, std::move(notifications),
+                                                 [this] { return !isActiveWindow(); });
+  setWindowTitle(tr("Tamsel"));
+  setAccessibleName(tr("Tamsel"));
+  auto& manager = services_.daemonManager();
+  engineBar_ = new EngineBar(manager, services_.daemonPaths().engineLogPath(), this);
+
+  // Sidebar.
+  agents_ = new QComboBox(this);
+  agents_->setAccessibleName(tr("Agent"));
+  search_ = new QLineEdit(this);
+  search_->setPlaceholderText(tr("Search sessions"));
+  search_->setAccessibleName(tr("Search sessions"));
+  search_->setClearButtonEnabled(true);
+  newSession_ = new QPushButton(tr("New session"), this);
+  newSession_->setAccessibleName(tr("New session"));
+  newSession_->setToolTip(tr("Ctrl+N"));
+  sessionModel_ = new SessionListModel(*vm_, this);
+  sessions_ = new QListView(this);
+  sessions_->setModel(sessionModel_);
+  sessions_->setAccessibleName(tr("Sessions"));
+  sessions_->setEditTriggers(QAbstractItemView::NoEditTriggers);
+  sessions_->setUniformItemSizes(true);
+  auto* sidebar = new QWidget(this);
+  auto* sideColumn = new QVBoxLayout(sidebar);
+  sideColumn->setContentsMargins(4, 4, 4, 4);
+  sideColumn->addWidget(agents_);
+  sideColumn->addWidget(search_);
+  sideColumn->addWidget(newSession_);
+  sideColumn->addWidget(sessions_, 1);
+
+  // Conversation.
+  transcriptModel_ = new TranscriptModel(vm_->transcript(), this);
+  transcript_ = new QListView(this);
+  transcript_->setAccessibleName(tr("Transcript"));
+  transcript_->setModel(transcriptModel_);
+  delegate_ = new MessageDelegate(transcript_);
+  transcript_->setItemDelegate(delegate_);
+  transcript_->setVerticalScrollMode(QAbstractItemView::ScrollPerPixel);
+  transcript_->setResizeMode(QListView::Adjust);
+  transcript_->setWordWrap(true);
+  transcript_->setEditTriggers(QAbstractItemView::NoEditTriggers);
+  transcript_->setSelectionMode(QAbstractItemView::SingleSelection);
+  // Rows are laid out in batches, so a long session paints its first screen at once.
+  transcript_->setLayoutMode(QListView::Batched);
+  transcript_->setBatchSize(200);
+  status_ = new QLabel(this);
+  status_->setAccessibleName(tr("Status"));
+  status_->setWordWrap(true);
+  status_->setTextFormat(Qt::PlainText);
+  cards_ = new RequestCards(*vm_, this);
+  queue_ = new QueuePanel(*vm_, this);
+  composer_ = new Composer(this);
+  sendButton_ = new QPushButton(tr("Send"), this);
+  sendButton_->setAccessibleName(tr("Send the message"));
+  sendButton_->setToolTip(tr("Enter"));
+  stopButton_ = new QPushButton(tr("Stop"), this);
+  stopButton_->setAccessibleName(tr("Stop the running reply"));
+  stopButton_->setToolTip(tr("Ctrl+."));
+  auto* composerRow = new QHBoxLayout;
+  composerRow->addWidget(composer_, 1);
+  auto* composerButtons = new QVBoxLayout;
+  composerButtons->addWidget(sendButton_);
+  composerButtons->addWidget(stopButton_);
+  composerButtons->addStretch();
+  composerRow->addLayout(composerButtons);
+  auto* conversation = new QWidget(this);
+  auto* convColumn = new QVBoxLayout(conversation);
+  convColumn->setContentsMargins(4, 4, 4, 4);
+  convColumn->addWidget(transcript_, 1);
+  convColumn->addWidget(status_);
+  convColumn->addWidget(cards_);
+  convColumn->addWidget(queue_);
+  convColumn->addLayout(composerRow);
+
+  auto* splitter = new QSplitter(this);
+  splitter->addWidget(sidebar);
+  splitter->addWidget(conversation);
+  splitter->setStretchFactor(1, 1);
+  splitter->setSizes({240, 760});
+  auto* central = new QWidget(this);
+  auto* column = new QVBoxLayout(central);
+  column->setContentsMargins(0, 0, 0, 0);
+  column->setSpacing(0);
+  column->addWidget(engineBar_);
+  column->addWidget(splitter, 1);
+  setCentralWidget(central);
+  resize(1000, 700);
+
+  connect(sendButton_, &QPushButton::clicked, this, &MainWindow::send);
+  connect(stopButton_, &QPushButton::clicked, this, &MainWindow::cancelReply);
+  connect(newSession_, &QPushButton::clicked, this, &MainWindow::newSession);
+  connect(composer_, &Composer::sendRequested, this, &MainWindow::send);
+  connect(composer_, &Composer::injectRequested, this, &MainWindow::inject);
+  connect(composer_, &QPlainTextEdit::textChanged, this, [this] {
+    if (!loadingDraft_) vm_->setComposerText(composer_->toPlainText().toStdString());
+  });
+  connect(search_, &QLineEdit::textChanged, sessionModel_, &SessionListModel::setFilter);
+  connect(sessions_, &QListView::activated, this,
+          [this](const QModelIndex& index) { openSessionAt(index.row()); });
+  connect(sessions_, &QListView::clicked, this,
+          [this](const QModelIndex& index) { openSessionAt(index.row()); });
+  connect(agents_, &QComboBox::activated, this, [this](int index) {
+    vm_->selectAgent(agents_->itemData(index).toString().toStdString());
+  });
+  // Keep the newest text in view while a reply grows, unless the user scrolled up to read.
+  auto* bar = transcript_->verticalScrollBar();
+  connect(bar, &QScrollBar::valueChanged, this,
+          [this, bar](int value) { followTail_ = value >= bar->maximum() - 2; });
+  connect(bar, &QScrollBar::rangeChanged, this, [this, bar](int, int maximum) {
+    if (followTail_) bar->setValue(maximum);
+  });
+  connect(queue_, &QueuePanel::sendNowRequested, this, &MainWindow::sendNow);
+  connect(engineBar_, &EngineBar::diagnosticsRequested, this, &MainWindow::exportDiagnosticsFile);
+
+  const auto watch = [this](base::Signal<>& signal, std::function<void()> slot) {
+    connections_.emplace_back(&signal, signal.connect(std::move(slot)));
+  };
+  watch(manager.changed(), [this] { onEngineChanged(); });
+  watch(vm_->transcript().changed(), [this] { onTranscriptChanged(); });
+  watch(vm_->sidebar().changed(), [this] { refreshAgents(); });
+  watch(vm_->replies().changed(), [this] { refreshStatus(); });
+  watch(vm_->status().changed(), [this] { refreshStatus(); });
+  watch(vm_->requests().changed(), [this] { refreshStatus(); });
+
+  buildActions();
+  onEngineChanged();
+  onTranscriptChanged();
+  refreshAgents();
+  refreshStatus();
+  composer_->setFocus();
+}
+
+MainWindow::~MainWindow() {
+  for (auto& [signal, connection] : connections_) signal->disconnect(connection);
+  // Views and models that read the controller go before it (Qt would delete them after).
+  delete centralWidget();
+  delete sessionModel_;
+  delete transcriptModel_;
+}
+
+void MainWindow::buildActions() {
+  const auto add = [this](const QKeySequence& keys, const QString& name, auto slot) {
+    auto* action = new QAction(name, this);
+    action->setShortcut(keys);
+    action->setShortcutContext(Qt::WindowShortcut);
+    connect(action, &QAction::triggered, this, slot);
+    addAction(action);
+    return action;
+  };
+  add(QKeySequence(Qt::CTRL | Qt::Key_N), tr("New session"), [this] { newSession(); });
+  add(QKeySequence(Qt::CTRL | Qt::Key_Period), tr("Stop the reply"), [this] { cancelReply(); });
+  add(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Return), tr("Send the queue now"),
+      [this] { sendNow(); });
+  add(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Enter), tr("Send the queue now"),
+      [this] { sendNow(); });
+  add(QKeySequence(Qt::CTRL | Qt::Key_F), tr("Search sessions"), [this] {
+    search_->setFocus();
+    search_->selectAll();
+  });
+  add(QKeySequence(Qt::CTRL | Qt::Key_L), tr("Message field"), [this] { composer_->setFocus(); });
+  add(QKeySequence(Qt::CTRL | Qt::Key_1), tr("Sessions"), [this] { sessions_->setFocus(); });
+  add(QKeySequence(Qt::CTRL | Qt::Key_2), tr("Transcript"), [this] { transcript_->setFocus(); });
+  add(QKeySequence(Qt::CTRL | Qt::Key_PageUp), tr("Previous session"), [this] { moveSession(-1); });
+  add(QKeySequence(Qt::CTRL | Qt::Key_PageDown), tr("Next session"), [this] { moveSession(1); });
+  add(QKeySequence(Qt::CTRL | Qt::Key_R), tr("Start the engine again"),
+      [this] { engineBar_->retry(); });
+  add(QKeySequence(Qt::Key_F5), tr("Reload the session"), [this] { vm_->refreshCurrentSession(); });
+  add(QKeySequence(Qt::Key_F1), tr("Keyboard shortcuts"), [this] { showShortcuts(); });
+  add(QKeySequence(Qt::SHIFT | Qt::Key_F1), tr("About Tamsel Desktop"), [this] { showAbout(); });
+  add(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_D), tr("Export diagnostics"),
+      [this] { exportDiagnosticsFile(); });
+  // Ctrl+C in the transcript copies the selected message as its Markdown source (code blocks
+  // included, as typed).
+  auto* copy = new QAction(tr("Copy the message"), transcript_);
+  copy->setShortcut(QKeySequence::Copy);
+  copy->setShortcutContext(Qt::WidgetShortcut);
+  transcript_->addAction(copy);
+  connect(copy, &QAction::triggered, this, [this] {
+    const auto index = transcript_->currentIndex();
+    if (index.isValid())
+      QGuiApplication::clipboard()->setText(index.data(TranscriptModel::MarkdownRole).toString());
+  });
+  add(QKeySequence(Qt::CTRL | Qt::Key_Q), tr("Quit"), [this] { close(); });
+}
+
+void MainWindow::showShortcuts() {
+  QString text;
+  for (const auto& row : shortcutTable())
+    text +=
+        QString::fromUtf8(row.keys) + QStringLiteral("\t") + tr(row.action) + QStringLiteral("\n");
+  QMessageBox box(QMessageBox::Information, tr("Keyboard shortcuts"), text, QMessageBox::Close,
+                  this);
+  box.setAccessibleName(tr("Keyboard shortcuts"));
+  box.exec();
+}
+
+void MainWindow::showAbout() {
+  // The same version string `tamsel --version` prints and the engine is told.
+  QMessageBox box(QMessageBox::Information, tr("About Tamsel Desktop"),
+                  tr("Tamsel Desktop %1\nQt %2")
+                      .arg(QApplication::applicationVersion(), QString::fromLatin1(qVersion())),
+                  QMessageBox::Close, this);
+  box.setAccessibleName(tr("About Tamsel Desktop"));
+  box.exec();
+}
+
+void MainWindow::exportDiagnosticsFile() {
+  const auto suggested = QDir::home().filePath(
+      QStringLiteral("tamsel-diagnostics-%1.txt").arg(QDate::currentDate().toString(Qt::ISODate)));
+  const auto file = QFileDialog::getSaveFileName(this, tr("Export diagnostics"), suggested,
+                                                 tr("Text files (*.txt)"));
+  if (file.isEmpty()) return;
+  try {
+    exportDiagnostics(services_, file.toStdString());
+    status_->setText(tr("Diagnostics saved to %1").arg(file));
+  } catch (const std::exception& e) {
+    status_->setText(tr("Could not save the diagnostics: %1").arg(QString::fromUtf8(e.what())));
+  }
+  status_->setVisible(true);
+}
+
+void MainWindow::onEngineChanged() {
+  auto& manager = services_.daemonManager();
+  const bool running = manager.state().kind == DaemonManager::State::Kind::running;
+  if (running && !chatStarted_) {
+    chatStarted_ = true;
+    vm_->start();
+  } else if (running) {
+    // The engine came back (a restart): its sessions may have moved on.
+    vm_->reloadSidebar();
+  }
+  sendButton_->setEnabled(running);
+}
+
+void MainWindow::onTranscriptChanged() {
+  const auto key = vm_->currentSessionKey();
+  if (key != shownKey_) {
+    // Another session: its own draft comes back.
+    shownKey_ = key;
+    loadingDraft_ = true;
+    composer_->setPlainText(QString::fromStdString(vm_->composerText()));
+    composer_->moveCursor(QTextCursor::End);
+    loadingDraft_ = false;
+    followTail_ = true;
+    transcript_->scrollToBottom();
+    if (key) {
+      const int row = sessionModel_->rowOf(vm_->sessionIdentityRegistry().realID(*key));
+      if (row >= 0) sessions_->setCurrentIndex(sessionModel_->index(row));
+    }
+  }
+  const auto title = vm_->currentSessionTitle();
+  setWindowTitle(title ? QString::fromStdString(*title) + QStringLiteral(" — Tamsel")
+                       : tr("Tamsel"));
+}
+
+void MainWindow::refreshAgents() {
+  const auto& agents = vm_->agents();
+  QStringList names;
+  for (const auto& a : agents) names << QString::fromStdString(a.name);
+  QStringList shown;
+  for (int i = 0; i < agents_->count(); ++i) shown << agents_->itemData(i).toString();
+  if (names != shown) {
+    agents_->clear();
+    for (const auto& a : agents)
+      agents_->addItem(QString::fromStdString(a.displayName.value_or(a.name)),
+                       QString::fromStdString(a.name));
+  }
+  if (const auto& selected = vm_->selectedAgent()) {
+    const int index = agents_->findData(QString::fromStdString(*selected));
+    if (index >= 0 && index != agents_->currentIndex()) agents_->setCurrentIndex(index);
+  }
+}
+
+void MainWindow::refreshStatus() {
+  QString text;
+  if (const auto& error = vm_->errorMessage())
+    text = QString::fromStdString(*error);
+  else if (vm_->isCancelling())
+    text = tr("Stopping the reply…");
+  else if (vm_->isStreamActive()) {
+    const auto& status = vm_->streamingStatus();
+    text = status.activityLine.empty() ? tr("The agent is replying…")
+                                       : QString::fromStdString(status.activityLine);
+  } else if (const auto& notice = vm_->notice())
+    text = QString::fromStdString(*notice);
+  status_->setText(text);
+  status_->setVisible(!text.isEmpty());
+  stopButton_->setEnabled(vm_->isStreamActive());
+}
+
+void MainWindow::send() {
+  const auto text = composer_->toPlainText();
+  if (text.trimmed().isEmpty()) return;
+  if (vm_->submit(text.toStdString()) == DaemonChatViewModel::SubmitOutcome::ignored) return;
+  composer_->clear();
+}
+
+void MainWindow::inject() {
+  const auto text = composer_->toPlainText();
+  if (text.trimmed().isEmpty()) return;
+  if (vm_->submit(text.toStdString(), true) == DaemonChatViewModel::SubmitOutcome::ignored) return;
+  composer_->clear();
+}
+
+void MainWindow::sendNow() {
+  const auto typed = composer_->toPlainText().trimmed();
+  if (vm_->queuedDrafts().empty() && typed.isEmpty()) return;
+  vm_->forceSendQueued(typed.toStdString());
+  composer_->clear();
+}
+
+void MainWindow::newSession() {
+  vm_->startNewSession();
+  composer_->setFocus();
+}
+
+void MainWindow::cancelReply() {
+  if (vm_->isStreamActive()) vm_->cancel();
+}
+
+void MainWindow::openSessionAt(int row) {
+  const auto id = sessionModel_->index(row).data(SessionListModel::IdRole).toString().toStdString();
+  if (id.empty()) return;
+  const auto current = vm_->currentSessionKey();
+  if (current && vm_->sessionIdentityRegistry().realID(*current) == id) return;
+  vm_->selectSession(id);
+}
+
+void MainWindow::moveSession(int step) {
+  const int rows = sessionModel_->rowCount();
+  if (rows == 0) return;
+  const int current = sessions_->currentIndex().isValid() ? sessions_->currentIndex().row() : -step;
+  const int next = std::clamp(current + step, 0, rows - 1);
+  sessions_->setCurrentIndex(sessionModel_->index(next));
+  openSessionAt(next);
+}
+
+}  // namespace tamsel::desktopui

@@ -1,0 +1,117 @@
+#pragma once
+// The chat window: the engine's state on top; agents and sessions on the left; the transcript,
+// the waiting approvals and questions, the queue and the composer on the right. A view over the
+// composition root's controllers (DaemonManager, a DaemonChatViewModel of its own): it holds no
+// conversation logic. Closing the window destroys its chat controller; the root stays.
+#include <QDBusConnection>
+#include <QMainWindow>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "tamsel/base/signal.hpp"
+
+class QComboBox;
+class QLabel;
+class QLineEdit;
+class QListView;
+class QPushButton;
+
+namespace tamsel::app {
+class DesktopServices;
+}
+namespace tamsel::desktop {
+class DaemonChatViewModel;
+}
+
+namespace tamsel::desktopui {
+
+class ApprovalNotifier;
+class Composer;
+class EngineBar;
+class MessageDelegate;
+class QueuePanel;
+class RequestCards;
+class SessionListModel;
+class TranscriptModel;
+
+// One row of the shortcut table shown by F1 and in the README.
+struct ShortcutHelp {
+  const char* keys;
+  const char* action;
+};
+const std::vector<ShortcutHelp>& shortcutTable();
+
+class MainWindow final : public QMainWindow {
+  Q_OBJECT
+ public:
+  // Approvals that arrive while the window is not active are also shown as desktop
+  // notifications on `notifications` (the session bus by default).
+  explicit MainWindow(app::DesktopServices& services,
+                      QDBusConnection notifications = QDBusConnection::sessionBus(),
+                      QWidget* parent = nullptr);
+  ~MainWindow() override;
+
+  desktop::DaemonChatViewModel& chat() { return *vm_; }
+  EngineBar& engineBar() { return *engineBar_; }
+  Composer& composer() { return *composer_; }
+  QListView& transcriptView() { return *transcript_; }
+  TranscriptModel& transcriptModel() { return *transcriptModel_; }
+  QListView& sessionView() { return *sessions_; }
+  SessionListModel& sessionModel() { return *sessionModel_; }
+  RequestCards& requestCards() { return *cards_; }
+  QueuePanel& queuePanel() { return *queue_; }
+  QLabel& statusLine() { return *status_; }
+  MessageDelegate& messageDelegate() { return *delegate_; }
+  ApprovalNotifier& notifier() { return *notifier_; }
+
+ public Q_SLOTS:
+  void send();
+  void inject();
+  void newSession();
+  void cancelReply();
+  // Stops the running reply and sends the queue and the typed text as one message.
+  void sendNow();
+  void showShortcuts();
+  void showAbout();
+  // Asks where, then saves the diagnostics file there.
+  void exportDiagnosticsFile();
+
+ private:
+  void buildActions();
+  void onEngineChanged();
+  void onTranscriptChanged();
+  void refreshAgents();
+  void refreshStatus();
+  void openSessionAt(int row);
+  void moveSession(int step);
+
+  app::DesktopServices& services_;
+  std::unique_ptr<desktop::DaemonChatViewModel> vm_;
+  // After the controller, so it goes first.
+  std::unique_ptr<ApprovalNotifier> notifier_;
+  bool chatStarted_ = false;
+  std::optional<std::string> shownKey_;
+  bool loadingDraft_ = false;
+  // The transcript follows its newest text while the user has not scrolled up.
+  bool followTail_ = true;
+  std::vector<std::pair<base::Signal<>*, base::Signal<>::Connection>> connections_;
+
+  EngineBar* engineBar_;
+  QComboBox* agents_;
+  QLineEdit* search_;
+  QPushButton* newSession_;
+  QListView* sessions_;
+  SessionListModel* sessionModel_;
+  QListView* transcript_;
+  TranscriptModel* transcriptModel_;
+  MessageDelegate* delegate_;
+  QLabel* status_;
+  RequestCards* cards_;
+  QueuePanel* queue_;
+  Composer* composer_;
+  QPushButton* sendButton_;
+  QPushButton* stopButton_;
+};
+
+}  // namespace tamsel::desktopui

@@ -1,0 +1,54 @@
+#include "screen_report.hpp"
+
+#include <QAbstractButton>
+#include <QComboBox>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListView>
+#include <QPlainTextEdit>
+
+namespace tamsel::desktopui {
+
+namespace {
+QString line(const char* kind, QString text, QWidget* widget, QRect rect) {
+  const QPoint centre = widget->mapToGlobal(rect.center());
+  text.replace(QLatin1Char('\n'), QLatin1Char(' ')).replace(QLatin1Char('\t'), QLatin1Char(' '));
+  return QStringLiteral("%1\t%2\t%3,%4\n")
+      .arg(QString::fromLatin1(kind), text)
+      .arg(centre.x())
+      .arg(centre.y());
+}
+}  // namespace
+
+QString describeVisible(QWidget* window) {
+  QString out;
+  for (auto* w : window->findChildren<QWidget*>()) {
+    if (!w->isVisible()) continue;
+    if (auto* label = qobject_cast<QLabel*>(w)) {
+      if (!label->text().isEmpty()) out += line("label", label->text(), w, w->rect());
+    } else if (auto* button = qobject_cast<QAbstractButton*>(w)) {
+      out += line("button", QString(button->text()).remove(QLatin1Char('&')), w, w->rect());
+    } else if (auto* edit = qobject_cast<QPlainTextEdit*>(w)) {
+      out += line("text", edit->toPlainText(), w, w->rect());
+    } else if (auto* field = qobject_cast<QLineEdit*>(w)) {
+      out += line("field", field->text(), w, w->rect());
+    } else if (auto* combo = qobject_cast<QComboBox*>(w)) {
+      out += line("choice", combo->currentText(), w, w->rect());
+    } else if (auto* list = qobject_cast<QListView*>(w)) {
+      const auto* model = list->model();
+      for (int row = 0; model && row < model->rowCount(); ++row) {
+        const auto index = model->index(row, 0);
+        const QRect rect = list->visualRect(index);
+        if (!rect.isValid() || !list->viewport()->rect().intersects(rect)) continue;
+        out += line("row",
+                    index.data(Qt::AccessibleTextRole).toString().isEmpty()
+                        ? index.data().toString()
+                        : index.data(Qt::AccessibleTextRole).toString(),
+                    list->viewport(), rect);
+      }
+    }
+  }
+  return out;
+}
+
+}  // namespace tamsel::desktopui

@@ -1,0 +1,583 @@
+// The desktop window against the engine simulator, started by the window's own supervisor:
+// sending and streaming, approval and question cards, the queue, switching sessions, drafts kept
+// across a restart of the window, an engine that crashes or is missing, and accessible names.
+#include <signal.h>
+
+#include <QAbstractButton>
+#include <QAbstractItemView>
+#include <QAccessible>
+#include <QClipboard>
+#include <QComboBox>
+#include <QDBusConnection>
+#include <QDBusMetaType>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListView>
+#include <QPlainTextEdit>
+#include <QProcess>
+#include <QPushButton>
+#include <QRadioButton>
+#include <QSignalSpy>
+#include <QtTest>
+#include <fstream>
+
+#include "../integration/sim_harness.hpp"
+#include "approval_notifier.hpp"
+#include "composer.hpp"
+#include "diagnostics.hpp"
+#include "engine_bar.hpp"
+#include "main_window.hpp"
+#include "qt_main_executor.hpp"
+#include "queue_panel.hpp"
+#include "request_cards.hpp"
+#include "session_list_model.hpp"
+#include "tamsel/app/desktop_services.hpp"
+#include "tamsel/base/json.hpp"
+#include "tamsel/desktop/daemon_chat_view_model.hpp"
+#include "transcript_model.hpp"
+
+using namespace tamsel;
+using desktopui::MainWindow;
+using Kind = desktop::DaemonManager::State::Kind;
+
+namespace {
+
+constexpr int kTimeout = 15000;
+
+// One window over its own composition root, with the engine in a private home.
+struct Desktop {
+  Desktop(desktopui::QtMainExecutor& main, const std::filesystem::path& root,
+          std::optional<std::string> verdBinary = test::simPath().string(),
+          std::vector<std::string> extraEngineArguments = {}, std::uint16_t port = 0,
+          QDBusConnection notifications = QDBusConnection(QStringLiteral("not-connected")))
+      : port(port ? port : test::freePort()),
+        services(main, environment(root, verdBinary), options(root, extraEngineArguments)) {
+    window = std::make_unique<MainWindow>(services, notifications);
+    window->show();
+    services.daemonManager().start();
+  }
+  // Bounded even when the test failed half-way: no engine is left behind.
+  ~Desktop() {
+    window.reset();
+    auto& manager = services.daemonManager();
+    const auto pid = manager.enginePID();
+    bool stopped = false;
+    manager.stop([&] { stopped = true; }, 3);
+    QElapsedTimer waited;
+    waited.start();
+    while (!stopped && waited.elapsed() < kTimeout)
+      QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
+    if (!stopped && pid) ::kill(*pid, SIGKILL);
+  }
+
+  static base::env::Environment environment(const std::filesystem::path& root,
+                                            std::optional<std::string> verdBinary) {
+    base::env::Environment env;
+    env.home = root.string();
+    env.xdgDataHome = (root / "data").string();
+    env.xdgConfigHome = (root / "config").string();
+    env.verdBinary = std::move(verdBinary);
+    return env;
+  }
+  app::DesktopOptions options(const std::filesystem::path& root, std::vector<std::string> extra) {
+    app::DesktopOptions o;
+    o.enginePort = port;
+    o.engineHome = root / "verdane";
+    o.engineArguments = {"daemon",
+                         "--port",
+                         "{port}",
+                         "--engine-home",
+                         (root / "verdane").string(),
+                         "--record",
+                         (root / "requests.jsonl").string()};
+    o.engineArguments.insert(o.engineArguments.end(), extra.begin(), extra.end());
+    o.supervision.restartDelaySeconds = 0.3;
+    o.supervision.readinessIntervalSeconds = 0.2;
+    o.supervision.terminateGraceSeconds = 1;
+    return o;
+  }
+
+  desktop::DaemonChatViewModel& chat() { return window->chat(); }
+  bool engineRunning() { return services.daemonManager().state().kind == Kind::running; }
+  bool chatReady() { return engineRunning() && !chat().sessions().empty(); }
+
+  std::uint16_t port;
+  app::DesktopServices services;
+  std::unique_ptr<MainWindow> window;
+};
+
+// The bodies of the requests the simulator received on `path`.
+std::vector<boost::json::value> requestBodies(const std::filesystem::path& root,
+                                              const std::string& path) {
+  std::vector<boost::json::value> out;
+  std::ifstream in(root / "requests.jsonl");
+  for (std::string line; std::getline(in, line);) {
+    auto record = base::json::parse(line);
+    if (record.at("path").as_string() == path) out.push_back(record.at("body"));
+  }
+  return out;
+}
+
+void type(MainWindow& window, const QString& text) {
+  window.composer().setFocus();
+  QTest::keyClicks(&window.composer(), text);
+}
+
+QString lastMessage(MainWindow& window) {
+  auto& model = window.transcriptModel();
+  if (model.rowCount() == 0) return {};
+  return model.index(model.rowCount() - 1)
+      .data(desktopui::TranscriptModel::MarkdownRole)
+      .toString();
+}
+
+template <class T>
+T* findButton(QWidget* in, const QString& text) {
+  for (auto* b : in->findChildren<T*>())
+    if (b->text() == text && b->isVisible()) return b;
+  return nullptr;
+}
+
+// A notification server on a private bus: records what it is asked to show, and lets the test
+// press a notification's button.
+class FakeNotifications final : public QObject {
+  Q_OBJECT
+  Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
+ public:
+  struct Shown {
+    uint id;
+    QString summary, body;
+    QStringList actions;
+  };
+  std::vector<Shown> shown;
+  std::vector<uint> closed;
+
+ public Q_SLOTS:
+  uint Notify(const QString&, uint, const QString&, const QString& summary, const QString& body,
+              const QStringList& actions, const QVariantMap&, int) {
+    shown.push_back({static_cast<uint>(shown.size() + 1), summary, body, actions});
+    return shown.back().id;
+  }
+  void CloseNotification(uint id) { closed.push_back(id); }
+  QStringList GetCapabilities() { return {QStringLiteral("actions"), QStringLiteral("body")}; }
+
+ Q_SIGNALS:
+  void ActionInvoked(uint id, const QString& action);
+  void NotificationClosed(uint id, uint reason);
+};
+
+}  // namespace
+
+class DesktopWindowTest : public QObject {
+  Q_OBJECT
+  std::unique_ptr<desktopui::QtMainExecutor> main;
+  std::unique_ptr<test::TempDir> dir;
+
+ private Q_SLOTS:
+  void init() {
+    main = std::make_unique<desktopui::QtMainExecutor>();
+    dir = std::make_unique<test::TempDir>();
+  }
+  void cleanup() {
+    dir.reset();
+    main.reset();
+  }
+
+  void sendsAndStreamsIntoOneRow() {
+    Desktop d(*main, dir->path());
+    QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
+    QCOMPARE(d.window->engineBar().stateText(), QStringLiteral("Tamsel Engine is running"));
+    QTest::keyClick(d.window.get(), Qt::Key_N, Qt::ControlModifier);
+    QVERIFY(d.chat().currentPendingSessionLocalID());
+    const auto pending = *d.chat().currentPendingSessionLocalID();
+    QTRY_VERIFY(d.window->sessionModel().rowOf(pending) >= 0);
+    auto& model = d.window->transcriptModel();
+    QSignalSpy resets(&model, &QAbstractItemModel::modelReset);
+    QSignalSpy changes(&model, &QAbstractItemModel::dataChanged);
+    type(*d.window, QStringLiteral("tell me [slow]"));
+    QTest::keyClick(&d.window->composer(), Qt::Key_Return, Qt::ShiftModifier);
+    QTest::keyClicks(&d.window->composer(), QStringLiteral("in two lines"));
+    QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+    QVERIFY(d.window->composer().toPlainText().isEmpty());
+    QTRY_COMPARE(model.rowCount(), 2);
+    QCOMPARE(model.index(0).data(desktopui::TranscriptModel::MarkdownRole).toString(),
+             QStringLiteral("tell me [slow]\nin two lines"));
+    // The reply grows in place: its own row changes, the list is never reloaded.
+    QTRY_VERIFY_WITH_TIMEOUT(changes.size() >= 2 && !lastMessage(*d.window).isEmpty(), kTimeout);
+    QVERIFY(d.chat().isStreamActive());
+    QTRY_VERIFY_WITH_TIMEOUT(!d.chat().isStreamActive(), kTimeout);
+    QCOMPARE(resets.size(), 0);
+    QCOMPARE(model.rowCount(), 2);
+    QVERIFY(lastMessage(*d.window).contains(QStringLiteral("tell me")));
+    // A message is copied from the transcript as its Markdown source.
+    d.window->transcriptView().setFocus();
+    d.window->transcriptView().setCurrentIndex(model.index(0));
+    QTest::keyClick(&d.window->transcriptView(), Qt::Key_C, Qt::ControlModifier);
+    QCOMPARE(QGuiApplication::clipboard()->text(), QStringLiteral("tell me [slow]\nin two lines"));
+    // The stop button follows the reply.
+    QPushButton* stop = nullptr;
+    for (auto* b : d.window->findChildren<QPushButton*>())
+      if (b->accessibleName() == QStringLiteral("Stop the running reply")) stop = b;
+    QVERIFY(stop && !stop->isEnabled());
+    const auto sent = requestBodies(dir->path(), "/message");
+    QCOMPARE(sent.size(), std::size_t{1});
+    QCOMPARE(QString::fromStdString(std::string(sent[0].at("text").as_string())),
+             QStringLiteral("tell me [slow]\nin two lines"));
+    // The new session shows in the sidebar once the engine names it, in place of its pending row.
+    QTRY_VERIFY_WITH_TIMEOUT(d.window->sessionModel().rowOf(*d.chat().currentSessionID()) >= 0,
+                             kTimeout);
+    QTRY_COMPARE_WITH_TIMEOUT(d.window->sessionModel().rowOf(pending), -1, kTimeout);
+  }
+
+  void approvesFromTheCardAndByKeyboard() {
+    Desktop d(*main, dir->path());
+    QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
+    d.window->newSession();
+    type(*d.window, QStringLiteral("tidy up [approval]"));
+    QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+    auto& cards = d.window->requestCards();
+    QTRY_COMPARE_WITH_TIMEOUT(cards.cardCount(), 1, kTimeout);
+    auto* card = cards.firstCard();
+    QVERIFY(card->findChild<QLabel*>() != nullptr);
+    QVERIFY(findButton<QPushButton>(card, QStringLiteral("Allow for this &session")));
+    QVERIFY(findButton<QPushButton>(card, QStringLiteral("&Always allow")));
+    QVERIFY(findButton<QPushButton>(card, QStringLiteral("&Deny")));
+    QTest::mouseClick(findButton<QPushButton>(card, QStringLiteral("Allow &once")), Qt::LeftButton);
+    QTRY_COMPARE_WITH_TIMEOUT(cards.cardCount(), 0, kTimeout);
+    QTRY_VERIFY_WITH_TIMEOUT(!d.chat().isStreamActive(), kTimeout);
+    auto approvals = requestBodies(dir->path(), "/approval");
+    QCOMPARE(approvals.size(), std::size_t{1});
+    QCOMPARE(std::string(approvals[0].at("decision").as_string()), std::string("once"));
+    QCOMPARE(d.window->statusLine().text(),
+             QStringLiteral(
+                 "Allowed for this turn. High-risk commands are never saved as Always Allow."));
+
+    // The next one is denied from the keyboard (Alt+D), the card's mnemonic.
+    type(*d.window, QStringLiteral("again [approval]"));
+    QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+    QTRY_COMPARE_WITH_TIMEOUT(cards.cardCount(), 1, kTimeout);
+    QTest::keyClick(d.window.get(), Qt::Key_D, Qt::AltModifier);
+    QTRY_COMPARE_WITH_TIMEOUT(cards.cardCount(), 0, kTimeout);
+    approvals = requestBodies(dir->path(), "/approval");
+    QCOMPARE(approvals.size(), std::size_t{2});
+    QCOMPARE(std::string(approvals[1].at("decision").as_string()), std::string("deny"));
+  }
+
+  void anApprovalWaitingInAnotherSessionSaysWhere() {
+    Desktop d(*main, dir->path());
+    QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
+    d.window->newSession();
+    type(*d.window, QStringLiteral("prune old branches [approval]"));
+    QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+    auto& cards = d.window->requestCards();
+    QTRY_COMPARE_WITH_TIMEOUT(cards.cardCount(), 1, kTimeout);
+    QTRY_VERIFY_WITH_TIMEOUT(d.chat().currentSessionID().has_value(), kTimeout);
+    const auto waitingIn = *d.chat().currentSessionID();
+    const auto go = [&] {
+      return findButton<QPushButton>(cards.firstCard(), QStringLiteral("Go there"));
+    };
+    QVERIFY(!go());
+    // Another session: the card stays, saying where it waits.
+    const auto other = std::find_if(d.chat().sessions().begin(), d.chat().sessions().end(),
+                                    [&](const auto& s) { return s.id != waitingIn; });
+    QVERIFY(other != d.chat().sessions().end());
+    d.chat().selectSession(other->id);
+    QTRY_VERIFY_WITH_TIMEOUT(go() != nullptr, kTimeout);
+    QCOMPARE(cards.cardCount(), 1);
+    QTest::mouseClick(go(), Qt::LeftButton);
+    QTRY_VERIFY_WITH_TIMEOUT(d.chat().currentSessionID() == waitingIn, kTimeout);
+    QTRY_VERIFY_WITH_TIMEOUT(!go(), kTimeout);
+    QTest::mouseClick(findButton<QPushButton>(cards.firstCard(), QStringLiteral("&Deny")),
+                      Qt::LeftButton);
+    QTRY_COMPARE_WITH_TIMEOUT(cards.cardCount(), 0, kTimeout);
+  }
+
+  void answersAQuestion() {
+    Desktop d(*main, dir->path());
+    QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
+    d.window->newSession();
+    type(*d.window, QStringLiteral("write it up [question]"));
+    QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+    auto& cards = d.window->requestCards();
+    QTRY_COMPARE_WITH_TIMEOUT(cards.cardCount(), 1, kTimeout);
+    auto* prose = findButton<QRadioButton>(cards.firstCard(), QStringLiteral("Prose"));
+    if (!prose)
+      for (auto* r : cards.firstCard()->findChildren<QRadioButton*>())
+        if (r->text().startsWith(QStringLiteral("Prose"))) prose = r;
+    QVERIFY(prose);
+    prose->click();
+    QTest::mouseClick(findButton<QPushButton>(cards.firstCard(), QStringLiteral("A&nswer")),
+                      Qt::LeftButton);
+    QTRY_COMPARE_WITH_TIMEOUT(cards.cardCount(), 0, kTimeout);
+    QTRY_VERIFY_WITH_TIMEOUT(!d.chat().isStreamActive(), kTimeout);
+    const auto answers = requestBodies(dir->path(), "/question");
+    QCOMPARE(answers.size(), std::size_t{1});
+    const auto& values = answers[0].at("answers").as_array().at(0).at("values").as_array();
+    QCOMPARE(values.size(), std::size_t{1});
+    QCOMPARE(std::string(values[0].as_string()), std::string("Prose"));
+    QVERIFY(lastMessage(*d.window).contains(QStringLiteral("Prose")));
+  }
+
+  void queuesWhileAReplyRunsAndSendsTheEditedQueue() {
+    Desktop d(*main, dir->path());
+    QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
+    d.window->newSession();
+    type(*d.window, QStringLiteral("first [slow]"));
+    QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+    QTRY_VERIFY_WITH_TIMEOUT(d.chat().isStreamActive(), kTimeout);
+    auto& queue = d.window->queuePanel();
+    QVERIFY(!queue.isVisible());
+    type(*d.window, QStringLiteral("second"));
+    QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+    type(*d.window, QStringLiteral("third"));
+    QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+    QTRY_VERIFY(queue.isVisible());
+    QCOMPARE(queue.model().rowCount(), 2);
+    // Edit the first queued message in place, retract the second from the keyboard.
+    QVERIFY(queue.model().setData(queue.model().index(0), QStringLiteral("second, edited"),
+                                  Qt::EditRole));
+    queue.list()->setCurrentIndex(queue.model().index(1));
+    queue.list()->setFocus();
+    QTest::keyClick(queue.list(), Qt::Key_Delete);
+    QCOMPARE(queue.model().rowCount(), 1);
+    QCOMPARE(queue.model().index(0).data().toString(), QStringLiteral("second, edited"));
+    // When the reply ends, what is left in the queue goes out as the next message.
+    QTRY_VERIFY_WITH_TIMEOUT(requestBodies(dir->path(), "/message").size() == 2, 30000);
+    QCOMPARE(std::string(requestBodies(dir->path(), "/message")[1].at("text").as_string()),
+             std::string("second, edited"));
+    QTRY_VERIFY_WITH_TIMEOUT(!queue.isVisible(), kTimeout);
+  }
+
+  void sendNowCancelsTheReplyAndSendsTheQueue() {
+    Desktop d(*main, dir->path());
+    QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
+    d.window->newSession();
+    type(*d.window, QStringLiteral("long one [slow]"));
+    QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+    QTRY_VERIFY_WITH_TIMEOUT(d.chat().isStreamActive(), kTimeout);
+    type(*d.window, QStringLiteral("urgent"));
+    QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+    QTRY_COMPARE(d.window->queuePanel().model().rowCount(), 1);
+    // What is typed and not yet sent goes with the queue.
+    type(*d.window, QStringLiteral("and this too"));
+    QTest::keyClick(d.window.get(), Qt::Key_Return, Qt::ControlModifier | Qt::ShiftModifier);
+    QVERIFY(d.window->composer().toPlainText().isEmpty());
+    QTRY_VERIFY_WITH_TIMEOUT(!requestBodies(dir->path(), "/cancel").empty(), kTimeout);
+    QTRY_VERIFY_WITH_TIMEOUT(requestBodies(dir->path(), "/message").size() == 2, kTimeout);
+    const std::string sent(requestBodies(dir->path(), "/message")[1].at("text").as_string());
+    QVERIFY2(
+        sent.find("urgent") != std::string::npos && sent.find("and this too") != std::string::npos,
+        sent.c_str());
+    QTRY_VERIFY_WITH_TIMEOUT(!d.window->queuePanel().isVisible(), kTimeout);
+  }
+
+  void switchesSessionsAndKeepsEachDraft() {
+    Desktop d(*main, dir->path());
+    QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
+    auto& sessions = d.window->sessionModel();
+    QTRY_VERIFY_WITH_TIMEOUT(sessions.rowCount() >= 2, kTimeout);
+    const auto first = sessions.index(0).data(desktopui::SessionListModel::IdRole).toString();
+    const auto second = sessions.index(1).data(desktopui::SessionListModel::IdRole).toString();
+    QTest::mouseClick(d.window->sessionView().viewport(), Qt::LeftButton, {},
+                      d.window->sessionView().visualRect(sessions.index(0)).center());
+    QTRY_VERIFY_WITH_TIMEOUT(d.chat().currentSessionID() == first.toStdString() &&
+                                 d.window->transcriptModel().rowCount() > 0,
+                             kTimeout);
+    type(*d.window, QStringLiteral("draft for the first"));
+    // Ctrl+PgDown: the next session, with an empty composer.
+    QTest::keyClick(d.window.get(), Qt::Key_PageDown, Qt::ControlModifier);
+    QTRY_VERIFY_WITH_TIMEOUT(d.chat().currentSessionID() == second.toStdString(), kTimeout);
+    QTRY_COMPARE(d.window->composer().toPlainText(), QString());
+    type(*d.window, QStringLiteral("draft for the second"));
+    QTest::keyClick(d.window.get(), Qt::Key_PageUp, Qt::ControlModifier);
+    QTRY_VERIFY_WITH_TIMEOUT(d.chat().currentSessionID() == first.toStdString(), kTimeout);
+    QTRY_COMPARE(d.window->composer().toPlainText(), QStringLiteral("draft for the first"));
+    QTRY_VERIFY_WITH_TIMEOUT(d.window->transcriptModel().rowCount() > 0, kTimeout);
+  }
+
+  void restoresADraftAfterTheWindowRestarts() {
+    std::string session;
+    const auto port = test::freePort();
+    {
+      Desktop d(*main, dir->path(), test::simPath().string(), {}, port);
+      QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
+      session = d.window->sessionModel()
+                    .index(0)
+                    .data(desktopui::SessionListModel::IdRole)
+                    .toString()
+                    .toStdString();
+      d.chat().selectSession(session);
+      QTRY_VERIFY_WITH_TIMEOUT(d.chat().currentSessionID() == session, kTimeout);
+      type(*d.window, QStringLiteral("half a thought"));
+    }
+    Desktop d(*main, dir->path(), test::simPath().string(), {}, port);
+    QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
+    QCOMPARE(d.window->composer().toPlainText(), QString());
+    d.chat().selectSession(session);
+    QTRY_COMPARE_WITH_TIMEOUT(d.window->composer().toPlainText(), QStringLiteral("half a thought"),
+                              kTimeout);
+  }
+
+  void showsAMissingEngineAndWhyAnEngineFailed() {
+    {
+      Desktop d(*main, dir->path(), (dir->path() / "no-such-verd").string());
+      QTRY_COMPARE_WITH_TIMEOUT(
+          d.window->engineBar().stateText(),
+          QStringLiteral("Engine not found — update Tamsel Desktop to reinstall"), kTimeout);
+      QVERIFY(findButton<QPushButton>(&d.window->engineBar(), QStringLiteral("&Retry")));
+    }
+    // An engine that dies at once, every time: after the restarts it is given up, and the bar
+    // says how it ended, how it was started and what it printed.
+    const auto broken = dir->path() / "broken-verd";
+    // It also prints its environment's presence token, which the diagnostics must not repeat.
+    std::ofstream(broken) << "#!/bin/sh\necho \"verd: config file is not valid JSON\" >&2\n"
+                             "echo \"verd: token=$TAMSEL_LOCAL_PRESENCE_TOKEN\" >&2\nexit 3\n";
+    std::filesystem::permissions(broken, std::filesystem::perms::owner_all);
+    Desktop d(*main, dir->path(), broken.string());
+    QTRY_COMPARE_WITH_TIMEOUT(d.services.daemonManager().state().kind, Kind::failed, 30000);
+    QVERIFY(d.window->engineBar().stateText().startsWith(QStringLiteral("Engine")));
+    auto* why = findButton<QPushButton>(&d.window->engineBar(), QStringLiteral("&Why?"));
+    QVERIFY(why);
+    const auto details = d.window->engineBar().failureDetails();
+    QVERIFY2(details.contains(QStringLiteral("exited with status 3")), qPrintable(details));
+    QVERIFY2(details.contains(QString::fromStdString(broken.string()) +
+                              QStringLiteral(" daemon --port")),
+             qPrintable(details));
+    QVERIFY2(details.contains(QStringLiteral("config file is not valid JSON")),
+             qPrintable(details));
+
+    // The diagnostics file: state, exit, command line and output, never the token.
+    const auto file = dir->path() / "diagnostics.txt";
+    desktopui::exportDiagnostics(d.services, file);
+    std::ifstream in(file);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const auto& token = d.services.presenceToken();
+    QVERIFY(token.size() > 20);
+    QVERIFY2(text.find(token) == std::string::npos, "the presence token is in the diagnostics");
+    QVERIFY(text.find("token=<presence token removed>") != std::string::npos);
+    QVERIFY(text.find("last exit: exited with status 3") != std::string::npos);
+    QVERIFY(text.find("config file is not valid JSON") != std::string::npos);
+    QVERIFY2(text.find("arguments: daemon --port") != std::string::npos, text.c_str());
+    QCOMPARE(std::filesystem::status(file).permissions() & std::filesystem::perms::all,
+             std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  }
+
+  void followsAnEngineThatCrashesAndComesBack() {
+    Desktop d(*main, dir->path());
+    QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
+    const auto pid = d.services.daemonManager().enginePID();
+    QVERIFY(pid);
+    QStringList seen;
+    auto& manager = d.services.daemonManager();
+    const auto connection =
+        manager.changed().connect([&] { seen << d.window->engineBar().stateText(); });
+    ::kill(*pid, SIGKILL);
+    QTRY_VERIFY_WITH_TIMEOUT(seen.contains(QStringLiteral("Tamsel Engine starting…")), kTimeout);
+    QTRY_VERIFY_WITH_TIMEOUT(d.engineRunning() && manager.enginePID() != pid, kTimeout);
+    QCOMPARE(d.window->engineBar().stateText(), QStringLiteral("Tamsel Engine is running"));
+    manager.changed().disconnect(connection);
+    // The chat works again on the new engine.
+    d.window->newSession();
+    type(*d.window, QStringLiteral("still there?"));
+    QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+    QTRY_VERIFY_WITH_TIMEOUT(!d.chat().isStreamActive() &&
+                                 lastMessage(*d.window).contains(QStringLiteral("still there")),
+                             kTimeout);
+  }
+
+  void approvesFromTheNotificationAction() {
+    QProcess bus;
+    bus.start(QStringLiteral("dbus-daemon"),
+              {QStringLiteral("--session"), QStringLiteral("--nofork"),
+               QStringLiteral("--print-address=1")});
+    if (!bus.waitForStarted(5000)) QSKIP("dbus-daemon is not installed");
+    QTRY_VERIFY_WITH_TIMEOUT(bus.canReadLine(), kTimeout);
+    const auto address = QString::fromUtf8(bus.readLine()).trimmed();
+    {
+      auto server = QDBusConnection::connectToBus(address, QStringLiteral("fake-notifications"));
+      FakeNotifications fake;
+      QVERIFY(server.registerObject(
+          QStringLiteral("/org/freedesktop/Notifications"), &fake,
+          QDBusConnection::ExportAllSlots | QDBusConnection::ExportAllSignals));
+      QVERIFY(server.registerService(QStringLiteral("org.freedesktop.Notifications")));
+      auto client = QDBusConnection::connectToBus(address, QStringLiteral("window"));
+      {
+        Desktop d(*main, dir->path(), test::simPath().string(), {}, 0, client);
+        QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
+        d.window->newSession();
+        type(*d.window, QStringLiteral("clean the build folder [approval]"));
+        QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+        // The user went to another window while the reply ran.
+        d.window->hide();
+        QTRY_COMPARE_WITH_TIMEOUT(fake.shown.size(), std::size_t{1}, kTimeout);
+        QCOMPARE(fake.shown[0].summary, QStringLiteral("Approval needed: bash"));
+        QCOMPARE(fake.shown[0].actions,
+                 (QStringList{QStringLiteral("once"), QStringLiteral("Allow once"),
+                              QStringLiteral("session"), QStringLiteral("Allow for this session"),
+                              QStringLiteral("always"), QStringLiteral("Always allow"),
+                              QStringLiteral("deny"), QStringLiteral("Deny")}));
+        QTRY_COMPARE_WITH_TIMEOUT(d.window->notifier().openCount(), std::size_t{1}, kTimeout);
+        Q_EMIT fake.ActionInvoked(fake.shown[0].id, QStringLiteral("session"));
+        QTRY_COMPARE_WITH_TIMEOUT(requestBodies(dir->path(), "/approval").size(), std::size_t{1},
+                                  kTimeout);
+        QCOMPARE(std::string(requestBodies(dir->path(), "/approval")[0].at("decision").as_string()),
+                 std::string("session"));
+        // Answered: the card goes and the notification is withdrawn.
+        QTRY_COMPARE_WITH_TIMEOUT(d.window->requestCards().cardCount(), 0, kTimeout);
+        QTRY_COMPARE_WITH_TIMEOUT(fake.closed, std::vector<uint>{fake.shown[0].id}, kTimeout);
+        // While the window is in front, the card alone is enough.
+        d.window->show();
+        QApplication::setActiveWindow(d.window.get());
+        QTRY_VERIFY_WITH_TIMEOUT(d.window->isActiveWindow(), kTimeout);
+        type(*d.window, QStringLiteral("and again [approval]"));
+        QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+        QTRY_COMPARE_WITH_TIMEOUT(d.window->requestCards().cardCount(), 1, kTimeout);
+        QTest::qWait(200);
+        QCOMPARE(fake.shown.size(), std::size_t{1});
+        QTest::mouseClick(
+            findButton<QPushButton>(d.window->requestCards().firstCard(), QStringLiteral("&Deny")),
+            Qt::LeftButton);
+        QTRY_COMPARE_WITH_TIMEOUT(d.window->requestCards().cardCount(), 0, kTimeout);
+      }
+      QDBusConnection::disconnectFromBus(QStringLiteral("window"));
+      QDBusConnection::disconnectFromBus(QStringLiteral("fake-notifications"));
+    }
+    bus.kill();
+    bus.waitForFinished(5000);
+  }
+
+  void everyControlHasAnAccessibleName() {
+    Desktop d(*main, dir->path());
+    QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
+    // With a card and a queue on screen, so their controls are checked too.
+    d.window->newSession();
+    type(*d.window, QStringLiteral("[approval] and [slow]"));
+    QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+    QTRY_COMPARE_WITH_TIMEOUT(d.window->requestCards().cardCount(), 1, kTimeout);
+    type(*d.window, QStringLiteral("queued"));
+    QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+    QTRY_VERIFY_WITH_TIMEOUT(d.window->queuePanel().isVisible(), kTimeout);
+    QStringList unnamed;
+    int checked = 0;
+    for (auto* widget : d.window->findChildren<QWidget*>()) {
+      const bool interactive =
+          qobject_cast<QAbstractButton*>(widget) || qobject_cast<QLineEdit*>(widget) ||
+          qobject_cast<QPlainTextEdit*>(widget) || qobject_cast<QComboBox*>(widget) ||
+          qobject_cast<QAbstractItemView*>(widget);
+      if (!interactive || !widget->isVisible()) continue;
+      ++checked;
+      auto* accessible = QAccessible::queryAccessibleInterface(widget);
+      const auto name = accessible ? accessible->text(QAccessible::Name).trimmed() : QString();
+      if (name.isEmpty())
+        unnamed << QString::fromLatin1(widget->metaObject()->className()) + QStringLiteral(" ") +
+                       widget->objectName();
+    }
+    QVERIFY2(unnamed.isEmpty(), qPrintable(unnamed.join(QStringLiteral(", "))));
+    QVERIFY2(checked >= 12, qPrintable(QString::number(checked)));
+    QTest::keyClick(d.window.get(), Qt::Key_Period, Qt::ControlModifier);
+    QTRY_VERIFY_WITH_TIMEOUT(!d.chat().isStreamActive(), kTimeout);
+  }
+};
+
+QTEST_MAIN(DesktopWindowTest)
+#include "desktop_window_test.moc"
