@@ -104,8 +104,9 @@ MeetingSealResult MeetingSealer::seal(const std::filesystem::path& folder,
     }
     saveJob();
   }
+  // The caller reports a failure its own way (the command prints it, a controller logs it).
   if (!result.output)
-    base::log::warn("meeting", "seal of {} failed: {}", folder.string(), result.error);
+    base::log::info("meeting", "seal of {} failed: {}", folder.string(), result.error);
   return result;
 }
 
