@@ -185,7 +185,11 @@ def main():
         check_not_blank(png)
 
         app.send_signal(signal.SIGTERM)
-        assert app.wait(timeout=20) == 0
+        code = app.wait(timeout=20)
+        if code != 0:
+            with open(os.path.join(work, "app.log")) as log:
+                sys.stderr.write(log.read()[-6000:])
+        assert code == 0, f"the window exited {code} on SIGTERM"
         pidfile = os.path.join(home, ".local/share/dev.tamsel.engine/daemon.pid")
         deadline = time.time() + 10
         while os.path.exists(pidfile) and time.time() < deadline:
