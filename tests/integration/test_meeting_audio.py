@@ -289,9 +289,14 @@ class MeetingRecording(unittest.TestCase):
         self.check_timeline_is_wall_clock(record)
 
     def test_microphone_alone_and_device_list(self):
-        # Nothing plays into the microphone at first: a null sink's monitor gives exact zeros.
+        # A microphone nothing was ever played into: a fresh null sink's monitor gives exact zeros
+        # (the shared microphone may still hold the tail of an earlier test's tone).
+        module = self.server.pactl("load-module", "module-null-sink", "sink_name=quiet_room",
+                                   "sink_properties=device.description=quiet_room").strip()
+        self.addCleanup(self.server.pactl, "unload-module", module)
         tracks, log, rc = self.finish(
-            self.start_recorder("--duration", "6.5", env={"TamselMeetingDisableSystap": "1"}))
+            self.start_recorder("--duration", "6.5", "--mic", "quiet_room.monitor",
+                                env={"TamselMeetingDisableSystap": "1"}))
         # Capture worked; the seal that follows finds nothing but zeros and makes no artifact.
         self.assertEqual(rc, 1, log)
         self.assertIn("no captured signal", log)
