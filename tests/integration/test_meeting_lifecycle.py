@@ -13,6 +13,7 @@ import os
 import queue
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -30,6 +31,12 @@ NEEDS = {"pulseaudio": ("pulseaudio", "pactl", "pacat", "sox"),
          "pipewire": ("pipewire", "wireplumber", "pipewire-pulse", "dbus-run-session", "pactl",
                       "pacat", "sox")}
 GRACE = 2
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
 
 
 class Watch:
@@ -118,7 +125,10 @@ class MeetingLifecycle(unittest.TestCase):
 
     def setUp(self):
         self.home = tempfile.mkdtemp(prefix="tamsel-lifecycle-")
-        self.env = dict(self.server.env, XDG_DATA_HOME=os.path.join(self.home, "data"))
+        # An engine port of the test's own: the other audio server's run of these tests may
+        # supervise an engine at the same time.
+        self.env = dict(self.server.env, XDG_DATA_HOME=os.path.join(self.home, "data"),
+                        TAMSEL_ENGINE_PORT=str(free_port()))
         self.env.pop("TamselMeetingDisableSystap", None)
         self.clients = []
         self.watch = None
