@@ -98,8 +98,8 @@ MeetingsPanel::MeetingsPanel(std::filesystem::path meetingsRoot, QWidget* parent
   proposalLine->addWidget(dismiss_);
   proposalRow_->hide();
 
-  keep_ = button(tr("&Keep recording"), tr("Keep recording after the meeting application left"),
-                 this);
+  keep_ =
+      button(tr("&Keep recording"), tr("Keep recording after the meeting application left"), this);
   keep_->hide();
   warning_ = new QLabel(this);
   warning_->setAccessibleName(tr("Meeting warnings"));
@@ -196,9 +196,9 @@ void MeetingsPanel::onEvent(const MeetingControllerEvent& event) {
     case Kind::started:
       proposalRow_->hide();
       warning_->hide();
-      state_->setText(tr("Recording into %1")
-                          .arg(event.folder ? QString::fromStdString(event.folder->string())
-                                            : QString()));
+      state_->setText(
+          tr("Recording into %1")
+              .arg(event.folder ? QString::fromStdString(event.folder->string()) : QString()));
       recordingFor_.start();
       ticker_->start();
       tick();
@@ -224,10 +224,12 @@ void MeetingsPanel::onEvent(const MeetingControllerEvent& event) {
       reloadJobs();
       break;
     case Kind::jobState:
-      if (event.job)
-        state_->setText(tr("Last meeting: %1").arg(QString::fromUtf8(
-                            meeting::toString(event.job->state).data(),
-                            static_cast<int>(meeting::toString(event.job->state).size()))));
+      // The recording in progress has its own line; this is news of one that ended.
+      if (event.job && !(controller_ && controller_->recording()))
+        state_->setText(tr("Last meeting: %1")
+                            .arg(QString::fromUtf8(
+                                meeting::toString(event.job->state).data(),
+                                static_cast<int>(meeting::toString(event.job->state).size()))));
       reloadJobs();
       break;
     case Kind::callActivity:
@@ -273,15 +275,16 @@ void MeetingsPanel::reloadJobs() {
   // Newest first.
   std::sort(entries.begin(), entries.end(),
             [](const auto& a, const auto& b) { return a.second.createdAt > b.second.createdAt; });
-  const auto selected = jobs_->currentItem() ? jobs_->currentItem()->data(0, kFolderRole) : QVariant();
+  const auto selected =
+      jobs_->currentItem() ? jobs_->currentItem()->data(0, kFolderRole) : QVariant();
   jobs_->clear();
   for (const auto& [folder, job] : entries) {
     const auto state = meeting::toString(job.state);
-    auto* item = new QTreeWidgetItem(
-        jobs_, {QString::fromStdString(folder.filename().string()),
-                QString::fromUtf8(state.data(), static_cast<int>(state.size())),
-                QString::fromStdString(base::formatLocalTime(job.createdAt)),
-                QString::fromStdString(job.lastError.value_or(""))});
+    auto* item =
+        new QTreeWidgetItem(jobs_, {QString::fromStdString(folder.filename().string()),
+                                    QString::fromUtf8(state.data(), static_cast<int>(state.size())),
+                                    QString::fromStdString(base::formatLocalTime(job.createdAt)),
+                                    QString::fromStdString(job.lastError.value_or(""))});
     item->setData(0, kFolderRole, QString::fromStdString(folder.string()));
     if (item->data(0, kFolderRole) == selected) jobs_->setCurrentItem(item);
   }

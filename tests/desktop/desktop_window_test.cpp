@@ -43,6 +43,7 @@
 #include "tamsel/app/launch_at_login.hpp"
 #include "tamsel/base/json.hpp"
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
+#include "tamsel/desktop/meeting_controller.hpp"
 #include "tamsel/meeting/meeting_job.hpp"
 #include "transcript_model.hpp"
 
@@ -230,6 +231,29 @@ app::LaunchAtLogin::System fakeServiceManager(bool available, bool failing,
   };
   return s;
 }
+
+// A recording that captures nothing and reports a steady level on both tracks.
+class QuietRecording final : public meeting::MeetingRecording {
+ public:
+  explicit QuietRecording(std::filesystem::path folder) : folder_(std::move(folder)) {}
+  const std::filesystem::path& folder() const override { return folder_; }
+  meeting::MeetingRecordingResult stop() override {
+    meeting::TrackRecording mic;
+    mic.clock = {meeting::TrackSource::mic, 48000, 48000};
+    mic.usable = true;
+    return {mic, std::nullopt};
+  }
+  void seal() override {}
+  std::optional<meeting::CaptureHealth> health(meeting::TrackSource source) const override {
+    return meeting::CaptureHealth{source == meeting::TrackSource::mic ? -20.0 : -120.0, 0, 10};
+  }
+  void failTrack(meeting::TrackSource, meeting::TrackRecordingFailure) override {}
+
+ private:
+  std::filesystem::path folder_;
+};
+
+meeting::AudioProcessSnapshot zoomInACall() { return {{{1, 42, "zoom", true, true}}}; }
 
 std::string readFile(const std::filesystem::path& path) {
   std::ifstream in(path);
@@ -795,6 +819,81 @@ class DesktopWindowTest : public QObject {
     QVERIFY(!panel.recordButton().isEnabled());
     panel.setUnavailable(QStringLiteral("no audio server"));
     QVERIFY(panel.stateLabel().text().contains(QStringLiteral("no audio server")));
+  }
+
+  void theMeetingsPanelDrivesARecordingFromProposalToItsJob() {
+    const auto root = dir->path() / "meetings";
+    bool failToStart = false;
+    desktop::MeetingController::Configuration config;
+    config.meetingsRoot = root;
+    config.graceSeconds = 30;
+    config.recordingFactory =
+        [&](const std::filesystem::path& folder,
+            meeting::MeetingRecordingOptions) -> std::unique_ptr<meeting::MeetingRecording> {
+      if (failToStart) throw std::runtime_error("no microphone here");
+      return std::make_unique<QuietRecording>(folder);
+    };
+    desktop::MeetingController controller(*main, std::move(config), nullptr, nullptr, nullptr);
+    desktopui::MeetingsPanel panel(root);
+    QSignalSpy attention(&panel, &desktopui::MeetingsPanel::attentionNeeded);
+    panel.setController(&controller);
+    panel.show();
+    QVERIFY(panel.recordButton().isEnabled());
+    auto* proposalRow = panel.proposalLabel().parentWidget();
+    QVERIFY(!proposalRow->isVisible());
+
+    // A detected meeting is proposed; dismissing it declines it.
+    controller.applySnapshot(zoomInACall());
+    QVERIFY(proposalRow->isVisible());
+    QVERIFY(!panel.proposalLabel().text().isEmpty());
+    QCOMPARE(attention.count(), 1);
+    QTest::mouseClick(&panel.dismissButton(), Qt::LeftButton);
+    QVERIFY(!controller.proposal());
+    QVERIFY(!proposalRow->isVisible());
+
+    // Proposed again once the application let go of the microphone; accepted this time.
+    controller.applySnapshot({});
+    controller.applySnapshot(zoomInACall());
+    QVERIFY(proposalRow->isVisible());
+    QTest::mouseClick(&panel.acceptButton(), Qt::LeftButton);
+    QVERIFY(controller.recording());
+    QVERIFY(!proposalRow->isVisible());
+    QVERIFY(panel.recordButton().text().contains(QStringLiteral("Stop")));
+    QVERIFY(panel.stateLabel().text().startsWith(QStringLiteral("Recording into")));
+    QVERIFY(panel.elapsedLabel().isVisible());
+    QTRY_COMPARE_WITH_TIMEOUT(panel.micLevel().value(), -20, kTimeout);
+    QVERIFY(panel.micLevel().format().contains(QStringLiteral("-20.0 dBFS")));
+    QVERIFY(panel.systemLevel().format().contains(QStringLiteral("silent")));
+    QTRY_COMPARE_WITH_TIMEOUT(panel.elapsedLabel().text(), QStringLiteral("00:01"), kTimeout);
+
+    // The application leaves: the recording would stop after its grace; keep it going.
+    controller.applySnapshot({});
+    QVERIFY(panel.keepButton().isVisible());
+    QTest::mouseClick(&panel.keepButton(), Qt::LeftButton);
+    QVERIFY(!panel.keepButton().isVisible());
+    QVERIFY(controller.recording());
+
+    // Stopped by hand: the meeting shows in the list with its job's state.
+    QTest::mouseClick(&panel.recordButton(), Qt::LeftButton);
+    QTRY_VERIFY_WITH_TIMEOUT(!controller.recording() && panel.jobList().topLevelItemCount() == 1,
+                             kTimeout);
+    QTRY_COMPARE_WITH_TIMEOUT(panel.recordButton().text(), QStringLiteral("&Record a meeting"),
+                              kTimeout);
+    controller.drain();
+    QCoreApplication::processEvents();
+    const auto jobs = meeting::MeetingJobStore(root).loadAll();
+    QCOMPARE(jobs.size(), std::size_t(1));
+    QCOMPARE(panel.jobList().topLevelItem(0)->text(1),
+             QString::fromUtf8(meeting::toString(jobs[0].second.state).data()));
+
+    // A recording that cannot start says why.
+    failToStart = true;
+    QTest::mouseClick(&panel.recordButton(), Qt::LeftButton);
+    QTRY_VERIFY_WITH_TIMEOUT(panel.warningLabel().isVisible(), kTimeout);
+    QVERIFY2(panel.warningLabel().text().contains(QStringLiteral("no microphone here")),
+             qPrintable(panel.warningLabel().text()));
+    QVERIFY(!controller.recording());
+    panel.setController(nullptr);
   }
 
   void everyControlHasAnAccessibleName() {
