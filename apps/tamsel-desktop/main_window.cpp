@@ -15,6 +15,7 @@
 #include <QLineEdit>
 #include <QListView>
 #include <QMessageBox>
+#include <QPointer>
 #include <QPushButton>
 #include <QScrollBar>
 #include <QSplitter>
@@ -34,6 +35,7 @@
 #include "tamsel/app/launch_at_login.hpp"
 #include "tamsel/app/meeting_watch.hpp"
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
+#include "tamsel/meeting/meeting_job.hpp"
 #include "transcript_model.hpp"
 
 namespace tamsel::desktopui {
@@ -252,6 +254,9 @@ MainWindow::~MainWindow() {
   // The panel lets go of the controller before the watch (and its recording) ends.
   meetings_->setController(nullptr);
   meetingWatch_.reset();
+  // A seal in progress is cancelled; the next launch retries it.
+  cancelReplay_ = true;
+  if (meetingReplay_.joinable()) meetingReplay_.join();
   for (auto& [signal, connection] : connections_) signal->disconnect(connection);
   // Views and models that read the controller go before it (Qt would delete them after).
   delete centralWidget();
@@ -359,6 +364,17 @@ void MainWindow::toggleMeetings() {
 }
 
 void MainWindow::startMeetings() {
+  if (!meetingsWanted_) {
+    // Resealing a crashed hour takes seconds: on a thread of its own, the list reread after.
+    meetingReplay_ = std::thread(
+        [this, folder = services_.meetingsFolder(), panel = QPointer<MeetingsPanel>(meetings_)] {
+          meeting::replayMeetingJobs(meeting::MeetingJobStore(folder), base::nowTimestamp(),
+                                     app::meetingSealer(&cancelReplay_),
+                                     meeting::MeetingJobReplayMode::launch);
+          QMetaObject::invokeMethod(
+              panel, [panel] { panel->reloadJobs(); }, Qt::QueuedConnection);
+        });
+  }
   meetingsWanted_ = true;
   meetings_->setController(nullptr);
   meetingWatch_.reset();

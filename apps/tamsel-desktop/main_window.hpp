@@ -5,9 +5,11 @@
 // conversation logic. Closing the window destroys its chat controller; the root stays.
 #include <QDBusConnection>
 #include <QMainWindow>
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "tamsel/app/desktop_services.hpp"
 #include "tamsel/base/signal.hpp"
@@ -148,6 +150,9 @@ class MainWindow final : public QMainWindow {
   QDockWidget* meetingsDock_;
   MeetingsPanel* meetings_;
   std::unique_ptr<app::MeetingWatch> meetingWatch_;
+  // Settles the jobs an earlier run left behind (a crashed recording is sealed again).
+  std::thread meetingReplay_;
+  std::atomic<bool> cancelReplay_{false};
   bool meetingsWanted_ = false;
   app::HotkeyStatus hotkeyStatus_;
   std::function<std::unique_ptr<app::LaunchAtLogin>()> launchAtLoginFactory_;

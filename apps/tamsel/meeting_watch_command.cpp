@@ -1,7 +1,6 @@
 // tamsel meeting watch | jobs | auto-record, and the meeting part of `tamsel run`: the
 // automatic lifecycle on the terminal, the job records, and the launch replay.
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <boost/asio/post.hpp>

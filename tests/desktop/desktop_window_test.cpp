@@ -896,6 +896,31 @@ class DesktopWindowTest : public QObject {
     panel.setController(nullptr);
   }
 
+  void startingMeetingsSettlesTheJobsAnEarlierRunLeft() {
+    Offline o(*main, dir->path());
+    // A recording whose process died while it was to be sealed, with nothing to seal.
+    const auto folder = o.services.meetingsFolder() / "2026-11-24T08-00-00Z";
+    std::filesystem::create_directories(folder);
+    meeting::MeetingJobRecord job;
+    job.id = "c";
+    job.state = meeting::MeetingJobState::sealing;
+    job.createdAt = base::nowTimestamp() - std::chrono::hours(3);
+    meeting::MeetingJobStore(o.services.meetingsFolder()).save(folder, job);
+    MainWindow window(o.services, QDBusConnection(QStringLiteral("not-connected")));
+    auto& list = window.meetingsPanel().jobList();
+    QCOMPARE(list.topLevelItemCount(), 1);
+    const auto sealing =
+        QString::fromUtf8(meeting::toString(meeting::MeetingJobState::sealing).data());
+    QCOMPARE(list.topLevelItem(0)->text(1), sealing);
+    window.startMeetings();
+    QTRY_VERIFY_WITH_TIMEOUT(
+        list.topLevelItemCount() == 1 && list.topLevelItem(0)->text(1) != sealing, kTimeout);
+    const auto after = meeting::MeetingJobStore(o.services.meetingsFolder()).load(folder);
+    QVERIFY(after);
+    QCOMPARE(list.topLevelItem(0)->text(1),
+             QString::fromUtf8(meeting::toString(after->state).data()));
+  }
+
   void everyControlHasAnAccessibleName() {
     Desktop d(*main, dir->path());
     QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
