@@ -134,8 +134,10 @@ int main(int argc, char** argv) {
   if (parser.isSet(home)) options.engineHome = parser.value(home).toStdString();
 
   desktopui::QtMainExecutor main;
-  app::DesktopServices services(main, base::env::read(), options);
+  desktopui::MainWindow* shown = nullptr;
+  app::DesktopServices services(main, base::env::read(), options, desktopui::windowHooks(&shown));
   desktopui::MainWindow window(services);
+  shown = &window;
   FirstPaint firstPaint;
   if (parser.isSet(timings)) window.installEventFilter(&firstPaint);
   window.show();
@@ -215,5 +217,11 @@ int main(int argc, char** argv) {
   }
 
   manager.start();
-  return QApplication::exec();
+  // Both may find nothing to use (no keyboard to read, no audio server); the window says so
+  // and works on.
+  window.setHotkeyStatus(services.startSummonHotkey());
+  window.startMeetings();
+  const int status = QApplication::exec();
+  services.stopSummonHotkey();
+  return status;
 }

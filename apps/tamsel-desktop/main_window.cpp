@@ -6,13 +6,16 @@
 #include <QComboBox>
 #include <QDate>
 #include <QDir>
+#include <QDockWidget>
 #include <QFileDialog>
+#include <QFrame>
 #include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListView>
 #include <QMessageBox>
+#include <QPointer>
 #include <QPushButton>
 #include <QScrollBar>
 #include <QSplitter>
@@ -22,12 +25,17 @@
 #include "composer.hpp"
 #include "diagnostics.hpp"
 #include "engine_bar.hpp"
+#include "meetings_panel.hpp"
 #include "message_delegate.hpp"
 #include "queue_panel.hpp"
 #include "request_cards.hpp"
 #include "session_list_model.hpp"
+#include "settings_dialog.hpp"
 #include "tamsel/app/desktop_services.hpp"
+#include "tamsel/app/launch_at_login.hpp"
+#include "tamsel/app/meeting_watch.hpp"
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
+#include "tamsel/meeting/meeting_job.hpp"
 #include "transcript_model.hpp"
 
 namespace tamsel::desktopui {
@@ -54,11 +62,25 @@ const std::vector<ShortcutHelp>& shortcutTable() {
       {"Ctrl+R", "start the engine again"},
       {"F5", "reload the session"},
       {"Ctrl+Shift+D", "export diagnostics to a file"},
+      {"Ctrl+,", "settings (hotkey, meetings, launch at login)"},
+      {"Ctrl+M", "show / hide the meetings panel"},
+      {"Alt twice (in any application)", "bring the window to the front (set in the settings)"},
       {"F1", "this list"},
       {"Shift+F1", "about Tamsel Desktop (version and revision)"},
       {"Ctrl+Q", "quit"},
   };
   return table;
+}
+
+app::FrontEndHooks windowHooks(MainWindow* const* window) {
+  app::FrontEndHooks hooks;
+  hooks.summon = [window](hotkey::OptionSide) {
+    if (*window) (*window)->summon();
+  };
+  hooks.hotkeyNotice = [window](const std::string& notice) {
+    if (*window) (*window)->showNotice(QString::fromStdString(notice));
+  };
+  return hooks;
 }
 
 MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notifications,
@@ -144,11 +166,42 @@ MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notificat
   splitter->addWidget(conversation);
   splitter->setStretchFactor(1, 1);
   splitter->setSizes({240, 760});
+  noticeBar_ = new QFrame(this);
+  noticeBar_->setFrameShape(QFrame::StyledPanel);
+  noticeBar_->setAccessibleName(tr("Notice"));
+  noticeText_ = new QLabel(noticeBar_);
+  noticeText_->setAccessibleName(tr("Notice"));
+  noticeText_->setWordWrap(true);
+  noticeText_->setTextFormat(Qt::PlainText);
+  auto* dismissNotice = new QPushButton(tr("Dismiss"), noticeBar_);
+  dismissNotice->setAccessibleName(tr("Dismiss the notice"));
+  auto* noticeRow = new QHBoxLayout(noticeBar_);
+  noticeRow->setContentsMargins(8, 4, 8, 4);
+  noticeRow->addWidget(noticeText_, 1);
+  noticeRow->addWidget(dismissNotice);
+  noticeBar_->hide();
+  connect(dismissNotice, &QPushButton::clicked, noticeBar_, &QWidget::hide);
+
+  meetings_ = new MeetingsPanel(services_.meetingsFolder(), this);
+  meetingsDock_ = new QDockWidget(tr("Meetings"), this);
+  meetingsDock_->setObjectName(QStringLiteral("meetings"));
+  meetingsDock_->setAccessibleName(tr("Meetings"));
+  meetingsDock_->setWidget(meetings_);
+  addDockWidget(Qt::RightDockWidgetArea, meetingsDock_);
+  meetingsDock_->hide();
+  connect(meetings_, &MeetingsPanel::attentionNeeded, meetingsDock_, &QWidget::show);
+  launchAtLoginFactory_ = [this] {
+    // The entry starts this very program, wherever it is installed.
+    return std::make_unique<app::LaunchAtLogin>(
+        services_.folders().configHome, QCoreApplication::applicationFilePath().toStdString());
+  };
+
   auto* central = new QWidget(this);
   auto* column = new QVBoxLayout(central);
   column->setContentsMargins(0, 0, 0, 0);
   column->setSpacing(0);
   column->addWidget(engineBar_);
+  column->addWidget(noticeBar_);
   column->addWidget(splitter, 1);
   setCentralWidget(central);
   resize(1000, 700);
@@ -198,6 +251,12 @@ MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notificat
 }
 
 MainWindow::~MainWindow() {
+  // The panel lets go of the controller before the watch (and its recording) ends.
+  meetings_->setController(nullptr);
+  meetingWatch_.reset();
+  // A seal in progress is cancelled; the next launch retries it.
+  cancelReplay_ = true;
+  if (meetingReplay_.joinable()) meetingReplay_.join();
   for (auto& [signal, connection] : connections_) signal->disconnect(connection);
   // Views and models that read the controller go before it (Qt would delete them after).
   delete centralWidget();
@@ -247,7 +306,85 @@ void MainWindow::buildActions() {
     if (index.isValid())
       QGuiApplication::clipboard()->setText(index.data(TranscriptModel::MarkdownRole).toString());
   });
+  add(QKeySequence(Qt::CTRL | Qt::Key_Comma), tr("Settings"), [this] { showSettings(); });
+  add(QKeySequence(Qt::CTRL | Qt::Key_M), tr("Meetings"), [this] { toggleMeetings(); });
   add(QKeySequence(Qt::CTRL | Qt::Key_Q), tr("Quit"), [this] { close(); });
+}
+
+void MainWindow::summon() {
+  if (isMinimized()) showNormal();
+  show();
+  raise();
+  activateWindow();
+  composer_->setFocus();
+}
+
+void MainWindow::setHotkeyStatus(const app::HotkeyStatus& status) {
+  hotkeyStatus_ = status;
+  if (status.kind == app::HotkeyStatus::Kind::unavailable)
+    showNotice(QString::fromStdString(status.text));
+  else if (noticeBar_->isVisible() && noticeText_->text().startsWith(QStringLiteral("Grant")))
+    noticeBar_->hide();  // the hotkey works now: the earlier complaint is stale
+}
+
+void MainWindow::showNotice(const QString& text) {
+  noticeText_->setText(text);
+  noticeBar_->show();
+}
+
+void MainWindow::setLaunchAtLoginFactory(
+    std::function<std::unique_ptr<app::LaunchAtLogin>()> factory) {
+  launchAtLoginFactory_ = std::move(factory);
+}
+
+std::unique_ptr<app::LaunchAtLogin> MainWindow::makeLaunchAtLogin() const {
+  return launchAtLoginFactory_();
+}
+
+void MainWindow::showSettings() {
+  SettingsDialog dialog(services_, makeLaunchAtLogin(), this);
+  dialog.showHotkeyStatus(hotkeyStatus_);
+  connect(&dialog, &SettingsDialog::hotkeyStatusChanged, this,
+          [this](const app::HotkeyStatus& status) { setHotkeyStatus(status); });
+  connect(&dialog, &SettingsDialog::autoRecordChanged, this, [this](bool) {
+    // The controller takes the preference when it starts: start it again, unless it is
+    // recording (then the new setting applies from the next launch).
+    if (meetingsWanted_ && !(meetingWatch_ && meetingWatch_->controller->recording()))
+      startMeetings();
+  });
+  dialog.exec();
+}
+
+void MainWindow::toggleMeetings() {
+  meetingsDock_->setVisible(!meetingsDock_->isVisible());
+  if (meetingsDock_->isVisible()) {
+    meetings_->reloadJobs();
+    meetings_->recordButton().setFocus();
+  }
+}
+
+void MainWindow::startMeetings() {
+  if (!meetingsWanted_) {
+    // Resealing a crashed hour takes seconds: on a thread of its own, the list reread after.
+    meetingReplay_ = std::thread(
+        [this, folder = services_.meetingsFolder(), panel = QPointer<MeetingsPanel>(meetings_)] {
+          meeting::replayMeetingJobs(meeting::MeetingJobStore(folder), base::nowTimestamp(),
+                                     app::meetingSealer(&cancelReplay_),
+                                     meeting::MeetingJobReplayMode::launch);
+          QMetaObject::invokeMethod(
+              panel, [panel] { panel->reloadJobs(); }, Qt::QueuedConnection);
+        });
+  }
+  meetingsWanted_ = true;
+  meetings_->setController(nullptr);
+  meetingWatch_.reset();
+  try {
+    meetingWatch_ = services_.startMeetingWatch(services_.meetingAutoRecord(),
+                                                desktop::MeetingController::defaultGraceSeconds);
+    meetings_->setController(meetingWatch_->controller.get());
+  } catch (const std::exception& e) {
+    meetings_->setUnavailable(QString::fromUtf8(e.what()));
+  }
 }
 
 void MainWindow::showShortcuts() {

@@ -5,21 +5,27 @@
 // conversation logic. Closing the window destroys its chat controller; the root stays.
 #include <QDBusConnection>
 #include <QMainWindow>
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 
+#include "tamsel/app/desktop_services.hpp"
 #include "tamsel/base/signal.hpp"
 
 class QComboBox;
+class QDockWidget;
+class QFrame;
 class QLabel;
 class QLineEdit;
 class QListView;
 class QPushButton;
 
 namespace tamsel::app {
-class DesktopServices;
-}
+class LaunchAtLogin;
+struct MeetingWatch;
+}  // namespace tamsel::app
 namespace tamsel::desktop {
 class DaemonChatViewModel;
 }
@@ -29,6 +35,7 @@ namespace tamsel::desktopui {
 class ApprovalNotifier;
 class Composer;
 class EngineBar;
+class MeetingsPanel;
 class MessageDelegate;
 class QueuePanel;
 class RequestCards;
@@ -41,6 +48,12 @@ struct ShortcutHelp {
   const char* action;
 };
 const std::vector<ShortcutHelp>& shortcutTable();
+
+class MainWindow;
+// The hooks a window gives the composition root: a double tap of the trigger key summons
+// `*window`, and the hotkey's later news shows in its notice bar. `*window` may be null until the
+// window exists.
+app::FrontEndHooks windowHooks(MainWindow* const* window);
 
 class MainWindow final : public QMainWindow {
   Q_OBJECT
@@ -64,6 +77,22 @@ class MainWindow final : public QMainWindow {
   QLabel& statusLine() { return *status_; }
   MessageDelegate& messageDelegate() { return *delegate_; }
   ApprovalNotifier& notifier() { return *notifier_; }
+  MeetingsPanel& meetingsPanel() { return *meetings_; }
+  QDockWidget& meetingsDock() { return *meetingsDock_; }
+  // The dismissable bar over the conversation for news that needs no answer.
+  QFrame& noticeBar() { return *noticeBar_; }
+  QLabel& noticeText() { return *noticeText_; }
+
+  // Shows what the summon hotkey's monitor said: when it cannot run, why, in the notice bar.
+  void setHotkeyStatus(const app::HotkeyStatus& status);
+  const app::HotkeyStatus& hotkeyStatus() const { return hotkeyStatus_; }
+  void showNotice(const QString& text);
+  // Watches for meetings (the auto-record preference decides whether they start at once). When
+  // the audio server cannot be watched, the panel says why; the rest keeps working.
+  void startMeetings();
+  // How the settings dialog reaches launch at login (tests give it a fake system).
+  void setLaunchAtLoginFactory(std::function<std::unique_ptr<app::LaunchAtLogin>()> factory);
+  std::unique_ptr<app::LaunchAtLogin> makeLaunchAtLogin() const;
 
  public Q_SLOTS:
   void send();
@@ -76,6 +105,10 @@ class MainWindow final : public QMainWindow {
   void showAbout();
   // Asks where, then saves the diagnostics file there.
   void exportDiagnosticsFile();
+  // Brings the window to the front with the keyboard in the message field (the double tap).
+  void summon();
+  void showSettings();
+  void toggleMeetings();
 
  private:
   void buildActions();
@@ -112,6 +145,17 @@ class MainWindow final : public QMainWindow {
   Composer* composer_;
   QPushButton* sendButton_;
   QPushButton* stopButton_;
+  QFrame* noticeBar_;
+  QLabel* noticeText_;
+  QDockWidget* meetingsDock_;
+  MeetingsPanel* meetings_;
+  std::unique_ptr<app::MeetingWatch> meetingWatch_;
+  // Settles the jobs an earlier run left behind (a crashed recording is sealed again).
+  std::thread meetingReplay_;
+  std::atomic<bool> cancelReplay_{false};
+  bool meetingsWanted_ = false;
+  app::HotkeyStatus hotkeyStatus_;
+  std::function<std::unique_ptr<app::LaunchAtLogin>()> launchAtLoginFactory_;
 };
 
 }  // namespace tamsel::desktopui

@@ -1,7 +1,6 @@
 // tamsel meeting watch | jobs | auto-record, and the meeting part of `tamsel run`: the
 // automatic lifecycle on the terminal, the job records, and the launch replay.
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <boost/asio/post.hpp>
@@ -14,11 +13,10 @@
 #include "cli.hpp"
 #include "runtime.hpp"
 #include "table.hpp"
+#include "tamsel/app/meeting_watch.hpp"
 #include "tamsel/base/json.hpp"
 #include "tamsel/base/log.hpp"
 #include "tamsel/desktop/meeting_controller.hpp"
-#include "tamsel/platform/sleep_monitor.hpp"
-#include "tamsel/sealing/meeting_sealer.hpp"
 
 namespace tamsel::cli {
 
@@ -63,64 +61,13 @@ std::string formatLevel(const std::optional<CaptureHealth>& health) {
   return fmt::format("{:.1f} dBFS", health->levelDBFS);
 }
 
-// What a stopped recording's folder is handed to, on a worker thread with the folder's lock held:
-// sealed into combined.m4a and its manifest, the job moving on to `queued` (or a failed state
-// with its reason, which a later launch's replay retries). `cancel`, when given, stops a seal
-// in progress (the job becomes retryableFailed).
-std::function<void(const fs::path&)> meetingSealer(const std::atomic<bool>* cancel = nullptr) {
-  return [cancel](const fs::path& folder) {
-    const auto result = sealing::MeetingSealer().seal(folder, {}, cancel);
-    if (!result.output) base::log::warn("meeting", "sealing {}: {}", folder.string(), result.error);
-  };
-}
-
-// Everything watching needs, in the order it must be torn down (controller first).
-struct MeetingWatch {
-  std::unique_ptr<AudioProcessObserver> observer;
-  std::unique_ptr<CallActivityMonitor> callMonitor;
-  std::unique_ptr<platform::SleepMonitor> sleepMonitor;
-  std::unique_ptr<MeetingController> controller;
-
-  ~MeetingWatch() {
-    controller.reset();
-    sleepMonitor.reset();
-    callMonitor.reset();
-    observer.reset();
-  }
-};
-
-std::unique_ptr<MeetingWatch> startWatching(Runtime& rt, bool autoStart, double graceSeconds,
-                                            bool asJSON) {
-  auto watch = std::make_unique<MeetingWatch>();
-  const AudioSelf self{static_cast<std::int32_t>(::getpid()), ownAudioApplicationID};
-  watch->observer = std::make_unique<AudioProcessObserver>(makePulseAudioProcessBackend(self));
-  auto* io = &rt.io;
-  watch->callMonitor = std::make_unique<CallActivityMonitor>(
-      makePulseInputActivityBackend(self), [io, w = watch.get()](CallActivityReducer::Event event) {
-        asio::post(*io, [w, event] {
-          if (w->controller) w->controller->applyCallEvent(event);
-        });
+std::unique_ptr<app::MeetingWatch> startWatching(Runtime& rt, bool autoStart, double graceSeconds,
+                                                 bool asJSON) {
+  return rt.services.startMeetingWatch(
+      autoStart, graceSeconds, [asJSON](MeetingController& controller) {
+        controller.events().connect(
+            [asJSON](const MeetingControllerEvent& e) { printEvent(e, asJSON); });
       });
-  watch->sleepMonitor =
-      std::make_unique<platform::SleepMonitor>([w = watch.get()](bool goingToSleep) {
-        if (goingToSleep && w->controller) w->controller->stopBeforeSleep();
-      });
-
-  MeetingController::Configuration config;
-  config.meetingsRoot = rt.services.meetingsFolder();
-  config.graceSeconds = graceSeconds;
-  config.autoStart = autoStart;
-  config.recordingOptions.systemCaptureDisabled = !rt.services.meetingSystemAudioEnabled();
-  config.recordingOptions.sealer = meetingSealer();
-  watch->controller =
-      std::make_unique<MeetingController>(rt.main, std::move(config), watch->observer.get(),
-                                          watch->callMonitor.get(), watch->sleepMonitor.get());
-  watch->controller->events().connect(
-      [asJSON](const MeetingControllerEvent& e) { printEvent(e, asJSON); });
-  watch->sleepMonitor->start();
-  watch->callMonitor->start();
-  watch->controller->start();
-  return watch;
 }
 
 void printReplay(const std::vector<MeetingJobReplayEntry>& entries, bool asJSON) {
@@ -290,7 +237,7 @@ std::shared_ptr<void> startMeetingsForRun(Runtime& rt, bool asJSON) {
   struct ForRun {
     std::atomic<bool> cancel{false};
     std::thread replay;
-    std::shared_ptr<MeetingWatch> watch;
+    std::shared_ptr<app::MeetingWatch> watch;
     ~ForRun() {
       watch.reset();
       cancel = true;
@@ -301,7 +248,7 @@ std::shared_ptr<void> startMeetingsForRun(Runtime& rt, bool asJSON) {
   forRun->replay = std::thread(
       [&io = rt.io, folder = rt.services.meetingsFolder(), cancel = &forRun->cancel, asJSON] {
         const MeetingJobStore store(folder);
-        auto entries = replayMeetingJobs(store, base::nowTimestamp(), meetingSealer(cancel),
+        auto entries = replayMeetingJobs(store, base::nowTimestamp(), app::meetingSealer(cancel),
                                          MeetingJobReplayMode::launch);
         asio::post(io, [entries = std::move(entries), asJSON] { printReplay(entries, asJSON); });
       });

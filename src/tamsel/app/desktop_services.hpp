@@ -11,6 +11,7 @@
 // the calendar. Lives on the main executor: call it there.
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -45,9 +46,12 @@ class DraftStorage;
 }
 namespace tamsel::desktop {
 class DaemonChatViewModel;
-}
+class MeetingController;
+}  // namespace tamsel::desktop
 
 namespace tamsel::app {
+
+struct MeetingWatch;
 
 struct DesktopOptions {
   std::uint16_t enginePort = 7533;
@@ -137,6 +141,14 @@ class DesktopServices {
   // other applications; everything else keeps working then. Calling it again restarts it.
   HotkeyStatus startSummonHotkey();
   void stopSummonHotkey();
+
+  // Watches for meetings on the audio server (tamsel/app/meeting_watch.hpp): detection, call
+  // activity and sleep feed one controller that records into meetingsFolder() and seals what
+  // it stopped. `beforeStart` connects to the controller before it starts. Throws when the
+  // audio server cannot be watched. The root must outlive it.
+  std::unique_ptr<MeetingWatch> startMeetingWatch(
+      bool autoStart, double graceSeconds,
+      std::function<void(desktop::MeetingController&)> beforeStart = {});
 
   // A chat controller over the shared clients and stores; the root must outlive it.
   std::unique_ptr<desktop::DaemonChatViewModel> makeChatViewModel();
