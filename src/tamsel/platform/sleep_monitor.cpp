@@ -48,7 +48,7 @@ struct SleepMonitor::Impl {
 
   void take() {
     if (lockFd.load() >= 0) return;
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{nullptr, nullptr, 0};  // SD_BUS_ERROR_NULL, without its C compound literal
     sd_bus_message* reply = nullptr;
     const int r = sd_bus_call_method(bus, kLogin, kPath, kManager, "Inhibit", &error, &reply,
                                      "ssss", "sleep", "Tamsel Desktop",
