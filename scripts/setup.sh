@@ -12,7 +12,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev clang-format groff-base
   libpulse-dev libsndfile1-dev libsoxr-dev libavcodec-dev libavformat-dev libavutil-dev ffmpeg
   libx11-dev libxi-dev libxtst-dev libevdev-dev xvfb
-  qt6-base-dev qt6-base-dev-tools libqt6svg6-dev qt6-svg-dev xdotool
+  qt6-base-dev qt6-base-dev-tools libqt6svg6-dev qt6-svg-dev xdotool qt6-wayland weston libxcb1-dev
   pulseaudio pulseaudio-utils pipewire pipewire-bin pipewire-pulse wireplumber dbus-user-session sox
   dpkg-dev lintian desktop-file-utils appstream man-db librsvg2-bin
 )

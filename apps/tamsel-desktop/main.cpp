@@ -11,6 +11,7 @@
 #include <QIcon>
 #include <QListView>
 #include <QPainter>
+#include <QPixmap>
 #include <QRegularExpression>
 #include <QScreen>
 #include <QTimer>
@@ -178,8 +179,12 @@ int main(int argc, char** argv) {
       // Painted now, so the picture shows what the window holds at this moment.
       window.repaint();
       const auto path = QDir(screenshotDir).filePath(QStringLiteral("screen-%1.png").arg(++shot));
+      // The screen's pixels where the platform gives them (X11); Wayland does not let a client
+      // read the screen, so there the window renders itself.
       auto* screen = window.screen();
-      const bool saved = screen && screen->grabWindow(window.winId()).save(path);
+      QPixmap picture = screen ? screen->grabWindow(window.winId()) : QPixmap();
+      if (picture.isNull()) picture = window.grab();
+      const bool saved = picture.save(path);
       if (QFile report(QDir(screenshotDir).filePath(QStringLiteral("screen-%1.txt").arg(shot)));
           report.open(QIODevice::WriteOnly | QIODevice::Truncate))
         report.write(desktopui::describeVisible(&window).toUtf8());

@@ -37,6 +37,7 @@
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
 #include "tamsel/meeting/meeting_job.hpp"
 #include "transcript_model.hpp"
+#include "window_activation.hpp"
 
 namespace tamsel::desktopui {
 
@@ -312,10 +313,7 @@ void MainWindow::buildActions() {
 }
 
 void MainWindow::summon() {
-  if (isMinimized()) showNormal();
-  show();
-  raise();
-  activateWindow();
+  bringToFront(*this);
   composer_->setFocus();
 }
 

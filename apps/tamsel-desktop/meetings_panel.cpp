@@ -68,6 +68,36 @@ QPushButton* button(const QString& text, const QString& name, QWidget* parent) {
 
 }  // namespace
 
+// A job's state as a person reads it; the record's names are for files and logs.
+QString MeetingsPanel::stateText(meeting::MeetingJobState state) {
+  using S = meeting::MeetingJobState;
+  switch (state) {
+    case S::releasingCapture:
+      return tr("recording");
+    case S::sealing:
+      return tr("sealing…");
+    case S::queued:
+      return tr("sealed");
+    case S::sealingFailed:
+      return tr("sealing failed");
+    case S::uploading:
+      return tr("uploading");
+    case S::transcribing:
+      return tr("transcribing");
+    case S::generatingNotes:
+      return tr("writing notes");
+    case S::waitingForApproval:
+      return tr("waiting for approval");
+    case S::cancelling:
+      return tr("cancelling");
+    case S::done:
+      return tr("done");
+    case S::retryableFailed:
+      return tr("failed, will retry");
+  }
+  return {};
+}
+
 MeetingsPanel::MeetingsPanel(std::filesystem::path meetingsRoot, QWidget* parent)
     : QWidget(parent), root_(std::move(meetingsRoot)) {
   openUrl = [](const QUrl& url) { QDesktopServices::openUrl(url); };
@@ -183,7 +213,20 @@ void MeetingsPanel::onEvent(const MeetingControllerEvent& event) {
   const auto text = QString::fromStdString(event.text);
   switch (event.kind) {
     case Kind::detection:
-      if (!controller_ || !controller_->recording()) state_->setText(text);
+      // The event's text is for logs ("none", "ambiguous", an id and PID): say it in words.
+      if (!controller_ || !controller_->recording()) {
+        if (event.identity) {
+          const auto family = meeting::toString(event.identity->family);
+          state_->setText(tr("Not recording — %1 is using the microphone")
+                              .arg(QString::fromUtf8(family.data(), int(family.size()))));
+        } else if (event.text == "ambiguous") {
+          state_->setText(
+              tr("Not recording — more than one meeting application is using the "
+                 "microphone"));
+        } else {
+          state_->setText(tr("Not recording"));
+        }
+      }
       break;
     case Kind::proposal:
       proposal_->setText(text);
@@ -226,10 +269,7 @@ void MeetingsPanel::onEvent(const MeetingControllerEvent& event) {
     case Kind::jobState:
       // The recording in progress has its own line; this is news of one that ended.
       if (event.job && !(controller_ && controller_->recording()))
-        state_->setText(tr("Last meeting: %1")
-                            .arg(QString::fromUtf8(
-                                meeting::toString(event.job->state).data(),
-                                static_cast<int>(meeting::toString(event.job->state).size()))));
+        state_->setText(tr("Last meeting: %1").arg(stateText(event.job->state)));
       reloadJobs();
       break;
     case Kind::callActivity:
@@ -279,12 +319,10 @@ void MeetingsPanel::reloadJobs() {
       jobs_->currentItem() ? jobs_->currentItem()->data(0, kFolderRole) : QVariant();
   jobs_->clear();
   for (const auto& [folder, job] : entries) {
-    const auto state = meeting::toString(job.state);
-    auto* item =
-        new QTreeWidgetItem(jobs_, {QString::fromStdString(folder.filename().string()),
-                                    QString::fromUtf8(state.data(), static_cast<int>(state.size())),
-                                    QString::fromStdString(base::formatLocalTime(job.createdAt)),
-                                    QString::fromStdString(job.lastError.value_or(""))});
+    auto* item = new QTreeWidgetItem(
+        jobs_, {QString::fromStdString(folder.filename().string()), stateText(job.state),
+                QString::fromStdString(base::formatLocalTime(job.createdAt)),
+                QString::fromStdString(job.lastError.value_or(""))});
     item->setData(0, kFolderRole, QString::fromStdString(folder.string()));
     if (item->data(0, kFolderRole) == selected) jobs_->setCurrentItem(item);
   }

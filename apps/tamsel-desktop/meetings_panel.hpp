@@ -35,6 +35,9 @@ class MeetingsPanel final : public QWidget {
   // Opens the selected meeting: its combined.m4a once sealed, otherwise its folder.
   void openSelected();
 
+  // A job's state in the words the list shows.
+  static QString stateText(meeting::MeetingJobState state);
+
   // How a meeting is opened (tests watch it).
   std::function<void(const QUrl&)> openUrl;
 

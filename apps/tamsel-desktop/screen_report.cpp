@@ -2,10 +2,12 @@
 
 #include <QAbstractButton>
 #include <QComboBox>
+#include <QGuiApplication>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListView>
 #include <QPlainTextEdit>
+#include <QTreeView>
 
 namespace tamsel::desktopui {
 
@@ -21,7 +23,18 @@ QString line(const char* kind, QString text, QWidget* widget, QRect rect) {
 }  // namespace
 
 QString describeVisible(QWidget* window) {
-  QString out;
+  // First, whether the window has the keyboard and how it is drawn: a summoned window must be
+  // active, and a scaled screen must show every control at its scaled place.
+  QString out = line(
+      "window", window->isActiveWindow() ? QStringLiteral("active") : QStringLiteral("inactive"),
+      window, window->rect());
+  out += line("platform",
+              QStringLiteral("%1 %2 %3x%4")
+                  .arg(QGuiApplication::platformName())
+                  .arg(window->devicePixelRatioF())
+                  .arg(window->width())
+                  .arg(window->height()),
+              window, window->rect());
   for (auto* w : window->findChildren<QWidget*>()) {
     if (!w->isVisible()) continue;
     if (auto* label = qobject_cast<QLabel*>(w)) {
@@ -34,6 +47,17 @@ QString describeVisible(QWidget* window) {
       out += line("field", field->text(), w, w->rect());
     } else if (auto* combo = qobject_cast<QComboBox*>(w)) {
       out += line("choice", combo->currentText(), w, w->rect());
+    } else if (auto* tree = qobject_cast<QTreeView*>(w)) {
+      // A row's columns, tab-free, as one text: what a person reads across the line.
+      const auto* model = tree->model();
+      for (int row = 0; model && row < model->rowCount(); ++row) {
+        QStringList cells;
+        for (int column = 0; column < model->columnCount(); ++column)
+          if (!tree->isColumnHidden(column)) cells << model->index(row, column).data().toString();
+        const QRect rect = tree->visualRect(model->index(row, 0));
+        if (!rect.isValid() || !tree->viewport()->rect().intersects(rect)) continue;
+        out += line("row", cells.join(QStringLiteral(" | ")), tree->viewport(), rect);
+      }
     } else if (auto* list = qobject_cast<QListView*>(w)) {
       const auto* model = list->model();
       for (int row = 0; model && row < model->rowCount(); ++row) {

@@ -786,14 +786,11 @@ class DesktopWindowTest : public QObject {
     auto& list = panel.jobList();
     QCOMPARE(list.topLevelItemCount(), 3);
     // Newest first; a record that cannot be read is listed with why.
-    const auto state = [](meeting::MeetingJobState s) {
-      return QString::fromUtf8(meeting::toString(s).data());
-    };
     QCOMPARE(list.topLevelItem(0)->text(0), QStringLiteral("2026-11-24T10-00-00Z"));
-    QCOMPARE(list.topLevelItem(0)->text(1), state(meeting::MeetingJobState::sealingFailed));
+    QCOMPARE(list.topLevelItem(0)->text(1), QStringLiteral("sealing failed"));
     QCOMPARE(list.topLevelItem(0)->text(3), QStringLiteral("the microphone track is empty"));
     QCOMPARE(list.topLevelItem(1)->text(0), QStringLiteral("2026-11-24T09-00-00Z"));
-    QCOMPARE(list.topLevelItem(1)->text(1), state(meeting::MeetingJobState::queued));
+    QCOMPARE(list.topLevelItem(1)->text(1), QStringLiteral("sealed"));
     QCOMPARE(list.topLevelItem(2)->text(0), QStringLiteral("2026-11-24T11-00-00Z"));
     QVERIFY(!list.topLevelItem(2)->text(3).isEmpty());
 
@@ -814,7 +811,7 @@ class DesktopWindowTest : public QObject {
     store.save(failed, failedJob);
     panel.reloadJobs();
     QCOMPARE(list.currentItem()->text(0), QStringLiteral("2026-11-24T10-00-00Z"));
-    QCOMPARE(list.currentItem()->text(1), state(meeting::MeetingJobState::queued));
+    QCOMPARE(list.currentItem()->text(1), QStringLiteral("sealed"));
     // Without a controller there is nothing to record with.
     QVERIFY(!panel.recordButton().isEnabled());
     panel.setUnavailable(QStringLiteral("no audio server"));
@@ -884,7 +881,7 @@ class DesktopWindowTest : public QObject {
     const auto jobs = meeting::MeetingJobStore(root).loadAll();
     QCOMPARE(jobs.size(), std::size_t(1));
     QCOMPARE(panel.jobList().topLevelItem(0)->text(1),
-             QString::fromUtf8(meeting::toString(jobs[0].second.state).data()));
+             desktopui::MeetingsPanel::stateText(jobs[0].second.state));
 
     // A recording that cannot start says why.
     failToStart = true;
@@ -909,16 +906,14 @@ class DesktopWindowTest : public QObject {
     MainWindow window(o.services, QDBusConnection(QStringLiteral("not-connected")));
     auto& list = window.meetingsPanel().jobList();
     QCOMPARE(list.topLevelItemCount(), 1);
-    const auto sealing =
-        QString::fromUtf8(meeting::toString(meeting::MeetingJobState::sealing).data());
+    const auto sealing = QStringLiteral("sealing…");
     QCOMPARE(list.topLevelItem(0)->text(1), sealing);
     window.startMeetings();
     QTRY_VERIFY_WITH_TIMEOUT(
         list.topLevelItemCount() == 1 && list.topLevelItem(0)->text(1) != sealing, kTimeout);
     const auto after = meeting::MeetingJobStore(o.services.meetingsFolder()).load(folder);
     QVERIFY(after);
-    QCOMPARE(list.topLevelItem(0)->text(1),
-             QString::fromUtf8(meeting::toString(after->state).data()));
+    QCOMPARE(list.topLevelItem(0)->text(1), desktopui::MeetingsPanel::stateText(after->state));
   }
 
   void everyControlHasAnAccessibleName() {

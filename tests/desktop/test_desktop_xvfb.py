@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """The real tamsel-desktop on an X server this script starts (Xvfb, no TCP, a free display),
 against the engine simulator the window starts itself: a short conversation typed with real X
-key events, an approval answered by clicking its button, a queued message, then quit. Each step
-saves a screenshot (kept in $TAMSEL_SCREENSHOT_DIR, else a temporary folder) that must not be
+key events, an approval answered by clicking its button, a queued message, a short meeting
+recorded from a test audio server and sealed, the window summoned back by a double tap of Alt
+after another client took the keyboard, then quit. Each step saves a screenshot (kept in $TAMSEL_SCREENSHOT_DIR, else a temporary folder) that must not be
 blank and whose screen text must hold the step's key texts."""
 import os
 import shutil
@@ -18,6 +19,9 @@ import zlib
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 APP = os.environ.get("TAMSEL_DESKTOP_BIN", os.path.join(ROOT, "build/apps/tamsel-desktop/tamsel-desktop"))
 SIM = os.environ.get("VERD_SIM", os.path.join(ROOT, "tools/verd-sim/verd-sim"))
+XTEST_KEYS = os.environ.get("XTEST_KEYS", os.path.join(ROOT, "build/tests/xtest_keys"))
+sys.path.insert(0, os.path.join(ROOT, "tests", "integration"))
+from audio_servers import AudioServer, have  # noqa: E402
 
 
 def free_display():
@@ -118,6 +122,31 @@ def position(report, kind, text):
     raise AssertionError(f"no {kind} {text!r} on screen:\n{report}")
 
 
+def record_meeting(screen, report, xdo, audio, home):
+    """Ctrl+M opens the meetings panel; a few seconds recorded while both tracks hear a tone, then
+    stopped: the recording is sealed and listed with its state."""
+    x, y = position(report, "text", "")
+    xdo("mousemove", "--sync", x, y, "click", "1")
+    xdo("key", "ctrl+m")
+    png, report = screen.wait_for("Record a meeting", "Not recording")
+    audio.play("speakers", 440, 6)
+    audio.play("mic_feed", 660, 6)
+    x, y = position(report, "button", "Record a meeting")
+    xdo("mousemove", "--sync", x, y, "click", "1")
+    png, report = screen.wait_for("Recording into", "Stop recording")
+    png, report = screen.wait_for("0:03", timeout=15)
+    check_not_blank(png)
+    x, y = position(report, "button", "Stop recording")
+    xdo("mousemove", "--sync", x, y, "click", "1")
+    # Sealed: its job waits for the next stage with combined.m4a beside the tracks.
+    png, report = screen.wait_for("Last meeting: sealed", "| sealed |", timeout=60)
+    check_not_blank(png)
+    sealed = [os.path.join(d, f) for d, _, files in os.walk(home) for f in files
+              if f == "combined.m4a"]
+    assert len(sealed) == 1 and os.path.getsize(sealed[0]) > 1000, sealed
+    xdo("key", "ctrl+m")
+
+
 def main():
     for tool in ("Xvfb", "xdotool"):
         if not shutil.which(tool):
@@ -135,7 +164,7 @@ def main():
     display = free_display()
     xvfb = subprocess.Popen(["Xvfb", f":{display}", "-screen", "0", "1280x800x24", "-nolisten", "tcp"],
                             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    app = None
+    app = audio = None
     try:
         deadline = time.time() + 10
         while not os.path.exists(f"/tmp/.X11-unix/X{display}"):
@@ -144,6 +173,11 @@ def main():
         home = os.path.join(work, "home")
         env = dict(os.environ, HOME=home, XDG_RUNTIME_DIR=runtime, DISPLAY=f":{display}",
                    VERD_BINARY=SIM, QT_QPA_PLATFORM="xcb")
+        if have("pulseaudio", "pactl", "pacat", "sox"):
+            audio = AudioServer("pulseaudio").start()
+            env["PULSE_SERVER"] = "unix:" + os.path.join(audio.runtime, "pulse", "native")
+        else:
+            print("note: no pulseaudio/pacat/sox here, so no meeting is recorded")
         for k in ("XDG_DATA_HOME", "XDG_CONFIG_HOME", "TAMSEL_LOCAL_PRESENCE_TOKEN", "WAYLAND_DISPLAY"):
             env.pop(k, None)
         app = subprocess.Popen([APP, "--engine-port", str(free_port()), "--engine-args",
@@ -184,6 +218,25 @@ def main():
         png, report = screen.wait_for("You: and then a summary", timeout=40)
         check_not_blank(png)
 
+        if audio:
+            record_meeting(screen, report, xdo, audio, home)
+
+        if os.path.exists(XTEST_KEYS):
+            # Another client takes the keyboard; a double tap of the left Alt brings us back.
+            keys = lambda *steps: subprocess.run([XTEST_KEYS, f":{display}", *steps], check=True,
+                                                 capture_output=True, timeout=30)
+            keys("unfocus")
+            screen.wait_for("window\tinactive\t")
+            xdo("type", "--delay", "15", "elsewhere")
+            keys("+Alt_L", "-Alt_L", "sleep:100", "+Alt_L", "-Alt_L")
+            # Summoned: what the user types next lands in the message field.
+            time.sleep(0.5)
+            xdo("type", "--delay", "15", "summoned")
+            png, report = screen.wait_for("text\tsummoned\t")
+            check_not_blank(png)
+        else:
+            print(f"note: {XTEST_KEYS} is not built, so the double tap is not tried")
+
         app.send_signal(signal.SIGTERM)
         code = app.wait(timeout=20)
         if code != 0:
@@ -214,6 +267,8 @@ def main():
             pass
         xvfb.terminate()
         xvfb.wait(timeout=10)
+        if audio:
+            audio.stop()
         if not keep:
             shutil.rmtree(work, ignore_errors=True)
 

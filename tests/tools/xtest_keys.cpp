@@ -8,6 +8,7 @@
 //   map:CODE=KEYSYM  make KEYSYM the only symbol of keycode CODE (clients get MappingNotify)
 //   sleep:MS  wait MS milliseconds
 //   stamp     print CLOCK_MONOTONIC in seconds: when the server had every earlier step
+//   unfocus   take the keyboard focus from every window (as switching to another app would)
 // Every event is synced before the next step, so the waits are what the server sees.
 #include <X11/Xlib.h>
 #include <X11/extensions/XTest.h>
@@ -45,6 +46,11 @@ int main(int argc, char** argv) {
       clock_gettime(CLOCK_MONOTONIC, &now);
       printf("%.6f\n", static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9);
       fflush(stdout);
+      continue;
+    }
+    if (strcmp(step, "unfocus") == 0) {
+      XSetInputFocus(display, None, RevertToNone, CurrentTime);
+      XSync(display, False);
       continue;
     }
     if (strncmp(step, "map:", 4) == 0) {

@@ -233,6 +233,7 @@ HotkeyStatus DesktopServices::startSummonHotkey() {
   auto watcher = std::make_unique<hotkey::DoubleTapWatcher>(
       main_, *side,
       [this](hotkey::OptionSide pressed) {
+        base::log::info(kSource, "double tap of the {} Alt key: summon", hotkey::rawValue(pressed));
         if (hooks_.summon) hooks_.summon(pressed);
       },
       hooks_.hotkeyNotice);

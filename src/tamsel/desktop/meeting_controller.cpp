@@ -143,7 +143,9 @@ struct MeetingController::Impl : std::enable_shared_from_this<Impl> {
     const auto detection = MeetingApplicationDetector::detect(snapshot);
     if (!lastDetection || *lastDetection != detection) {
       lastDetection = detection;
-      emit(Kind::detection, describe(detection));
+      MeetingControllerEvent event{Kind::detection, describe(detection)};
+      if (const auto* identity = detection.identity()) event.identity = *identity;
+      emit(std::move(event));
     }
     std::erase_if(declined, [&](const auto& id) { return !runningInput(id, snapshot); });
 

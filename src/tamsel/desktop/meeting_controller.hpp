@@ -46,7 +46,7 @@ namespace tamsel::desktop {
 
 struct MeetingControllerEvent {
   enum class Kind {
-    detection,  // the detection changed (text: what is detected now)
+    detection,  // the detection changed (text: what is detected now; `identity` when one)
     proposal,   // a recording is proposed for `identity`
     proposalWithdrawn,
     started,       // recording into `folder`

@@ -108,6 +108,7 @@ TEST_F(MeetingControllerTest, AcceptedProposalRecordsUntilTheApplicationIsGoneFo
   auto& c = make();
   c.applySnapshot(snapshotOf({zoomTalking()}));
   EXPECT_EQ(kinds(), (std::vector<Kind>{Kind::detection, Kind::proposal}));
+  EXPECT_EQ(events.front().identity, zoom) << "a view names the application from the detection";
   EXPECT_EQ(c.proposal(), zoom);
   EXPECT_EQ(counts.started, 0) << "a proposal records nothing by itself";
 
