@@ -25,6 +25,7 @@ namespace {
 constexpr const char* kSource = "DaemonChatViewModel";
 constexpr auto kDeltaPublishInterval = std::chrono::milliseconds(50);
 constexpr const char* kCancelledBeforeResponse = "[cancelled before response]";
+constexpr const char* kQueuedNotice = "Queued: it will be sent when the reply finishes.";
 
 Timestamp now() { return base::nowTimestamp(); }
 
@@ -350,6 +351,10 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
       }
     });
     setRunning(sessionKey, false);
+    // Checked first: a session listed as idle must not notify the sidebar's observers.
+    if (const auto* listed = sidebar->session(keyOf(sessionKey));
+        listed && listed->inProgress.value_or(false))
+      sidebar.edit().replyEnded(keyOf(sessionKey));
     if (isVisible(sessionKey)) {
       auto& r = replies.edit();
       r.isCancelling = false;
@@ -372,6 +377,7 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
     if (action != kit::QueuedDraftDrainAction::drainNow) return;
     auto joined = kit::QueuedDraftJoinPlanner::join(queued);
     queue.edit().drafts.remove(sessionKey);
+    if (status->notice == kQueuedNotice) status.edit().notice.reset();  // it is being sent now
     if (joined) startSend(sessionKey, joined->text);
   }
 
@@ -735,7 +741,7 @@ DaemonChatViewModel::SubmitOutcome DaemonChatViewModel::submit(std::string text,
     return SubmitOutcome::injected;
   }
   impl_->queue.edit().enqueue(real, std::move(text));
-  impl_->status.edit().notice = "Queued: it will be sent when the reply finishes.";
+  impl_->status.edit().notice = kQueuedNotice;
   return SubmitOutcome::queued;
 }
 

@@ -337,6 +337,33 @@ TEST_F(ChatControllerParts, TextTypedDuringAReplyWaitsInTheQueueAndIsSentAfterIt
   EXPECT_TRUE(vm.queue()->drafts.items("s1").empty());
 }
 
+TEST_F(ChatControllerParts, NothingSaysAReplyStillRunsOnceItEnded) {
+  startReply("first", "s1");
+  // The engine lists the session while the reply runs, as it does after a new session appears.
+  bridge::DaemonSession listed;
+  listed.id = "s1";
+  listed.title = "first";
+  listed.inProgress = true;
+  engine.sessionList = {listed};
+  vm.reloadSidebar();
+  settle();
+  ASSERT_TRUE(vm.sidebar()->session("s1")->inProgress.value_or(false));
+  EXPECT_EQ(vm.submit("second"), DaemonChatViewModel::SubmitOutcome::queued);
+  EXPECT_EQ(vm.status()->notice, "Queued: it will be sent when the reply finishes.");
+
+  engine.replies[0]->event("done", R"({"reply":"ok"})");
+  engine.replies[0]->end();
+  settle();
+  ASSERT_EQ(engine.sent.size(), 2u);
+  EXPECT_FALSE(vm.status()->notice) << "the queued message is on its way, no longer waiting";
+  engine.replies[1]->event("done", R"({"reply":"ok again"})");
+  engine.replies[1]->end();
+  settle();
+  EXPECT_FALSE(vm.sidebar()->session("s1")->inProgress.value_or(false))
+      << "the listing made while the reply ran is stale";
+  EXPECT_FALSE(vm.replies()->isRunning("s1", vm.sessionIdentityRegistry()));
+}
+
 TEST_F(ChatControllerParts, ARefusedSendShowsTheErrorAndEndsTheReply) {
   engine.failNextSend = bridge::DaemonClientError{bridge::DaemonClientError::CreditsExhausted{{}}};
   vm.submit("hello");

@@ -46,6 +46,15 @@ void ChatSidebarState::finishedUnseen(const std::string& id) {
   partialSessions.erase(id);
 }
 
+bool ChatSidebarState::replyEnded(const std::string& id) {
+  for (auto& s : sessions)
+    if (s.id == id && s.inProgress.value_or(false)) {
+      s.inProgress = false;
+      return true;
+    }
+  return false;
+}
+
 bool ChatSidebarState::opened(const std::string& id, bool stillRunning) {
   const auto unread = completedUnreadSessions.erase(id);
   const auto partial = stillRunning ? 0 : partialSessions.erase(id);
