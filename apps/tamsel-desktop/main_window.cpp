@@ -22,6 +22,7 @@
 #include <QVBoxLayout>
 
 #include "approval_notifier.hpp"
+#include "calendar_settings.hpp"
 #include "composer.hpp"
 #include "diagnostics.hpp"
 #include "engine_bar.hpp"
@@ -78,6 +79,7 @@ app::FrontEndHooks windowHooks(MainWindow* const* window) {
   hooks.summon = [window](hotkey::OptionSide) {
     if (*window) (*window)->summon();
   };
+  hooks.askCalendarPermission = windowCalendarPrompter(std::chrono::minutes(2));
   hooks.hotkeyNotice = [window](const std::string& notice) {
     if (*window) (*window)->showNotice(QString::fromStdString(notice));
   };

@@ -10,6 +10,7 @@
 #include <QSignalBlocker>
 #include <QVBoxLayout>
 
+#include "calendar_settings.hpp"
 #include "tamsel/hotkey/double_tap.hpp"
 
 namespace tamsel::desktopui {
@@ -75,8 +76,10 @@ SettingsDialog::SettingsDialog(app::DesktopServices& services,
   auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close, this);
   buttons->button(QDialogButtonBox::Close)->setAccessibleName(tr("Close the settings"));
   connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
+  calendars_ = new CalendarSettings(services_.appFolder(), services_.calendar(), this);
   auto* column = new QVBoxLayout(this);
   column->addLayout(form);
+  column->addWidget(calendars_);
   column->addWidget(buttons);
 
   connect(hotkeyMode_, &QComboBox::activated, this, &SettingsDialog::onHotkeyMode);

@@ -1,7 +1,7 @@
 #pragma once
 // Settings (Ctrl+,): the summon hotkey's trigger, recording detected meetings without asking,
-// launch at login, and where the engine is. Each change is saved at once; one that cannot be
-// saved is undone on screen and says why.
+// launch at login, where the engine is, and the calendars. Each change is saved at once; one that
+// cannot be saved is undone on screen and says why.
 #include <QDialog>
 #include <functional>
 #include <memory>
@@ -14,6 +14,8 @@ class QComboBox;
 class QLabel;
 
 namespace tamsel::desktopui {
+
+class CalendarSettings;
 
 class SettingsDialog final : public QDialog {
   Q_OBJECT
@@ -28,6 +30,7 @@ class SettingsDialog final : public QDialog {
   QCheckBox& launchAtLogin() { return *launchAtLogin_; }
   QLabel& launchAtLoginStatus() { return *launchStatus_; }
   QLabel& engineInfo() { return *engineInfo_; }
+  CalendarSettings& calendars() { return *calendars_; }
 
   // Shows what the hotkey monitor said last (its backend, or why it cannot run).
   void showHotkeyStatus(const app::HotkeyStatus& status);
@@ -50,6 +53,7 @@ class SettingsDialog final : public QDialog {
   QCheckBox* launchAtLogin_;
   QLabel* launchStatus_;
   QLabel* engineInfo_;
+  CalendarSettings* calendars_;
 };
 
 }  // namespace tamsel::desktopui
