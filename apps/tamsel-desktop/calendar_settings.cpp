@@ -120,8 +120,9 @@ CalendarSettings::~CalendarSettings() { *self_ = nullptr; }
 void CalendarSettings::showPermission() {
   if (!provider_) {
     permission_->setEnabled(false);
-    permissionStatus_->setText(tr("The calendars cannot be opened, so the engine cannot use "
-                                  "them (the log says why)."));
+    permissionStatus_->setText(
+        tr("The calendars cannot be opened, so the engine cannot use "
+           "them (the log says why)."));
     return;
   }
   const auto status = provider_->checkPermission().status;
@@ -173,10 +174,9 @@ void CalendarSettings::reload() {
       [](CalendarSettings& self, Listing listing) {
         self.calendars_->clear();
         for (const auto& c : listing.calendars)
-          self.calendars_->addItem(
-              tr("%1 — %2%3")
-                  .arg(QString::fromStdString(c.title), accountKind(c),
-                       c.writable ? QString() : tr(" (read-only)")));
+          self.calendars_->addItem(tr("%1 — %2%3")
+                                       .arg(QString::fromStdString(c.title), accountKind(c),
+                                            c.writable ? QString() : tr(" (read-only)")));
         self.setBusy({});
         if (!listing.error.isEmpty())
           self.status_->setText(tr("Could not read the calendars: %1").arg(listing.error));
@@ -225,7 +225,8 @@ void CalendarSettings::addCalDAVAccount(const QString& url, const QString& user,
           out.calendarsFound = static_cast<int>(found.size());
           // Saved only when it works: a wrong URL or password never replaces a good account.
           if (found.empty())
-            out.error = tr("no event calendars found at %1").arg(QString::fromStdString(account.url));
+            out.error =
+                tr("no event calendars found at %1").arg(QString::fromStdString(account.url));
           else
             calendar::saveCalDAVAccount(file, account);
         } catch (const std::exception& e) {
@@ -246,8 +247,8 @@ void CalendarSettings::addCalDAVAccount(const QString& url, const QString& user,
 
 void CalendarSettings::askForLocal() {
   bool ok = false;
-  const auto title = QInputDialog::getText(this, tr("Add a local calendar"),
-                                           tr("Calendar name:"), QLineEdit::Normal, {}, &ok);
+  const auto title = QInputDialog::getText(this, tr("Add a local calendar"), tr("Calendar name:"),
+                                           QLineEdit::Normal, {}, &ok);
   if (ok) addLocalCalendar(title);
 }
 

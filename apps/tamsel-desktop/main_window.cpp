@@ -186,6 +186,15 @@ MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notificat
   connect(dismissNotice, &QPushButton::clicked, noticeBar_, &QWidget::hide);
 
   meetings_ = new MeetingsPanel(services_.meetingsFolder(), this);
+  meetings_->saveAutoRecord = [this](bool on) {
+    try {
+      services_.setMeetingAutoRecord(on);
+      return true;
+    } catch (const std::exception& e) {
+      showNotice(tr("Could not save the meeting setting: %1").arg(e.what()));
+      return false;
+    }
+  };
   meetingsDock_ = new QDockWidget(tr("Meetings"), this);
   meetingsDock_->setObjectName(QStringLiteral("meetings"));
   meetingsDock_->setAccessibleName(tr("Meetings"));

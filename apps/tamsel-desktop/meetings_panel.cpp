@@ -120,11 +120,14 @@ MeetingsPanel::MeetingsPanel(std::filesystem::path meetingsRoot, QWidget* parent
   proposal_->setWordWrap(true);
   proposal_->setTextFormat(Qt::PlainText);
   accept_ = button(tr("Record it"), tr("Record the detected meeting"), proposalRow_);
+  always_ = button(tr("&Always record"),
+                   tr("Record this meeting and every detected meeting from now on"), proposalRow_);
   dismiss_ = button(tr("Dismiss"), tr("Do not record the detected meeting"), proposalRow_);
   auto* proposalLine = new QHBoxLayout(proposalRow_);
   proposalLine->setContentsMargins(0, 0, 0, 0);
   proposalLine->addWidget(proposal_, 1);
   proposalLine->addWidget(accept_);
+  proposalLine->addWidget(always_);
   proposalLine->addWidget(dismiss_);
   proposalRow_->hide();
 
@@ -164,6 +167,13 @@ MeetingsPanel::MeetingsPanel(std::filesystem::path meetingsRoot, QWidget* parent
   connect(record_, &QPushButton::clicked, this, &MeetingsPanel::toggleRecording);
   connect(accept_, &QPushButton::clicked, this, [this] {
     if (controller_) controller_->accept();
+  });
+  connect(always_, &QPushButton::clicked, this, [this] {
+    if (!controller_) return;
+    // The preference first: a recording that starts must not be the only thing that changed.
+    if (saveAutoRecord && !saveAutoRecord(true)) return;
+    controller_->setAutoStart(true);
+    controller_->accept();
   });
   connect(dismiss_, &QPushButton::clicked, this, [this] {
     if (controller_) controller_->decline();

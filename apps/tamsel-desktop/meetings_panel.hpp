@@ -40,10 +40,14 @@ class MeetingsPanel final : public QWidget {
 
   // How a meeting is opened (tests watch it).
   std::function<void(const QUrl&)> openUrl;
+  // Keeps "record detected meetings without asking" on (Always record); false when it could
+  // not be saved, which the callee has shown.
+  std::function<bool(bool)> saveAutoRecord;
 
   QPushButton& recordButton() { return *record_; }
   QPushButton& acceptButton() { return *accept_; }
   QPushButton& dismissButton() { return *dismiss_; }
+  QPushButton& alwaysButton() { return *always_; }
   QPushButton& keepButton() { return *keep_; }
   QPushButton& openButton() { return *open_; }
   QLabel& stateLabel() { return *state_; }
@@ -79,6 +83,7 @@ class MeetingsPanel final : public QWidget {
   QLabel* proposal_;
   QPushButton* accept_;
   QPushButton* dismiss_;
+  QPushButton* always_;
   QPushButton* keep_;
   QLabel* warning_;
   QTreeWidget* jobs_;

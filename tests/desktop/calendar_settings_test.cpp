@@ -1,5 +1,7 @@
 // The calendars in Settings and the window's answer to the engine's calendar request, on Qt's
 // offscreen platform, over real calendar folders in a temporary app folder.
+#include "calendar_settings.hpp"
+
 #include <QAbstractButton>
 #include <QApplication>
 #include <QCheckBox>
@@ -13,7 +15,6 @@
 #include <thread>
 
 #include "../unit/test_support.hpp"
-#include "calendar_settings.hpp"
 #include "qt_main_executor.hpp"
 #include "tamsel/calendar/caldav_calendar_store.hpp"
 #include "tamsel/calendar/calendar_provider.hpp"
@@ -82,9 +83,9 @@ class CalendarSettingsTest : public QObject {
   }
 
   void localCalendarsAreAddedAndListedWithoutReplacingOne() {
-    desktopui::CalendarSettings settings(
-        dir->path(), provider(std::make_shared<calendar::MemoryPermissionStore>(
-                         CalendarPermissionStatus::notDetermined)));
+    desktopui::CalendarSettings settings(dir->path(),
+                                         provider(std::make_shared<calendar::MemoryPermissionStore>(
+                                             CalendarPermissionStatus::notDetermined)));
     QSignalSpy settled(&settings, &desktopui::CalendarSettings::settled);
     QTRY_COMPARE(settled.count(), 1);
     // A new app folder starts with the desktop's own calendar.
@@ -98,7 +99,8 @@ class CalendarSettingsTest : public QObject {
     QTRY_COMPARE(settled.count(), 3);
     settings.addLocalCalendar(QStringLiteral("   "));  // nothing to add
     QCOMPARE(settings.calendars().count(), first + 2);
-    QCOMPARE(settings.calendars().findItems(QStringLiteral("Work Things — local"), Qt::MatchExactly)
+    QCOMPARE(settings.calendars()
+                 .findItems(QStringLiteral("Work Things — local"), Qt::MatchExactly)
                  .size(),
              2);
     QVERIFY(settings.status().text().isEmpty());

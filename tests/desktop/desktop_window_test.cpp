@@ -883,6 +883,36 @@ class DesktopWindowTest : public QObject {
     QCOMPARE(panel.jobList().topLevelItem(0)->text(1),
              desktopui::MeetingsPanel::stateText(jobs[0].second.state));
 
+    // "Always record": nothing changes when the preference cannot be kept; once kept, this
+    // meeting records, and the next one records without being proposed.
+    std::vector<bool> saved;
+    bool saving = false;
+    panel.saveAutoRecord = [&](bool on) {
+      saved.push_back(on);
+      return saving;
+    };
+    controller.applySnapshot({});
+    controller.applySnapshot(zoomInACall());
+    QVERIFY(proposalRow->isVisible());
+    QTest::mouseClick(&panel.alwaysButton(), Qt::LeftButton);
+    QVERIFY(!controller.recording());
+    saving = true;
+    QTest::mouseClick(&panel.alwaysButton(), Qt::LeftButton);
+    QCOMPARE(saved, (std::vector<bool>{true, true}));
+    QVERIFY(controller.recording());
+    const auto stopByHand = [&] {
+      QTest::mouseClick(&panel.recordButton(), Qt::LeftButton);
+      QTRY_VERIFY_WITH_TIMEOUT(!controller.recording(), kTimeout);
+      controller.drain();
+      QCoreApplication::processEvents();
+    };
+    stopByHand();
+    controller.applySnapshot({});
+    controller.applySnapshot(zoomInACall());
+    QVERIFY(controller.recording());
+    QVERIFY(!proposalRow->isVisible());
+    stopByHand();
+
     // A recording that cannot start says why.
     failToStart = true;
     QTest::mouseClick(&panel.recordButton(), Qt::LeftButton);

@@ -429,6 +429,8 @@ void MeetingController::accept() {
   impl_->begin(MeetingStartOrigin::detected(*impl_->proposal));
 }
 
+void MeetingController::setAutoStart(bool on) { impl_->config.autoStart = on; }
+
 void MeetingController::decline() {
   if (!impl_->proposal) return;
   impl_->declined.insert(*impl_->proposal);

@@ -108,6 +108,9 @@ class MeetingController {
   // The user's answers.
   void accept();   // the pending proposal
   void decline();  // the pending proposal
+  // Detected meetings start recording without a proposal from now on (the auto-record
+  // preference, changed while running); the caller keeps the preference itself.
+  void setAutoStart(bool on);
   void startManual();
   void keepRecording();
   void stop();
