@@ -78,8 +78,8 @@ AttachmentCheck checkAttachedFiles(std::vector<kit::Attachment> attachments) {
 std::string encodeComposerAttachments(const std::vector<kit::Attachment>& attachments) {
   std::vector<ComposerAttachmentRecord> records;
   for (const auto& a : attachments)
-    records.push_back({a.id, wireType(a.kind), a.filePath.value_or(""), a.filename, a.byteSize,
-                       a.mimeType});
+    records.push_back(
+        {a.id, wireType(a.kind), a.filePath.value_or(""), a.filename, a.byteSize, a.mimeType});
   return base::json::serialize(base::json::encode(records));
 }
 
