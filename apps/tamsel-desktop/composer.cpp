@@ -154,6 +154,8 @@ QList<QWidget*> AttachmentTray::chips() const {
 }
 
 void AttachmentTray::refresh() {
+  // A note is about the last files offered here, not about another session's.
+  showNote({});
   while (auto* item = chipRow_->takeAt(0)) {
     delete item->widget();
     delete item;
@@ -224,11 +226,12 @@ void AttachmentTray::addFiles(const QStringList& paths) {
     attachments.push_back(std::move(attachment));
     added = true;
   }
+  if (added) {
+    chat_.setComposerAttachments(std::move(attachments));
+    refresh();
+    Q_EMIT attachmentsChanged();
+  }
   showNote(problems);
-  if (!added) return;
-  chat_.setComposerAttachments(std::move(attachments));
-  refresh();
-  Q_EMIT attachmentsChanged();
 }
 
 void AttachmentTray::remove(const QString& id) {
@@ -237,7 +240,6 @@ void AttachmentTray::remove(const QString& id) {
   std::erase_if(attachments, [&](const kit::Attachment& a) { return a.id == id.toStdString(); });
   if (attachments.size() == before) return;
   chat_.setComposerAttachments(std::move(attachments));
-  showNote({});
   refresh();
   Q_EMIT attachmentsChanged();
 }
