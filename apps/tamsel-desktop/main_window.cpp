@@ -51,6 +51,7 @@ const std::vector<ShortcutHelp>& shortcutTable() {
       {"Shift+Enter", "new line in the message"},
       {"Ctrl+Enter", "add the message to the running reply (inject)"},
       {"Ctrl+Shift+Enter", "stop the reply and send the queue now"},
+      {"Ctrl+O", "attach files to the message (or drop them on it)"},
       {"Ctrl+.", "stop the running reply"},
       {"Ctrl+N", "new session"},
       {"Ctrl+F", "search sessions"},
@@ -142,6 +143,7 @@ MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notificat
   cards_ = new RequestCards(*vm_, this);
   queue_ = new QueuePanel(*vm_, this);
   composer_ = new Composer(this);
+  attachments_ = new AttachmentTray(*vm_, this);
   sendButton_ = new QPushButton(tr("Send"), this);
   sendButton_->setAccessibleName(tr("Send the message"));
   sendButton_->setToolTip(tr("Enter"));
@@ -162,6 +164,7 @@ MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notificat
   convColumn->addWidget(status_);
   convColumn->addWidget(cards_);
   convColumn->addWidget(queue_);
+  convColumn->addWidget(attachments_);
   convColumn->addLayout(composerRow);
 
   auto* splitter = new QSplitter(this);
@@ -223,6 +226,7 @@ MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notificat
   connect(newSession_, &QPushButton::clicked, this, &MainWindow::newSession);
   connect(composer_, &Composer::sendRequested, this, &MainWindow::send);
   connect(composer_, &Composer::injectRequested, this, &MainWindow::inject);
+  connect(composer_, &Composer::filesOffered, attachments_, &AttachmentTray::addUrls);
   connect(composer_, &QPlainTextEdit::textChanged, this, [this] {
     if (!loadingDraft_) vm_->setComposerText(composer_->toPlainText().toStdString());
   });
@@ -291,6 +295,8 @@ void MainWindow::buildActions() {
       [this] { sendNow(); });
   add(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Enter), tr("Send the queue now"),
       [this] { sendNow(); });
+  add(QKeySequence(Qt::CTRL | Qt::Key_O), tr("Attach files"),
+      [this] { attachments_->pickFiles(); });
   add(QKeySequence(Qt::CTRL | Qt::Key_F), tr("Search sessions"), [this] {
     search_->setFocus();
     search_->selectAll();
@@ -454,6 +460,7 @@ void MainWindow::onTranscriptChanged() {
     composer_->setPlainText(QString::fromStdString(vm_->composerText()));
     composer_->moveCursor(QTextCursor::End);
     loadingDraft_ = false;
+    attachments_->refresh();
     followTail_ = true;
     transcript_->scrollToBottom();
     if (key) {
@@ -503,23 +510,36 @@ void MainWindow::refreshStatus() {
 
 void MainWindow::send() {
   const auto text = composer_->toPlainText();
-  if (text.trimmed().isEmpty()) return;
-  if (vm_->submit(text.toStdString()) == DaemonChatViewModel::SubmitOutcome::ignored) return;
+  auto files = vm_->composerAttachments();
+  if (text.trimmed().isEmpty() && files.empty()) return;
+  // Refused (an attached file is gone): the text and the files stay for the user to fix.
+  const auto outcome = vm_->submit(text.toStdString(), false, std::move(files));
+  if (outcome == DaemonChatViewModel::SubmitOutcome::ignored ||
+      outcome == DaemonChatViewModel::SubmitOutcome::refused)
+    return;
   composer_->clear();
+  attachments_->refresh();
 }
 
 void MainWindow::inject() {
   const auto text = composer_->toPlainText();
-  if (text.trimmed().isEmpty()) return;
-  if (vm_->submit(text.toStdString(), true) == DaemonChatViewModel::SubmitOutcome::ignored) return;
+  auto files = vm_->composerAttachments();
+  if (text.trimmed().isEmpty() && files.empty()) return;
+  const auto outcome = vm_->submit(text.toStdString(), true, std::move(files));
+  if (outcome == DaemonChatViewModel::SubmitOutcome::ignored ||
+      outcome == DaemonChatViewModel::SubmitOutcome::refused)
+    return;
   composer_->clear();
+  attachments_->refresh();
 }
 
 void MainWindow::sendNow() {
   const auto typed = composer_->toPlainText().trimmed();
-  if (vm_->queuedDrafts().empty() && typed.isEmpty()) return;
-  vm_->forceSendQueued(typed.toStdString());
+  auto files = vm_->composerAttachments();
+  if (vm_->queuedDrafts().empty() && typed.isEmpty() && files.empty()) return;
+  if (!vm_->forceSendQueued(typed.toStdString(), std::move(files))) return;
   composer_->clear();
+  attachments_->refresh();
 }
 
 void MainWindow::newSession() {

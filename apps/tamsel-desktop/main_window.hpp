@@ -33,6 +33,7 @@ class DaemonChatViewModel;
 namespace tamsel::desktopui {
 
 class ApprovalNotifier;
+class AttachmentTray;
 class Composer;
 class EngineBar;
 class MeetingsPanel;
@@ -68,6 +69,7 @@ class MainWindow final : public QMainWindow {
   desktop::DaemonChatViewModel& chat() { return *vm_; }
   EngineBar& engineBar() { return *engineBar_; }
   Composer& composer() { return *composer_; }
+  AttachmentTray& attachmentTray() { return *attachments_; }
   QListView& transcriptView() { return *transcript_; }
   TranscriptModel& transcriptModel() { return *transcriptModel_; }
   QListView& sessionView() { return *sessions_; }
@@ -143,6 +145,7 @@ class MainWindow final : public QMainWindow {
   RequestCards* cards_;
   QueuePanel* queue_;
   Composer* composer_;
+  AttachmentTray* attachments_;
   QPushButton* sendButton_;
   QPushButton* stopButton_;
   QFrame* noticeBar_;

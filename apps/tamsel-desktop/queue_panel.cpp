@@ -19,13 +19,17 @@ QueueModel::QueueModel(desktop::DaemonChatViewModel& vm, QObject* parent)
 void QueueModel::refresh() {
   const auto drafts = vm_.queuedDrafts();
   std::vector<RowKey> next;
-  std::vector<std::string> texts;
+  std::vector<std::string> texts, files;
   for (const auto& d : drafts) {
-    next.push_back({d.id, fingerprintOf(d.text)});
+    std::string names;
+    for (const auto& a : d.attachments) names += (names.empty() ? "" : ", ") + a.filename;
+    next.push_back({d.id, fingerprintOf(names, fingerprintOf(d.text))});
     texts.push_back(d.text);
+    files.push_back(std::move(names));
   }
   // The texts change before the rows are told, which is safe: each row reads its own text.
   texts_ = std::move(texts);
+  files_ = std::move(files);
   sync(std::move(next));
 }
 
@@ -36,16 +40,22 @@ std::string QueueModel::idAt(int row) const {
 QVariant QueueModel::data(const QModelIndex& index, int role) const {
   const auto row = static_cast<std::size_t>(index.row());
   if (!index.isValid() || row >= texts_.size()) return {};
-  if (role == Qt::DisplayRole || role == Qt::EditRole || role == Qt::AccessibleTextRole)
-    return QString::fromStdString(texts_[row]);
+  if (role == Qt::EditRole) return QString::fromStdString(texts_[row]);
+  if (role == Qt::DisplayRole || role == Qt::AccessibleTextRole) {
+    auto shown = QString::fromStdString(texts_[row]);
+    if (!files_[row].empty())
+      shown += (shown.isEmpty() ? QString() : QStringLiteral("\n")) +
+               tr("Attached: %1").arg(QString::fromStdString(files_[row]));
+    return shown;
+  }
   return {};
 }
 
 bool QueueModel::setData(const QModelIndex& index, const QVariant& value, int role) {
   if (role != Qt::EditRole || !index.isValid()) return false;
   const auto text = value.toString().trimmed();
-  // An edit that empties a queued message retracts it.
-  if (text.isEmpty())
+  // An edit that empties a queued message retracts it, unless files still go with it.
+  if (text.isEmpty() && files_[static_cast<std::size_t>(index.row())].empty())
     vm_.retractQueuedDraft(idAt(index.row()));
   else
     vm_.editQueuedDraft(idAt(index.row()), text.toStdString());

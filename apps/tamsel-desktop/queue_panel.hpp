@@ -28,6 +28,8 @@ class QueueModel final : public KeyedListModel {
  private:
   desktop::DaemonChatViewModel& vm_;
   std::vector<std::string> texts_;
+  // The names of each queued message's attached files, shown under its text.
+  std::vector<std::string> files_;
 };
 
 class QueuePanel final : public QWidget {

@@ -1,6 +1,11 @@
 // The window's parts without an engine: list updates planned from keys, the transcript model
 // following the controller's part by change, and the main executor on the Qt loop.
+#include <QApplication>
+#include <QClipboard>
+#include <QImage>
+#include <QMimeData>
 #include <QSignalSpy>
+#include <QTemporaryDir>
 #include <QtTest>
 #include <boost/asio/local/connect_pair.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
@@ -157,6 +162,70 @@ class DesktopPartsTest : public QObject {
     QCOMPARE(sends.size(), 1);
     QCOMPARE(injects.size(), 1);
     QCOMPARE(composer.toPlainText(), QStringLiteral("one\ntwo"));
+  }
+
+  void filesBecomeAttachmentsByTheirContentAndFoldersAreRefused() {
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const auto path = [&](const char* name) { return dir.filePath(QString::fromLatin1(name)); };
+    QFile notes(path("notes.txt"));
+    QVERIFY(notes.open(QIODevice::WriteOnly));
+    notes.write("release checklist\n");
+    notes.close();
+    // A picture without an extension is still a picture: the type comes from its bytes too.
+    QImage dot(2, 2, QImage::Format_RGB32);
+    dot.fill(Qt::blue);
+    QVERIFY(dot.save(path("photo"), "PNG"));
+    QFile svg(path("logo.svg"));
+    QVERIFY(svg.open(QIODevice::WriteOnly));
+    svg.write("<svg xmlns=\"http://www.w3.org/2000/svg\"/>");
+    svg.close();
+    QVERIFY(QDir(dir.path()).mkdir(QStringLiteral("drafts")));
+
+    const auto file = std::get<kit::Attachment>(desktopui::attachmentForFile(path("notes.txt")));
+    QCOMPARE(file.kind, kit::Attachment::Kind::fileRef);
+    QCOMPARE(file.filename, std::string("notes.txt"));
+    QCOMPARE(file.mimeType, std::optional<std::string>("text/plain"));
+    QCOMPARE(file.byteSize, std::optional<std::int64_t>(18));
+    QCOMPARE(file.filePath, std::optional<std::string>(path("notes.txt").toStdString()));
+    QVERIFY(!file.id.empty());
+    const auto photo = std::get<kit::Attachment>(desktopui::attachmentForFile(path("photo")));
+    QCOMPARE(photo.kind, kit::Attachment::Kind::image);
+    QCOMPARE(photo.mimeType, std::optional<std::string>("image/png"));
+    // An image the engine cannot show the model goes as a plain file.
+    const auto logo = std::get<kit::Attachment>(desktopui::attachmentForFile(path("logo.svg")));
+    QCOMPARE(logo.kind, kit::Attachment::Kind::fileRef);
+    QCOMPARE(logo.mimeType, std::optional<std::string>("image/svg+xml"));
+
+    QCOMPARE(std::get<QString>(desktopui::attachmentForFile(path("drafts"))),
+             QStringLiteral("drafts is a folder: only files can be attached"));
+    QCOMPARE(std::get<QString>(desktopui::attachmentForFile(path("gone.txt"))),
+             QStringLiteral("gone.txt was not found"));
+    QCOMPARE(std::get<QString>(desktopui::attachmentForFile(QStringLiteral("/dev/null"))),
+             QStringLiteral("null is not a regular file"));
+    QCOMPARE(desktopui::attachmentSizeText(18), QStringLiteral("18 bytes"));
+  }
+
+  void pastedFilesAreOfferedAndPastedTextIsInserted() {
+    desktopui::Composer composer;
+    QSignalSpy offered(&composer, &desktopui::Composer::filesOffered);
+    auto* files = new QMimeData;
+    files->setUrls({QUrl::fromLocalFile(QStringLiteral("/tmp/a.txt"))});
+    files->setText(QStringLiteral("/tmp/a.txt"));
+    QApplication::clipboard()->setMimeData(files);
+    composer.paste();
+    QCOMPARE(offered.size(), 1);
+    QCOMPARE(offered[0][0].value<QList<QUrl>>(),
+             QList<QUrl>{QUrl::fromLocalFile(QStringLiteral("/tmp/a.txt"))});
+    QCOMPARE(composer.toPlainText(), QString());
+    // A web link alone is text to paste, not a file.
+    auto* link = new QMimeData;
+    link->setUrls({QUrl(QStringLiteral("https://example.org/"))});
+    link->setText(QStringLiteral("https://example.org/"));
+    QApplication::clipboard()->setMimeData(link);
+    composer.paste();
+    QCOMPARE(offered.size(), 1);
+    QCOMPARE(composer.toPlainText(), QStringLiteral("https://example.org/"));
   }
 
   void theMainExecutorRunsAsioOnTheGuiThread() {

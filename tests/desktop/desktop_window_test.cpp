@@ -13,16 +13,20 @@
 #include <QDBusConnection>
 #include <QDBusMetaType>
 #include <QDockWidget>
+#include <QFileDialog>
 #include <QFrame>
+#include <QImage>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListView>
+#include <QMimeData>
 #include <QPlainTextEdit>
 #include <QProcess>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QRadioButton>
 #include <QSignalSpy>
+#include <QToolButton>
 #include <QTreeWidget>
 #include <QtTest>
 #include <fstream>
@@ -512,6 +516,112 @@ class DesktopWindowTest : public QObject {
                               kTimeout);
   }
 
+  void attachesDroppedFilesAndSendsThemToTheEngine() {
+    Desktop d(*main, dir->path());
+    QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
+    const auto files = dir->path() / "files";
+    std::filesystem::create_directories(files / "drafts");
+    const auto notes = files / "notes.txt";
+    std::ofstream(notes) << "release checklist\n";
+    const auto picture = files / "dot.png";
+    QImage dot(2, 2, QImage::Format_RGB32);
+    dot.fill(Qt::red);
+    QVERIFY(dot.save(QString::fromStdString(picture.string())));
+    const auto url = [](const std::filesystem::path& p) {
+      return QUrl::fromLocalFile(QString::fromStdString(p.string()));
+    };
+    auto& tray = d.window->attachmentTray();
+    QTest::keyClick(d.window.get(), Qt::Key_N, Qt::ControlModifier);
+
+    // Dropped from a file manager: a file, a folder and a web link. Only the file is attached.
+    QMimeData dropped;
+    dropped.setUrls(
+        {url(notes), url(files / "drafts"), QUrl(QStringLiteral("https://example.org/a.pdf"))});
+    auto* target = d.window->composer().viewport();
+    const QPoint at = target->rect().center();
+    QDragEnterEvent enter(at, Qt::CopyAction | Qt::MoveAction, &dropped, Qt::LeftButton, {});
+    QApplication::sendEvent(target, &enter);
+    QVERIFY(enter.isAccepted());
+    QDropEvent drop(at, Qt::CopyAction | Qt::MoveAction, &dropped, Qt::LeftButton, {});
+    QApplication::sendEvent(target, &drop);
+    QCOMPARE(drop.dropAction(), Qt::CopyAction);
+    QVERIFY2(d.window->composer().toPlainText().isEmpty(), "the paths are not pasted as text");
+    QCOMPARE(tray.chips().size(), 1);
+    QCOMPARE(tray.chips()[0]->accessibleName(), QStringLiteral("Attached: notes.txt, 18 bytes"));
+    QVERIFY(tray.note().isVisible());
+    QVERIFY2(tray.note().text().contains(
+                 QStringLiteral("drafts is a folder: only files can be attached")) &&
+                 tray.note().text().contains(QStringLiteral("only local files can be attached")),
+             qPrintable(tray.note().text()));
+
+    // Ctrl+O: the file dialog adds the picture; a chip's button removes it again, and the
+    // dialog adds it back.
+    QTest::keyClick(d.window.get(), Qt::Key_O, Qt::ControlModifier);
+    QFileDialog* dialog = nullptr;
+    QTRY_VERIFY((dialog = d.window->findChild<QFileDialog*>()) && dialog->isVisible());
+    QCOMPARE(dialog->fileMode(), QFileDialog::ExistingFiles);
+    dialog->selectFile(QString::fromStdString(picture.string()));
+    static_cast<QDialog*>(dialog)->accept();  // public there
+    QTRY_COMPARE(tray.chips().size(), 2);
+    QToolButton* remove = nullptr;
+    QTRY_VERIFY((remove = findButton<QToolButton>(tray.chips()[1], QStringLiteral("×"))));
+    QCOMPARE(remove->accessibleName(), QStringLiteral("Remove dot.png"));
+    remove->click();
+    QTRY_COMPARE(tray.chips().size(), 1);
+    tray.addFiles({QString::fromStdString(picture.string())});
+    QCOMPARE(tray.chips().size(), 2);
+    QApplication::setActiveWindow(d.window.get());  // the dialog had the keyboard
+
+    // The files stay with this chat's draft while another session is open.
+    type(*d.window, QStringLiteral("what is in these?"));
+    const auto seeded = d.chat().sessions().at(0).id;
+    d.chat().selectSession(seeded);
+    QTRY_COMPARE(tray.chips().size(), 0);
+    QTest::keyClick(d.window.get(), Qt::Key_N, Qt::ControlModifier);
+    QTRY_COMPARE(tray.chips().size(), 2);
+    QCOMPARE(d.window->composer().toPlainText(), QStringLiteral("what is in these?"));
+
+    // A file gone before sending: the message is refused and nothing is lost.
+    std::filesystem::rename(notes, files / "moved.txt");
+    QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+    QTRY_VERIFY(d.window->statusLine().text().startsWith(
+        QStringLiteral("Cannot send notes.txt: the file is gone")));
+    QCOMPARE(d.window->composer().toPlainText(), QStringLiteral("what is in these?"));
+    QCOMPARE(tray.chips().size(), 2);
+    QVERIFY(requestBodies(dir->path(), "/message").empty());
+    std::filesystem::rename(files / "moved.txt", notes);
+
+    QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+    QVERIFY(d.window->composer().toPlainText().isEmpty());
+    QCOMPARE(tray.chips().size(), 0);
+    QTRY_VERIFY_WITH_TIMEOUT(requestBodies(dir->path(), "/message").size() == 1, kTimeout);
+    const auto body = requestBodies(dir->path(), "/message")[0];
+    const auto& sent = body.at("attachments").as_array();
+    QCOMPARE(sent.size(), std::size_t(2));
+    QCOMPARE(std::string(sent[0].at("type").as_string()), std::string("file_ref"));
+    QCOMPARE(std::string(sent[0].at("file_path").as_string()), notes.string());
+    QCOMPARE(std::string(sent[0].at("mime_type").as_string()), std::string("text/plain"));
+    QCOMPARE(std::string(sent[1].at("type").as_string()), std::string("image"));
+    QCOMPARE(std::string(sent[1].at("mime_type").as_string()), std::string("image/png"));
+
+    // Shown with the message at once, and again from the session file once the reply is done.
+    const auto userFiles = [&] {
+      QStringList out;
+      for (const auto& m : d.chat().messages())
+        if (m.author == "user")
+          for (const auto& a : m.attachments)
+            out << QString::fromStdString(
+                a.id.substr(0, 19) + ":" +
+                (a.kind == kit::Attachment::Kind::image ? "image" : a.filename));
+      return out;
+    };
+    QVERIFY(userFiles().size() == 2);
+    QTRY_COMPARE_WITH_TIMEOUT(userFiles(),
+                              (QStringList{QStringLiteral("session-attachment-:notes.txt"),
+                                           QStringLiteral("session-attachment-:image")}),
+                              kTimeout);
+  }
+
   void showsAMissingEngineAndWhyAnEngineFailed() {
     {
       Desktop d(*main, dir->path(), (dir->path() / "no-such-verd").string());
@@ -529,7 +639,9 @@ class DesktopWindowTest : public QObject {
     std::filesystem::permissions(broken, std::filesystem::perms::owner_all);
     Desktop d(*main, dir->path(), broken.string());
     QTRY_COMPARE_WITH_TIMEOUT(d.services.daemonManager().state().kind, Kind::failed, 30000);
-    QVERIFY(d.window->engineBar().stateText().startsWith(QStringLiteral("Engine")));
+    // The bar follows the state on the next turn of the loop.
+    QTRY_VERIFY_WITH_TIMEOUT(d.window->engineBar().stateText().startsWith(QStringLiteral("Engine")),
+                             kTimeout);
     auto* why = findButton<QPushButton>(&d.window->engineBar(), QStringLiteral("&Why?"));
     QVERIFY(why);
     const auto details = d.window->engineBar().failureDetails();

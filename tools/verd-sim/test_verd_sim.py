@@ -5,6 +5,7 @@ free port in a temporary directory and talks HTTP to it.
 Run: python3 tools/verd-sim/test_verd_sim.py
 """
 
+import base64
 import http.client
 import json
 import os
@@ -432,6 +433,11 @@ class Conversation(unittest.TestCase):
 
 # Unpaced replies and a silent event stream, for tests that do not time anything.
 QUICK = {"event_delay_seconds": 0, "events_keepalive_seconds": 0}
+
+
+def is_tool_results(message):
+    return all(b.get("type") == "tool_result" for b in message["content"]) \
+        if isinstance(message["content"], list) else False
 
 
 def named(events, name):
@@ -899,6 +905,73 @@ class EngineHome(unittest.TestCase):
         self.assertEqual([m["role"] for m in msgs], ["user", "assistant", "user", "user"])
         self.assertEqual((msgs[1]["content"][0]["id"], msgs[2]["content"][0]["tool_use_id"], msgs[3]["content"]),
                          (tool["tool_use_id"], tool["tool_use_id"], "one more thing"))
+
+
+    def test_attached_files_are_checked_and_recorded_as_blocks(self):
+        sim, home = self.start()
+        files = tempfile.mkdtemp(prefix="verd-sim-files-")
+        self.addCleanup(shutil.rmtree, files, True)
+        notes, image = os.path.join(files, "notes.txt"), os.path.join(files, "dot.png")
+        with open(notes, "w") as f:
+            f.write("release checklist\n")
+        pixels = b"\x89PNG\r\n\x1a\n" + bytes(range(40))
+        with open(image, "wb") as f:
+            f.write(pixels)
+        note_ref = {"type": "file_ref", "file_path": notes, "filename": "notes.txt", "byte_size": 1,
+                    "mime_type": "text/plain"}
+        picture = {"type": "image", "file_path": image, "mime_type": "image/png"}
+        _, before = sim.request("GET", "/sessions")
+
+        # Bad shapes are refused with the reason, and nothing is recorded for them.
+        bad = [
+            ({"a": 1}, "attachments must be a list"),
+            (["x"], "attachments[0] must be an object"),
+            ([{"type": "pdf", "file_path": notes}], 'attachments[0]: type must be "file_ref" or "image"'),
+            ([note_ref, {"type": "file_ref", "file_path": "notes.txt"}],
+             "attachments[1]: file_path must be an absolute path"),
+            ([dict(note_ref, byte_size=-3)], "attachments[0]: byte_size must be a whole number of bytes"),
+            ([dict(picture, mime_type="image/tiff")],
+             "attachments[0]: an image must be one of image/png, image/jpeg, image/gif, image/webp"),
+            ([dict(note_ref, file_path=os.path.join(files, "gone.txt"))],
+             "attachments[0]: cannot read " + os.path.join(files, "gone.txt")),
+            ([note_ref] * 21, "at most 20 attachments per message"),
+        ]
+        for attachments, error in bad:
+            resp, body = sim.request("POST", "/message", {"text": "x", "new_session": True,
+                                                          "attachments": attachments})
+            self.assertEqual((resp.status, body), (400, {"error": error, "code": "invalid_request"}))
+        _, listed = sim.request("GET", "/sessions")
+        self.assertEqual(len(listed), len(before), "a refused message opens no session")
+        resp, body = sim.request("POST", "/message", {"text": "  ", "new_session": True, "attachments": []})
+        self.assertEqual((resp.status, body["error"]), (400, "text is required"))
+
+        # Files alone make a message: the session is named after them.
+        events = self.stream(sim, "/message", {"text": "", "new_session": True,
+                                               "attachments": [note_ref, picture]}).events()
+        sid = named(events, "session_started")[0]["session_id"]
+        saved = self.load(os.path.join(home, "sessions", sid + ".json"))
+        self.assertEqual(saved["title"], "notes.txt, dot.png")
+        first = saved["messages"][0]
+        self.assertEqual(first["role"], "user")
+        # The size is the file's own, whatever the client said.
+        self.assertEqual(first["content"][0], {"type": "file_ref", "file_path": notes,
+                                               "filename": "notes.txt", "byte_size": 18})
+        self.assertEqual(first["content"][1]["type"], "image")
+        self.assertEqual(first["content"][1]["source"]["media_type"], "image/png")
+        self.assertEqual(base64.b64decode(first["content"][1]["source"]["data"]), pixels)
+
+        # With text, the text block comes first; the API's view lists the attachments.
+        self.stream(sim, "/message", {"text": "and this one", "session_id": sid,
+                                      "attachments": [note_ref]}).events()
+        msgs = self.load(os.path.join(home, "sessions", sid + ".json"))["messages"]
+        written = [m["content"] for m in msgs if m["role"] == "user" and not is_tool_results(m)]
+        self.assertEqual(written[-1], [{"type": "text", "text": "and this one"}, first["content"][0]])
+        _, detail = sim.request("GET", "/sessions/" + sid)
+        users = [m for m in detail["messages"] if m["role"] == "user"]
+        self.assertEqual([m["content"] for m in users], ["", "and this one"])
+        self.assertEqual([[a["filename"] for a in m["attachments"]] for m in users],
+                         [["notes.txt", "dot.png"], ["notes.txt"]])
+        self.assertEqual(users[0]["attachments"][1]["byte_size"], len(pixels))
 
 
 class RpcDesktop:

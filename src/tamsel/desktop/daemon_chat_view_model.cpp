@@ -11,6 +11,7 @@
 #include "tamsel/base/strings.hpp"
 #include "tamsel/base/task_scope.hpp"
 #include "tamsel/base/uuid.hpp"
+#include "tamsel/desktop/chat/message_attachments.hpp"
 #include "tamsel/kit/composer_draft_key.hpp"
 #include "tamsel/kit/desktop_local_echo_suppressor.hpp"
 #include "tamsel/kit/injected_message_prefix.hpp"
@@ -78,6 +79,8 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
   // Running streams: token -> the stream (to cancel it) and the key of its session.
   std::map<std::string, bridge::ReplyStream*> streams;
   std::map<std::string, std::string> streamSession;
+  // The composer's attached files by draft key; the drafts store keeps them across restarts.
+  std::map<std::string, std::vector<kit::Attachment>> composerAttachments;
   base::TaskScope tasks;
 
   Impl(VM* owner, base::MainExecutor& e, Dependencies d)
@@ -264,6 +267,8 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
     if (deps.drafts)
       deps.drafts->rekey(kit::ComposerDraftKey::forPendingSession(pending),
                          kit::ComposerDraftKey::forSession(real));
+    moveAttachments(kit::ComposerDraftKey::forPendingSession(pending),
+                    kit::ComposerDraftKey::forSession(real));
     if (!queue->drafts.items(pending).empty()) queue.edit().rekey(pending, real);
     // The engine has the session now: list it, and its pending row goes once it is listed.
     reloadOwnerSidebar();
@@ -376,13 +381,48 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
         queue.edit().drain.action(sessionKey, !queued.empty(), isRunning(sessionKey));
     if (action != kit::QueuedDraftDrainAction::drainNow) return;
     auto joined = kit::QueuedDraftJoinPlanner::join(queued);
+    if (joined && !joined->attachments.empty()) {
+      auto check = checkAttachedFiles(std::move(joined->attachments));
+      if (check.error) {
+        // Kept in the queue: the user can remove the file or send the rest by hand.
+        status.edit().errorMessage = *check.error;
+        return;
+      }
+      joined->attachments = std::move(check.attachments);
+    }
     queue.edit().drafts.remove(sessionKey);
     if (status->notice == kQueuedNotice) status.edit().notice.reset();  // it is being sent now
-    if (joined) startSend(sessionKey, joined->text);
+    if (joined) startSend(sessionKey, joined->text, std::move(joined->attachments));
+  }
+
+  std::vector<kit::Attachment> attachmentsFor(const std::string& draftKey) const {
+    if (auto kept = composerAttachments.find(draftKey); kept != composerAttachments.end())
+      return kept->second;
+    if (!deps.drafts) return {};
+    return decodeComposerAttachments(
+        deps.drafts->draft(kit::ComposerDraftKey::attachmentsKey(draftKey)).value_or(""));
+  }
+
+  void setAttachmentsFor(const std::string& draftKey, std::vector<kit::Attachment> attachments) {
+    if (deps.drafts)
+      deps.drafts->set(attachments.empty() ? std::string() : encodeComposerAttachments(attachments),
+                       kit::ComposerDraftKey::attachmentsKey(draftKey));
+    if (attachments.empty())
+      composerAttachments.erase(draftKey);
+    else
+      composerAttachments[draftKey] = std::move(attachments);
+  }
+
+  void moveAttachments(const std::string& from, const std::string& to) {
+    auto moving = attachmentsFor(from);
+    if (moving.empty()) return;
+    setAttachmentsFor(from, {});
+    setAttachmentsFor(to, std::move(moving));
   }
 
   // Appends the optimistic user message and opens the reply stream.
-  void startSend(const std::string& sessionKey, std::string text) {
+  void startSend(const std::string& sessionKey, std::string text,
+                 std::vector<kit::Attachment> attachments = {}) {
     const std::string token = base::newUUIDString();
     const bool pending =
         base::startsWith(sessionKey, "pending-") && keyOf(sessionKey) == sessionKey;
@@ -392,6 +432,7 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
       user.author = "user";
       user.content = text;
       user.timestamp = now();
+      user.attachments = attachments;
       messages.push_back(std::move(user));
       kit::Message reply;
       reply.id = "stream-" + token;
@@ -419,6 +460,7 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
     else
       request.sessionId = keyOf(sessionKey);
     request.clientMessageId = token;
+    if (!attachments.empty()) request.attachments = messageAttachmentPayloads(attachments);
     spawn([](Impl* self, std::string token, std::string sessionKey,
              bridge::SendMessageRequest request) -> asio::awaitable<void> {
       std::optional<bridge::ReplyStream> stream;
@@ -707,15 +749,31 @@ void DaemonChatViewModel::startNewSession() {
   ++impl.sessionLoadGeneration;
 }
 
-DaemonChatViewModel::SubmitOutcome DaemonChatViewModel::submit(std::string text, bool inject) {
-  if (base::trim(text).empty()) return SubmitOutcome::ignored;
+DaemonChatViewModel::SubmitOutcome DaemonChatViewModel::submit(
+    std::string text, bool inject, std::vector<kit::Attachment> attachments) {
+  if (base::trim(text).empty() && attachments.empty()) return SubmitOutcome::ignored;
+  if (!attachments.empty()) {
+    auto check = checkAttachedFiles(std::move(attachments));
+    if (check.error) {
+      impl_->status.edit().errorMessage = *check.error;
+      return SubmitOutcome::refused;
+    }
+    attachments = std::move(check.attachments);
+  }
   if (!currentSessionKey()) startNewSession();
   const std::string key = *currentSessionKey();
   const std::string real = impl_->keyOf(key);
   setComposerText({});
+  setComposerAttachments({});
   if (!impl_->isRunning(key)) {
-    impl_->startSend(key, std::move(text));
+    impl_->startSend(key, std::move(text), std::move(attachments));
     return SubmitOutcome::sent;
+  }
+  if (!attachments.empty()) {
+    impl_->queue.edit().enqueue(real, std::move(text), std::move(attachments));
+    impl_->status.edit().notice =
+        inject ? "Files cannot join a running reply; the message is queued." : kQueuedNotice;
+    return SubmitOutcome::queued;
   }
   if (inject && !base::startsWith(real, "pending-")) {
     bridge::InjectRequest request;
@@ -754,13 +812,36 @@ void DaemonChatViewModel::retractQueuedDraft(const std::string& id) {
   if (auto key = currentSessionKey()) impl_->queue.edit().retract(impl_->keyOf(*key), id);
 }
 
-void DaemonChatViewModel::forceSendQueued(std::string typedText) {
+bool DaemonChatViewModel::forceSendQueued(std::string typedText,
+                                          std::vector<kit::Attachment> typedAttachments) {
   auto key = currentSessionKey();
-  if (!key) return;
+  if (!key) return false;
   const std::string real = impl_->keyOf(*key);
-  auto plan = kit::QueueForceSendPlanner::plan(impl_->queue->drafts.items(real), typedText);
-  if (!plan) return;
+  auto waiting = impl_->queue->drafts.items(real);
+  if (!typedAttachments.empty()) {
+    // Typed files go last, as the typed text does: as one more draft, just queued.
+    waiting.push_back(kit::QueuedDraftMessage{base::newUUIDString(),
+                                              std::move(typedText),
+                                              std::move(typedAttachments),
+                                              {},
+                                              now(),
+                                              std::nullopt,
+                                              {}});
+    typedText.clear();
+  }
+  auto plan = kit::QueueForceSendPlanner::plan(waiting, typedText);
+  if (!plan) return false;
   auto payload = kit::QueueForceSendPayloadPlanner::plan(*plan);
+  if (!payload.attachments.empty()) {
+    auto check = checkAttachedFiles(std::move(payload.attachments));
+    if (check.error) {
+      impl_->status.edit().errorMessage = *check.error;
+      return false;
+    }
+    payload.attachments = std::move(check.attachments);
+  }
+  setComposerText({});
+  setComposerAttachments({});
   auto& queue = impl_->queue.edit();
   queue.drafts.remove(real);
   if (impl_->isRunning(*key)) {
@@ -774,8 +855,9 @@ void DaemonChatViewModel::forceSendQueued(std::string typedText) {
                                                         {}}});
     cancel();
   } else {
-    impl_->startSend(*key, payload.promptText);
+    impl_->startSend(*key, payload.promptText, std::move(payload.attachments));
   }
+  return true;
 }
 
 void DaemonChatViewModel::cancel() {
@@ -804,6 +886,7 @@ void DaemonChatViewModel::cancel() {
         impl.sidebar.edit().removePending(pending);
         if (impl.deps.drafts)
           impl.deps.drafts->set({}, kit::ComposerDraftKey::forPendingSession(pending));
+        impl.setAttachmentsFor(kit::ComposerDraftKey::forPendingSession(pending), {});
         break;
       case kit::PendingCancelCleanupPlan::detachStalePendingMarker:
         impl.transcript.edit().currentPendingSessionLocalID.reset();
@@ -905,6 +988,14 @@ std::string DaemonChatViewModel::composerText() const {
 
 void DaemonChatViewModel::setComposerText(std::string text) {
   if (impl_->deps.drafts) impl_->deps.drafts->set(std::move(text), impl_->draftKey());
+}
+
+std::vector<kit::Attachment> DaemonChatViewModel::composerAttachments() const {
+  return impl_->attachmentsFor(impl_->draftKey());
+}
+
+void DaemonChatViewModel::setComposerAttachments(std::vector<kit::Attachment> attachments) {
+  impl_->setAttachmentsFor(impl_->draftKey(), std::move(attachments));
 }
 
 std::string DaemonChatViewModel::sessionKeyFor(const kit::Message& message) {

@@ -44,7 +44,9 @@ class DaemonChatViewModel {
   using Bounds = ChatBounds;
 
   enum class ApprovalDecision { once, session, always, deny };
-  enum class SubmitOutcome { sent, queued, injected, ignored };
+  // `refused`: an attached file cannot be sent (errorMessage says which); nothing was taken from
+  // the composer.
+  enum class SubmitOutcome { sent, queued, injected, ignored, refused };
 
   struct Dependencies {
     ChatEngine* engine = nullptr;
@@ -112,13 +114,21 @@ class DaemonChatViewModel {
   void reloadSidebar();
   void selectSession(std::string sessionID);
   void startNewSession();
-  // Sends the composer's text; while a reply runs in the session the text is queued, or injected
-  // into the running reply when `inject` is true.
-  SubmitOutcome submit(std::string text, bool inject = false);
+  // Sends the composer's text and attached files (the text may be blank when files are
+  // attached); while a reply runs in the session the message is queued, or injected into the
+  // running reply when `inject` is true (a message with files is queued: they cannot join a
+  // running reply). The files are looked at again first (a stat and an open each): one that is
+  // gone or unreadable refuses the whole message. A message taken clears the composer's draft
+  // and attachments.
+  SubmitOutcome submit(std::string text, bool inject = false,
+                       std::vector<kit::Attachment> attachments = {});
   void editQueuedDraft(const std::string& id, std::string text);
   void retractQueuedDraft(const std::string& id);
-  // Cancels the running reply and sends every queued draft and `typedText` as one message.
-  void forceSendQueued(std::string typedText = {});
+  // Cancels the running reply and sends every queued draft, `typedText` and `typedAttachments`
+  // as one message. False when nothing was sent: nothing waits, or an attached file cannot be
+  // sent (errorMessage says which; the queue stays as it was).
+  bool forceSendQueued(std::string typedText = {},
+                       std::vector<kit::Attachment> typedAttachments = {});
   void cancel();
   void answerApproval(const std::string& requestID, ApprovalDecision decision);
   void answerQuestion(const std::string& requestID, std::vector<bridge::AnswerBody> answers);
@@ -128,6 +138,9 @@ class DaemonChatViewModel {
   // The composer's unsent text for the visible session (kept across restarts).
   std::string composerText() const;
   void setComposerText(std::string text);
+  // The files attached in the visible session's composer, kept with its text.
+  std::vector<kit::Attachment> composerAttachments() const;
+  void setComposerAttachments(std::vector<kit::Attachment> attachments);
 
   static std::string sessionKeyFor(const kit::Message& message);
   // The fixed texts for the engine's annotation error codes; nothing for other codes.

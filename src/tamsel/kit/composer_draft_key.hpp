@@ -17,6 +17,12 @@ struct ComposerDraftKey {
   static std::string forNewSession(
       const std::string& agent);  // the new-session composer of an agent
 
+  // Where the files attached in the composer of `draftKey` are kept beside its text. A suffix,
+  // not a prefix, so that a pending session's attachments are still recognised as pending.
+  static std::string attachmentsKey(const std::string& draftKey) {
+    return draftKey + "#attachments";
+  }
+
   // The pending local id a key was built from, when it is a pending key.
   static std::optional<std::string> pendingLocalID(const std::string& key);
 };

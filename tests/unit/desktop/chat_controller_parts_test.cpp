@@ -7,9 +7,12 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <deque>
+#include <fstream>
 
 #include "../test_support.hpp"
+#include "tamsel/desktop/chat/message_attachments.hpp"
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
+#include "tamsel/kit/composer_draft_key.hpp"
 
 namespace tamsel::desktop {
 namespace {
@@ -385,6 +388,222 @@ TEST_F(ChatControllerParts, CancelAsksTheEngineAndMarksAReplyThatNeverStarted) {
   ASSERT_EQ(vm.messages().size(), 2u);
   EXPECT_EQ(vm.messages()[1].content, "[cancelled before response]");
   EXPECT_FALSE(vm.status()->errorMessage) << "a cancelled reply is not an error";
+}
+
+// ---------------------------------------------------------------- attached files
+
+kit::Attachment attached(const std::filesystem::path& file, kit::Attachment::Kind kind,
+                         std::string mime, std::int64_t statedSize = 1) {
+  kit::Attachment a;
+  a.id = "att-" + file.filename().string();
+  a.kind = kind;
+  a.filename = file.filename().string();
+  a.mimeType = std::move(mime);
+  a.byteSize = statedSize;  // as the composer saw it; the file may have grown since
+  a.filePath = file.string();
+  return a;
+}
+
+class ChatAttachments : public ChatControllerParts {
+ protected:
+  ChatAttachments() {
+    std::ofstream(notesFile) << "release checklist\n";  // 18 bytes
+    std::ofstream(imageFile, std::ios::binary) << std::string("\x89PNG\r\n\x1a\n0123", 12);
+  }
+  test::TempDir files;
+  std::filesystem::path notesFile = files.path() / "notes.txt";
+  std::filesystem::path imageFile = files.path() / "dot.png";
+  kit::Attachment notes() const {
+    return attached(notesFile, kit::Attachment::Kind::fileRef, "text/plain");
+  }
+  kit::Attachment image() const {
+    return attached(imageFile, kit::Attachment::Kind::image, "image/png");
+  }
+  static std::vector<std::string> names(const std::vector<kit::Attachment>& attachments) {
+    std::vector<std::string> out;
+    for (const auto& a : attachments) out.push_back(a.filename);
+    return out;
+  }
+  static std::vector<std::string> sentPaths(const bridge::SendMessageRequest& request) {
+    std::vector<std::string> out;
+    for (const auto& a : request.attachments.value_or(std::vector<boost::json::value>{}))
+      out.emplace_back(a.at("file_path").as_string());
+    return out;
+  }
+};
+
+TEST_F(ChatAttachments, FilesTravelByPathWithTheirRealSizeAndShowInTheMessageAtOnce) {
+  auto pathless = notes();
+  pathless.id = "no-path";
+  pathless.filePath.reset();
+  vm.setComposerAttachments({notes(), image()});
+  // Files alone make a message: the text may be blank.
+  ASSERT_EQ(vm.submit("  ", false, {notes(), image()}), DaemonChatViewModel::SubmitOutcome::sent);
+  settle();
+  ASSERT_EQ(engine.sent.size(), 1u);
+  const auto& request = engine.sent[0];
+  EXPECT_EQ(request.text, "  ");
+  ASSERT_TRUE(request.attachments);
+  ASSERT_EQ(request.attachments->size(), 2u);
+  EXPECT_EQ((*request.attachments)[0], (boost::json::value{{"type", "file_ref"},
+                                                           {"file_path", notesFile.string()},
+                                                           {"filename", "notes.txt"},
+                                                           {"byte_size", 18},
+                                                           {"mime_type", "text/plain"}}));
+  EXPECT_EQ((*request.attachments)[1], (boost::json::value{{"type", "image"},
+                                                           {"file_path", imageFile.string()},
+                                                           {"filename", "dot.png"},
+                                                           {"byte_size", 12},
+                                                           {"mime_type", "image/png"}}));
+  ASSERT_FALSE(vm.messages().empty());
+  const auto& shown = vm.messages()[0];
+  EXPECT_EQ(shown.author, "user");
+  ASSERT_EQ(names(shown.attachments), (std::vector<std::string>{"notes.txt", "dot.png"}));
+  EXPECT_EQ(shown.attachments[0].byteSize, 18);
+  EXPECT_EQ(shown.attachments[1].kind, kit::Attachment::Kind::image);
+  EXPECT_TRUE(vm.composerAttachments().empty()) << "a message taken empties the composer";
+
+  // A plain message carries no attachments key at all; one without a path is not sent.
+  EXPECT_TRUE(messageAttachmentPayloads({pathless}).empty());
+  engine.replies[0]->end();
+  settle();
+  vm.submit("just text");
+  settle();
+  ASSERT_EQ(engine.sent.size(), 2u);
+  EXPECT_FALSE(engine.sent[1].attachments);
+}
+
+TEST_F(ChatAttachments, AFileGoneOrNotAFileRefusesTheMessageAndTheComposerKeepsEverything) {
+  vm.setComposerAttachments({notes(), image()});
+  std::filesystem::remove(notesFile);
+  EXPECT_EQ(vm.submit("look at these", false, vm.composerAttachments()),
+            DaemonChatViewModel::SubmitOutcome::refused);
+  settle();
+  EXPECT_TRUE(engine.sent.empty());
+  EXPECT_TRUE(vm.messages().empty()) << "nothing is shown as sent";
+  ASSERT_TRUE(vm.errorMessage());
+  EXPECT_EQ(*vm.errorMessage(), "Cannot send notes.txt: the file is gone (" + notesFile.string() +
+                                    "). Remove it from the message or attach it again.");
+  EXPECT_EQ(names(vm.composerAttachments()), (std::vector<std::string>{"notes.txt", "dot.png"}));
+
+  std::filesystem::create_directory(notesFile);
+  EXPECT_EQ(vm.submit("again", false, vm.composerAttachments()),
+            DaemonChatViewModel::SubmitOutcome::refused);
+  EXPECT_NE(vm.errorMessage()->find("it is not a regular file"), std::string::npos);
+
+  // Removing the bad one lets the rest go, and the error goes with the send.
+  vm.setComposerAttachments({image()});
+  EXPECT_EQ(vm.submit("again", false, vm.composerAttachments()),
+            DaemonChatViewModel::SubmitOutcome::sent);
+  settle();
+  EXPECT_EQ(sentPaths(engine.sent.at(0)), (std::vector<std::string>{imageFile.string()}));
+  EXPECT_FALSE(vm.errorMessage());
+}
+
+TEST_F(ChatAttachments, QueuedFilesStayWithTheirTextAndAForceSendCarriesThemAll) {
+  startReply("first", "s1");
+  EXPECT_EQ(vm.submit("with notes", false, {notes()}), DaemonChatViewModel::SubmitOutcome::queued);
+  // Files cannot be injected: the message waits in the queue instead of being lost.
+  EXPECT_EQ(vm.submit("", true, {image()}), DaemonChatViewModel::SubmitOutcome::queued);
+  EXPECT_EQ(vm.status()->notice, "Files cannot join a running reply; the message is queued.");
+  EXPECT_TRUE(engine.injected.empty());
+  const auto queued = vm.queue()->drafts.items("s1");
+  ASSERT_EQ(queued.size(), 2u);
+  EXPECT_EQ(names(queued[0].attachments), (std::vector<std::string>{"notes.txt"}));
+  EXPECT_EQ(names(queued[1].attachments), (std::vector<std::string>{"dot.png"}));
+
+  const auto third = files.path() / "third.txt";
+  std::ofstream(third) << "3";
+  vm.setComposerAttachments({attached(third, kit::Attachment::Kind::fileRef, "text/plain")});
+  ASSERT_TRUE(vm.forceSendQueued("and this", vm.composerAttachments()));
+  EXPECT_TRUE(vm.composerAttachments().empty());
+  settle();
+  ASSERT_EQ(engine.cancelled.size(), 1u) << "the running reply is stopped first";
+  ASSERT_EQ(engine.sent.size(), 2u) << "then one message carries everything that waited";
+  EXPECT_EQ(sentPaths(engine.sent[1]),
+            (std::vector<std::string>{notesFile.string(), imageFile.string(), third.string()}));
+  EXPECT_EQ(engine.sent[1].text, "with notes\n\nand this");
+  EXPECT_TRUE(vm.queue()->drafts.items("s1").empty());
+  const auto& user = vm.messages()[vm.messages().size() - 2];
+  EXPECT_EQ(names(user.attachments),
+            (std::vector<std::string>{"notes.txt", "dot.png", "third.txt"}));
+}
+
+TEST_F(ChatAttachments, AQueuedFileThatVanishedKeepsTheQueueInsteadOfSendingWithoutIt) {
+  startReply("first", "s1");
+  vm.submit("with notes", false, {notes()});
+  std::filesystem::remove(notesFile);
+  EXPECT_FALSE(vm.forceSendQueued("now")) << "a force send is refused the same way";
+  EXPECT_EQ(vm.queue()->drafts.items("s1").size(), 1u);
+  EXPECT_TRUE(engine.cancelled.empty()) << "the running reply is left alone";
+
+  engine.replies[0]->event("done", R"({"reply":"ok"})");
+  engine.replies[0]->end();
+  settle();
+  EXPECT_EQ(engine.sent.size(), 1u) << "the drain does not send a message missing its file";
+  EXPECT_EQ(vm.queue()->drafts.items("s1").size(), 1u);
+  ASSERT_TRUE(vm.errorMessage());
+  EXPECT_NE(vm.errorMessage()->find("notes.txt"), std::string::npos);
+}
+
+TEST_F(ChatAttachments, EachSessionKeepsItsOwnAttachmentsAndAPendingChatHandsThemOn) {
+  vm.selectSession("s1");
+  vm.setComposerAttachments({image()});
+  vm.selectSession("s2");
+  EXPECT_TRUE(vm.composerAttachments().empty());
+  vm.setComposerAttachments({notes()});
+  vm.selectSession("s1");
+  EXPECT_EQ(names(vm.composerAttachments()), (std::vector<std::string>{"dot.png"}));
+  vm.selectSession("s2");
+  EXPECT_EQ(names(vm.composerAttachments()), (std::vector<std::string>{"notes.txt"}));
+
+  // Attached in a chat the engine has not named yet: still there once it has.
+  vm.startNewSession();
+  EXPECT_TRUE(vm.composerAttachments().empty());
+  vm.submit("first");
+  settle();
+  vm.setComposerAttachments({image()});
+  engine.replies.back()->event("session_started", R"({"session_id":"s9"})");
+  settle();
+  ASSERT_EQ(vm.currentSessionID(), "s9");
+  EXPECT_EQ(names(vm.composerAttachments()), (std::vector<std::string>{"dot.png"}));
+}
+
+TEST(ComposerAttachments, KeptAcrossRestartsByTheDraftsStoreAndLenientOnDamage) {
+  test::TempDir dir;
+  auto config = kit::DraftStorage::defaultsIn(dir.path());
+  const auto file = dir.path() / "report final.pdf";
+  std::ofstream(file) << "%PDF";
+  auto report = attached(file, kit::Attachment::Kind::fileRef, "application/pdf", 4);
+  auto picture = attached(dir.path() / "p.jpg", kit::Attachment::Kind::image, "image/jpeg", 7);
+  picture.thumbnailData.reset();
+  {
+    asio::io_context io;
+    base::AsioMainExecutor main{io};
+    ScriptedEngine engine{io.get_executor()};
+    bridge::SessionHistory history{dir.path()};
+    kit::DraftStorage drafts{config};
+    DaemonChatViewModel vm{main, {&engine, nullptr, &history, &drafts, nullptr}};
+    vm.selectSession("s1");
+    vm.setComposerAttachments({report, picture});
+  }
+  asio::io_context io;
+  base::AsioMainExecutor main{io};
+  ScriptedEngine engine{io.get_executor()};
+  bridge::SessionHistory history{dir.path()};
+  kit::DraftStorage drafts{config};
+  DaemonChatViewModel vm{main, {&engine, nullptr, &history, &drafts, nullptr}};
+  vm.selectSession("s1");
+  EXPECT_EQ(vm.composerAttachments(), (std::vector<kit::Attachment>{report, picture}));
+  vm.setComposerAttachments({});
+  EXPECT_FALSE(
+      drafts.draft(kit::ComposerDraftKey::attachmentsKey(kit::ComposerDraftKey::forSession("s1"))))
+      << "no attachments leave no entry behind";
+
+  EXPECT_TRUE(decodeComposerAttachments("not json").empty());
+  EXPECT_TRUE(decodeComposerAttachments(R"([{"id":"x","type":"file_ref"}])").empty());
+  EXPECT_EQ(decodeComposerAttachments(encodeComposerAttachments({report})),
+            (std::vector<kit::Attachment>{report}));
 }
 
 }  // namespace

@@ -229,10 +229,16 @@ std::vector<QuestionRow> ChatRequestsState::questions() const {
 
 // ---------------------------------------------------------------- queue
 
-void ChatQueueState::enqueue(const std::string& sessionKey, std::string text) {
+void ChatQueueState::enqueue(const std::string& sessionKey, std::string text,
+                             std::vector<kit::Attachment> attachments) {
   auto queued = drafts.items(sessionKey);
-  queued.push_back(kit::QueuedDraftMessage{
-      base::newUUIDString(), std::move(text), {}, {}, base::nowTimestamp(), std::nullopt, {}});
+  queued.push_back(kit::QueuedDraftMessage{base::newUUIDString(),
+                                           std::move(text),
+                                           std::move(attachments),
+                                           {},
+                                           base::nowTimestamp(),
+                                           std::nullopt,
+                                           {}});
   drafts.replace(sessionKey, std::move(queued));
 }
 

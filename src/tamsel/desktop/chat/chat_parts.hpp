@@ -230,7 +230,8 @@ struct ChatQueueState {
   kit::QueuedDraftDrainCoordinator drain;
   kit::ExternalQueuedMessageStore external{ChatBounds::externalQueuedMessagesPerSession};
 
-  void enqueue(const std::string& sessionKey, std::string text);
+  void enqueue(const std::string& sessionKey, std::string text,
+               std::vector<kit::Attachment> attachments = {});
   // Moves a pending session's queue to the id the engine gave it.
   void rekey(const std::string& from, const std::string& to);
   void edit(const std::string& sessionKey, const std::string& id, std::string text);
