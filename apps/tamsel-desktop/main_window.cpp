@@ -35,8 +35,10 @@
 #include "tamsel/app/desktop_services.hpp"
 #include "tamsel/app/launch_at_login.hpp"
 #include "tamsel/app/meeting_watch.hpp"
+#include "tamsel/base/env.hpp"
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
 #include "tamsel/meeting/meeting_job.hpp"
+#include "tamsel/platform/child_process.hpp"
 #include "transcript_model.hpp"
 #include "window_activation.hpp"
 
@@ -75,12 +77,36 @@ const std::vector<ShortcutHelp>& shortcutTable() {
   return table;
 }
 
+namespace {
+// `tamsel` beside this binary (both in /usr/bin; or build/apps/tamsel-desktop beside
+// build/apps/tamsel), else the first on PATH.
+std::filesystem::path tamselBinary() {
+  const auto here = platform::executableDirectory();
+  for (const auto& candidate : {here / "tamsel", here.parent_path() / "tamsel" / "tamsel"})
+    if (platform::isExecutableFile(candidate)) return candidate;
+  const std::string path = base::env::get("PATH").value_or("/usr/bin:/bin");
+  for (std::size_t start = 0; start <= path.size();) {
+    const auto end = std::min(path.find(':', start), path.size());
+    const std::filesystem::path candidate =
+        std::filesystem::path(path.substr(start, end - start)) / "tamsel";
+    if (end > start && platform::isExecutableFile(candidate)) return candidate;
+    start = end + 1;
+  }
+  return here / "tamsel";  // not there: running it says so in the log
+}
+}  // namespace
+
 app::FrontEndHooks windowHooks(MainWindow* const* window) {
   app::FrontEndHooks hooks;
   hooks.summon = [window](hotkey::OptionSide) {
     if (*window) (*window)->summon();
   };
   hooks.askCalendarPermission = windowCalendarPrompter(std::chrono::minutes(2));
+  // Sealed by the command line's `meeting seal`, beside this binary (installed or built), so the
+  // window never loads the encoder.
+  hooks.meetingSealer = [](const std::atomic<bool>* cancel) {
+    return app::childProcessMeetingSealer(tamselBinary(), cancel);
+  };
   hooks.hotkeyNotice = [window](const std::string& notice) {
     if (*window) (*window)->showNotice(QString::fromStdString(notice));
   };
@@ -381,14 +407,14 @@ void MainWindow::toggleMeetings() {
 void MainWindow::startMeetings() {
   if (!meetingsWanted_) {
     // Resealing a crashed hour takes seconds: on a thread of its own, the list reread after.
-    meetingReplay_ = std::thread(
-        [this, folder = services_.meetingsFolder(), panel = QPointer<MeetingsPanel>(meetings_)] {
-          meeting::replayMeetingJobs(meeting::MeetingJobStore(folder), base::nowTimestamp(),
-                                     app::meetingSealer(&cancelReplay_),
-                                     meeting::MeetingJobReplayMode::launch);
-          QMetaObject::invokeMethod(
-              panel, [panel] { panel->reloadJobs(); }, Qt::QueuedConnection);
-        });
+    meetingReplay_ = std::thread([folder = services_.meetingsFolder(),
+                                  sealer = services_.meetingSealer(&cancelReplay_),
+                                  panel = QPointer<MeetingsPanel>(meetings_)] {
+      meeting::replayMeetingJobs(meeting::MeetingJobStore(folder), base::nowTimestamp(), sealer,
+                                 meeting::MeetingJobReplayMode::launch);
+      QMetaObject::invokeMethod(
+          panel, [panel] { panel->reloadJobs(); }, Qt::QueuedConnection);
+    });
   }
   meetingsWanted_ = true;
   meetings_->setController(nullptr);

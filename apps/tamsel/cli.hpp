@@ -160,7 +160,9 @@ class HeadlessSummoner {
 // when no backend can see keys, why, and the run goes on without it.
 void startSummonHotkey(app::DesktopServices& services, bool asJSON);
 // `tamsel meeting seal DIR`: the folder's raw tracks into combined.m4a and manifest.json.
-int meetingSeal(const GlobalOptions& options, const std::filesystem::path& folder, bool asJSON);
+// `handedOver`: the caller holds the folder's recording lock, its recording stopped, and waits.
+int meetingSeal(const GlobalOptions& options, const std::filesystem::path& folder, bool asJSON,
+                bool handedOver = false);
 // Seals with a progress bar on a terminal and prints the result; the exit code.
 int sealMeetingFolder(const std::filesystem::path& folder, bool asJSON);
 

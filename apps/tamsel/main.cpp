@@ -295,6 +295,10 @@ int main(int argc, char** argv) {
       "Seal a recorded meeting into one stereo M4A (mic left, system right) and a manifest");
   meetingSeal->add_option("DIR", sealFolder, "The meeting folder")->required();
   meetingSeal->add_flag("--json", sealJSON, "Print the result as JSON");
+  // For the window, which seals through this command: it holds the folder's recording lock
+  // (its recording has stopped) and waits for the seal. Not for people, so not in the help.
+  bool sealHandedOver = false;
+  meetingSeal->add_flag("--handed-over", sealHandedOver)->group("");
   auto* meetingDevices =
       meetingCmd->add_subcommand("devices", "List the audio sources and sinks, defaults marked");
   bool devicesJSON = false;
@@ -415,7 +419,7 @@ int main(int argc, char** argv) {
     if (*history) return cli::showHistory(options, historySession, historyAgent, historyJSON);
     if (*meetingRecord) return cli::meetingRecord(options, meetingOptions);
     if (*meetingDevices) return cli::meetingDevices(options, devicesJSON);
-    if (*meetingSeal) return cli::meetingSeal(options, sealFolder, sealJSON);
+    if (*meetingSeal) return cli::meetingSeal(options, sealFolder, sealJSON, sealHandedOver);
     if (*meetingWatch) return cli::meetingWatch(options, watchOptions);
     if (*meetingJobs) return cli::meetingJobs(options, jobsJSON);
     if (*meetingAuto) return cli::meetingAutoRecord(options, autoSetting);

@@ -138,13 +138,13 @@ int sealMeetingFolder(const fs::path& folder, bool asJSON) {
   return kExitOK;
 }
 
-int meetingSeal(const GlobalOptions&, const fs::path& folder, bool asJSON) {
+int meetingSeal(const GlobalOptions&, const fs::path& folder, bool asJSON, bool handedOver) {
   std::error_code ec;
   if (!fs::is_directory(folder, ec)) {
     printError(folder.string() + " is not a meeting folder");
     return kExitUsage;
   }
-  if (meeting::MeetingFolderLock::isHeldElsewhere(folder)) {
+  if (!handedOver && meeting::MeetingFolderLock::isHeldElsewhere(folder)) {
     printError(folder.string() + " is still being recorded; seal it once the recording stops");
     return kExitFailure;
   }

@@ -245,13 +245,13 @@ std::shared_ptr<void> startMeetingsForRun(Runtime& rt, bool asJSON) {
     }
   };
   auto forRun = std::make_shared<ForRun>();
-  forRun->replay = std::thread(
-      [&io = rt.io, folder = rt.services.meetingsFolder(), cancel = &forRun->cancel, asJSON] {
-        const MeetingJobStore store(folder);
-        auto entries = replayMeetingJobs(store, base::nowTimestamp(), app::meetingSealer(cancel),
-                                         MeetingJobReplayMode::launch);
-        asio::post(io, [entries = std::move(entries), asJSON] { printReplay(entries, asJSON); });
-      });
+  forRun->replay = std::thread([&io = rt.io, folder = rt.services.meetingsFolder(),
+                                sealer = rt.services.meetingSealer(&forRun->cancel), asJSON] {
+    const MeetingJobStore store(folder);
+    auto entries =
+        replayMeetingJobs(store, base::nowTimestamp(), sealer, MeetingJobReplayMode::launch);
+    asio::post(io, [entries = std::move(entries), asJSON] { printReplay(entries, asJSON); });
+  });
   if (!rt.services.meetingAutoRecord()) return forRun;
   try {
     forRun->watch = startWatching(rt, true, MeetingController::defaultGraceSeconds, asJSON);

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include "tamsel/app/meeting_watch.hpp"
 #include "tamsel/calendar/calendar_permission_store.hpp"
 
 namespace tamsel::cli {
@@ -25,6 +26,8 @@ Runtime::Runtime(const GlobalOptions& options, app::FrontEndHooks hooks,
         // A person at the terminal can answer calendar.request_permission; nobody else is asked.
         if (!hooks.askCalendarPermission && ::isatty(STDIN_FILENO) == 1)
           hooks.askCalendarPermission = &calendar::askOnTerminal;
+        // The command line seals in its own process: it links the encoder for `meeting seal`.
+        if (!hooks.meetingSealer) hooks.meetingSealer = &app::inProcessMeetingSealer;
         return std::move(hooks);
       }()) {}
 

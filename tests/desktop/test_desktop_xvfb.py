@@ -250,6 +250,13 @@ def main():
         assert not os.path.exists(pidfile), "the engine was left running"
         print(f"ok: {screen.count} screenshots in {shots}")
         return 0
+    except BaseException:
+        # What the window logged says more than the screen it failed on.
+        log = os.path.join(work, "app.log")
+        if os.path.exists(log):
+            with open(log, errors="replace") as f:
+                sys.stderr.write("--- the window's log (end) ---\n" + f.read()[-4000:])
+        raise
     finally:
         if app and app.poll() is None:
             # Quitting the window stops the engine; a window that does not go is killed.

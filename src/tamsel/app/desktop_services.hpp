@@ -9,6 +9,7 @@
 // its hooks (how to ask the user a question), and keeps it alive longer than every controller it
 // got from it. Parts are made on first use, so a command that only reads history never opens
 // the calendar. Lives on the main executor: call it there.
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -75,6 +76,10 @@ struct FrontEndHooks {
   std::function<void(hotkey::OptionSide)> summon;
   // What the hotkey's backend has to say later (a keyboard plugged in or gone); may be empty.
   std::function<void(const std::string&)> hotkeyNotice;
+  // How stopped meetings are sealed (meeting_watch.hpp: in this process or a child's); empty:
+  // they are left for a front end that can.
+  std::function<std::function<void(const std::filesystem::path&)>(const std::atomic<bool>*)>
+      meetingSealer;
 };
 
 // Whether the summon hotkey runs, and in words: its backend, or why there is none.
@@ -149,6 +154,10 @@ class DesktopServices {
   std::unique_ptr<MeetingWatch> startMeetingWatch(
       bool autoStart, double graceSeconds,
       std::function<void(desktop::MeetingController&)> beforeStart = {});
+
+  // The front end's sealer (FrontEndHooks::meetingSealer), for the watch and for replaying jobs.
+  std::function<void(const std::filesystem::path&)> meetingSealer(
+      const std::atomic<bool>* cancel = nullptr) const;
 
   // A chat controller over the shared clients and stores; the root must outlive it.
   std::unique_ptr<desktop::DaemonChatViewModel> makeChatViewModel();

@@ -4,18 +4,39 @@
 
 #include "tamsel/app/desktop_services.hpp"
 #include "tamsel/base/log.hpp"
+#include "tamsel/base/strings.hpp"
+#include "tamsel/platform/child_process.hpp"
 #include "tamsel/platform/sleep_monitor.hpp"
-#include "tamsel/sealing/meeting_sealer.hpp"
 
 namespace tamsel::app {
 
 namespace fs = std::filesystem;
 using desktop::MeetingController;
 
-std::function<void(const fs::path&)> meetingSealer(const std::atomic<bool>* cancel) {
-  return [cancel](const fs::path& folder) {
-    const auto result = sealing::MeetingSealer().seal(folder, {}, cancel);
-    if (!result.output) base::log::warn("meeting", "sealing {}: {}", folder.string(), result.error);
+MeetingSealerFn childProcessMeetingSealer(fs::path tamselBinary, const std::atomic<bool>* cancel) {
+  return [tamselBinary = std::move(tamselBinary), cancel](const fs::path& folder) {
+    try {
+      const auto done = platform::runCancellable(
+          tamselBinary, {"meeting", "seal", folder.string(), "--json", "--handed-over"}, cancel);
+      if (done.status.signaled || done.status.code != 0) {
+        // Its last line says why ("tamsel: cannot seal …"); the job record holds the state.
+        auto output = std::string(base::trim(done.output));
+        if (const auto last = output.rfind('\n'); last != std::string::npos)
+          output = output.substr(last + 1);
+        base::log::warn("meeting", "sealing {}: {} ({})", folder.string(), output,
+                        done.status.describe());
+      }
+    } catch (const std::exception& e) {
+      base::log::warn("meeting", "sealing {}: cannot run {}: {}", folder.string(),
+                      tamselBinary.string(), e.what());
+    }
+  };
+}
+
+MeetingSealerFn DesktopServices::meetingSealer(const std::atomic<bool>* cancel) const {
+  if (hooks_.meetingSealer) return hooks_.meetingSealer(cancel);
+  return [](const fs::path& folder) {
+    base::log::warn("meeting", "no sealer here: {} waits for the next launch", folder.string());
   };
 }
 

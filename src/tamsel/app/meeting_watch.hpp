@@ -19,8 +19,18 @@ namespace tamsel::app {
 // sealed into combined.m4a and its manifest, the job moving on to `queued` (or a failed state
 // with its reason, which a later launch's replay retries). `cancel`, when given, stops a seal
 // in progress (the job becomes retryableFailed).
-std::function<void(const std::filesystem::path&)> meetingSealer(
-    const std::atomic<bool>* cancel = nullptr);
+using MeetingSealerFn = std::function<void(const std::filesystem::path&)>;
+
+// Seals in this process. Linking it brings in the encoder's libraries (FFmpeg and the codecs it
+// loads, some 90 shared libraries): for the command line, which seals by itself anyway.
+MeetingSealerFn inProcessMeetingSealer(const std::atomic<bool>* cancel = nullptr);
+
+// Seals by running `tamsel meeting seal FOLDER` and waiting for it. The window seals this way so
+// that it never loads the encoder (15 MB resident and a slower start for a feature used after
+// meetings), and a fault in a codec cannot take the window down. Cancelling ends the child with
+// SIGTERM, which leaves the job to be sealed again.
+MeetingSealerFn childProcessMeetingSealer(std::filesystem::path tamselBinary,
+                                          const std::atomic<bool>* cancel = nullptr);
 
 // Everything watching needs, torn down controller first.
 struct MeetingWatch {

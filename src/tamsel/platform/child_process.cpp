@@ -261,6 +261,61 @@ CommandResult runToCompletion(const fs::path& executable, const std::vector<std:
   return result;
 }
 
+CommandResult runCancellable(const fs::path& executable, const std::vector<std::string>& arguments,
+                             const std::atomic<bool>* cancel, double graceSeconds) {
+  int pipeFds[2] = {-1, -1};
+  if (::pipe2(pipeFds, O_CLOEXEC) != 0)
+    throw std::system_error(errno, std::generic_category(), "pipe");
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDERR_FILENO);
+  std::vector<std::string> argv{executable.string()};
+  argv.insert(argv.end(), arguments.begin(), arguments.end());
+  pid_t pid = 0;
+  try {
+    pid = spawn(executable, std::move(argv), currentEnvironment(), &actions, false);
+  } catch (...) {
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(pipeFds[0]);
+    ::close(pipeFds[1]);
+    throw;
+  }
+  posix_spawn_file_actions_destroy(&actions);
+  ::close(pipeFds[1]);
+
+  CommandResult result;
+  std::optional<std::chrono::steady_clock::time_point> killAt;
+  char buffer[4096];
+  // Output until the pipe closes, looking at the cancel flag five times a second.
+  while (true) {
+    if (!killAt && cancel && cancel->load()) {
+      ::kill(pid, SIGTERM);
+      killAt = std::chrono::steady_clock::now() +
+               std::chrono::milliseconds(static_cast<long long>(graceSeconds * 1000));
+    }
+    if (killAt && std::chrono::steady_clock::now() >= *killAt) {
+      ::kill(pid, SIGKILL);
+      killAt = std::chrono::steady_clock::time_point::max();
+    }
+    pollfd p{pipeFds[0], POLLIN, 0};
+    const int ready = ::poll(&p, 1, 200);
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0) continue;
+    const ssize_t n = ::read(pipeFds[0], buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    result.output.append(buffer, static_cast<size_t>(n));
+  }
+  ::close(pipeFds[0]);
+  int status = 0;
+  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  result.status = fromWaitStatus(status);
+  return result;
+}
+
 std::vector<std::string> currentEnvironment() { return base::env::all(); }
 
 bool isExecutableFile(const fs::path& path) {

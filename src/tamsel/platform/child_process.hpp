@@ -1,5 +1,6 @@
 #pragma once
 // Starting executables and watching processes end, inside the event loop.
+#include <atomic>
 #include <boost/asio/awaitable.hpp>
 #include <cstdint>
 #include <filesystem>
@@ -61,6 +62,14 @@ struct CommandResult {
 CommandResult runToCompletion(const std::filesystem::path& executable,
                               const std::vector<std::string>& arguments, bool collectOutput,
                               double timeLimitSeconds = 30);
+
+// Runs an executable to completion with its standard output and error captured together, ended
+// early once `*cancel` is set: SIGTERM (so it can leave things tidy), then SIGKILL after
+// `graceSeconds`. For long work on a worker thread; throws std::system_error when it cannot be
+// started.
+CommandResult runCancellable(const std::filesystem::path& executable,
+                             const std::vector<std::string>& arguments,
+                             const std::atomic<bool>* cancel, double graceSeconds = 10);
 
 // The current environment as "KEY=value" entries.
 std::vector<std::string> currentEnvironment();
