@@ -215,6 +215,7 @@ MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notificat
     if (!loadingDraft_) vm_->setComposerText(composer_->toPlainText().toStdString());
   });
   connect(search_, &QLineEdit::textChanged, sessionModel_, &SessionListModel::setFilter);
+  connect(sessionModel_, &SessionListModel::rowsSynced, this, &MainWindow::syncSessionHighlight);
   connect(sessions_, &QListView::activated, this,
           [this](const QModelIndex& index) { openSessionAt(index.row()); });
   connect(sessions_, &QListView::clicked, this,
@@ -447,14 +448,25 @@ void MainWindow::onTranscriptChanged() {
     loadingDraft_ = false;
     followTail_ = true;
     transcript_->scrollToBottom();
-    if (key) {
-      const int row = sessionModel_->rowOf(vm_->sessionIdentityRegistry().realID(*key));
-      if (row >= 0) sessions_->setCurrentIndex(sessionModel_->index(row));
-    }
+    syncSessionHighlight();
   }
   const auto title = vm_->currentSessionTitle();
   setWindowTitle(title ? QString::fromStdString(*title) + QStringLiteral(" — Tamsel")
                        : tr("Tamsel"));
+}
+
+void MainWindow::syncSessionHighlight() {
+  // Rows move under the highlight (a new session listed on top, a pending row replaced by the
+  // engine's): Qt keeps it on a row index or a neighbour, so it is put back on the open session
+  // after every change of the list, not only when another session opens.
+  const auto key = vm_->currentSessionKey();
+  const int row = key ? sessionModel_->rowOf(vm_->sessionIdentityRegistry().realID(*key)) : -1;
+  if (row < 0) {
+    // Not listed (yet, or filtered out): no row is the open session.
+    if (sessions_->currentIndex().isValid()) sessions_->selectionModel()->clear();
+    return;
+  }
+  if (sessions_->currentIndex().row() != row) sessions_->setCurrentIndex(sessionModel_->index(row));
 }
 
 void MainWindow::refreshAgents() {

@@ -117,6 +117,8 @@ class MainWindow final : public QMainWindow {
   void refreshAgents();
   void refreshStatus();
   void openSessionAt(int row);
+  // Highlights the open session's row, wherever the list put it.
+  void syncSessionHighlight();
   void moveSession(int step);
 
   app::DesktopServices& services_;

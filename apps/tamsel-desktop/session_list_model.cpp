@@ -59,6 +59,7 @@ void SessionListModel::refresh() {
   }
   rows_ = std::move(rows);
   sync(std::move(keys));
+  Q_EMIT rowsSynced();
 }
 
 int SessionListModel::rowOf(const std::string& id) const {

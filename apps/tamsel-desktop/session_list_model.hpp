@@ -26,6 +26,10 @@ class SessionListModel final : public KeyedListModel {
   void refresh();
   int rowOf(const std::string& id) const;
 
+ Q_SIGNALS:
+  // After every refresh, once all its row insertions and removals are done.
+  void rowsSynced();
+
  private:
   struct Row {
     std::string id;

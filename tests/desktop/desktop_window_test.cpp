@@ -25,6 +25,8 @@
 #include <QSignalSpy>
 #include <QTreeWidget>
 #include <QtTest>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
 #include <fstream>
 
 #include "../integration/sim_harness.hpp"
@@ -487,6 +489,82 @@ class DesktopWindowTest : public QObject {
     QTRY_VERIFY_WITH_TIMEOUT(d.chat().currentSessionID() == first.toStdString(), kTimeout);
     QTRY_COMPARE(d.window->composer().toPlainText(), QStringLiteral("draft for the first"));
     QTRY_VERIFY_WITH_TIMEOUT(d.window->transcriptModel().rowCount() > 0, kTimeout);
+  }
+
+  void theHighlightFollowsTheOpenSession() {
+    Desktop d(*main, dir->path());
+    QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
+    auto& model = d.window->sessionModel();
+    auto& view = d.window->sessionView();
+    QTRY_VERIFY_WITH_TIMEOUT(model.rowCount() >= 3, kTimeout);
+    const auto highlighted = [&] {
+      return view.currentIndex().data(desktopui::SessionListModel::IdRole).toString().toStdString();
+    };
+    const auto open = [&] { return d.chat().currentSessionID().value_or(std::string()); };
+    QTest::mouseClick(view.viewport(), Qt::LeftButton, {},
+                      view.visualRect(model.index(1)).center());
+    QTRY_VERIFY_WITH_TIMEOUT(!open().empty(), kTimeout);
+    QCOMPARE(highlighted(), open());
+
+    // Another client starts a session: listed at the top, above the open one.
+    const int before = model.rowCount();
+    bool done = false;
+    boost::asio::co_spawn(
+        d.services.mainExecutor().ioExecutor(),
+        [&]() -> boost::asio::awaitable<void> {
+          bridge::SendMessageRequest request;
+          request.text = "from another client";
+          request.newSession = true;
+          auto stream = co_await d.services.client().sendMessage(request);
+          while (co_await stream.next()) {
+          }
+          done = true;
+        },
+        boost::asio::detached);
+    QTRY_VERIFY_WITH_TIMEOUT(done, kTimeout);
+    d.chat().reloadSidebar();
+    QTRY_COMPARE_WITH_TIMEOUT(model.rowCount(), before + 1, kTimeout);
+    QVERIFY(model.index(0)
+                .data(Qt::DisplayRole)
+                .toString()
+                .endsWith(QStringLiteral("from another client")));
+    QCOMPARE(highlighted(), open());
+
+    // A session started here: its pending row gives way to the engine's, highlighted.
+    d.window->newSession();
+    QTRY_COMPARE(highlighted(), *d.chat().currentPendingSessionLocalID());
+    type(*d.window, QStringLiteral("a new one here"));
+    QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+    QTRY_VERIFY_WITH_TIMEOUT(d.chat().currentSessionID() && !d.chat().isStreamActive() &&
+                                 model.rowCount() == before + 2 &&
+                                 model.rowOf(*d.chat().currentSessionID()) >= 0,
+                             kTimeout);
+    QTRY_COMPARE_WITH_TIMEOUT(highlighted(), open(), kTimeout);
+
+    // Another session's reply moves it to the top: the highlight stays with the open one.
+    const auto other = model.index(model.rowCount() - 1)
+                           .data(desktopui::SessionListModel::IdRole)
+                           .toString()
+                           .toStdString();
+    QVERIFY(other != open());
+    done = false;
+    boost::asio::co_spawn(
+        d.services.mainExecutor().ioExecutor(),
+        [&]() -> boost::asio::awaitable<void> {
+          bridge::SendMessageRequest request;
+          request.text = "and one more thing";
+          request.sessionId = other;
+          auto stream = co_await d.services.client().sendMessage(request);
+          while (co_await stream.next()) {
+          }
+          done = true;
+        },
+        boost::asio::detached);
+    QTRY_VERIFY_WITH_TIMEOUT(done, kTimeout);
+    d.chat().reloadSidebar();
+    QTRY_COMPARE_WITH_TIMEOUT(model.index(0).data(desktopui::SessionListModel::IdRole).toString(),
+                              QString::fromStdString(other), kTimeout);
+    QCOMPARE(highlighted(), open());
   }
 
   void restoresADraftAfterTheWindowRestarts() {

@@ -99,9 +99,7 @@ struct AlwaysAllowList::Impl : std::enable_shared_from_this<Impl> {
         kSource);
   }
 
-  void refresh() {
-    request("GET", std::nullopt, "Could not read the always-allowed tools");
-  }
+  void refresh() { request("GET", std::nullopt, "Could not read the always-allowed tools"); }
 };
 
 AlwaysAllowList::AlwaysAllowList(base::MainExecutor& executor, Call call,
@@ -145,7 +143,8 @@ void AlwaysAllowList::revokeAll() {
 std::vector<std::string> AlwaysAllowList::toolsFrom(const bridge::JSON& reply) {
   const auto* object = reply.if_object();
   const auto* list = object ? object->if_contains("tools") : nullptr;
-  if (!list || !list->is_array()) throw std::runtime_error("the engine's answer holds no tool list");
+  if (!list || !list->is_array())
+    throw std::runtime_error("the engine's answer holds no tool list");
   std::vector<std::string> tools;
   for (const auto& item : list->get_array()) {
     if (!item.is_string()) throw std::runtime_error("the engine's tool list holds a non-name");

@@ -28,8 +28,8 @@ class AlwaysAllowList {
  public:
   // One request to the endpoint: a method ("GET", "POST", "DELETE") and an optional body; the
   // engine answers {"tools": [...]}.
-  using Call = std::function<boost::asio::awaitable<bridge::JSON>(std::string method,
-                                                                  std::optional<bridge::JSON> body)>;
+  using Call = std::function<boost::asio::awaitable<bridge::JSON>(
+      std::string method, std::optional<bridge::JSON> body)>;
 
   struct State {
     std::vector<std::string> tools;

@@ -22,9 +22,8 @@ base::Timestamp newestOf(const DaemonSession& s) {
 }
 
 void sortNewestFirst(std::vector<DaemonSession>& sessions) {
-  std::stable_sort(sessions.begin(), sessions.end(), [](const auto& a, const auto& b) {
-    return newestOf(a) > newestOf(b);
-  });
+  std::stable_sort(sessions.begin(), sessions.end(),
+                   [](const auto& a, const auto& b) { return newestOf(a) > newestOf(b); });
 }
 }  // namespace
 

@@ -81,7 +81,8 @@ TEST_F(SessionSearchTest, TypingAsksOnceForTheLastTextAfterThePause) {
   EXPECT_EQ(engine.calls[0]->request.offset, 0);
   EXPECT_EQ(engine.calls[0]->request.limit, SessionSearch::pageSize);
 
-  engine.answer(0, page({session("old", 1), session("new", 9, "…blueberries…"), session("mid", 5)}));
+  engine.answer(0,
+                page({session("old", 1), session("new", 9, "…blueberries…"), session("mid", 5)}));
   settle();
   EXPECT_FALSE(search.state().searching);
   EXPECT_EQ(ids(search.state().found), (std::vector<std::string>{"new", "mid", "old"}));
@@ -191,11 +192,11 @@ TEST(SessionSearchJoin, TitleMatchesAndFoundSessionsShowOnceNewestFirstForTheAge
   listedOld.title = "listed record";
   auto foundA = session("a", 1, "…text…", "main");
   foundA.title = "found record";
-  const auto rows = SessionSearch::joinWithListed(
-      {session("c", 3, std::nullopt, "main"), listedOld},
-      {foundA, session("b", 2, "…b…", "main"), session("z", 9, "…z…", "researcher"),
-       session("n", 5, "…n…")},
-      std::string("main"));
+  const auto rows =
+      SessionSearch::joinWithListed({session("c", 3, std::nullopt, "main"), listedOld},
+                                    {foundA, session("b", 2, "…b…", "main"),
+                                     session("z", 9, "…z…", "researcher"), session("n", 5, "…n…")},
+                                    std::string("main"));
   EXPECT_EQ(ids(rows), (std::vector<std::string>{"n", "c", "b", "a"}))
       << "another agent's session is left out; one without an agent is kept";
   EXPECT_EQ(rows[3].title, "listed record") << "the listed record wins";
