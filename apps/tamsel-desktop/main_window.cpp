@@ -21,6 +21,7 @@
 #include <QSplitter>
 #include <QVBoxLayout>
 
+#include "always_allow_dialog.hpp"
 #include "approval_notifier.hpp"
 #include "composer.hpp"
 #include "diagnostics.hpp"
@@ -34,7 +35,9 @@
 #include "tamsel/app/desktop_services.hpp"
 #include "tamsel/app/launch_at_login.hpp"
 #include "tamsel/app/meeting_watch.hpp"
+#include "tamsel/desktop/always_allow_list.hpp"
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
+#include "tamsel/desktop/session_search.hpp"
 #include "tamsel/meeting/meeting_job.hpp"
 #include "transcript_model.hpp"
 
@@ -64,6 +67,7 @@ const std::vector<ShortcutHelp>& shortcutTable() {
       {"Ctrl+Shift+D", "export diagnostics to a file"},
       {"Ctrl+,", "settings (hotkey, meetings, launch at login)"},
       {"Ctrl+M", "show / hide the meetings panel"},
+      {"Ctrl+Shift+A", "always-allowed tools (review, revoke)"},
       {"Alt twice (in any application)", "bring the window to the front (set in the settings)"},
       {"F1", "this list"},
       {"Shift+F1", "about Tamsel Desktop (version and revision)"},
@@ -100,10 +104,23 @@ MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notificat
   search_->setPlaceholderText(tr("Search sessions"));
   search_->setAccessibleName(tr("Search sessions"));
   search_->setClearButtonEnabled(true);
+  search_->setToolTip(tr("Titles match at once; the text of messages once you pause"));
+  searchNotice_ = new QLabel(this);
+  searchNotice_->setAccessibleName(tr("Search notice"));
+  searchNotice_->setWordWrap(true);
+  searchNotice_->setTextFormat(Qt::PlainText);
+  searchNotice_->setEnabled(false);  // greyed: the title filter still works
+  searchNotice_->hide();
+  auto& client = services_.client();
+  sessionSearch_ = std::make_unique<desktop::SessionSearch>(
+      services_.mainExecutor(), desktop::SessionSearch::through(client));
+  alwaysAllow_ = std::make_unique<desktop::AlwaysAllowList>(
+      services_.mainExecutor(), desktop::AlwaysAllowList::through(client),
+      &services_.eventStream());
   newSession_ = new QPushButton(tr("New session"), this);
   newSession_->setAccessibleName(tr("New session"));
   newSession_->setToolTip(tr("Ctrl+N"));
-  sessionModel_ = new SessionListModel(*vm_, this);
+  sessionModel_ = new SessionListModel(*vm_, sessionSearch_.get(), this);
   sessions_ = new QListView(this);
   sessions_->setModel(sessionModel_);
   sessions_->setAccessibleName(tr("Sessions"));
@@ -114,6 +131,7 @@ MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notificat
   sideColumn->setContentsMargins(4, 4, 4, 4);
   sideColumn->addWidget(agents_);
   sideColumn->addWidget(search_);
+  sideColumn->addWidget(searchNotice_);
   sideColumn->addWidget(newSession_);
   sideColumn->addWidget(sessions_, 1);
 
@@ -216,6 +234,14 @@ MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notificat
   });
   connect(search_, &QLineEdit::textChanged, sessionModel_, &SessionListModel::setFilter);
   connect(sessionModel_, &SessionListModel::rowsSynced, this, &MainWindow::syncSessionHighlight);
+  connect(search_, &QLineEdit::textChanged, this,
+          [this](const QString& text) { sessionSearch_->setQuery(text.toStdString()); });
+  // The next page of matches once the list is scrolled to its end.
+  auto* sessionsBar = sessions_->verticalScrollBar();
+  connect(sessionsBar, &QScrollBar::valueChanged, this, [this, sessionsBar](int value) {
+    if (value == sessionsBar->maximum() && sessionSearch_->state().hasMore)
+      sessionSearch_->loadMore();
+  });
   connect(sessions_, &QListView::activated, this,
           [this](const QModelIndex& index) { openSessionAt(index.row()); });
   connect(sessions_, &QListView::clicked, this,
@@ -242,6 +268,11 @@ MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notificat
   watch(vm_->replies().changed(), [this] { refreshStatus(); });
   watch(vm_->status().changed(), [this] { refreshStatus(); });
   watch(vm_->requests().changed(), [this] { refreshStatus(); });
+  watch(sessionSearch_->changed(), [this] {
+    const auto& notice = sessionSearch_->state().notice;
+    searchNotice_->setText(notice ? QString::fromStdString(*notice) : QString());
+    searchNotice_->setVisible(notice.has_value());
+  });
 
   buildActions();
   onEngineChanged();
@@ -309,6 +340,8 @@ void MainWindow::buildActions() {
   });
   add(QKeySequence(Qt::CTRL | Qt::Key_Comma), tr("Settings"), [this] { showSettings(); });
   add(QKeySequence(Qt::CTRL | Qt::Key_M), tr("Meetings"), [this] { toggleMeetings(); });
+  add(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_A), tr("Always allowed tools"),
+      [this] { showAlwaysAllowed(); });
   add(QKeySequence(Qt::CTRL | Qt::Key_Q), tr("Quit"), [this] { close(); });
 }
 
@@ -353,6 +386,13 @@ void MainWindow::showSettings() {
     if (meetingsWanted_ && !(meetingWatch_ && meetingWatch_->controller->recording()))
       startMeetings();
   });
+  connect(&dialog, &SettingsDialog::alwaysAllowRequested, this,
+          [this, &dialog] { showAlwaysAllowed(&dialog); });
+  dialog.exec();
+}
+
+void MainWindow::showAlwaysAllowed(QWidget* parent) {
+  AlwaysAllowDialog dialog(*alwaysAllow_, parent ? parent : this);
   dialog.exec();
 }
 
@@ -430,6 +470,7 @@ void MainWindow::onEngineChanged() {
   if (running && !chatStarted_) {
     chatStarted_ = true;
     vm_->start();
+    alwaysAllow_->start();
   } else if (running) {
     // The engine came back (a restart): its sessions may have moved on.
     vm_->reloadSidebar();

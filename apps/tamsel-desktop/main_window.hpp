@@ -27,8 +27,10 @@ class LaunchAtLogin;
 struct MeetingWatch;
 }  // namespace tamsel::app
 namespace tamsel::desktop {
+class AlwaysAllowList;
 class DaemonChatViewModel;
-}
+class SessionSearch;
+}  // namespace tamsel::desktop
 
 namespace tamsel::desktopui {
 
@@ -71,6 +73,11 @@ class MainWindow final : public QMainWindow {
   QListView& transcriptView() { return *transcript_; }
   TranscriptModel& transcriptModel() { return *transcriptModel_; }
   QListView& sessionView() { return *sessions_; }
+  QLineEdit& searchField() { return *search_; }
+  // Why the search by message text failed, when it did.
+  QLabel& searchNotice() { return *searchNotice_; }
+  desktop::SessionSearch& sessionSearch() { return *sessionSearch_; }
+  desktop::AlwaysAllowList& alwaysAllowList() { return *alwaysAllow_; }
   SessionListModel& sessionModel() { return *sessionModel_; }
   RequestCards& requestCards() { return *cards_; }
   QueuePanel& queuePanel() { return *queue_; }
@@ -109,6 +116,8 @@ class MainWindow final : public QMainWindow {
   void summon();
   void showSettings();
   void toggleMeetings();
+  // The always-allowed tools, to review and revoke (over `parent`, the window by default).
+  void showAlwaysAllowed(QWidget* parent = nullptr);
 
  private:
   void buildActions();
@@ -125,6 +134,8 @@ class MainWindow final : public QMainWindow {
   std::unique_ptr<desktop::DaemonChatViewModel> vm_;
   // After the controller, so it goes first.
   std::unique_ptr<ApprovalNotifier> notifier_;
+  std::unique_ptr<desktop::SessionSearch> sessionSearch_;
+  std::unique_ptr<desktop::AlwaysAllowList> alwaysAllow_;
   bool chatStarted_ = false;
   std::optional<std::string> shownKey_;
   bool loadingDraft_ = false;
@@ -135,6 +146,7 @@ class MainWindow final : public QMainWindow {
   EngineBar* engineBar_;
   QComboBox* agents_;
   QLineEdit* search_;
+  QLabel* searchNotice_;
   QPushButton* newSession_;
   QListView* sessions_;
   SessionListModel* sessionModel_;

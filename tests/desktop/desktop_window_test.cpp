@@ -30,6 +30,7 @@
 #include <fstream>
 
 #include "../integration/sim_harness.hpp"
+#include "always_allow_dialog.hpp"
 #include "approval_notifier.hpp"
 #include "composer.hpp"
 #include "diagnostics.hpp"
@@ -44,8 +45,10 @@
 #include "tamsel/app/desktop_services.hpp"
 #include "tamsel/app/launch_at_login.hpp"
 #include "tamsel/base/json.hpp"
+#include "tamsel/desktop/always_allow_list.hpp"
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
 #include "tamsel/desktop/meeting_controller.hpp"
+#include "tamsel/desktop/session_search.hpp"
 #include "tamsel/meeting/meeting_job.hpp"
 #include "transcript_model.hpp"
 
@@ -149,6 +152,31 @@ T* findButton(QWidget* in, const QString& text) {
   for (auto* b : in->findChildren<T*>())
     if (b->text() == text && b->isVisible()) return b;
   return nullptr;
+}
+
+// The sessions the sidebar shows, by id.
+QStringList listedIDs(desktopui::SessionListModel& model) {
+  QStringList ids;
+  for (int i = 0; i < model.rowCount(); ++i)
+    ids << model.index(i).data(desktopui::SessionListModel::IdRole).toString();
+  return ids;
+}
+
+// The engine's always-allow list as the engine holds it now.
+std::vector<std::string> engineAlwaysAllowed(Desktop& d) {
+  std::optional<std::vector<std::string>> tools;
+  boost::asio::co_spawn(
+      d.services.mainExecutor().ioExecutor(),
+      [&]() -> boost::asio::awaitable<void> {
+        tools = desktop::AlwaysAllowList::toolsFrom(
+            co_await d.services.client().alwaysAllow("GET", std::nullopt));
+      },
+      boost::asio::detached);
+  QElapsedTimer waited;
+  waited.start();
+  while (!tools && waited.elapsed() < kTimeout)
+    QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+  return tools.value_or(std::vector<std::string>{"(no answer)"});
 }
 
 // A notification server on a private bus: records what it is asked to show, and lets the test
@@ -565,6 +593,118 @@ class DesktopWindowTest : public QObject {
     QTRY_COMPARE_WITH_TIMEOUT(model.index(0).data(desktopui::SessionListModel::IdRole).toString(),
                               QString::fromStdString(other), kTimeout);
     QCOMPARE(highlighted(), open());
+  }
+
+  void searchFindsSessionsByTheTextOfTheirMessages() {
+    Desktop d(*main, dir->path());
+    QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
+    auto& model = d.window->sessionModel();
+    QTest::keyClick(d.window.get(), Qt::Key_F, Qt::ControlModifier);
+    QVERIFY(d.window->searchField().hasFocus());
+    // A title matches at once, before the engine is asked.
+    QTest::keyClicks(&d.window->searchField(), QStringLiteral("nightly"));
+    QCOMPARE(listedIDs(model), QStringList{QStringLiteral("s_c40e1f92")});
+    QVERIFY(requestBodies(dir->path(), "/sessions/search").empty());
+    // Found by the engine too: still shown once.
+    QTRY_COMPARE_WITH_TIMEOUT(requestBodies(dir->path(), "/sessions/search").size(), std::size_t{1},
+                              kTimeout);
+    QTRY_VERIFY_WITH_TIMEOUT(!d.window->sessionSearch().state().searching, kTimeout);
+    QCOMPARE(listedIDs(model), QStringList{QStringLiteral("s_c40e1f92")});
+
+    // "theming" is in no title, only in a reply of the meeting-notes session.
+    d.window->searchField().selectAll();
+    QTest::keyClicks(&d.window->searchField(), QStringLiteral("THEMING"));
+    QCOMPARE(model.rowCount(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(listedIDs(model), QStringList{QStringLiteral("s_2b81d4e7")},
+                              kTimeout);
+    QVERIFY(model.index(0)
+                .data(desktopui::SessionListModel::SnippetRole)
+                .toString()
+                .contains(QStringLiteral("theming")));
+    QVERIFY(model.index(0)
+                .data(Qt::AccessibleTextRole)
+                .toString()
+                .contains(QStringLiteral("found in its messages")));
+    // One search per pause in typing.
+    QCOMPARE(requestBodies(dir->path(), "/sessions/search").size(), std::size_t{2});
+    // It opens like any other, highlighted.
+    auto& view = d.window->sessionView();
+    QTest::mouseClick(view.viewport(), Qt::LeftButton, {},
+                      view.visualRect(model.index(0)).center());
+    QTRY_COMPARE_WITH_TIMEOUT(d.chat().currentSessionID().value_or(""), std::string("s_2b81d4e7"),
+                              kTimeout);
+    QCOMPARE(view.currentIndex().row(), 0);
+    // Another agent's session is left out: "blueberries" is only in one of the researcher's.
+    d.window->searchField().selectAll();
+    QTest::keyClicks(&d.window->searchField(), QStringLiteral("blueberries"));
+    QTRY_COMPARE_WITH_TIMEOUT(requestBodies(dir->path(), "/sessions/search").size(), std::size_t{3},
+                              kTimeout);
+    QTRY_VERIFY_WITH_TIMEOUT(!d.window->sessionSearch().state().searching, kTimeout);
+    QCOMPARE(d.window->sessionSearch().state().found.size(), std::size_t{1});
+    QCOMPARE(model.rowCount(), 0);
+    QVERIFY(!d.window->searchNotice().isVisible());
+    // Cleared: every session is back.
+    d.window->searchField().clear();
+    QVERIFY(model.rowCount() >= 3);
+  }
+
+  void revokesAlwaysAllowedToolsInTheirDialog() {
+    Desktop d(*main, dir->path());
+    QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
+    auto& list = d.window->alwaysAllowList();
+    QTRY_COMPARE_WITH_TIMEOUT(list.state().tools, std::vector<std::string>{"read_file"}, kTimeout);
+    // An "Always allow" answer puts the tool on the list, and the list follows.
+    d.window->newSession();
+    type(*d.window, QStringLiteral("tidy up [approval]"));
+    QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+    QTRY_COMPARE_WITH_TIMEOUT(d.window->requestCards().cardCount(), 1, kTimeout);
+    QTest::keyClick(d.window.get(), Qt::Key_A, Qt::AltModifier);
+    QTRY_COMPARE_WITH_TIMEOUT(list.state().tools, (std::vector<std::string>{"read_file", "bash"}),
+                              kTimeout);
+
+    // Ctrl+Shift+A opens the dialog.
+    bool opened = false;
+    QTimer::singleShot(0, d.window.get(), [&] {
+      auto* shown = qobject_cast<desktopui::AlwaysAllowDialog*>(QApplication::activeModalWidget());
+      opened = shown != nullptr;
+      if (shown) shown->reject();
+    });
+    QTest::keyClick(d.window.get(), Qt::Key_A, Qt::ControlModifier | Qt::ShiftModifier);
+    QVERIFY(opened);
+
+    desktopui::AlwaysAllowDialog dialog(list, d.window.get());
+    dialog.show();
+    QTRY_COMPARE_WITH_TIMEOUT(dialog.shownTools(),
+                              (QStringList{QStringLiteral("read_file"), QStringLiteral("bash")}),
+                              kTimeout);
+    auto* revoke = dialog.revokeButton(QStringLiteral("bash"));
+    QVERIFY(revoke);
+    QCOMPARE(revoke->accessibleName(), QStringLiteral("Revoke bash"));
+    revoke->setFocus();
+    QTest::keyClick(revoke, Qt::Key_Space);
+    QTRY_COMPARE_WITH_TIMEOUT(dialog.shownTools(), QStringList{QStringLiteral("read_file")},
+                              kTimeout);
+    QCOMPARE(engineAlwaysAllowed(d), std::vector<std::string>{"read_file"});
+    QVERIFY2(dialog.revokeButton(QStringLiteral("read_file"))->hasFocus(),
+             "the keyboard stays in the list");
+
+    // Revoke all asks first; declined, nothing goes.
+    int asked = 0;
+    bool agree = false;
+    dialog.confirmRevokeAll = [&](QWidget*) {
+      ++asked;
+      return agree;
+    };
+    QTest::mouseClick(&dialog.revokeAllButton(), Qt::LeftButton);
+    QCOMPARE(asked, 1);
+    QCOMPARE(engineAlwaysAllowed(d), std::vector<std::string>{"read_file"});
+    agree = true;
+    QTest::mouseClick(&dialog.revokeAllButton(), Qt::LeftButton);
+    QTRY_VERIFY_WITH_TIMEOUT(dialog.shownTools().isEmpty(), kTimeout);
+    QVERIFY(dialog.emptyLabel().isVisible());
+    QVERIFY(!dialog.revokeAllButton().isEnabled());
+    QVERIFY(engineAlwaysAllowed(d).empty());
+    QVERIFY(!dialog.errorLabel().isVisible());
   }
 
   void restoresADraftAfterTheWindowRestarts() {
@@ -1027,7 +1167,15 @@ class DesktopWindowTest : public QObject {
     settings.show();
     int settingsChecked = 0;
     unnamed << unnamedControls(&settings, &settingsChecked);
-    QVERIFY2(settingsChecked >= 4, qPrintable(QString::number(settingsChecked)));
+    QVERIFY2(settingsChecked >= 5, qPrintable(QString::number(settingsChecked)));
+    // And of the always-allowed tools, with a row to revoke and an error on screen.
+    desktopui::AlwaysAllowDialog allowed(d.window->alwaysAllowList(), d.window.get());
+    allowed.show();
+    QTRY_VERIFY_WITH_TIMEOUT(allowed.revokeButton(QStringLiteral("read_file")), kTimeout);
+    allowed.errorLabel().show();
+    int allowedChecked = 0;
+    unnamed << unnamedControls(&allowed, &allowedChecked);
+    QVERIFY2(allowedChecked >= 4, qPrintable(QString::number(allowedChecked)));
     QVERIFY2(unnamed.isEmpty(), qPrintable(unnamed.join(QStringLiteral(", "))));
     QVERIFY2(checked >= 20, qPrintable(QString::number(checked)));
     QTest::keyClick(d.window.get(), Qt::Key_Period, Qt::ControlModifier);
