@@ -106,9 +106,8 @@ void AlwaysAllowDialog::refresh() {
       revoke->setToolTip(tr("Ask again before %1 runs").arg(tool));
       line->addWidget(name, 1);
       line->addWidget(revoke);
-      connect(revoke, &QPushButton::clicked, this, [this, tool] {
-        list_.revoke(tool.toStdString());
-      });
+      connect(revoke, &QPushButton::clicked, this,
+              [this, tool] { list_.revoke(tool.toStdString()); });
       rowsLayout_->insertWidget(rowsLayout_->count() - 1, row);
       rows_.emplace_back(tool, row);
     }

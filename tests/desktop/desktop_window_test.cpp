@@ -51,6 +51,7 @@
 #include "tamsel/desktop/session_search.hpp"
 #include "tamsel/meeting/meeting_job.hpp"
 #include "transcript_model.hpp"
+#include "tray_icon.hpp"
 
 using namespace tamsel;
 using desktopui::MainWindow;
@@ -1112,6 +1113,66 @@ class DesktopWindowTest : public QObject {
              qPrintable(panel.warningLabel().text()));
     QVERIFY(!controller.recording());
     panel.setController(nullptr);
+  }
+
+  void theTrayMenuOpensSettingsAndMeetingsAndShowsARecording() {
+    Offline o(*main, dir->path());
+    MainWindow window(o.services, QDBusConnection(QStringLiteral("not-connected")));
+    desktop::MeetingController::Configuration config;
+    config.meetingsRoot = o.services.meetingsFolder();
+    config.recordingFactory = [](const std::filesystem::path& folder,
+                                 meeting::MeetingRecordingOptions) {
+      return std::make_unique<QuietRecording>(folder);
+    };
+    desktop::MeetingController controller(*main, std::move(config), nullptr, nullptr, nullptr);
+    window.meetingsPanel().setController(&controller);
+    desktopui::TrayIcon tray(o.services.daemonManager(), window);
+    const auto stateText = QString::fromStdString(o.services.daemonManager().state().displayText());
+    QCOMPARE(tray.toolTip(), QStringLiteral("Tamsel — ") + stateText);
+    QVERIFY(tray.action(QStringLiteral("Quit")));
+
+    // Meetings… shows the panel (and leaves it shown when it already is).
+    QVERIFY(!window.meetingsDock().isVisible());
+    tray.action(QStringLiteral("Meetings…"))->trigger();
+    QVERIFY(window.meetingsDock().isVisible());
+    tray.action(QStringLiteral("Meetings…"))->trigger();
+    QVERIFY(window.meetingsDock().isVisible());
+
+    // Settings… opens the settings.
+    bool settingsShown = false;
+    tray.action(QStringLiteral("Settings…"))->trigger();
+    QTimer::singleShot(0, &window, [&] {
+      auto* shown = qobject_cast<desktopui::SettingsDialog*>(QApplication::activeModalWidget());
+      settingsShown = shown != nullptr;
+      if (shown) shown->reject();
+    });
+    QTRY_VERIFY(settingsShown);
+
+    // A recording marks the icon, the tooltip and the menu until it stops.
+    const auto plainIcon = tray.icon().cacheKey();
+    QTest::mouseClick(&window.meetingsPanel().recordButton(), Qt::LeftButton);
+    QVERIFY(controller.recording());
+    QVERIFY(tray.showsRecording());
+    QVERIFY2(tray.toolTip().contains(QStringLiteral("recording a meeting")),
+             qPrintable(tray.toolTip()));
+    QVERIFY(tray.action(QStringLiteral("● Recording a meeting"))->isVisible());
+    QVERIFY(tray.icon().cacheKey() != plainIcon);
+    QTest::mouseClick(&window.meetingsPanel().recordButton(), Qt::LeftButton);
+    QTRY_VERIFY_WITH_TIMEOUT(!controller.recording(), kTimeout);
+    QTRY_VERIFY_WITH_TIMEOUT(!tray.showsRecording(), kTimeout);
+    QCOMPARE(tray.toolTip(), QStringLiteral("Tamsel — ") + stateText);
+    QVERIFY(!tray.action(QStringLiteral("● Recording a meeting"))->isVisible());
+    QCOMPARE(tray.icon().cacheKey(), plainIcon);
+
+    // A tray made while a recording runs shows it from the start.
+    QTest::mouseClick(&window.meetingsPanel().recordButton(), Qt::LeftButton);
+    QVERIFY(controller.recording());
+    desktopui::TrayIcon late(o.services.daemonManager(), window);
+    QVERIFY(late.showsRecording());
+    QTest::mouseClick(&window.meetingsPanel().recordButton(), Qt::LeftButton);
+    QTRY_VERIFY_WITH_TIMEOUT(!late.showsRecording(), kTimeout);
+    controller.drain();
+    window.meetingsPanel().setController(nullptr);
   }
 
   void startingMeetingsSettlesTheJobsAnEarlierRunLeft() {
