@@ -37,6 +37,7 @@ AlwaysAllowDialog::AlwaysAllowDialog(desktop::AlwaysAllowList& list, QWidget* pa
   auto* scroll = new QScrollArea(this);
   scroll->setWidget(rows);
   scroll->setWidgetResizable(true);
+  scroll->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
   scroll->setAccessibleName(tr("Always allowed tools"));
   scroll->setMinimumHeight(160);
 
@@ -48,7 +49,10 @@ AlwaysAllowDialog::AlwaysAllowDialog(desktop::AlwaysAllowList& list, QWidget* pa
 
   revokeAll_ = new QPushButton(tr("Revoke &all"), this);
   revokeAll_->setAccessibleName(tr("Revoke all always-allowed tools"));
+  // Enter never revokes: only a deliberate press does.
+  revokeAll_->setAutoDefault(false);
   reload_ = new QPushButton(tr("&Reload"), this);
+  reload_->setAutoDefault(false);
   reload_->setAccessibleName(tr("Read the list again"));
   auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close, this);
   buttons->button(QDialogButtonBox::Close)->setAccessibleName(tr("Close the always-allowed tools"));

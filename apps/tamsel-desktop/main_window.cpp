@@ -126,6 +126,8 @@ MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notificat
   sessions_->setAccessibleName(tr("Sessions"));
   sessions_->setEditTriggers(QAbstractItemView::NoEditTriggers);
   sessions_->setUniformItemSizes(true);
+  // Long titles are cut with "…" rather than scrolled sideways.
+  sessions_->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
   auto* sidebar = new QWidget(this);
   auto* sideColumn = new QVBoxLayout(sidebar);
   sideColumn->setContentsMargins(4, 4, 4, 4);
@@ -272,6 +274,8 @@ MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notificat
     const auto& notice = sessionSearch_->state().notice;
     searchNotice_->setText(notice ? QString::fromStdString(*notice) : QString());
     searchNotice_->setVisible(notice.has_value());
+    // Rows found by their messages are two lines high; all rows are one line otherwise.
+    sessions_->setUniformItemSizes(sessionSearch_->state().query.empty());
   });
 
   buildActions();

@@ -94,7 +94,8 @@ QVariant SessionListModel::data(const QModelIndex& index, int role) const {
   switch (role) {
     case Qt::DisplayRole: {
       QString mark = r.running ? QStringLiteral("● ") : r.unread ? QStringLiteral("◆ ") : QString();
-      return mark + r.title + (r.snippet.isEmpty() ? QString() : QStringLiteral(" — ") + r.snippet);
+      // The matching text on a line of its own, so a narrow sidebar still shows the match.
+      return mark + r.title + (r.snippet.isEmpty() ? QString() : QStringLiteral("\n") + r.snippet);
     }
     case Qt::AccessibleTextRole:
       return r.title + (r.running ? tr(", reply running") : QString()) +

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <boost/asio/steady_timer.hpp>
+#include <cctype>
 #include <unordered_map>
 
 #include "tamsel/base/change_publisher.hpp"
@@ -60,6 +61,8 @@ struct SessionSearch::Impl : std::enable_shared_from_this<Impl> {
             if (self->tasks.isClosed() || asked != self->generation) co_return;
             auto& s = self->edit();
             self->fetched += static_cast<std::int64_t>(page.sessions.size());
+            for (auto& found : page.sessions)
+              if (found.snippet) found.snippet = focusSnippet(*found.snippet, self->state.query);
             s.hasMore = page.hasMore && !page.sessions.empty();
             s.searching = false;
             s.notice.reset();
@@ -139,6 +142,23 @@ void SessionSearch::merge(std::vector<DaemonSession>& into, std::vector<DaemonSe
     kept = std::move(s);
   }
   sortNewestFirst(into);
+}
+
+std::string SessionSearch::focusSnippet(std::string_view snippet, std::string_view query,
+                                        std::size_t lead) {
+  const auto lower = [](std::string_view text) {
+    std::string out(text);
+    for (auto& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return out;
+  };
+  const auto at = query.empty() ? std::string::npos : lower(snippet).find(lower(query));
+  if (at == std::string::npos || at <= lead) return std::string(snippet);
+  auto from = at - lead;
+  // From the next word's start when one begins before the match; never inside a UTF-8 sequence.
+  if (const auto space = snippet.find(' ', from); space != std::string_view::npos && space < at)
+    from = space + 1;
+  while (from < at && (static_cast<unsigned char>(snippet[from]) & 0xC0) == 0x80) ++from;
+  return "…" + std::string(snippet.substr(from));
 }
 
 std::vector<DaemonSession> SessionSearch::joinWithListed(std::vector<DaemonSession> titleMatches,

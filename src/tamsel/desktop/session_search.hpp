@@ -15,6 +15,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tamsel/base/main_executor.hpp"
@@ -71,6 +72,11 @@ class SessionSearch {
   // kept when the newer record has none), and the whole stays newest first.
   static void merge(std::vector<bridge::DaemonSession>& into,
                     std::vector<bridge::DaemonSession> page);
+  // `snippet` from a little before the first match of `query` (ASCII case aside), so the match
+  // shows at the start of a narrow row: at most `lead` bytes before it, from the start of a word,
+  // marked with "…" when cut. Unchanged when `query` is not in it.
+  static std::string focusSnippet(std::string_view snippet, std::string_view query,
+                                  std::size_t lead = 16);
   // The sidebar's rows for a search: the listed sessions whose title matched, joined with the
   // sessions found by their messages, newest first; a listed record wins over a found one (it is
   // fresher). Found sessions of an agent other than `agent` are left out: the

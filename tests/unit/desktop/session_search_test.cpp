@@ -81,12 +81,14 @@ TEST_F(SessionSearchTest, TypingAsksOnceForTheLastTextAfterThePause) {
   EXPECT_EQ(engine.calls[0]->request.offset, 0);
   EXPECT_EQ(engine.calls[0]->request.limit, SessionSearch::pageSize);
 
-  engine.answer(0,
-                page({session("old", 1), session("new", 9, "…blueberries…"), session("mid", 5)}));
+  engine.answer(0, page({session("old", 1),
+                         session("new", 9, "...soil pH guides recommend it for blueberries"),
+                         session("mid", 5)}));
   settle();
   EXPECT_FALSE(search.state().searching);
   EXPECT_EQ(ids(search.state().found), (std::vector<std::string>{"new", "mid", "old"}));
-  EXPECT_EQ(search.state().found[0].snippet, "…blueberries…");
+  EXPECT_EQ(search.state().found[0].snippet, "…it for blueberries")
+      << "the match is brought near the row's start";
 
   // The same text again (spaces aside) asks nothing; clearing it drops the results at once.
   search.setQuery("blue ");
@@ -185,6 +187,21 @@ TEST_F(SessionSearchTest, ClosingWithASearchInFlightRunsNothingAfterwards) {
   own.reset();
   settle();
   EXPECT_FALSE(notified);
+}
+
+TEST(SessionSearchSnippet, TheMatchComesNearTheStartCutAtAWord) {
+  const std::string text =
+      "...the review agreed on the sidebar layout and deferred theming to next";
+  EXPECT_EQ(SessionSearch::focusSnippet(text, "THEMING"), "…and deferred theming to next");
+  EXPECT_EQ(SessionSearch::focusSnippet(text, "review"), text) << "already near the start";
+  EXPECT_EQ(SessionSearch::focusSnippet(text, "absent"), text);
+  EXPECT_EQ(SessionSearch::focusSnippet(text, ""), text);
+  // One long word before the match: cut inside it, but never inside a character.
+  const std::string word = "Überraschungsüberraschungsüber match";
+  const auto cut = SessionSearch::focusSnippet(word, "match", 9);
+  EXPECT_EQ(cut.substr(cut.size() - 5), "match");
+  const std::string rest = cut.substr(std::string("…").size());
+  EXPECT_NE(static_cast<unsigned char>(rest[0]) & 0xC0, 0x80) << cut;
 }
 
 TEST(SessionSearchJoin, TitleMatchesAndFoundSessionsShowOnceNewestFirstForTheAgent) {
