@@ -1115,6 +1115,28 @@ class DesktopWindowTest : public QObject {
     panel.setController(nullptr);
   }
 
+  void aSearchTheEngineCannotAnswerSaysSoQuietly() {
+    // Nothing listens on the engine's port here.
+    Offline o(*main, dir->path());
+    MainWindow window(o.services, QDBusConnection(QStringLiteral("not-connected")));
+    window.show();
+    QVERIFY(!window.searchNotice().isVisible());
+    window.searchField().setFocus();
+    QTest::keyClicks(&window.searchField(), QStringLiteral("notes"));
+    QTRY_VERIFY_WITH_TIMEOUT(window.searchNotice().isVisible(), kTimeout);
+    QVERIFY2(
+        window.searchNotice().text().startsWith(QStringLiteral("Searching the messages failed")),
+        qPrintable(window.searchNotice().text()));
+    QVERIFY(window.searchField().hasFocus());
+    // Forgotten as soon as the text changes (and back when that search fails too); gone when
+    // the field is cleared.
+    QTest::keyClick(&window.searchField(), Qt::Key_Backspace);
+    QVERIFY(!window.sessionSearch().state().notice);
+    QTRY_VERIFY_WITH_TIMEOUT(window.searchNotice().isVisible(), kTimeout);
+    window.searchField().clear();
+    QTRY_VERIFY(!window.searchNotice().isVisible());
+  }
+
   void theTrayMenuOpensSettingsAndMeetingsAndShowsARecording() {
     Offline o(*main, dir->path());
     MainWindow window(o.services, QDBusConnection(QStringLiteral("not-connected")));
