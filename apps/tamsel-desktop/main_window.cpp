@@ -235,7 +235,11 @@ MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notificat
     if (!loadingDraft_) vm_->setComposerText(composer_->toPlainText().toStdString());
   });
   connect(search_, &QLineEdit::textChanged, sessionModel_, &SessionListModel::setFilter);
-  connect(sessionModel_, &SessionListModel::rowsSynced, this, &MainWindow::syncSessionHighlight);
+  connect(sessionModel_, &SessionListModel::rowsAboutToSync, this, [this] {
+    highlightedBeforeSync_ =
+        sessions_->currentIndex().data(SessionListModel::IdRole).toString().toStdString();
+  });
+  connect(sessionModel_, &SessionListModel::rowsSynced, this, &MainWindow::keepSessionHighlight);
   connect(search_, &QLineEdit::textChanged, this,
           [this](const QString& text) { sessionSearch_->setQuery(text.toStdString()); });
   // The next page of matches once the list is scrolled to its end.
@@ -500,12 +504,27 @@ void MainWindow::onTranscriptChanged() {
                        : tr("Tamsel"));
 }
 
+void MainWindow::keepSessionHighlight() {
+  // Rows move under the highlight (a session listed on top, a pending row replaced by the
+  // engine's, a session moving up): Qt keeps it on a row index, or a neighbour when its row is
+  // removed, so it is put back by id after every change of the list.
+  if (!highlightedBeforeSync_.empty()) {
+    if (const int row = sessionModel_->rowOf(highlightedBeforeSync_); row >= 0) {
+      if (sessions_->currentIndex().row() != row)
+        sessions_->setCurrentIndex(sessionModel_->index(row));
+      return;
+    }
+  }
+  syncSessionHighlight();
+}
+
 void MainWindow::syncSessionHighlight() {
-  // Rows move under the highlight (a new session listed on top, a pending row replaced by the
-  // engine's): Qt keeps it on a row index or a neighbour, so it is put back on the open session
-  // after every change of the list, not only when another session opens.
-  const auto key = vm_->currentSessionKey();
-  const int row = key ? sessionModel_->rowOf(vm_->sessionIdentityRegistry().realID(*key)) : -1;
+  int row = -1;
+  if (const auto key = vm_->currentSessionKey())
+    row = sessionModel_->rowOf(vm_->sessionIdentityRegistry().realID(*key));
+  // Named by the engine but not listed yet: its pending row is still the open session.
+  if (const auto& pending = vm_->currentPendingSessionLocalID(); row < 0 && pending)
+    row = sessionModel_->rowOf(*pending);
   if (row < 0) {
     // Not listed (yet, or filtered out): no row is the open session.
     if (sessions_->currentIndex().isValid()) sessions_->selectionModel()->clear();

@@ -128,6 +128,9 @@ class MainWindow final : public QMainWindow {
   void openSessionAt(int row);
   // Highlights the open session's row, wherever the list put it.
   void syncSessionHighlight();
+  // After the list changed: the highlight stays on the session it was on (the keyboard may have
+  // moved it off the open one), else goes to the open session.
+  void keepSessionHighlight();
   void moveSession(int step);
 
   app::DesktopServices& services_;
@@ -138,6 +141,7 @@ class MainWindow final : public QMainWindow {
   std::unique_ptr<desktop::AlwaysAllowList> alwaysAllow_;
   bool chatStarted_ = false;
   std::optional<std::string> shownKey_;
+  std::string highlightedBeforeSync_;
   bool loadingDraft_ = false;
   // The transcript follows its newest text while the user has not scrolled up.
   bool followTail_ = true;

@@ -76,6 +76,7 @@ void SessionListModel::refresh() {
     hash = fingerprintOf(r.unread ? "u" : "-", hash);
     keys.push_back({r.id, hash});
   }
+  Q_EMIT rowsAboutToSync();
   rows_ = std::move(rows);
   sync(std::move(keys));
   Q_EMIT rowsSynced();

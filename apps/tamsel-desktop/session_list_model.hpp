@@ -32,7 +32,8 @@ class SessionListModel final : public KeyedListModel {
   int rowOf(const std::string& id) const;
 
  Q_SIGNALS:
-  // After every refresh, once all its row insertions and removals are done.
+  // Around every refresh: before its first row insertion or removal, and once all are done.
+  void rowsAboutToSync();
   void rowsSynced();
 
  private:

@@ -163,6 +163,30 @@ QStringList listedIDs(desktopui::SessionListModel& model) {
   return ids;
 }
 
+// Sends a message as another client would (a new session unless `session` is given) and waits
+// for its reply to end.
+void sendFromAnotherClient(Desktop& d, std::string text, std::optional<std::string> session = {}) {
+  bool done = false;
+  boost::asio::co_spawn(
+      d.services.mainExecutor().ioExecutor(),
+      [&]() -> boost::asio::awaitable<void> {
+        bridge::SendMessageRequest request;
+        request.text = text;
+        request.sessionId = session;
+        request.newSession = !session;
+        auto stream = co_await d.services.client().sendMessage(request);
+        while (co_await stream.next()) {
+        }
+        done = true;
+      },
+      boost::asio::detached);
+  QElapsedTimer waited;
+  waited.start();
+  while (!done && waited.elapsed() < kTimeout)
+    QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+  QVERIFY(done);
+}
+
 // The engine's always-allow list as the engine holds it now.
 std::vector<std::string> engineAlwaysAllowed(Desktop& d) {
   std::optional<std::vector<std::string>> tools;
@@ -537,20 +561,7 @@ class DesktopWindowTest : public QObject {
 
     // Another client starts a session: listed at the top, above the open one.
     const int before = model.rowCount();
-    bool done = false;
-    boost::asio::co_spawn(
-        d.services.mainExecutor().ioExecutor(),
-        [&]() -> boost::asio::awaitable<void> {
-          bridge::SendMessageRequest request;
-          request.text = "from another client";
-          request.newSession = true;
-          auto stream = co_await d.services.client().sendMessage(request);
-          while (co_await stream.next()) {
-          }
-          done = true;
-        },
-        boost::asio::detached);
-    QTRY_VERIFY_WITH_TIMEOUT(done, kTimeout);
+    sendFromAnotherClient(d, "from another client");
     d.chat().reloadSidebar();
     QTRY_COMPARE_WITH_TIMEOUT(model.rowCount(), before + 1, kTimeout);
     QVERIFY(model.index(0)
@@ -576,24 +587,21 @@ class DesktopWindowTest : public QObject {
                            .toString()
                            .toStdString();
     QVERIFY(other != open());
-    done = false;
-    boost::asio::co_spawn(
-        d.services.mainExecutor().ioExecutor(),
-        [&]() -> boost::asio::awaitable<void> {
-          bridge::SendMessageRequest request;
-          request.text = "and one more thing";
-          request.sessionId = other;
-          auto stream = co_await d.services.client().sendMessage(request);
-          while (co_await stream.next()) {
-          }
-          done = true;
-        },
-        boost::asio::detached);
-    QTRY_VERIFY_WITH_TIMEOUT(done, kTimeout);
+    sendFromAnotherClient(d, "and one more thing", other);
     d.chat().reloadSidebar();
     QTRY_COMPARE_WITH_TIMEOUT(model.index(0).data(desktopui::SessionListModel::IdRole).toString(),
                               QString::fromStdString(other), kTimeout);
     QCOMPARE(highlighted(), open());
+
+    // Moved by the keyboard to a session not opened, the highlight stays on that session.
+    view.setFocus();
+    QTest::keyClick(&view, Qt::Key_Down);
+    const auto browsed = highlighted();
+    QVERIFY(browsed != open() && !browsed.empty());
+    sendFromAnotherClient(d, "yet another one");
+    d.chat().reloadSidebar();
+    QTRY_COMPARE_WITH_TIMEOUT(model.rowCount(), before + 3, kTimeout);
+    QCOMPARE(highlighted(), browsed);
   }
 
   void searchFindsSessionsByTheTextOfTheirMessages() {
