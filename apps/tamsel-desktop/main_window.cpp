@@ -21,6 +21,7 @@
 #include <QSplitter>
 #include <QVBoxLayout>
 
+#include "always_allow_dialog.hpp"
 #include "approval_notifier.hpp"
 #include "calendar_settings.hpp"
 #include "composer.hpp"
@@ -36,7 +37,9 @@
 #include "tamsel/app/launch_at_login.hpp"
 #include "tamsel/app/meeting_watch.hpp"
 #include "tamsel/base/env.hpp"
+#include "tamsel/desktop/always_allow_list.hpp"
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
+#include "tamsel/desktop/session_search.hpp"
 #include "tamsel/meeting/meeting_job.hpp"
 #include "tamsel/platform/child_process.hpp"
 #include "transcript_model.hpp"
@@ -69,6 +72,7 @@ const std::vector<ShortcutHelp>& shortcutTable() {
       {"Ctrl+Shift+D", "export diagnostics to a file"},
       {"Ctrl+,", "settings (hotkey, meetings, launch at login)"},
       {"Ctrl+M", "show / hide the meetings panel"},
+      {"Ctrl+Shift+A", "always-allowed tools (review, revoke)"},
       {"Alt twice (in any application)", "bring the window to the front (set in the settings)"},
       {"F1", "this list"},
       {"Shift+F1", "about Tamsel Desktop (version and revision)"},
@@ -130,20 +134,36 @@ MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notificat
   search_->setPlaceholderText(tr("Search sessions"));
   search_->setAccessibleName(tr("Search sessions"));
   search_->setClearButtonEnabled(true);
+  search_->setToolTip(tr("Titles match at once; the text of messages once you pause"));
+  searchNotice_ = new QLabel(this);
+  searchNotice_->setAccessibleName(tr("Search notice"));
+  searchNotice_->setWordWrap(true);
+  searchNotice_->setTextFormat(Qt::PlainText);
+  searchNotice_->setEnabled(false);  // greyed: the title filter still works
+  searchNotice_->hide();
+  auto& client = services_.client();
+  sessionSearch_ = std::make_unique<desktop::SessionSearch>(
+      services_.mainExecutor(), desktop::SessionSearch::through(client));
+  alwaysAllow_ = std::make_unique<desktop::AlwaysAllowList>(
+      services_.mainExecutor(), desktop::AlwaysAllowList::through(client),
+      &services_.eventStream());
   newSession_ = new QPushButton(tr("New session"), this);
   newSession_->setAccessibleName(tr("New session"));
   newSession_->setToolTip(tr("Ctrl+N"));
-  sessionModel_ = new SessionListModel(*vm_, this);
+  sessionModel_ = new SessionListModel(*vm_, sessionSearch_.get(), this);
   sessions_ = new QListView(this);
   sessions_->setModel(sessionModel_);
   sessions_->setAccessibleName(tr("Sessions"));
   sessions_->setEditTriggers(QAbstractItemView::NoEditTriggers);
   sessions_->setUniformItemSizes(true);
+  // Long titles are cut with "…" rather than scrolled sideways.
+  sessions_->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
   auto* sidebar = new QWidget(this);
   auto* sideColumn = new QVBoxLayout(sidebar);
   sideColumn->setContentsMargins(4, 4, 4, 4);
   sideColumn->addWidget(agents_);
   sideColumn->addWidget(search_);
+  sideColumn->addWidget(searchNotice_);
   sideColumn->addWidget(newSession_);
   sideColumn->addWidget(sessions_, 1);
 
@@ -257,6 +277,19 @@ MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notificat
     if (!loadingDraft_) vm_->setComposerText(composer_->toPlainText().toStdString());
   });
   connect(search_, &QLineEdit::textChanged, sessionModel_, &SessionListModel::setFilter);
+  connect(sessionModel_, &SessionListModel::rowsAboutToSync, this, [this] {
+    highlightedBeforeSync_ =
+        sessions_->currentIndex().data(SessionListModel::IdRole).toString().toStdString();
+  });
+  connect(sessionModel_, &SessionListModel::rowsSynced, this, &MainWindow::keepSessionHighlight);
+  connect(search_, &QLineEdit::textChanged, this,
+          [this](const QString& text) { sessionSearch_->setQuery(text.toStdString()); });
+  // The next page of matches once the list is scrolled to its end.
+  auto* sessionsBar = sessions_->verticalScrollBar();
+  connect(sessionsBar, &QScrollBar::valueChanged, this, [this, sessionsBar](int value) {
+    if (value == sessionsBar->maximum() && sessionSearch_->state().hasMore)
+      sessionSearch_->loadMore();
+  });
   connect(sessions_, &QListView::activated, this,
           [this](const QModelIndex& index) { openSessionAt(index.row()); });
   connect(sessions_, &QListView::clicked, this,
@@ -283,6 +316,13 @@ MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notificat
   watch(vm_->replies().changed(), [this] { refreshStatus(); });
   watch(vm_->status().changed(), [this] { refreshStatus(); });
   watch(vm_->requests().changed(), [this] { refreshStatus(); });
+  watch(sessionSearch_->changed(), [this] {
+    const auto& notice = sessionSearch_->state().notice;
+    searchNotice_->setText(notice ? QString::fromStdString(*notice) : QString());
+    searchNotice_->setVisible(notice.has_value());
+    // Rows found by their messages are two lines high; all rows are one line otherwise.
+    sessions_->setUniformItemSizes(sessionSearch_->state().query.empty());
+  });
 
   buildActions();
   onEngineChanged();
@@ -352,6 +392,8 @@ void MainWindow::buildActions() {
   });
   add(QKeySequence(Qt::CTRL | Qt::Key_Comma), tr("Settings"), [this] { showSettings(); });
   add(QKeySequence(Qt::CTRL | Qt::Key_M), tr("Meetings"), [this] { toggleMeetings(); });
+  add(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_A), tr("Always allowed tools"),
+      [this] { showAlwaysAllowed(); });
   add(QKeySequence(Qt::CTRL | Qt::Key_Q), tr("Quit"), [this] { close(); });
 }
 
@@ -393,6 +435,13 @@ void MainWindow::showSettings() {
     if (meetingsWanted_ && !(meetingWatch_ && meetingWatch_->controller->recording()))
       startMeetings();
   });
+  connect(&dialog, &SettingsDialog::alwaysAllowRequested, this,
+          [this, &dialog] { showAlwaysAllowed(&dialog); });
+  dialog.exec();
+}
+
+void MainWindow::showAlwaysAllowed(QWidget* parent) {
+  AlwaysAllowDialog dialog(*alwaysAllow_, parent ? parent : this);
   dialog.exec();
 }
 
@@ -470,6 +519,7 @@ void MainWindow::onEngineChanged() {
   if (running && !chatStarted_) {
     chatStarted_ = true;
     vm_->start();
+    alwaysAllow_->start();
   } else if (running) {
     // The engine came back (a restart): its sessions may have moved on.
     vm_->reloadSidebar();
@@ -489,14 +539,40 @@ void MainWindow::onTranscriptChanged() {
     attachments_->refresh();
     followTail_ = true;
     transcript_->scrollToBottom();
-    if (key) {
-      const int row = sessionModel_->rowOf(vm_->sessionIdentityRegistry().realID(*key));
-      if (row >= 0) sessions_->setCurrentIndex(sessionModel_->index(row));
-    }
+    syncSessionHighlight();
   }
   const auto title = vm_->currentSessionTitle();
   setWindowTitle(title ? QString::fromStdString(*title) + QStringLiteral(" — Tamsel")
                        : tr("Tamsel"));
+}
+
+void MainWindow::keepSessionHighlight() {
+  // Rows move under the highlight (a session listed on top, a pending row replaced by the
+  // engine's, a session moving up): Qt keeps it on a row index, or a neighbour when its row is
+  // removed, so it is put back by id after every change of the list.
+  if (!highlightedBeforeSync_.empty()) {
+    if (const int row = sessionModel_->rowOf(highlightedBeforeSync_); row >= 0) {
+      if (sessions_->currentIndex().row() != row)
+        sessions_->setCurrentIndex(sessionModel_->index(row));
+      return;
+    }
+  }
+  syncSessionHighlight();
+}
+
+void MainWindow::syncSessionHighlight() {
+  int row = -1;
+  if (const auto key = vm_->currentSessionKey())
+    row = sessionModel_->rowOf(vm_->sessionIdentityRegistry().realID(*key));
+  // Named by the engine but not listed yet: its pending row is still the open session.
+  if (const auto& pending = vm_->currentPendingSessionLocalID(); row < 0 && pending)
+    row = sessionModel_->rowOf(*pending);
+  if (row < 0) {
+    // Not listed (yet, or filtered out): no row is the open session.
+    if (sessions_->currentIndex().isValid()) sessions_->selectionModel()->clear();
+    return;
+  }
+  if (sessions_->currentIndex().row() != row) sessions_->setCurrentIndex(sessionModel_->index(row));
 }
 
 void MainWindow::refreshAgents() {

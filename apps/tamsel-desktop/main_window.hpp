@@ -27,8 +27,10 @@ class LaunchAtLogin;
 struct MeetingWatch;
 }  // namespace tamsel::app
 namespace tamsel::desktop {
+class AlwaysAllowList;
 class DaemonChatViewModel;
-}
+class SessionSearch;
+}  // namespace tamsel::desktop
 
 namespace tamsel::desktopui {
 
@@ -73,6 +75,11 @@ class MainWindow final : public QMainWindow {
   QListView& transcriptView() { return *transcript_; }
   TranscriptModel& transcriptModel() { return *transcriptModel_; }
   QListView& sessionView() { return *sessions_; }
+  QLineEdit& searchField() { return *search_; }
+  // Why the search by message text failed, when it did.
+  QLabel& searchNotice() { return *searchNotice_; }
+  desktop::SessionSearch& sessionSearch() { return *sessionSearch_; }
+  desktop::AlwaysAllowList& alwaysAllowList() { return *alwaysAllow_; }
   SessionListModel& sessionModel() { return *sessionModel_; }
   RequestCards& requestCards() { return *cards_; }
   QueuePanel& queuePanel() { return *queue_; }
@@ -111,6 +118,8 @@ class MainWindow final : public QMainWindow {
   void summon();
   void showSettings();
   void toggleMeetings();
+  // The always-allowed tools, to review and revoke (over `parent`, the window by default).
+  void showAlwaysAllowed(QWidget* parent = nullptr);
 
  private:
   void buildActions();
@@ -119,14 +128,22 @@ class MainWindow final : public QMainWindow {
   void refreshAgents();
   void refreshStatus();
   void openSessionAt(int row);
+  // Highlights the open session's row, wherever the list put it.
+  void syncSessionHighlight();
+  // After the list changed: the highlight stays on the session it was on (the keyboard may have
+  // moved it off the open one), else goes to the open session.
+  void keepSessionHighlight();
   void moveSession(int step);
 
   app::DesktopServices& services_;
   std::unique_ptr<desktop::DaemonChatViewModel> vm_;
   // After the controller, so it goes first.
   std::unique_ptr<ApprovalNotifier> notifier_;
+  std::unique_ptr<desktop::SessionSearch> sessionSearch_;
+  std::unique_ptr<desktop::AlwaysAllowList> alwaysAllow_;
   bool chatStarted_ = false;
   std::optional<std::string> shownKey_;
+  std::string highlightedBeforeSync_;
   bool loadingDraft_ = false;
   // The transcript follows its newest text while the user has not scrolled up.
   bool followTail_ = true;
@@ -135,6 +152,7 @@ class MainWindow final : public QMainWindow {
   EngineBar* engineBar_;
   QComboBox* agents_;
   QLineEdit* search_;
+  QLabel* searchNotice_;
   QPushButton* newSession_;
   QListView* sessions_;
   SessionListModel* sessionModel_;

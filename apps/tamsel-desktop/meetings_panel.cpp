@@ -211,7 +211,14 @@ void MeetingsPanel::setController(desktop::MeetingController* controller) {
       proposalRow_->show();
     }
   }
+  setRecording(controller_ && controller_->recording());
   refreshButtons();
+}
+
+void MeetingsPanel::setRecording(bool recording) {
+  if (recording == recording_) return;
+  recording_ = recording;
+  Q_EMIT recordingChanged(recording);
 }
 
 void MeetingsPanel::setUnavailable(const QString& reason) {
@@ -255,6 +262,7 @@ void MeetingsPanel::onEvent(const MeetingControllerEvent& event) {
       recordingFor_.start();
       ticker_->start();
       tick();
+      setRecording(true);
       Q_EMIT attentionNeeded();
       break;
     case Kind::graceStarted:
@@ -269,6 +277,7 @@ void MeetingsPanel::onEvent(const MeetingControllerEvent& event) {
       keep_->hide();
       break;
     case Kind::stopped:
+      setRecording(false);
       ticker_->stop();
       keep_->hide();
       state_->setText(tr("Not recording"));

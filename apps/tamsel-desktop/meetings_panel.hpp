@@ -57,21 +57,27 @@ class MeetingsPanel final : public QWidget {
   QProgressBar& micLevel() { return *micLevel_; }
   QProgressBar& systemLevel() { return *systemLevel_; }
   QTreeWidget& jobList() { return *jobs_; }
+  // A meeting is being recorded by the controller shown.
+  bool isRecording() const { return recording_; }
 
  Q_SIGNALS:
   // Something to answer or see (a proposal, a recording that started): show the panel.
   void attentionNeeded();
+  // A recording started or ended (also when the controller shown changes).
+  void recordingChanged(bool recording);
 
  private:
   void onEvent(const desktop::MeetingControllerEvent& event);
   void toggleRecording();
   void tick();
   void refreshButtons();
+  void setRecording(bool recording);
 
   std::filesystem::path root_;
   desktop::MeetingController* controller_ = nullptr;
   base::Signal<desktop::MeetingControllerEvent>::Connection connection_{};
   bool connected_ = false;
+  bool recording_ = false;
   QElapsedTimer recordingFor_;
   QTimer* ticker_;
   QPushButton* record_;

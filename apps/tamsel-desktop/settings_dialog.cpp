@@ -66,12 +66,18 @@ SettingsDialog::SettingsDialog(app::DesktopServices& services,
           .arg(enginePath ? QString::fromStdString(enginePath->string()) : tr("not found yet"))
           .arg(QString::fromStdString(services_.engineHome().string())));
 
+  auto* alwaysAllowed = new QPushButton(tr("Always allowed &tools…"), this);
+  alwaysAllowed->setAccessibleName(tr("Always allowed tools"));
+  alwaysAllowed->setToolTip(tr("Review and revoke what the agents may use without asking"));
+  connect(alwaysAllowed, &QPushButton::clicked, this, &SettingsDialog::alwaysAllowRequested);
+
   auto* form = new QFormLayout;
   form->addRow(tr("&Summon hotkey:"), hotkeyMode_);
   form->addRow(QString(), hotkeyStatus_);
   form->addRow(QString(), autoRecord_);
   form->addRow(QString(), launchAtLogin_);
   form->addRow(QString(), launchStatus_);
+  form->addRow(tr("Permissions:"), alwaysAllowed);
   form->addRow(tr("Engine:"), engineInfo_);
   auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close, this);
   buttons->button(QDialogButtonBox::Close)->setAccessibleName(tr("Close the settings"));

@@ -1,7 +1,8 @@
 #pragma once
 // Settings (Ctrl+,): the summon hotkey's trigger, recording detected meetings without asking,
-// launch at login, where the engine is, and the calendars. Each change is saved at once; one that
-// cannot be saved is undone on screen and says why.
+// launch at login, the always-allowed tools (a dialog of their own), where the engine is, and the
+// calendars. Each change is saved at once; one that cannot be saved is undone on screen and says
+// why.
 #include <QDialog>
 #include <functional>
 #include <memory>
@@ -38,6 +39,8 @@ class SettingsDialog final : public QDialog {
  Q_SIGNALS:
   void hotkeyStatusChanged(const tamsel::app::HotkeyStatus& status);
   void autoRecordChanged(bool on);
+  // The user asked to review the always-allowed tools.
+  void alwaysAllowRequested();
 
  private:
   void onHotkeyMode(int index);

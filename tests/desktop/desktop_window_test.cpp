@@ -29,9 +29,12 @@
 #include <QToolButton>
 #include <QTreeWidget>
 #include <QtTest>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
 #include <fstream>
 
 #include "../integration/sim_harness.hpp"
+#include "always_allow_dialog.hpp"
 #include "approval_notifier.hpp"
 #include "composer.hpp"
 #include "diagnostics.hpp"
@@ -46,10 +49,13 @@
 #include "tamsel/app/desktop_services.hpp"
 #include "tamsel/app/launch_at_login.hpp"
 #include "tamsel/base/json.hpp"
+#include "tamsel/desktop/always_allow_list.hpp"
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
 #include "tamsel/desktop/meeting_controller.hpp"
+#include "tamsel/desktop/session_search.hpp"
 #include "tamsel/meeting/meeting_job.hpp"
 #include "transcript_model.hpp"
+#include "tray_icon.hpp"
 
 using namespace tamsel;
 using desktopui::MainWindow;
@@ -151,6 +157,55 @@ T* findButton(QWidget* in, const QString& text) {
   for (auto* b : in->findChildren<T*>())
     if (b->text() == text && b->isVisible()) return b;
   return nullptr;
+}
+
+// The sessions the sidebar shows, by id.
+QStringList listedIDs(desktopui::SessionListModel& model) {
+  QStringList ids;
+  for (int i = 0; i < model.rowCount(); ++i)
+    ids << model.index(i).data(desktopui::SessionListModel::IdRole).toString();
+  return ids;
+}
+
+// Sends a message as another client would (a new session unless `session` is given) and waits
+// for its reply to end.
+void sendFromAnotherClient(Desktop& d, std::string text, std::optional<std::string> session = {}) {
+  bool done = false;
+  boost::asio::co_spawn(
+      d.services.mainExecutor().ioExecutor(),
+      [&]() -> boost::asio::awaitable<void> {
+        bridge::SendMessageRequest request;
+        request.text = text;
+        request.sessionId = session;
+        request.newSession = !session;
+        auto stream = co_await d.services.client().sendMessage(request);
+        while (co_await stream.next()) {
+        }
+        done = true;
+      },
+      boost::asio::detached);
+  QElapsedTimer waited;
+  waited.start();
+  while (!done && waited.elapsed() < kTimeout)
+    QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+  QVERIFY(done);
+}
+
+// The engine's always-allow list as the engine holds it now.
+std::vector<std::string> engineAlwaysAllowed(Desktop& d) {
+  std::optional<std::vector<std::string>> tools;
+  boost::asio::co_spawn(
+      d.services.mainExecutor().ioExecutor(),
+      [&]() -> boost::asio::awaitable<void> {
+        tools = desktop::AlwaysAllowList::toolsFrom(
+            co_await d.services.client().alwaysAllow("GET", std::nullopt));
+      },
+      boost::asio::detached);
+  QElapsedTimer waited;
+  waited.start();
+  while (!tools && waited.elapsed() < kTimeout)
+    QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+  return tools.value_or(std::vector<std::string>{"(no answer)"});
 }
 
 // A notification server on a private bus: records what it is asked to show, and lets the test
@@ -491,6 +546,178 @@ class DesktopWindowTest : public QObject {
     QTRY_VERIFY_WITH_TIMEOUT(d.chat().currentSessionID() == first.toStdString(), kTimeout);
     QTRY_COMPARE(d.window->composer().toPlainText(), QStringLiteral("draft for the first"));
     QTRY_VERIFY_WITH_TIMEOUT(d.window->transcriptModel().rowCount() > 0, kTimeout);
+  }
+
+  void theHighlightFollowsTheOpenSession() {
+    Desktop d(*main, dir->path());
+    QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
+    auto& model = d.window->sessionModel();
+    auto& view = d.window->sessionView();
+    QTRY_VERIFY_WITH_TIMEOUT(model.rowCount() >= 3, kTimeout);
+    const auto highlighted = [&] {
+      return view.currentIndex().data(desktopui::SessionListModel::IdRole).toString().toStdString();
+    };
+    const auto open = [&] { return d.chat().currentSessionID().value_or(std::string()); };
+    QTest::mouseClick(view.viewport(), Qt::LeftButton, {},
+                      view.visualRect(model.index(1)).center());
+    QTRY_VERIFY_WITH_TIMEOUT(!open().empty(), kTimeout);
+    QCOMPARE(highlighted(), open());
+
+    // Another client starts a session: listed at the top, above the open one.
+    const int before = model.rowCount();
+    sendFromAnotherClient(d, "from another client");
+    d.chat().reloadSidebar();
+    QTRY_COMPARE_WITH_TIMEOUT(model.rowCount(), before + 1, kTimeout);
+    QVERIFY(model.index(0)
+                .data(Qt::DisplayRole)
+                .toString()
+                .endsWith(QStringLiteral("from another client")));
+    QCOMPARE(highlighted(), open());
+
+    // A session started here: its pending row gives way to the engine's, highlighted.
+    d.window->newSession();
+    QTRY_COMPARE(highlighted(), *d.chat().currentPendingSessionLocalID());
+    type(*d.window, QStringLiteral("a new one here"));
+    QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+    QTRY_VERIFY_WITH_TIMEOUT(d.chat().currentSessionID() && !d.chat().isStreamActive() &&
+                                 model.rowCount() == before + 2 &&
+                                 model.rowOf(*d.chat().currentSessionID()) >= 0,
+                             kTimeout);
+    QTRY_COMPARE_WITH_TIMEOUT(highlighted(), open(), kTimeout);
+
+    // Another session's reply moves it to the top: the highlight stays with the open one.
+    const auto other = model.index(model.rowCount() - 1)
+                           .data(desktopui::SessionListModel::IdRole)
+                           .toString()
+                           .toStdString();
+    QVERIFY(other != open());
+    sendFromAnotherClient(d, "and one more thing", other);
+    d.chat().reloadSidebar();
+    QTRY_COMPARE_WITH_TIMEOUT(model.index(0).data(desktopui::SessionListModel::IdRole).toString(),
+                              QString::fromStdString(other), kTimeout);
+    QCOMPARE(highlighted(), open());
+
+    // Moved by the keyboard to a session not opened, the highlight stays on that session.
+    view.setFocus();
+    QTest::keyClick(&view, Qt::Key_Down);
+    const auto browsed = highlighted();
+    QVERIFY(browsed != open() && !browsed.empty());
+    sendFromAnotherClient(d, "yet another one");
+    d.chat().reloadSidebar();
+    QTRY_COMPARE_WITH_TIMEOUT(model.rowCount(), before + 3, kTimeout);
+    QCOMPARE(highlighted(), browsed);
+  }
+
+  void searchFindsSessionsByTheTextOfTheirMessages() {
+    Desktop d(*main, dir->path());
+    QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
+    auto& model = d.window->sessionModel();
+    QTest::keyClick(d.window.get(), Qt::Key_F, Qt::ControlModifier);
+    QVERIFY(d.window->searchField().hasFocus());
+    // A title matches at once, before the engine is asked.
+    QTest::keyClicks(&d.window->searchField(), QStringLiteral("nightly"));
+    QCOMPARE(listedIDs(model), QStringList{QStringLiteral("s_c40e1f92")});
+    QVERIFY(requestBodies(dir->path(), "/sessions/search").empty());
+    // Found by the engine too: still shown once.
+    QTRY_COMPARE_WITH_TIMEOUT(requestBodies(dir->path(), "/sessions/search").size(), std::size_t{1},
+                              kTimeout);
+    QTRY_VERIFY_WITH_TIMEOUT(!d.window->sessionSearch().state().searching, kTimeout);
+    QCOMPARE(listedIDs(model), QStringList{QStringLiteral("s_c40e1f92")});
+
+    // "theming" is in no title, only in a reply of the meeting-notes session.
+    d.window->searchField().selectAll();
+    QTest::keyClicks(&d.window->searchField(), QStringLiteral("THEMING"));
+    QCOMPARE(model.rowCount(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(listedIDs(model), QStringList{QStringLiteral("s_2b81d4e7")},
+                              kTimeout);
+    QVERIFY(model.index(0)
+                .data(desktopui::SessionListModel::SnippetRole)
+                .toString()
+                .contains(QStringLiteral("theming")));
+    QVERIFY(model.index(0)
+                .data(Qt::AccessibleTextRole)
+                .toString()
+                .contains(QStringLiteral("found in its messages")));
+    // One search per pause in typing.
+    QCOMPARE(requestBodies(dir->path(), "/sessions/search").size(), std::size_t{2});
+    // It opens like any other, highlighted.
+    auto& view = d.window->sessionView();
+    QTest::mouseClick(view.viewport(), Qt::LeftButton, {},
+                      view.visualRect(model.index(0)).center());
+    QTRY_COMPARE_WITH_TIMEOUT(d.chat().currentSessionID().value_or(""), std::string("s_2b81d4e7"),
+                              kTimeout);
+    QCOMPARE(view.currentIndex().row(), 0);
+    // Another agent's session is left out: "blueberries" is only in one of the researcher's.
+    d.window->searchField().selectAll();
+    QTest::keyClicks(&d.window->searchField(), QStringLiteral("blueberries"));
+    QTRY_COMPARE_WITH_TIMEOUT(requestBodies(dir->path(), "/sessions/search").size(), std::size_t{3},
+                              kTimeout);
+    QTRY_VERIFY_WITH_TIMEOUT(!d.window->sessionSearch().state().searching, kTimeout);
+    QCOMPARE(d.window->sessionSearch().state().found.size(), std::size_t{1});
+    QCOMPARE(model.rowCount(), 0);
+    QVERIFY(!d.window->searchNotice().isVisible());
+    // Cleared: every session is back.
+    d.window->searchField().clear();
+    QVERIFY(model.rowCount() >= 3);
+  }
+
+  void revokesAlwaysAllowedToolsInTheirDialog() {
+    Desktop d(*main, dir->path());
+    QTRY_VERIFY_WITH_TIMEOUT(d.chatReady(), kTimeout);
+    auto& list = d.window->alwaysAllowList();
+    QTRY_COMPARE_WITH_TIMEOUT(list.state().tools, std::vector<std::string>{"read_file"}, kTimeout);
+    // An "Always allow" answer puts the tool on the list, and the list follows.
+    d.window->newSession();
+    type(*d.window, QStringLiteral("tidy up [approval]"));
+    QTest::keyClick(&d.window->composer(), Qt::Key_Return);
+    QTRY_COMPARE_WITH_TIMEOUT(d.window->requestCards().cardCount(), 1, kTimeout);
+    QTest::keyClick(d.window.get(), Qt::Key_A, Qt::AltModifier);
+    QTRY_COMPARE_WITH_TIMEOUT(list.state().tools, (std::vector<std::string>{"read_file", "bash"}),
+                              kTimeout);
+
+    // Ctrl+Shift+A opens the dialog.
+    bool opened = false;
+    QTimer::singleShot(0, d.window.get(), [&] {
+      auto* shown = qobject_cast<desktopui::AlwaysAllowDialog*>(QApplication::activeModalWidget());
+      opened = shown != nullptr;
+      if (shown) shown->reject();
+    });
+    QTest::keyClick(d.window.get(), Qt::Key_A, Qt::ControlModifier | Qt::ShiftModifier);
+    QVERIFY(opened);
+
+    desktopui::AlwaysAllowDialog dialog(list, d.window.get());
+    dialog.show();
+    QTRY_COMPARE_WITH_TIMEOUT(dialog.shownTools(),
+                              (QStringList{QStringLiteral("read_file"), QStringLiteral("bash")}),
+                              kTimeout);
+    auto* revoke = dialog.revokeButton(QStringLiteral("bash"));
+    QVERIFY(revoke);
+    QCOMPARE(revoke->accessibleName(), QStringLiteral("Revoke bash"));
+    revoke->setFocus();
+    QTest::keyClick(revoke, Qt::Key_Space);
+    QTRY_COMPARE_WITH_TIMEOUT(dialog.shownTools(), QStringList{QStringLiteral("read_file")},
+                              kTimeout);
+    QCOMPARE(engineAlwaysAllowed(d), std::vector<std::string>{"read_file"});
+    QVERIFY2(dialog.revokeButton(QStringLiteral("read_file"))->hasFocus(),
+             "the keyboard stays in the list");
+
+    // Revoke all asks first; declined, nothing goes.
+    int asked = 0;
+    bool agree = false;
+    dialog.confirmRevokeAll = [&](QWidget*) {
+      ++asked;
+      return agree;
+    };
+    QTest::mouseClick(&dialog.revokeAllButton(), Qt::LeftButton);
+    QCOMPARE(asked, 1);
+    QCOMPARE(engineAlwaysAllowed(d), std::vector<std::string>{"read_file"});
+    agree = true;
+    QTest::mouseClick(&dialog.revokeAllButton(), Qt::LeftButton);
+    QTRY_VERIFY_WITH_TIMEOUT(dialog.shownTools().isEmpty(), kTimeout);
+    QVERIFY(dialog.emptyLabel().isVisible());
+    QVERIFY(!dialog.revokeAllButton().isEnabled());
+    QVERIFY(engineAlwaysAllowed(d).empty());
+    QVERIFY(!dialog.errorLabel().isVisible());
   }
 
   void restoresADraftAfterTheWindowRestarts() {
@@ -1035,6 +1262,88 @@ class DesktopWindowTest : public QObject {
     panel.setController(nullptr);
   }
 
+  void aSearchTheEngineCannotAnswerSaysSoQuietly() {
+    // Nothing listens on the engine's port here.
+    Offline o(*main, dir->path());
+    MainWindow window(o.services, QDBusConnection(QStringLiteral("not-connected")));
+    window.show();
+    QVERIFY(!window.searchNotice().isVisible());
+    window.searchField().setFocus();
+    QTest::keyClicks(&window.searchField(), QStringLiteral("notes"));
+    QTRY_VERIFY_WITH_TIMEOUT(window.searchNotice().isVisible(), kTimeout);
+    QVERIFY2(
+        window.searchNotice().text().startsWith(QStringLiteral("Searching the messages failed")),
+        qPrintable(window.searchNotice().text()));
+    QVERIFY(window.searchField().hasFocus());
+    // Forgotten as soon as the text changes (and back when that search fails too); gone when
+    // the field is cleared.
+    QTest::keyClick(&window.searchField(), Qt::Key_Backspace);
+    QVERIFY(!window.sessionSearch().state().notice);
+    QTRY_VERIFY_WITH_TIMEOUT(window.searchNotice().isVisible(), kTimeout);
+    window.searchField().clear();
+    QTRY_VERIFY(!window.searchNotice().isVisible());
+  }
+
+  void theTrayMenuOpensSettingsAndMeetingsAndShowsARecording() {
+    Offline o(*main, dir->path());
+    MainWindow window(o.services, QDBusConnection(QStringLiteral("not-connected")));
+    desktop::MeetingController::Configuration config;
+    config.meetingsRoot = o.services.meetingsFolder();
+    config.recordingFactory = [](const std::filesystem::path& folder,
+                                 meeting::MeetingRecordingOptions) {
+      return std::make_unique<QuietRecording>(folder);
+    };
+    desktop::MeetingController controller(*main, std::move(config), nullptr, nullptr, nullptr);
+    window.meetingsPanel().setController(&controller);
+    desktopui::TrayIcon tray(o.services.daemonManager(), window);
+    const auto stateText = QString::fromStdString(o.services.daemonManager().state().displayText());
+    QCOMPARE(tray.toolTip(), QStringLiteral("Tamsel — ") + stateText);
+    QVERIFY(tray.action(QStringLiteral("Quit")));
+
+    // Meetings… shows the panel (and leaves it shown when it already is).
+    QVERIFY(!window.meetingsDock().isVisible());
+    tray.action(QStringLiteral("Meetings…"))->trigger();
+    QVERIFY(window.meetingsDock().isVisible());
+    tray.action(QStringLiteral("Meetings…"))->trigger();
+    QVERIFY(window.meetingsDock().isVisible());
+
+    // Settings… opens the settings.
+    bool settingsShown = false;
+    tray.action(QStringLiteral("Settings…"))->trigger();
+    QTimer::singleShot(0, &window, [&] {
+      auto* shown = qobject_cast<desktopui::SettingsDialog*>(QApplication::activeModalWidget());
+      settingsShown = shown != nullptr;
+      if (shown) shown->reject();
+    });
+    QTRY_VERIFY(settingsShown);
+
+    // A recording marks the icon, the tooltip and the menu until it stops.
+    const auto plainIcon = tray.icon().cacheKey();
+    QTest::mouseClick(&window.meetingsPanel().recordButton(), Qt::LeftButton);
+    QVERIFY(controller.recording());
+    QVERIFY(tray.showsRecording());
+    QVERIFY2(tray.toolTip().contains(QStringLiteral("recording a meeting")),
+             qPrintable(tray.toolTip()));
+    QVERIFY(tray.action(QStringLiteral("● Recording a meeting"))->isVisible());
+    QVERIFY(tray.icon().cacheKey() != plainIcon);
+    QTest::mouseClick(&window.meetingsPanel().recordButton(), Qt::LeftButton);
+    QTRY_VERIFY_WITH_TIMEOUT(!controller.recording(), kTimeout);
+    QTRY_VERIFY_WITH_TIMEOUT(!tray.showsRecording(), kTimeout);
+    QCOMPARE(tray.toolTip(), QStringLiteral("Tamsel — ") + stateText);
+    QVERIFY(!tray.action(QStringLiteral("● Recording a meeting"))->isVisible());
+    QCOMPARE(tray.icon().cacheKey(), plainIcon);
+
+    // A tray made while a recording runs shows it from the start.
+    QTest::mouseClick(&window.meetingsPanel().recordButton(), Qt::LeftButton);
+    QVERIFY(controller.recording());
+    desktopui::TrayIcon late(o.services.daemonManager(), window);
+    QVERIFY(late.showsRecording());
+    QTest::mouseClick(&window.meetingsPanel().recordButton(), Qt::LeftButton);
+    QTRY_VERIFY_WITH_TIMEOUT(!late.showsRecording(), kTimeout);
+    controller.drain();
+    window.meetingsPanel().setController(nullptr);
+  }
+
   void startingMeetingsSettlesTheJobsAnEarlierRunLeft() {
     Offline o(*main, dir->path());
     // A recording whose process died while it was to be sealed, with nothing to seal.
@@ -1086,7 +1395,15 @@ class DesktopWindowTest : public QObject {
     settings.show();
     int settingsChecked = 0;
     unnamed << unnamedControls(&settings, &settingsChecked);
-    QVERIFY2(settingsChecked >= 4, qPrintable(QString::number(settingsChecked)));
+    QVERIFY2(settingsChecked >= 5, qPrintable(QString::number(settingsChecked)));
+    // And of the always-allowed tools, with a row to revoke and an error on screen.
+    desktopui::AlwaysAllowDialog allowed(d.window->alwaysAllowList(), d.window.get());
+    allowed.show();
+    QTRY_VERIFY_WITH_TIMEOUT(allowed.revokeButton(QStringLiteral("read_file")), kTimeout);
+    allowed.errorLabel().show();
+    int allowedChecked = 0;
+    unnamed << unnamedControls(&allowed, &allowedChecked);
+    QVERIFY2(allowedChecked >= 4, qPrintable(QString::number(allowedChecked)));
     QVERIFY2(unnamed.isEmpty(), qPrintable(unnamed.join(QStringLiteral(", "))));
     QVERIFY2(checked >= 20, qPrintable(QString::number(checked)));
     QTest::keyClick(d.window.get(), Qt::Key_Period, Qt::ControlModifier);

@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
 """The real tamsel-desktop on an X server this script starts (Xvfb, no TCP, a free display),
 against the engine simulator the window starts itself: a short conversation typed with real X
-key events, an approval answered by clicking its button, a queued message, a short meeting
-recorded from a test audio server and sealed, the window summoned back by a double tap of Alt
-after another client took the keyboard, then quit. Each step saves a screenshot (kept in $TAMSEL_SCREENSHOT_DIR, else a temporary folder) that must not be
-blank and whose screen text must hold the step's key texts."""
+key events, an approval answered by clicking its button, a queued message, a search that finds
+a session by the text of its messages, a short meeting recorded from a test audio server and
+sealed, the window summoned back by a double tap of Alt after another client took the keyboard,
+then quit. Each step saves a screenshot (kept in $TAMSEL_SCREENSHOT_DIR, else a temporary
+folder) that must not be blank and whose screen text must hold the step's key texts."""
 import os
 import shutil
 import signal
@@ -217,6 +218,15 @@ def main():
         check_not_blank(png)
         png, report = screen.wait_for("You: and then a summary", timeout=40)
         check_not_blank(png)
+
+        # The search finds a session by words only its messages hold, and shows them.
+        xdo("key", "ctrl+f")
+        xdo("type", "--delay", "15", "theming")
+        png, report = screen.wait_for("Summarise meeting notes, found in its messages:")
+        check_not_blank(png)
+        assert "Plan the 0.3 release" not in report, report
+        xdo("key", "ctrl+a", "BackSpace")
+        png, report = screen.wait_for("Plan the 0.3 release")
 
         if audio:
             record_meeting(screen, report, xdo, audio, home)

@@ -444,6 +444,66 @@ def named(events, name):
     return [data for event, data, _ in events if event == name]
 
 
+    def test_search_finds_titles_and_message_text_newest_first(self):
+        sim = Sim(self)
+        # "BLUEBERRIES" is only in a message, in another case; "release" is a title.
+        _, page = sim.request("GET", "/sessions/search?q=BLUEBERRIES")
+        self.assertEqual([s["id"] for s in page["sessions"]], ["s_5e6b2c18"])
+        snippet = page["sessions"][0]["snippet"]
+        self.assertIn("blueberries", snippet.lower())
+        self.assertLess(len(snippet), 100)
+        _, page = sim.request("GET", "/sessions/search?q=release")
+        self.assertEqual([s["id"] for s in page["sessions"]], ["s_7f3a9c01"])
+        self.assertNotIn("snippet", page["sessions"][0])
+        self.assertNotIn("messages", page["sessions"][0])
+        # Both kinds of match at once, newest first, then paged.
+        _, page = sim.request("GET", "/sessions/search?q=the")
+        ids = [s["id"] for s in page["sessions"]]
+        self.assertEqual(ids, ["s_7f3a9c01", "s_c40e1f92", "s_2b81d4e7", "s_91d0aa35", "s_5e6b2c18"])
+        _, second = sim.request("GET", "/sessions/search?q=the&limit=2&offset=2")
+        self.assertEqual([s["id"] for s in second["sessions"]], ids[2:4])
+        self.assertEqual((second["total"], second["has_more"]), (5, True))
+        # A message sent now is found by its text at once.
+        SseStream(sim, "POST", "/message", {"text": "Remember the Zanzibar itinerary"}).events()
+        _, page = sim.request("GET", "/sessions/search?q=zanzibar%20ITINERARY")
+        self.assertEqual(len(page["sessions"]), 1)
+        self.assertNotIn("snippet", page["sessions"][0])  # its title holds it too
+        resp, body = sim.request("GET", "/sessions/search?q=%20")
+        self.assertEqual((resp.status, body["code"]), (400, "invalid_request"))
+
+    def test_always_allow_list_adds_removes_and_clears(self):
+        sim = Sim(self, scenario=QUICK)
+        _, body = sim.request("GET", "/permissions/always-allow")
+        self.assertEqual(body, {"tools": ["read_file"]})
+        _, body = sim.request("POST", "/permissions/always-allow", {"tools": ["bash", "read_file"]})
+        self.assertEqual(body, {"tools": ["read_file", "bash"]})
+        _, body = sim.request("POST", "/permissions/always-allow", {"tool": "web_fetch"})
+        self.assertEqual(body, {"tools": ["read_file", "bash", "web_fetch"]})
+        _, body = sim.request("DELETE", "/permissions/always-allow", {"tools": ["bash"]})
+        self.assertEqual(body, {"tools": ["read_file", "web_fetch"]})
+        _, body = sim.request("DELETE", "/permissions/always-allow?tool=web_fetch")
+        self.assertEqual(body, {"tools": ["read_file"]})
+        _, body = sim.request("DELETE", "/permissions/always-allow")
+        self.assertEqual(body, {"tools": []})
+        # Answering an approval "always" puts its tool on the list before the reply goes on.
+        stream = SseStream(sim, "POST", "/message", {"text": "tidy [approval]"})
+        self.addCleanup(stream.close)
+        ask = stream.until("approval")[-1][1]
+        sim.request("POST", "/approval", {"request_id": ask["request_id"], "decision": "allow_always"})
+        _, body = sim.request("GET", "/permissions/always-allow")
+        self.assertEqual(body, {"tools": ["bash"]})
+        stream.events()
+        # "once" adds nothing.
+        stream = SseStream(sim, "POST", "/message", {"text": "again [approval]"})
+        self.addCleanup(stream.close)
+        sim.request("DELETE", "/permissions/always-allow")
+        ask = stream.until("approval")[-1][1]
+        sim.request("POST", "/approval", {"request_id": ask["request_id"], "decision": "once"})
+        stream.events()
+        _, body = sim.request("GET", "/permissions/always-allow")
+        self.assertEqual(body, {"tools": []})
+
+
 class EventStream(unittest.TestCase):
     def open_events(self, sim, query="", **kw):
         stream = SseStream(sim, "GET", "/events" + query, **kw)

@@ -56,10 +56,12 @@ struct DaemonSession {
   std::optional<std::string> kind;
   std::optional<std::string> agent;
   std::optional<std::string> projectId;
+  // Search results only: the matching text, when the session matched by its messages.
+  std::optional<std::string> snippet;
 };
 BOOST_DESCRIBE_STRUCT(DaemonSession, (),
                       (id, title, cwd, createdAt, updatedAt, msgCount, source, scheduleId,
-                       inProgress, pinned, favorite, kind, agent, projectId))
+                       inProgress, pinned, favorite, kind, agent, projectId, snippet))
 
 struct SessionPage {
   std::vector<DaemonSession> sessions;
