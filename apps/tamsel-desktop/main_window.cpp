@@ -516,11 +516,13 @@ void MainWindow::exportDiagnosticsFile() {
 void MainWindow::onEngineChanged() {
   auto& manager = services_.daemonManager();
   const bool running = manager.state().kind == DaemonManager::State::Kind::running;
+  const bool cameBack = running && !engineRunning_;
+  engineRunning_ = running;
   if (running && !chatStarted_) {
     chatStarted_ = true;
     vm_->start();
     alwaysAllow_->start();
-  } else if (running) {
+  } else if (cameBack) {
     // The engine came back (a restart): its sessions may have moved on.
     vm_->reloadSidebar();
   }

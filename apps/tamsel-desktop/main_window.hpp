@@ -142,6 +142,7 @@ class MainWindow final : public QMainWindow {
   std::unique_ptr<desktop::SessionSearch> sessionSearch_;
   std::unique_ptr<desktop::AlwaysAllowList> alwaysAllow_;
   bool chatStarted_ = false;
+  bool engineRunning_ = false;  // as last seen: a reload is for a restart, not each change
   std::optional<std::string> shownKey_;
   std::string highlightedBeforeSync_;
   bool loadingDraft_ = false;
