@@ -13,6 +13,7 @@
 
 #include "tamsel/app/desktop_services.hpp"
 #include "tamsel/base/signal.hpp"
+#include "transcript_view.hpp"
 
 class QComboBox;
 class QDockWidget;
@@ -68,7 +69,7 @@ class MainWindow final : public QMainWindow {
   desktop::DaemonChatViewModel& chat() { return *vm_; }
   EngineBar& engineBar() { return *engineBar_; }
   Composer& composer() { return *composer_; }
-  QListView& transcriptView() { return *transcript_; }
+  TranscriptView& transcriptView() { return *transcript_; }
   TranscriptModel& transcriptModel() { return *transcriptModel_; }
   QListView& sessionView() { return *sessions_; }
   SessionListModel& sessionModel() { return *sessionModel_; }
@@ -136,7 +137,7 @@ class MainWindow final : public QMainWindow {
   QPushButton* newSession_;
   QListView* sessions_;
   SessionListModel* sessionModel_;
-  QListView* transcript_;
+  TranscriptView* transcript_;
   TranscriptModel* transcriptModel_;
   MessageDelegate* delegate_;
   QLabel* status_;

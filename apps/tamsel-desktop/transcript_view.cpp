@@ -1,0 +1,171 @@
+#include "transcript_view.hpp"
+
+#include <QAction>
+#include <QClipboard>
+#include <QContextMenuEvent>
+#include <QDesktopServices>
+#include <QFileInfo>
+#include <QGuiApplication>
+#include <QMenu>
+
+#include "message_delegate.hpp"
+#include "transcript_model.hpp"
+
+namespace tamsel::desktopui {
+
+TranscriptView::TranscriptView(QWidget* parent)
+    : QListView(parent), delegate_(new MessageDelegate(this)) {
+  setItemDelegate(delegate_);
+  opener_ = [](const QUrl& url) { return QDesktopServices::openUrl(url); };
+  // Ctrl+C copies the current message as its Markdown source (code blocks included, as typed).
+  auto* copy = new QAction(tr("Copy the message"), this);
+  copy->setShortcut(QKeySequence::Copy);
+  copy->setShortcutContext(Qt::WidgetShortcut);
+  addAction(copy);
+  connect(copy, &QAction::triggered, this, [this] { copyMessage(currentIndex()); });
+}
+
+TranscriptModel* TranscriptView::transcriptModel() const {
+  return qobject_cast<TranscriptModel*>(model());
+}
+
+int TranscriptView::chipCount(const QModelIndex& index) const {
+  return index.isValid() ? index.data(TranscriptModel::AttachmentsRole).toList().size() : 0;
+}
+
+void TranscriptView::toggleTools(const QModelIndex& index) {
+  if (auto* m = transcriptModel(); m && index.isValid()) m->toggleTools(index.row());
+}
+
+void TranscriptView::copyCodeBlock(const QModelIndex& index, int block) {
+  if (!index.isValid() || block < 0 || block >= delegate_->codeBlockCount(index)) return;
+  QGuiApplication::clipboard()->setText(delegate_->codeBlockText(index, block));
+}
+
+void TranscriptView::copyMessage(const QModelIndex& index) {
+  if (index.isValid())
+    QGuiApplication::clipboard()->setText(index.data(TranscriptModel::MarkdownRole).toString());
+}
+
+void TranscriptView::openAttachment(const QModelIndex& index, int chip) {
+  const auto chips =
+      index.isValid() ? index.data(TranscriptModel::AttachmentsRole).toList() : QVariantList{};
+  if (chip < 0 || chip >= chips.size()) return;
+  const auto file = chips[chip].toMap();
+  const auto name = file.value(QStringLiteral("name")).toString();
+  const auto path = file.value(QStringLiteral("path")).toString();
+  if (path.isEmpty()) {
+    Q_EMIT noticeRequested(tr("“%1” has no copy on this computer to open.").arg(name));
+    return;
+  }
+  if (!QFileInfo::exists(path)) {
+    Q_EMIT noticeRequested(tr("“%1” is no longer at %2.").arg(name, path));
+    return;
+  }
+  if (!opener_(QUrl::fromLocalFile(path)))
+    Q_EMIT noticeRequested(tr("No application could open “%1” (%2).").arg(name, path));
+}
+
+QMenu* TranscriptView::contextMenuAt(const QPoint& point) {
+  const auto index = indexAt(point);
+  if (!index.isValid()) return nullptr;
+  setCurrentIndex(index);
+  const auto hit = delegate_->hitTest(visualRect(index), index, point);
+  auto* menu = new QMenu(this);
+  menu->setAttribute(Qt::WA_DeleteOnClose);
+  menu->setAccessibleName(tr("Message actions"));
+  const QPersistentModelIndex row(index);
+  if (hit.kind == MessageDelegate::Hit::Kind::codeBlock ||
+      hit.kind == MessageDelegate::Hit::Kind::copyCode) {
+    const int block = hit.item;
+    menu->addAction(tr("Copy code block"), this, [this, row, block] { copyCodeBlock(row, block); });
+  }
+  menu->addAction(tr("Copy the message"), this, [this, row] { copyMessage(row); });
+  if (hit.kind == MessageDelegate::Hit::Kind::attachment) {
+    const int chip = hit.item;
+    menu->addAction(tr("Open the file"), this, [this, row, chip] { openAttachment(row, chip); });
+  }
+  if (!index.data(TranscriptModel::ToolSummaryRole).toString().isEmpty())
+    menu->addAction(index.data(TranscriptModel::ToolsExpandedRole).toBool() ? tr("Hide the tools")
+                                                                            : tr("Show the tools"),
+                    this, [this, row] { toggleTools(row); });
+  return menu;
+}
+
+void TranscriptView::contextMenuEvent(QContextMenuEvent* event) {
+  if (auto* menu = contextMenuAt(event->pos())) menu->popup(event->globalPos());
+}
+
+void TranscriptView::mousePressEvent(QMouseEvent* event) {
+  const auto index = indexAt(event->position().toPoint());
+  if (event->button() == Qt::LeftButton && index.isValid()) {
+    const auto hit = delegate_->hitTest(visualRect(index), index, event->position().toPoint());
+    using Kind = MessageDelegate::Hit::Kind;
+    if (hit.kind == Kind::toolHeader || hit.kind == Kind::copyCode ||
+        hit.kind == Kind::attachment) {
+      setCurrentIndex(index);
+      if (hit.kind == Kind::toolHeader) toggleTools(index);
+      if (hit.kind == Kind::copyCode) copyCodeBlock(index, hit.item);
+      if (hit.kind == Kind::attachment) {
+        focusChip(index, hit.item);
+        openAttachment(index, hit.item);
+      }
+      event->accept();
+      return;
+    }
+  }
+  QListView::mousePressEvent(event);
+}
+
+void TranscriptView::focusChip(const QModelIndex& index, int chip) {
+  focusedChip_ = chip;
+  delegate_->setFocusedChip(index.data(TranscriptModel::IdRole).toString(), chip);
+  viewport()->update(visualRect(index));
+}
+
+void TranscriptView::currentChanged(const QModelIndex& current, const QModelIndex& previous) {
+  QListView::currentChanged(current, previous);
+  // The keyboard lands on a message's first file, if it has any.
+  focusChip(current, chipCount(current) > 0 ? 0 : -1);
+}
+
+void TranscriptView::keyPressEvent(QKeyEvent* event) {
+  const auto index = currentIndex();
+  const bool tools =
+      index.isValid() && !index.data(TranscriptModel::ToolSummaryRole).toString().isEmpty();
+  const int chips = chipCount(index);
+  if (event->modifiers() == Qt::NoModifier || event->modifiers() == Qt::KeypadModifier) {
+    switch (event->key()) {
+      case Qt::Key_Space:
+        if (tools) {
+          toggleTools(index);
+          return;
+        }
+        break;
+      case Qt::Key_Return:
+      case Qt::Key_Enter:
+        if (chips > 0) {
+          openAttachment(index, std::clamp(focusedChip_, 0, chips - 1));
+          return;
+        }
+        if (tools) {
+          toggleTools(index);
+          return;
+        }
+        break;
+      case Qt::Key_Left:
+      case Qt::Key_Right:
+        if (chips > 1) {
+          const int step = event->key() == Qt::Key_Right ? 1 : -1;
+          focusChip(index, std::clamp(focusedChip_ + step, 0, chips - 1));
+          return;
+        }
+        break;
+      default:
+        break;
+    }
+  }
+  QListView::keyPressEvent(event);
+}
+
+}  // namespace tamsel::desktopui

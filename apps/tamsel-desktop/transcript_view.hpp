@@ -1,0 +1,56 @@
+#pragma once
+// The transcript list: rows drawn by MessageDelegate, and what a user does with them. A click
+// (or Space, or Enter on a reply) opens and closes a tool block; "Copy" on a code block, or
+// "Copy code block" in the context menu, copies that block's code; a file chip opens with the
+// desktop's default application on a click or Enter (Left/Right move between a message's chips);
+// Ctrl+C copies the whole message as Markdown.
+#include <QListView>
+#include <QUrl>
+#include <functional>
+
+class QMenu;
+
+namespace tamsel::desktopui {
+
+class MessageDelegate;
+class TranscriptModel;
+
+class TranscriptView : public QListView {
+  Q_OBJECT
+ public:
+  explicit TranscriptView(QWidget* parent = nullptr);
+
+  MessageDelegate& messageDelegate() { return *delegate_; }
+  // How files are opened; QDesktopServices::openUrl unless replaced (tests watch it instead).
+  using UrlOpener = std::function<bool(const QUrl&)>;
+  void setUrlOpener(UrlOpener opener) { opener_ = std::move(opener); }
+
+  // The actions behind the mouse and keys, for one row.
+  void toggleTools(const QModelIndex& index);
+  void copyCodeBlock(const QModelIndex& index, int block);
+  void copyMessage(const QModelIndex& index);
+  void openAttachment(const QModelIndex& index, int chip);
+  // The context menu for a point of the viewport (shown by a right click).
+  QMenu* contextMenuAt(const QPoint& point);
+
+ Q_SIGNALS:
+  // News for the user that needs no answer (a file that is gone).
+  void noticeRequested(const QString& text);
+
+ protected:
+  void mousePressEvent(QMouseEvent* event) override;
+  void keyPressEvent(QKeyEvent* event) override;
+  void contextMenuEvent(QContextMenuEvent* event) override;
+  void currentChanged(const QModelIndex& current, const QModelIndex& previous) override;
+
+ private:
+  TranscriptModel* transcriptModel() const;
+  int chipCount(const QModelIndex& index) const;
+  void focusChip(const QModelIndex& index, int chip);
+
+  MessageDelegate* delegate_;
+  UrlOpener opener_;
+  int focusedChip_ = -1;
+};
+
+}  // namespace tamsel::desktopui
