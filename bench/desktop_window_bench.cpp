@@ -2,6 +2,7 @@
 // session to first paint and its memory, frame and typing latency while a reply streams at 200
 // tokens a second, and memory after 10 and after 1,000 streamed replies. The transcript list
 // (model, delegate, view) is the window's own; the messages stand in for the controller's.
+#include <malloc.h>
 #include <sys/resource.h>
 
 #include <QApplication>
@@ -25,13 +26,17 @@ using namespace tamsel;
 
 namespace {
 
+// Resident memory, after handing freed heap pages back, so the figure is what is in use.
 double residentMB() {
+  malloc_trim(0);
   std::ifstream status("/proc/self/status");
   std::string line;
   while (std::getline(status, line))
     if (line.rfind("VmRSS:", 0) == 0) return std::stod(line.substr(6)) / 1024;
   return 0;
 }
+
+double heapMB() { return static_cast<double>(mallinfo2().uordblks) / 1048576.0; }
 
 double percentile(std::vector<double> values, double p) {
   if (values.empty()) return 0;
@@ -226,6 +231,7 @@ void manyReplies(base::MainExecutor& main) {
   view.list.show();
   double after10 = 0;
   std::size_t messagesAt10 = 0;
+  double heapAt10 = 0;
   for (int r = 1; r <= 1000; ++r) {
     auto user = message(2 * r);
     t.part.edit().messages.push_back(user);
@@ -243,6 +249,7 @@ void manyReplies(base::MainExecutor& main) {
     QCoreApplication::processEvents();
     if (r == 10) {
       after10 = residentMB();
+      heapAt10 = heapMB();
       messagesAt10 = messageBytes(t.part->messages);
     }
   }
@@ -254,11 +261,15 @@ void manyReplies(base::MainExecutor& main) {
       "%.1f MB the 1,980 added messages themselves, %.1f MB the rest\n",
       after10, after1000, after1000 - after10, messages, after1000 - after10 - messages);
   std::printf(
+      "  heap in use %.2f MB more: %.2f MB beyond the messages themselves (%.0f bytes a row: "
+      "the list's keys and positions, laid-out rows filling their bound)\n",
+      heapMB() - heapAt10, heapMB() - heapAt10 - messages,
+      (heapMB() - heapAt10 - messages) * 1048576.0 / 1980);
+  std::printf(
       "  transcript then %d rows; laid-out rows kept %d (bound %d), measured heights kept %d "
       "(bound %d)\n",
-      view.model.rowCount(), view.delegate->cachedDocuments(),
-      desktopui::MessageDelegate::maxCachedDocuments, view.delegate->cachedHeights(),
-      desktopui::MessageDelegate::maxCachedHeights);
+      view.model.rowCount(), view.delegate->cachedDocuments(), view.delegate->documentBound(),
+      view.delegate->cachedHeights(), desktopui::MessageDelegate::maxCachedHeights);
 }
 
 }  // namespace

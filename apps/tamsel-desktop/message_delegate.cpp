@@ -363,6 +363,11 @@ QString MessageDelegate::codeBlockText(const QModelIndex& index, int block) cons
   return doc->code[static_cast<std::size_t>(block)].code;
 }
 
+void MessageDelegate::setVisibleRows(int rows) {
+  const qsizetype bound = std::max(minCachedDocuments, 2 * rows + 8);
+  if (bound != documents_.maxCost()) documents_.setMaxCost(bound);
+}
+
 void MessageDelegate::setFocusedChip(const QString& messageId, int chip) {
   focusedChipRow_ = messageId;
   focusedChip_ = chip;

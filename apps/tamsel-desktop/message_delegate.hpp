@@ -39,9 +39,13 @@ class MessageDelegate final : public QStyledItemDelegate {
   // The chip the keyboard is on (drawn with a focus frame); -1 for none.
   void setFocusedChip(const QString& messageId, int chip);
 
-  // How many rows have a laid-out document right now (bounded).
+  // Laid-out documents are kept for about twice the rows on screen (at least
+  // minCachedDocuments), so scrolling back a little lays nothing out again; the view says how
+  // many rows it shows.
+  void setVisibleRows(int rows);
   int cachedDocuments() const { return documents_.size(); }
-  static constexpr int maxCachedDocuments = 200;
+  int documentBound() const { return static_cast<int>(documents_.maxCost()); }
+  static constexpr int minCachedDocuments = 32;
   // How many rows have a measured height right now (bounded; the rest are estimated).
   int cachedHeights() const { return heights_.size(); }
   static constexpr int maxCachedHeights = 400;
@@ -78,7 +82,7 @@ class MessageDelegate final : public QStyledItemDelegate {
   int chipsHeight(const QModelIndex& index, int width) const;
 
   QAbstractItemView* view_;
-  mutable QCache<QString, RowDocument> documents_{maxCachedDocuments};
+  mutable QCache<QString, RowDocument> documents_{minCachedDocuments};
   // Keyed by the id's hash: a few bytes a row, and only for rows recently drawn.
   mutable QCache<quint64, Height> heights_{maxCachedHeights};
   QString focusedChipRow_;

@@ -96,6 +96,15 @@ void TranscriptView::contextMenuEvent(QContextMenuEvent* event) {
   if (auto* menu = contextMenuAt(event->pos())) menu->popup(event->globalPos());
 }
 
+void TranscriptView::paintEvent(QPaintEvent* event) {
+  const auto first = indexAt(QPoint(0, 0));
+  const auto last = indexAt(QPoint(0, viewport()->height() - 1));
+  if (first.isValid())
+    delegate_->setVisibleRows((last.isValid() ? last.row() : model()->rowCount() - 1) -
+                              first.row() + 1);
+  QListView::paintEvent(event);
+}
+
 void TranscriptView::mousePressEvent(QMouseEvent* event) {
   const auto index = indexAt(event->position().toPoint());
   if (event->button() == Qt::LeftButton && index.isValid()) {

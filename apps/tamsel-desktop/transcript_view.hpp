@@ -38,6 +38,7 @@ class TranscriptView : public QListView {
   void noticeRequested(const QString& text);
 
  protected:
+  void paintEvent(QPaintEvent* event) override;
   void mousePressEvent(QMouseEvent* event) override;
   void keyPressEvent(QKeyEvent* event) override;
   void contextMenuEvent(QContextMenuEvent* event) override;

@@ -388,7 +388,17 @@ class TranscriptViewTest : public QObject {
     QCOMPARE(t.model->rowCount(), 1401);
     QVERIFY(d.cachedHeights() > 0);
     QVERIFY(d.cachedHeights() <= MessageDelegate::maxCachedHeights);
-    QVERIFY(d.cachedDocuments() <= MessageDelegate::maxCachedDocuments);
+    // Documents are kept for the rows on screen and a margin, not for all rows seen.
+    QCOMPARE(d.documentBound(), MessageDelegate::minCachedDocuments);
+    QVERIFY(d.cachedDocuments() <= d.documentBound());
+    // A taller window keeps a document for each row it shows.
+    t.view.resize(600, 1600);
+    t.settle();
+    const int shown = t.view.indexAt(QPoint(0, t.view.viewport()->height() - 1)).row() -
+                      t.view.indexAt(QPoint(0, 0)).row() + 1;
+    QVERIFY(shown > MessageDelegate::minCachedDocuments);
+    QVERIFY(d.documentBound() >= shown);
+    QVERIFY(d.cachedDocuments() >= shown);
     // The first row's measure was dropped long ago; back on screen it is measured again exactly.
     t.view.scrollToTop();
     QTRY_COMPARE(t.rect(0).height(), firstHeight);
