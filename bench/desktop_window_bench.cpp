@@ -261,10 +261,10 @@ void manyReplies(base::MainExecutor& main) {
       "%.1f MB the 1,980 added messages themselves, %.1f MB the rest\n",
       after10, after1000, after1000 - after10, messages, after1000 - after10 - messages);
   std::printf(
-      "  heap in use %.2f MB more: %.2f MB beyond the messages themselves (%.0f bytes a row: "
-      "the list's keys and positions, laid-out rows filling their bound)\n",
+      "  heap in use %.2f MB more: %.2f MB beyond the messages themselves, %.0f bytes a row "
+      "(the list model's key takes %zu)\n",
       heapMB() - heapAt10, heapMB() - heapAt10 - messages,
-      (heapMB() - heapAt10 - messages) * 1048576.0 / 1980);
+      (heapMB() - heapAt10 - messages) * 1048576.0 / 1980, sizeof(desktopui::RowKey));
   std::printf(
       "  transcript then %d rows; laid-out rows kept %d (bound %d), measured heights kept %d "
       "(bound %d)\n",

@@ -269,8 +269,9 @@ void MessageDelegate::paint(QPainter* painter, const QStyleOptionViewItem& optio
   // Code blocks: a shade behind each and its own "Copy" button at the top right.
   const QFont small = smallFont(plainFont);
   const QFontMetrics smallMetrics(small);
+  // Each shade stops a pixel short, so blocks back to back show as two.
   for (int block = 0; block < static_cast<int>(doc->code.size()); ++block)
-    painter->fillRect(codeRegionRect(*doc, block).translated(g.textOrigin).adjusted(-2, 0, 2, 0),
+    painter->fillRect(codeRegionRect(*doc, block).translated(g.textOrigin).adjusted(-2, 0, 2, -1),
                       palette.color(QPalette::Window));
   painter->save();
   painter->translate(g.textOrigin);
