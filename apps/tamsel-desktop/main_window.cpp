@@ -58,6 +58,7 @@ const std::vector<ShortcutHelp>& shortcutTable() {
       {"Ctrl+C (in the transcript)", "copy the selected message (its Markdown)"},
       {"Space / Enter (in the transcript)", "open or close a reply's tools; Enter opens a file"},
       {"Left / Right (in the transcript)", "move between a message's files"},
+      {"Menu key (in the transcript)", "copy one of the message's code blocks, or the message"},
       {"Ctrl+PgUp / Ctrl+PgDown", "previous / next session"},
       {"Alt+O, Alt+S, Alt+A, Alt+D", "approve once, for the session, always; deny"},
       {"Alt+N / Alt+E", "answer / decline a question"},

@@ -2,7 +2,6 @@
 
 #include <QAbstractItemView>
 #include <QAbstractTextDocumentLayout>
-#include <QApplication>
 #include <QPainter>
 #include <QTextBlock>
 #include <cmath>
@@ -121,7 +120,7 @@ int MessageDelegate::toolLineCount(const QModelIndex& index) const {
 std::vector<QRect> MessageDelegate::chipRects(const QVariantList& chips, QPoint origin,
                                               int width) const {
   const QFontMetrics metrics(smallFont(view_->font()));
-  const int height = metrics.height() + 2 * kChipPad / 2 + 2;
+  const int height = metrics.height() + kChipPad + 2;
   std::vector<QRect> rects;
   int x = 0, y = 0;
   for (const auto& chip : chips) {

@@ -70,18 +70,34 @@ QMenu* TranscriptView::contextMenuAt(const QPoint& point) {
   const auto index = indexAt(point);
   if (!index.isValid()) return nullptr;
   setCurrentIndex(index);
-  const auto hit = delegate_->hitTest(visualRect(index), index, point);
+  return contextMenu(index, delegate_->hitTest(visualRect(index), index, point), false);
+}
+
+QMenu* TranscriptView::contextMenuForCurrent() {
+  const auto index = currentIndex();
+  return index.isValid() ? contextMenu(index, {}, true) : nullptr;
+}
+
+QMenu* TranscriptView::contextMenu(const QModelIndex& index, const MessageDelegate::Hit& hit,
+                                   bool allBlocks) {
+  using Kind = MessageDelegate::Hit::Kind;
   auto* menu = new QMenu(this);
   menu->setAttribute(Qt::WA_DeleteOnClose);
   menu->setAccessibleName(tr("Message actions"));
   const QPersistentModelIndex row(index);
-  if (hit.kind == MessageDelegate::Hit::Kind::codeBlock ||
-      hit.kind == MessageDelegate::Hit::Kind::copyCode) {
-    const int block = hit.item;
-    menu->addAction(tr("Copy code block"), this, [this, row, block] { copyCodeBlock(row, block); });
+  const auto copyBlock = [&](const QString& text, int block) {
+    menu->addAction(text, this, [this, row, block] { copyCodeBlock(row, block); });
+  };
+  if (hit.kind == Kind::codeBlock || hit.kind == Kind::copyCode)
+    copyBlock(tr("Copy code block"), hit.item);
+  if (allBlocks) {
+    const int blocks = delegate_->codeBlockCount(index);
+    for (int block = 0; block < blocks; ++block)
+      copyBlock(blocks == 1 ? tr("Copy code block") : tr("Copy code block %1").arg(block + 1),
+                block);
   }
   menu->addAction(tr("Copy the message"), this, [this, row] { copyMessage(row); });
-  if (hit.kind == MessageDelegate::Hit::Kind::attachment) {
+  if (hit.kind == Kind::attachment) {
     const int chip = hit.item;
     menu->addAction(tr("Open the file"), this, [this, row, chip] { openAttachment(row, chip); });
   }
@@ -93,6 +109,11 @@ QMenu* TranscriptView::contextMenuAt(const QPoint& point) {
 }
 
 void TranscriptView::contextMenuEvent(QContextMenuEvent* event) {
+  if (event->reason() == QContextMenuEvent::Keyboard) {
+    if (auto* menu = contextMenuForCurrent())
+      menu->popup(viewport()->mapToGlobal(visualRect(currentIndex()).topLeft() + QPoint(12, 12)));
+    return;
+  }
   if (auto* menu = contextMenuAt(event->pos())) menu->popup(event->globalPos());
 }
 

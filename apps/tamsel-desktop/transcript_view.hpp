@@ -8,11 +8,12 @@
 #include <QUrl>
 #include <functional>
 
+#include "message_delegate.hpp"
+
 class QMenu;
 
 namespace tamsel::desktopui {
 
-class MessageDelegate;
 class TranscriptModel;
 
 class TranscriptView : public QListView {
@@ -30,8 +31,10 @@ class TranscriptView : public QListView {
   void copyCodeBlock(const QModelIndex& index, int block);
   void copyMessage(const QModelIndex& index);
   void openAttachment(const QModelIndex& index, int chip);
-  // The context menu for a point of the viewport (shown by a right click).
+  // The context menu for a point of the viewport (a right click: the code block under it), or
+  // for the current row (the menu key: each of its code blocks by number).
   QMenu* contextMenuAt(const QPoint& point);
+  QMenu* contextMenuForCurrent();
 
  Q_SIGNALS:
   // News for the user that needs no answer (a file that is gone).
@@ -47,6 +50,7 @@ class TranscriptView : public QListView {
  private:
   TranscriptModel* transcriptModel() const;
   int chipCount(const QModelIndex& index) const;
+  QMenu* contextMenu(const QModelIndex& index, const MessageDelegate::Hit& hit, bool allBlocks);
   void focusChip(const QModelIndex& index, int chip);
 
   MessageDelegate* delegate_;

@@ -270,6 +270,15 @@ class TranscriptViewTest : public QObject {
     t.view.setCurrentIndex(reply);
     QTest::keyClick(&t.view, Qt::Key_C, Qt::ControlModifier);
     QCOMPARE(clipboard->text(), QString::fromStdString(text));
+    // The menu key offers each block of the current message by number.
+    QContextMenuEvent menuKey(QContextMenuEvent::Keyboard, QPoint(1, 1));
+    QCoreApplication::sendEvent(t.view.viewport(), &menuKey);
+    QVERIFY(menuAction(t.view, QStringLiteral("Copy code block 1")));
+    auto* second = menuAction(t.view, QStringLiteral("Copy code block 2"));
+    QVERIFY(second);
+    second->trigger();
+    QCOMPARE(clipboard->text(), QStringLiteral("echo two\nls -la | wc -l"));
+    closeMenus(t.view);
 
     // Two blocks back to back are two blocks on screen, each with its own button.
     const auto pair = t.at(2);
