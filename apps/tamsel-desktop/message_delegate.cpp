@@ -19,16 +19,10 @@ constexpr int kToolPad = 2;
 constexpr int kChipGap = 6;
 constexpr int kChipPad = 6;
 
-QString documentKey(const QModelIndex& index) {
-  return index.data(TranscriptModel::IdRole).toString();
-}
-
-quint64 heightKey(const QModelIndex& index) {
-  return fingerprintOf(index.data(TranscriptModel::IdRole).toString().toStdString());
-}
-
-std::uint64_t fingerprintAt(const QModelIndex& index) {
-  return index.data(TranscriptModel::FingerprintRole).toULongLong();
+TranscriptModel::RowFacts factsOf(const QModelIndex& index) {
+  const auto* model = qobject_cast<const TranscriptModel*>(index.model());
+  if (!model) return {};
+  return model->rowFacts(index.row()).value_or(TranscriptModel::RowFacts{});
 }
 
 QFont boldFont(const QFont& font) {
@@ -59,8 +53,9 @@ int MessageDelegate::contentWidth() const {
 }
 
 MessageDelegate::RowDocument* MessageDelegate::document(const QModelIndex& index, int width) const {
-  const auto key = documentKey(index);
-  const auto fingerprint = fingerprintAt(index);
+  const auto facts = factsOf(index);
+  const auto key = facts.idHash;
+  const auto fingerprint = facts.fingerprint;
   auto* doc = documents_.object(key);
   if (doc && doc->fingerprint == fingerprint) {
     if (static_cast<int>(doc->text.textWidth()) != width) doc->text.setTextWidth(width);
@@ -96,25 +91,10 @@ MessageDelegate::RowDocument* MessageDelegate::document(const QModelIndex& index
 
 int MessageDelegate::estimateHeight(const QModelIndex& index, int width) const {
   const QFontMetrics metrics(view_->font());
-  const auto text = index.data(TranscriptModel::MarkdownRole).toString();
+  const auto* model = qobject_cast<const TranscriptModel*>(index.model());
+  if (!model) return metrics.lineSpacing();
   const int perLine = std::max(1, width / std::max(1, metrics.averageCharWidth()));
-  int lines = 0;
-  qsizetype start = 0;
-  while (start <= text.size()) {
-    auto end = text.indexOf(u'\n', start);
-    if (end < 0) end = text.size();
-    lines += 1 + static_cast<int>(end - start) / perLine;
-    start = end + 1;
-  }
-  return lines * metrics.lineSpacing();
-}
-
-int MessageDelegate::toolLineCount(const QModelIndex& index) const {
-  if (!index.data(TranscriptModel::ToolsExpandedRole).toBool()) return 0;
-  int lines = 0;
-  for (const auto& preview : index.data(TranscriptModel::ToolPreviewsRole).toStringList())
-    lines += preview.isEmpty() ? 1 : 2;
-  return lines;
+  return model->estimatedTextLines(index.row(), perLine) * metrics.lineSpacing();
 }
 
 std::vector<QRect> MessageDelegate::chipRects(const QVariantList& chips, QPoint origin,
@@ -136,41 +116,37 @@ std::vector<QRect> MessageDelegate::chipRects(const QVariantList& chips, QPoint 
   return rects;
 }
 
-int MessageDelegate::chipsHeight(const QModelIndex& index, int width) const {
-  const auto chips = index.data(TranscriptModel::AttachmentsRole).toList();
-  if (chips.isEmpty()) return 0;
-  const auto rects = chipRects(chips, {}, width);
-  return kChipGap + rects.back().bottom() + 1;
-}
-
 MessageDelegate::Geometry MessageDelegate::geometry(const QRect& rowRect, const QModelIndex& index,
                                                     int textHeight) const {
   Geometry g;
+  const auto facts = factsOf(index);
   const int width = contentWidth();
   const QFontMetrics header(boldFont(view_->font()));
   const QFontMetrics plain(view_->font());
   int y = rowRect.top() + kMargin + header.height() + kHeaderGap;
   const int x = rowRect.left() + kMargin;
-  if (!index.data(TranscriptModel::ToolSummaryRole).toString().isEmpty()) {
+  if (facts.tools) {
     g.toolHeader = QRect(x, y, width, plain.lineSpacing() + 2 * kToolPad);
-    y += g.toolHeader.height() + kHeaderGap + toolLineCount(index) * plain.lineSpacing();
-    if (toolLineCount(index) > 0) y += kHeaderGap;
+    y += g.toolHeader.height() + kHeaderGap + facts.toolLines * plain.lineSpacing();
+    if (facts.toolLines > 0) y += kHeaderGap;
   }
   g.textOrigin = QPoint(x, y);
   y += textHeight;
-  const auto chips = index.data(TranscriptModel::AttachmentsRole).toList();
-  if (!chips.isEmpty()) g.chips = chipRects(chips, QPoint(x, y + kChipGap), width);
+  if (facts.attachments > 0)
+    g.chips = chipRects(index.data(TranscriptModel::AttachmentsRole).toList(),
+                        QPoint(x, y + kChipGap), width);
   return g;
 }
 
 int MessageDelegate::textHeight(const QModelIndex& index, int width) const {
-  const auto fingerprint = fingerprintAt(index);
-  const auto key = heightKey(index);
+  const auto facts = factsOf(index);
+  const auto fingerprint = facts.fingerprint;
+  const auto key = facts.idHash;
   if (const auto* row = heights_.object(key);
       row && row->fingerprint == fingerprint && row->width == width)
     return row->height;
   // A row that is already laid out (on screen) is measured; others are estimated.
-  if (auto* doc = documents_.object(documentKey(index)); doc && doc->fingerprint == fingerprint) {
+  if (auto* doc = documents_.object(key); doc && doc->fingerprint == fingerprint) {
     doc->text.setTextWidth(width);
     const int height = static_cast<int>(std::ceil(doc->text.size().height()));
     heights_.insert(key, new Height{fingerprint, width, height});
@@ -290,7 +266,7 @@ void MessageDelegate::paint(QPainter* painter, const QStyleOptionViewItem& optio
 
   // Files: a chip each, name and size.
   const auto chips = index.data(TranscriptModel::AttachmentsRole).toList();
-  const QString id = documentKey(index);
+  const QString id = index.data(TranscriptModel::IdRole).toString();
   for (int i = 0; i < chips.size() && i < static_cast<int>(g.chips.size()); ++i) {
     const QRect& rect = g.chips[static_cast<std::size_t>(i)];
     const bool focused = id == focusedChipRow_ && i == focusedChip_;
@@ -307,8 +283,9 @@ void MessageDelegate::paint(QPainter* painter, const QStyleOptionViewItem& optio
 
   // The row's height was estimated (or measured at another width) before it was laid out:
   // correct it once.
-  const auto key = heightKey(index);
-  const auto fingerprint = fingerprintAt(index);
+  const auto facts = factsOf(index);
+  const auto key = facts.idHash;
+  const auto fingerprint = facts.fingerprint;
   const auto* row = heights_.object(key);
   if (!row || row->height != exact || row->fingerprint != fingerprint || row->width != width) {
     heights_.insert(key, new Height{fingerprint, width, exact});

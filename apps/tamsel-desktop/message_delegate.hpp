@@ -74,16 +74,14 @@ class MessageDelegate final : public QStyledItemDelegate {
   int contentWidth() const;
   RowDocument* document(const QModelIndex& index, int width) const;
   int estimateHeight(const QModelIndex& index, int width) const;
-  int toolLineCount(const QModelIndex& index) const;
   Geometry geometry(const QRect& rowRect, const QModelIndex& index, int textHeight) const;
   int textHeight(const QModelIndex& index, int width) const;
   QRectF codeRegionRect(RowDocument& doc, int block) const;
   std::vector<QRect> chipRects(const QVariantList& chips, QPoint origin, int width) const;
-  int chipsHeight(const QModelIndex& index, int width) const;
 
   QAbstractItemView* view_;
-  mutable QCache<QString, RowDocument> documents_{minCachedDocuments};
-  // Keyed by the id's hash: a few bytes a row, and only for rows recently drawn.
+  // Both keyed by the id's hash: a few bytes a row, and only for rows recently drawn.
+  mutable QCache<quint64, RowDocument> documents_{minCachedDocuments};
   mutable QCache<quint64, Height> heights_{maxCachedHeights};
   QString focusedChipRow_;
   int focusedChip_ = -1;

@@ -99,6 +99,41 @@ void TranscriptModel::setToolsExpanded(int row, bool expanded) {
 
 void TranscriptModel::toggleTools(int row) { setToolsExpanded(row, !toolsExpanded(row)); }
 
+std::optional<TranscriptModel::RowFacts> TranscriptModel::rowFacts(int row) const {
+  const auto* m = messageAt(row);
+  if (!m) return std::nullopt;
+  RowFacts facts;
+  facts.idHash = fingerprintOf(m->id);
+  facts.fingerprint = keys()[static_cast<std::size_t>(row)].fingerprint;
+  facts.tools = m->toolBlock && !m->toolBlock->tools.empty();
+  facts.toolsExpanded = facts.tools && toolsExpanded(*m);
+  if (facts.toolsExpanded)
+    for (const auto& tool : m->toolBlock->tools)
+      facts.toolLines += tool.preview && !tool.preview->empty() ? 2 : 1;
+  facts.attachments = static_cast<int>(m->attachments.size());
+  return facts;
+}
+
+int TranscriptModel::estimatedTextLines(int row, int charactersPerLine) const {
+  const auto* m = messageAt(row);
+  if (!m) return 1;
+  const std::size_t perLine = static_cast<std::size_t>(std::max(1, charactersPerLine));
+  std::string_view text = m->content;
+  if (text.starts_with(kit::InjectedMessagePrefix::text))
+    text.remove_prefix(kit::InjectedMessagePrefix::text.size());
+  int lines = 0;
+  std::size_t characters = 0;  // in the current paragraph; UTF-8 continuation bytes not counted
+  for (char c : text) {
+    if (c == '\n') {
+      lines += 1 + static_cast<int>(characters / perLine);
+      characters = 0;
+    } else if ((static_cast<unsigned char>(c) & 0xC0) != 0x80) {
+      ++characters;
+    }
+  }
+  return lines + 1 + static_cast<int>(characters / perLine);
+}
+
 void TranscriptModel::refresh() {
   const auto& messages = part_->messages;
   std::vector<RowKey> next;

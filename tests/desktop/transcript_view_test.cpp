@@ -271,7 +271,8 @@ class TranscriptViewTest : public QObject {
     QTest::keyClick(&t.view, Qt::Key_C, Qt::ControlModifier);
     QCOMPARE(clipboard->text(), QString::fromStdString(text));
     // The menu key offers each block of the current message by number.
-    QContextMenuEvent menuKey(QContextMenuEvent::Keyboard, QPoint(1, 1));
+    QContextMenuEvent menuKey(QContextMenuEvent::Keyboard, QPoint(1, 1),
+                              t.view.viewport()->mapToGlobal(QPoint(1, 1)));
     QCoreApplication::sendEvent(t.view.viewport(), &menuKey);
     QVERIFY(menuAction(t.view, QStringLiteral("Copy code block 1")));
     auto* second = menuAction(t.view, QStringLiteral("Copy code block 2"));
