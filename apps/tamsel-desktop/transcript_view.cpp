@@ -7,6 +7,8 @@
 #include <QFileInfo>
 #include <QGuiApplication>
 #include <QMenu>
+#include <QPointer>
+#include <QThreadPool>
 
 #include "message_delegate.hpp"
 #include "transcript_model.hpp"
@@ -58,12 +60,22 @@ void TranscriptView::openAttachment(const QModelIndex& index, int chip) {
     Q_EMIT noticeRequested(tr("“%1” has no copy on this computer to open.").arg(name));
     return;
   }
-  if (!QFileInfo::exists(path)) {
-    Q_EMIT noticeRequested(tr("“%1” is no longer at %2.").arg(name, path));
-    return;
-  }
-  if (!opener_(QUrl::fromLocalFile(path)))
-    Q_EMIT noticeRequested(tr("No application could open “%1” (%2).").arg(name, path));
+  // The file is looked for off the GUI thread (a stalled network mount must not freeze the
+  // window); the answer comes back here.
+  QThreadPool::globalInstance()->start([view = QPointer<TranscriptView>(this), name, path] {
+    const bool exists = QFileInfo::exists(path);
+    QMetaObject::invokeMethod(
+        QCoreApplication::instance(),
+        [view, name, path, exists] {
+          if (!view) return;
+          if (!exists)
+            Q_EMIT view->noticeRequested(tr("“%1” is no longer at %2.").arg(name, path));
+          else if (!view->opener_(QUrl::fromLocalFile(path)))
+            Q_EMIT view->noticeRequested(
+                tr("No application could open “%1” (%2).").arg(name, path));
+        },
+        Qt::QueuedConnection);
+  });
 }
 
 QMenu* TranscriptView::contextMenuAt(const QPoint& point) {
