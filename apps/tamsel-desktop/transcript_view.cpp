@@ -9,6 +9,7 @@
 #include <QMenu>
 #include <QPointer>
 #include <QThreadPool>
+#include <QToolTip>
 
 #include "message_delegate.hpp"
 #include "transcript_model.hpp"
@@ -18,6 +19,8 @@ namespace tamsel::desktopui {
 TranscriptView::TranscriptView(QWidget* parent)
     : QListView(parent), delegate_(new MessageDelegate(this)) {
   setItemDelegate(delegate_);
+  // The pointer shows what can be clicked (tool headers, Copy buttons, file chips).
+  viewport()->setMouseTracking(true);
   opener_ = [](const QUrl& url) { return QDesktopServices::openUrl(url); };
   // Ctrl+C copies the current message as its Markdown source (code blocks included, as typed).
   auto* copy = new QAction(tr("Copy the message"), this);
@@ -136,6 +139,51 @@ void TranscriptView::paintEvent(QPaintEvent* event) {
     delegate_->setVisibleRows((last.isValid() ? last.row() : model()->rowCount() - 1) -
                               first.row() + 1);
   QListView::paintEvent(event);
+}
+
+MessageDelegate::Hit TranscriptView::hitAt(const QPoint& point, QModelIndex* found) const {
+  const auto index = indexAt(point);
+  if (found) *found = index;
+  return index.isValid() ? delegate_->hitTest(visualRect(index), index, point)
+                         : MessageDelegate::Hit{};
+}
+
+void TranscriptView::mouseMoveEvent(QMouseEvent* event) {
+  if (event->buttons() == Qt::NoButton) {
+    using Kind = MessageDelegate::Hit::Kind;
+    const auto kind = hitAt(event->position().toPoint()).kind;
+    const bool clickable =
+        kind == Kind::toolHeader || kind == Kind::copyCode || kind == Kind::attachment;
+    viewport()->setCursor(clickable ? Qt::PointingHandCursor : Qt::ArrowCursor);
+  }
+  QListView::mouseMoveEvent(event);
+}
+
+bool TranscriptView::viewportEvent(QEvent* event) {
+  if (event->type() == QEvent::ToolTip) {
+    using Kind = MessageDelegate::Hit::Kind;
+    auto* help = static_cast<QHelpEvent*>(event);
+    QModelIndex index;
+    const auto hit = hitAt(help->pos(), &index);
+    QString tip;
+    if (hit.kind == Kind::toolHeader)
+      tip = index.data(TranscriptModel::ToolsExpandedRole).toBool() ? tr("Hide the tools")
+                                                                    : tr("Show the tools");
+    else if (hit.kind == Kind::copyCode)
+      tip = tr("Copy this code block");
+    else if (hit.kind == Kind::attachment)
+      tip = index.data(TranscriptModel::AttachmentsRole)
+                .toList()
+                .value(hit.item)
+                .toMap()
+                .value(QStringLiteral("path"))
+                .toString();
+    if (!tip.isEmpty()) {
+      QToolTip::showText(help->globalPos(), tip, viewport());
+      return true;
+    }
+  }
+  return QListView::viewportEvent(event);
 }
 
 void TranscriptView::mousePressEvent(QMouseEvent* event) {

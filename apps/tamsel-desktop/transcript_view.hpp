@@ -43,6 +43,8 @@ class TranscriptView : public QListView {
  protected:
   void paintEvent(QPaintEvent* event) override;
   void mousePressEvent(QMouseEvent* event) override;
+  void mouseMoveEvent(QMouseEvent* event) override;
+  bool viewportEvent(QEvent* event) override;
   void keyPressEvent(QKeyEvent* event) override;
   void contextMenuEvent(QContextMenuEvent* event) override;
   void currentChanged(const QModelIndex& current, const QModelIndex& previous) override;
@@ -50,6 +52,7 @@ class TranscriptView : public QListView {
  private:
   TranscriptModel* transcriptModel() const;
   int chipCount(const QModelIndex& index) const;
+  MessageDelegate::Hit hitAt(const QPoint& point, QModelIndex* index = nullptr) const;
   QMenu* contextMenu(const QModelIndex& index, const MessageDelegate::Hit& hit, bool allBlocks);
   void focusChip(const QModelIndex& index, int chip);
 

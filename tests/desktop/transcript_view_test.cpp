@@ -340,6 +340,11 @@ class TranscriptViewTest : public QObject {
     QVERIFY(!chip0.isEmpty() && !chip1.isEmpty());
     QVERIFY(t.rect(0).contains(chip0) && t.rect(0).contains(chip1));
 
+    // The pointer says a chip can be clicked, and the text cannot.
+    QTest::mouseMove(t.view.viewport(), chip0.center());
+    QTRY_COMPARE(t.view.viewport()->cursor().shape(), Qt::PointingHandCursor);
+    QTest::mouseMove(t.view.viewport(), t.rect(1).center());
+    QTRY_COMPARE(t.view.viewport()->cursor().shape(), Qt::ArrowCursor);
     // A click opens the file itself (once the file is found, off the GUI thread).
     t.click(chip0.center());
     QTRY_COMPARE(opened, std::vector<QUrl>{QUrl::fromLocalFile(present)});
