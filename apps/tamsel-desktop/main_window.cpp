@@ -37,7 +37,6 @@
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
 #include "tamsel/meeting/meeting_job.hpp"
 #include "transcript_model.hpp"
-#include "transcript_view.hpp"
 
 namespace tamsel::desktopui {
 

@@ -89,12 +89,23 @@ MessageDelegate::RowDocument* MessageDelegate::document(const QModelIndex& index
   return doc;
 }
 
+const MessageDelegate::Metrics& MessageDelegate::metrics() const {
+  // Font metrics are dear to build and the list asks every row's size on each layout pass.
+  const QFont& font = view_->font();
+  if (!metrics_ || metrics_->font != font) {
+    const QFontMetrics plain(font), header(boldFont(font));
+    metrics_ =
+        Metrics{font, plain.lineSpacing(), std::max(1, plain.averageCharWidth()), header.height()};
+  }
+  return *metrics_;
+}
+
 int MessageDelegate::estimateHeight(const QModelIndex& index, int width) const {
-  const QFontMetrics metrics(view_->font());
+  const auto& m = metrics();
   const auto* model = qobject_cast<const TranscriptModel*>(index.model());
-  if (!model) return metrics.lineSpacing();
-  const int perLine = std::max(1, width / std::max(1, metrics.averageCharWidth()));
-  return model->estimatedTextLines(index.row(), perLine) * metrics.lineSpacing();
+  if (!model) return m.lineSpacing;
+  const int perLine = std::max(1, width / m.averageCharWidth);
+  return model->estimatedTextLines(index.row(), perLine) * m.lineSpacing;
 }
 
 std::vector<QRect> MessageDelegate::chipRects(const QVariantList& chips, QPoint origin,
@@ -121,13 +132,12 @@ MessageDelegate::Geometry MessageDelegate::geometry(const QRect& rowRect, const 
   Geometry g;
   const auto facts = factsOf(index);
   const int width = contentWidth();
-  const QFontMetrics header(boldFont(view_->font()));
-  const QFontMetrics plain(view_->font());
-  int y = rowRect.top() + kMargin + header.height() + kHeaderGap;
+  const auto& m = metrics();
+  int y = rowRect.top() + kMargin + m.headerHeight + kHeaderGap;
   const int x = rowRect.left() + kMargin;
   if (facts.tools) {
-    g.toolHeader = QRect(x, y, width, plain.lineSpacing() + 2 * kToolPad);
-    y += g.toolHeader.height() + kHeaderGap + facts.toolLines * plain.lineSpacing();
+    g.toolHeader = QRect(x, y, width, m.lineSpacing + 2 * kToolPad);
+    y += g.toolHeader.height() + kHeaderGap + facts.toolLines * m.lineSpacing;
     if (facts.toolLines > 0) y += kHeaderGap;
   }
   g.textOrigin = QPoint(x, y);

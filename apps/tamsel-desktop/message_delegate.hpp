@@ -8,6 +8,7 @@
 #include <QStyledItemDelegate>
 #include <QTextDocument>
 #include <memory>
+#include <optional>
 #include <vector>
 
 class QAbstractItemView;
@@ -71,6 +72,13 @@ class MessageDelegate final : public QStyledItemDelegate {
     QPoint textOrigin;
     std::vector<QRect> chips;
   };
+  struct Metrics {
+    QFont font;
+    int lineSpacing = 0;
+    int averageCharWidth = 1;
+    int headerHeight = 0;
+  };
+  const Metrics& metrics() const;
   int contentWidth() const;
   RowDocument* document(const QModelIndex& index, int width) const;
   int estimateHeight(const QModelIndex& index, int width) const;
@@ -83,6 +91,7 @@ class MessageDelegate final : public QStyledItemDelegate {
   // Both keyed by the id's hash: a few bytes a row, and only for rows recently drawn.
   mutable QCache<quint64, RowDocument> documents_{minCachedDocuments};
   mutable QCache<quint64, Height> heights_{maxCachedHeights};
+  mutable std::optional<Metrics> metrics_;
   QString focusedChipRow_;
   int focusedChip_ = -1;
 };
