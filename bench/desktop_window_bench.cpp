@@ -2,6 +2,7 @@
 // session to first paint and its memory, frame and typing latency while a reply streams at 200
 // tokens a second, and memory after 10 and after 1,000 streamed replies. The transcript list
 // (model, delegate, view) is the window's own; the messages stand in for the controller's.
+#include <malloc.h>
 #include <sys/resource.h>
 
 #include <QApplication>
@@ -19,17 +20,26 @@
 #include "qt_main_executor.hpp"
 #include "tamsel/desktop/chat/chat_parts.hpp"
 #include "transcript_model.hpp"
+#include "transcript_view.hpp"
 
 using namespace tamsel;
 
 namespace {
 
+// Resident memory, after handing freed heap pages back, so the figure is what is in use.
 double residentMB() {
+  malloc_trim(0);
   std::ifstream status("/proc/self/status");
   std::string line;
   while (std::getline(status, line))
     if (line.rfind("VmRSS:", 0) == 0) return std::stod(line.substr(6)) / 1024;
   return 0;
+}
+
+// Small blocks in use and the large ones malloc maps on their own.
+double heapMB() {
+  const auto info = mallinfo2();
+  return static_cast<double>(info.uordblks + info.hblkhd) / 1048576.0;
 }
 
 double percentile(std::vector<double> values, double p) {
@@ -48,10 +58,39 @@ kit::Message message(int i) {
                           "```\nlet x = " +
                           std::to_string(i) + ";\n```\n"
                     : "Question number " + std::to_string(i) + ", about the release plan?";
+  if (i % 10 == 1) {
+    m.toolBlock = kit::ToolBlockSnapshot{};
+    kit::ToolEntrySnapshot tool;
+    tool.id = "t" + std::to_string(i);
+    tool.name = "bash";
+    tool.status = kit::ToolRunStatus::completed;
+    tool.args = "grep -rn item" + std::to_string(i) + " docs/";
+    tool.preview = "docs/plan.md:12: item " + std::to_string(i);
+    m.toolBlock->tools.push_back(tool);
+  }
+  if (i % 20 == 0) {
+    kit::Attachment file;
+    file.filename = "plan-" + std::to_string(i) + ".pdf";
+    file.filePath = "/tmp/plan-" + std::to_string(i) + ".pdf";
+    file.byteSize = 48213;
+    m.attachments.push_back(file);
+  }
   return m;
 }
 
-class TimedListView final : public QListView {
+// The heap a list of messages holds: the records and the text they own.
+std::size_t messageBytes(const std::vector<kit::Message>& messages) {
+  std::size_t bytes = messages.capacity() * sizeof(kit::Message);
+  const auto text = [](const std::string& s) { return s.capacity() > 15 ? s.capacity() + 1 : 0; };
+  for (const auto& m : messages) {
+    bytes += text(m.id) + text(m.author) + text(m.content);
+    bytes += m.attachments.capacity() * sizeof(kit::Attachment);
+    if (m.toolBlock) bytes += m.toolBlock->tools.capacity() * sizeof(kit::ToolEntrySnapshot);
+  }
+  return bytes;
+}
+
+class TimedListView final : public desktopui::TranscriptView {
  public:
   std::vector<double> paints;
   bool painted = false;
@@ -60,7 +99,7 @@ class TimedListView final : public QListView {
   void paintEvent(QPaintEvent* event) override {
     QElapsedTimer timer;
     timer.start();
-    QListView::paintEvent(event);
+    desktopui::TranscriptView::paintEvent(event);
     paints.push_back(timer.nsecsElapsed() / 1e6);
     painted = true;
   }
@@ -75,8 +114,7 @@ struct Transcript {
 struct View {
   explicit View(Transcript& t) : model(t.part) {
     list.setModel(&model);
-    delegate = new desktopui::MessageDelegate(&list);
-    list.setItemDelegate(delegate);
+    delegate = &list.messageDelegate();
     list.setVerticalScrollMode(QAbstractItemView::ScrollPerPixel);
     list.setLayoutMode(QListView::Batched);
     list.setBatchSize(200);
@@ -125,6 +163,15 @@ void longSession(base::MainExecutor& main) {
       "  resident: %.1f MB before, %.1f MB with the messages, %.1f MB with the view "
       "settled (%d laid-out rows kept)\n",
       before, withMessages, residentMB(), view.delegate->cachedDocuments());
+  // A row whose height changes (a reply growing by a line) makes the list ask every row's size.
+  QElapsedTimer pass;
+  pass.start();
+  const QStyleOptionViewItem option;
+  long long height = 0;
+  for (int row = 0; row < view.model.rowCount(); ++row)
+    height += view.delegate->sizeHint(option, view.model.index(row)).height();
+  std::printf("  a layout pass over the 10,000 rows (each row's size asked once): %.1f ms%s\n",
+              pass.nsecsElapsed() / 1e6, height > 0 ? "" : " (no height?)");
 }
 
 void streaming(base::MainExecutor& main) {
@@ -133,6 +180,7 @@ void streaming(base::MainExecutor& main) {
   auto reply = message(201);
   reply.id = "stream-1";
   reply.content.clear();
+  reply.toolBlock->tools.front().status = kit::ToolRunStatus::running;  // open while it runs
   t.part.edit().messages.push_back(reply);
   View view(t);
   view.list.show();
@@ -195,6 +243,8 @@ void manyReplies(base::MainExecutor& main) {
   View view(t);
   view.list.show();
   double after10 = 0;
+  std::size_t messagesAt10 = 0;
+  double heapAt10 = 0;
   for (int r = 1; r <= 1000; ++r) {
     auto user = message(2 * r);
     t.part.edit().messages.push_back(user);
@@ -210,14 +260,29 @@ void manyReplies(base::MainExecutor& main) {
     t.part.edit().messages.back().id = "file-" + std::to_string(r);
     view.list.scrollToBottom();
     QCoreApplication::processEvents();
-    if (r == 10) after10 = residentMB();
+    if (r == 10) {
+      after10 = residentMB();
+      heapAt10 = heapMB();
+      messagesAt10 = messageBytes(t.part->messages);
+    }
   }
   waitForPaint(view.list);
+  const double messages = (messageBytes(t.part->messages) - messagesAt10) / 1048576.0;
+  const double after1000 = residentMB();
   std::printf(
-      "memory after 10 streamed replies %.1f MB, after 1,000 %.1f MB "
-      "(transcript then %d rows; laid-out rows kept: %d, bound %d)\n",
-      after10, residentMB(), view.model.rowCount(), view.delegate->cachedDocuments(),
-      desktopui::MessageDelegate::maxCachedDocuments);
+      "memory after 10 streamed replies %.1f MB, after 1,000 %.1f MB: %.1f MB more, of which "
+      "%.1f MB the 1,980 added messages themselves, %.1f MB the rest\n",
+      after10, after1000, after1000 - after10, messages, after1000 - after10 - messages);
+  std::printf(
+      "  heap in use %.2f MB more: %.2f MB beyond the messages themselves, %.0f bytes a row "
+      "(the list model's key takes %zu)\n",
+      heapMB() - heapAt10, heapMB() - heapAt10 - messages,
+      (heapMB() - heapAt10 - messages) * 1048576.0 / 1980, sizeof(desktopui::RowKey));
+  std::printf(
+      "  transcript then %d rows; laid-out rows kept %d (bound %d), measured heights kept %d "
+      "(bound %d)\n",
+      view.model.rowCount(), view.delegate->cachedDocuments(), view.delegate->documentBound(),
+      view.delegate->cachedHeights(), desktopui::MessageDelegate::maxCachedHeights);
 }
 
 }  // namespace

@@ -63,6 +63,9 @@ const std::vector<ShortcutHelp>& shortcutTable() {
       {"Ctrl+L", "go to the message field"},
       {"Ctrl+1 / Ctrl+2", "go to the sessions / the transcript"},
       {"Ctrl+C (in the transcript)", "copy the selected message (its Markdown)"},
+      {"Space / Enter (in the transcript)", "open or close a reply's tools; Enter opens a file"},
+      {"Left / Right (in the transcript)", "move between a message's files"},
+      {"Menu key (in the transcript)", "copy one of the message's code blocks, or the message"},
       {"Ctrl+PgUp / Ctrl+PgDown", "previous / next session"},
       {"Alt+O, Alt+S, Alt+A, Alt+D", "approve once, for the session, always; deny"},
       {"Alt+N / Alt+E", "answer / decline a question"},
@@ -169,11 +172,11 @@ MainWindow::MainWindow(app::DesktopServices& services, QDBusConnection notificat
 
   // Conversation.
   transcriptModel_ = new TranscriptModel(vm_->transcript(), this);
-  transcript_ = new QListView(this);
+  transcript_ = new TranscriptView(this);
   transcript_->setAccessibleName(tr("Transcript"));
   transcript_->setModel(transcriptModel_);
-  delegate_ = new MessageDelegate(transcript_);
-  transcript_->setItemDelegate(delegate_);
+  delegate_ = &transcript_->messageDelegate();
+  connect(transcript_, &TranscriptView::noticeRequested, this, &MainWindow::showNotice);
   transcript_->setVerticalScrollMode(QAbstractItemView::ScrollPerPixel);
   transcript_->setResizeMode(QListView::Adjust);
   transcript_->setWordWrap(true);
@@ -379,17 +382,6 @@ void MainWindow::buildActions() {
   add(QKeySequence(Qt::SHIFT | Qt::Key_F1), tr("About Tamsel Desktop"), [this] { showAbout(); });
   add(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_D), tr("Export diagnostics"),
       [this] { exportDiagnosticsFile(); });
-  // Ctrl+C in the transcript copies the selected message as its Markdown source (code blocks
-  // included, as typed).
-  auto* copy = new QAction(tr("Copy the message"), transcript_);
-  copy->setShortcut(QKeySequence::Copy);
-  copy->setShortcutContext(Qt::WidgetShortcut);
-  transcript_->addAction(copy);
-  connect(copy, &QAction::triggered, this, [this] {
-    const auto index = transcript_->currentIndex();
-    if (index.isValid())
-      QGuiApplication::clipboard()->setText(index.data(TranscriptModel::MarkdownRole).toString());
-  });
   add(QKeySequence(Qt::CTRL | Qt::Key_Comma), tr("Settings"), [this] { showSettings(); });
   add(QKeySequence(Qt::CTRL | Qt::Key_M), tr("Meetings"), [this] { toggleMeetings(); });
   add(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_A), tr("Always allowed tools"),

@@ -13,6 +13,7 @@
 
 #include "tamsel/app/desktop_services.hpp"
 #include "tamsel/base/signal.hpp"
+#include "transcript_view.hpp"
 
 class QComboBox;
 class QDockWidget;
@@ -72,7 +73,7 @@ class MainWindow final : public QMainWindow {
   EngineBar& engineBar() { return *engineBar_; }
   Composer& composer() { return *composer_; }
   AttachmentTray& attachmentTray() { return *attachments_; }
-  QListView& transcriptView() { return *transcript_; }
+  TranscriptView& transcriptView() { return *transcript_; }
   TranscriptModel& transcriptModel() { return *transcriptModel_; }
   QListView& sessionView() { return *sessions_; }
   QLineEdit& searchField() { return *search_; }
@@ -157,7 +158,7 @@ class MainWindow final : public QMainWindow {
   QPushButton* newSession_;
   QListView* sessions_;
   SessionListModel* sessionModel_;
-  QListView* transcript_;
+  TranscriptView* transcript_;
   TranscriptModel* transcriptModel_;
   MessageDelegate* delegate_;
   QLabel* status_;
