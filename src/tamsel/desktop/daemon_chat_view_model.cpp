@@ -499,6 +499,7 @@ struct DaemonChatViewModel::Impl : std::enable_shared_from_this<DaemonChatViewMo
     disk.reserve(result.messages.size());
     for (const auto& m : result.messages)
       disk.push_back(ChatTranscriptState::fromSessionMessage(m));
+    ChatTranscriptState::attachDeliverables(disk, result.deliverables);
     shown.joinFromDisk(std::move(disk));
     shown.totalSessionMessageCount = static_cast<std::int64_t>(result.messages.size());
     shown.optimisticLoadedMessageCount = 0;

@@ -1,6 +1,7 @@
 // The chat controller on session files alone (no engine): loads, stale loads and the cache.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <boost/asio/io_context.hpp>
 
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
@@ -30,6 +31,29 @@ TEST_F(ChatViewModelFiles, ASessionLoadsFromItsFile) {
   ASSERT_EQ(vm.messages().size(), 6u);
   EXPECT_EQ(vm.messages()[1].toolBlock->tools.size(), 3u);
   EXPECT_EQ(vm.currentSessionTitle(), "Plan the 0.3 release");
+}
+
+TEST_F(ChatViewModelFiles, AFileTheAgentDeliveredIsAttachedToTheReplyThatDeliveredIt) {
+  vm.selectAgent("researcher");
+  vm.selectSession("s_sources");
+  settle();
+  const auto& messages = vm.messages();
+  const auto delivering = std::find_if(messages.begin(), messages.end(), [](const auto& m) {
+    return m.toolBlock && !m.toolBlock->tools.empty() &&
+           m.toolBlock->tools.back().toolUseId == "dl_1";
+  });
+  ASSERT_NE(delivering, messages.end());
+  ASSERT_EQ(delivering->attachments.size(), 1u);
+  const auto& file = delivering->attachments[0];
+  EXPECT_EQ(file.filename, "sources.md");
+  EXPECT_EQ(file.filePath, "/home/dev/out/sources.md");
+  EXPECT_EQ(file.mimeType, "text/markdown");
+  EXPECT_EQ(file.kind, kit::Attachment::Kind::fileRef);
+  // Only there: no other reply carries it.
+  EXPECT_EQ(std::count_if(
+                messages.begin(), messages.end(),
+                [](const auto& m) { return m.author == "assistant" && !m.attachments.empty(); }),
+            1);
 }
 
 TEST_F(ChatViewModelFiles, ALoadOvertakenByANewerSelectionIsDiscarded) {

@@ -1,6 +1,7 @@
 #include "tamsel/desktop/chat/chat_parts.hpp"
 
 #include <algorithm>
+#include <filesystem>
 
 #include "tamsel/base/json.hpp"
 #include "tamsel/base/strings.hpp"
@@ -92,6 +93,38 @@ std::string ChatTranscriptState::mergeKey(const std::string& role, const std::st
   for (char c : content)
     if (c != ' ' && c != '\n' && c != '\t' && c != '\r') key.push_back(c);
   return key;
+}
+
+void ChatTranscriptState::attachDeliverables(
+    std::vector<kit::Message>& messages,
+    const std::vector<bridge::ReloadedDeliverable>& delivered) {
+  for (const auto& d : delivered) {
+    const auto& r = d.resource;
+    if (!r.filePath) continue;
+    const auto named = [&](const kit::Message& m) {
+      if (!m.toolBlock) return false;
+      return std::any_of(
+          m.toolBlock->tools.begin(), m.toolBlock->tools.end(),
+          [&](const kit::ToolEntrySnapshot& t) { return t.toolUseId == d.toolUseID; });
+    };
+    auto target = std::find_if(messages.rbegin(), messages.rend(), named);
+    if (target == messages.rend())
+      target = std::find_if(messages.rbegin(), messages.rend(),
+                            [](const kit::Message& m) { return m.author == "assistant"; });
+    if (target == messages.rend()) continue;
+    kit::Attachment file;
+    file.id = "delivered-" + r.id;
+    if (std::any_of(target->attachments.begin(), target->attachments.end(),
+                    [&](const kit::Attachment& a) { return a.id == file.id; }))
+      continue;
+    file.kind = r.mimeType && base::startsWith(*r.mimeType, "image/")
+                    ? kit::Attachment::Kind::image
+                    : kit::Attachment::Kind::fileRef;
+    file.filename = std::filesystem::path(*r.filePath).filename().string();
+    file.mimeType = r.mimeType;
+    file.filePath = r.filePath;
+    target->attachments.push_back(std::move(file));
+  }
 }
 
 kit::Message ChatTranscriptState::fromSessionMessage(const bridge::SessionMessage& m) {

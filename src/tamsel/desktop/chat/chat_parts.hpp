@@ -145,6 +145,10 @@ struct ChatTranscriptState {
   void joinFromDisk(std::vector<kit::Message> disk);
 
   static kit::Message fromSessionMessage(const bridge::SessionMessage& m);
+  // Files the agent delivered become attachments of the reply whose tool delivered them (the
+  // last reply when no tool entry names it), so they show and open like the user's own.
+  static void attachDeliverables(std::vector<kit::Message>& messages,
+                                 const std::vector<bridge::ReloadedDeliverable>& delivered);
   // Role and text with white space removed, so a reply built from streamed deltas matches the same
   // reply read back from the file, whose text blocks are joined differently.
   static std::string mergeKey(const std::string& role, const std::string& content);
