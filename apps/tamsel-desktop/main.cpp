@@ -180,10 +180,14 @@ int main(int argc, char** argv) {
       window.repaint();
       const auto path = QDir(screenshotDir).filePath(QStringLiteral("screen-%1.png").arg(++shot));
       // The screen's pixels where the platform gives them (X11); Wayland does not let a client
-      // read the screen, so there the window renders itself.
-      auto* screen = window.screen();
-      QPixmap picture = screen ? screen->grabWindow(window.winId()) : QPixmap();
-      if (picture.isNull()) picture = window.grab();
+      // read the screen, so there the window renders itself. A dialog in front (settings, the
+      // always-allowed tools) is what is on screen, so it is the picture; the text report below
+      // lists its controls with the window's, as they are its children.
+      QWidget* front = QApplication::activeModalWidget();
+      if (!front) front = &window;
+      auto* screen = front->screen();
+      QPixmap picture = screen ? screen->grabWindow(front->winId()) : QPixmap();
+      if (picture.isNull()) picture = front->grab();
       const bool saved = picture.save(path);
       if (QFile report(QDir(screenshotDir).filePath(QStringLiteral("screen-%1.txt").arg(shot)));
           report.open(QIODevice::WriteOnly | QIODevice::Truncate))

@@ -2,9 +2,9 @@
 """The real tamsel-desktop on an X server this script starts (Xvfb, no TCP, a free display),
 against the engine simulator the window starts itself: a short conversation typed with real X
 key events, an approval answered by clicking its button, a queued message, a search that finds
-a session by the text of its messages, a short meeting recorded from a test audio server and
-sealed, the window summoned back by a double tap of Alt after another client took the keyboard,
-then quit. Each step saves a screenshot (kept in $TAMSEL_SCREENSHOT_DIR, else a temporary
+a session by the text of its messages, the settings and the always-allowed tools, a short
+meeting recorded from a test audio server and sealed, the window summoned back by a double tap
+of Alt after another client took the keyboard, then quit. Each step saves a screenshot (kept in $TAMSEL_SCREENSHOT_DIR, else a temporary
 folder) that must not be blank and whose screen text must hold the step's key texts."""
 import os
 import shutil
@@ -71,7 +71,7 @@ def png_pixels(path):
     return width, height, bpp, rows
 
 
-def check_not_blank(path):
+def check_not_blank(path, min_width=600, min_height=400):
     width, height, bpp, rows = png_pixels(path)
     colours, background, counts = set(), None, 0
     for y in range(0, height, 2):
@@ -82,7 +82,7 @@ def check_not_blank(path):
             background = background or px
             counts += px != background
     samples = (height // 2) * (width // 2)
-    assert width >= 600 and height >= 400, (path, width, height)
+    assert width >= min_width and height >= min_height, (path, width, height)
     assert len(colours) >= 16, f"{path}: only {len(colours)} colours"
     assert counts > samples * 0.05, f"{path}: {counts} of {samples} samples differ from the corner"
 
@@ -227,6 +227,24 @@ def main():
         assert "Plan the 0.3 release" not in report, report
         xdo("key", "ctrl+a", "BackSpace")
         png, report = screen.wait_for("Plan the 0.3 release")
+
+        # The settings and the always-allowed tools: dialogs in front of the window.
+        xdo("key", "ctrl+comma")
+        png, report = screen.wait_for("Summon hotkey", "Let the engine use my calendars",
+                                      "Personal — local")
+        check_not_blank(png, 300, 300)
+        xdo("key", "Escape")
+        # No window manager gives the focus back when a dialog closes: a click does.
+        x, y = position(report, "text", "")
+        xdo("mousemove", "--sync", x, y, "click", "1")
+        xdo("key", "ctrl+shift+a")
+        png, report = screen.wait_for("The agents use these tools without asking.")
+        check_not_blank(png, 200, 100)
+        xdo("key", "Escape")
+        png, report = screen.wait_for("Plan the 0.3 release")
+        assert "Let the engine use my calendars" not in report, report
+        x, y = position(report, "text", "")
+        xdo("mousemove", "--sync", x, y, "click", "1")
 
         if audio:
             record_meeting(screen, report, xdo, audio, home)
