@@ -277,6 +277,9 @@ class InteractiveChat(unittest.TestCase):
         self.assertTrue(self.screen().rstrip().endswith("main>"), "the key never reached the line")
 
         self.keys("half typed")
+        # Ctrl-C arrives as a signal, ahead of typed keys still waiting to be read: a person's
+        # Ctrl-C comes after the text is on screen, and so does this one.
+        self.wait_for("main> half typed")
         self.keys("C-c")
         time.sleep(0.5)
         self.assertTrue(self.screen().rstrip().endswith("main>"), self.screen())
