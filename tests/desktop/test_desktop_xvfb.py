@@ -257,8 +257,16 @@ def main():
             screen.wait_for("window\tinactive\t")
             xdo("type", "--delay", "15", "elsewhere")
             keys("+Alt_L", "-Alt_L", "sleep:100", "+Alt_L", "-Alt_L")
-            # Summoned: what the user types next lands in the message field.
-            time.sleep(0.5)
+            # Summoned: the X server gives our window the keyboard, and what the user types next
+            # lands in the message field.
+            deadline = time.time() + 15
+            while True:
+                focus = subprocess.run(["xdotool", "getwindowfocus", "getwindowname"], env=env,
+                                       capture_output=True, text=True).stdout
+                if focus.rstrip().endswith("Tamsel"):
+                    break
+                assert time.time() < deadline, f"the double tap did not bring the window: {focus!r}"
+                time.sleep(0.1)
             xdo("type", "--delay", "15", "summoned")
             png, report = screen.wait_for("text\tsummoned\t")
             check_not_blank(png)
