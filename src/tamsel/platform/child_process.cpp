@@ -190,19 +190,28 @@ asio::awaitable<ExitStatus> Process::waitForExit() {
   co_return *exited_;
 }
 
-CommandResult runToCompletion(const fs::path& executable, const std::vector<std::string>& arguments,
-                              bool collectOutput, double timeLimitSeconds) {
+namespace {
+
+// Which of a child's output streams go into a pipe for the caller: none (standard output to
+// /dev/null), standard output alone, or both. Standard error not captured is inherited.
+enum class Capture { none, output, outputAndErrors };
+
+// Starts `executable` with standard input from /dev/null; returns its PID and the read end of the
+// pipe its captured streams go to (-1 when nothing is captured).
+std::pair<pid_t, int> spawnCapturing(const fs::path& executable,
+                                     const std::vector<std::string>& arguments, Capture capture) {
   int pipeFds[2] = {-1, -1};
+  if (capture != Capture::none && ::pipe2(pipeFds, O_CLOEXEC) != 0)
+    throw std::system_error(errno, std::generic_category(), "pipe");
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  if (collectOutput) {
-    if (::pipe2(pipeFds, O_CLOEXEC) != 0)
-      throw std::system_error(errno, std::generic_category(), "pipe");
-    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
-  } else {
+  if (capture == Capture::none)
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-  }
+  else
+    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
+  if (capture == Capture::outputAndErrors)
+    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDERR_FILENO);
   std::vector<std::string> argv{executable.string()};
   argv.insert(argv.end(), arguments.begin(), arguments.end());
   pid_t pid = 0;
@@ -210,25 +219,34 @@ CommandResult runToCompletion(const fs::path& executable, const std::vector<std:
     pid = spawn(executable, std::move(argv), currentEnvironment(), &actions, false);
   } catch (...) {
     posix_spawn_file_actions_destroy(&actions);
-    if (collectOutput) {
+    if (capture != Capture::none) {
       ::close(pipeFds[0]);
       ::close(pipeFds[1]);
     }
     throw;
   }
   posix_spawn_file_actions_destroy(&actions);
+  if (capture != Capture::none) ::close(pipeFds[1]);
+  return {pid, pipeFds[0]};
+}
+
+}  // namespace
+
+CommandResult runToCompletion(const fs::path& executable, const std::vector<std::string>& arguments,
+                              bool collectOutput, double timeLimitSeconds) {
+  const auto [pid, output] =
+      spawnCapturing(executable, arguments, collectOutput ? Capture::output : Capture::none);
 
   CommandResult result;
   const auto deadline = std::chrono::steady_clock::now() +
                         std::chrono::milliseconds(static_cast<long long>(timeLimitSeconds * 1000));
   bool killed = false;
   if (collectOutput) {
-    ::close(pipeFds[1]);
     char buffer[4096];
     while (true) {
       const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
           deadline - std::chrono::steady_clock::now());
-      pollfd p{pipeFds[0], POLLIN, 0};
+      pollfd p{output, POLLIN, 0};
       const int ready = ::poll(&p, 1, static_cast<int>(std::max<long long>(0, left.count())));
       if (ready == 0) {
         ::kill(pid, SIGKILL);
@@ -236,12 +254,12 @@ CommandResult runToCompletion(const fs::path& executable, const std::vector<std:
         break;
       }
       if (ready < 0 && errno == EINTR) continue;
-      const ssize_t n = ::read(pipeFds[0], buffer, sizeof buffer);
+      const ssize_t n = ::read(output, buffer, sizeof buffer);
       if (n < 0 && errno == EINTR) continue;
       if (n <= 0) break;
       result.output.append(buffer, static_cast<size_t>(n));
     }
-    ::close(pipeFds[0]);
+    ::close(output);
   }
   int status = 0;
   while (true) {
@@ -263,27 +281,7 @@ CommandResult runToCompletion(const fs::path& executable, const std::vector<std:
 
 CommandResult runCancellable(const fs::path& executable, const std::vector<std::string>& arguments,
                              const std::atomic<bool>* cancel, double graceSeconds) {
-  int pipeFds[2] = {-1, -1};
-  if (::pipe2(pipeFds, O_CLOEXEC) != 0)
-    throw std::system_error(errno, std::generic_category(), "pipe");
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDERR_FILENO);
-  std::vector<std::string> argv{executable.string()};
-  argv.insert(argv.end(), arguments.begin(), arguments.end());
-  pid_t pid = 0;
-  try {
-    pid = spawn(executable, std::move(argv), currentEnvironment(), &actions, false);
-  } catch (...) {
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(pipeFds[0]);
-    ::close(pipeFds[1]);
-    throw;
-  }
-  posix_spawn_file_actions_destroy(&actions);
-  ::close(pipeFds[1]);
+  const auto [pid, output] = spawnCapturing(executable, arguments, Capture::outputAndErrors);
 
   CommandResult result;
   std::optional<std::chrono::steady_clock::time_point> killAt;
@@ -299,16 +297,16 @@ CommandResult runCancellable(const fs::path& executable, const std::vector<std::
       ::kill(pid, SIGKILL);
       killAt = std::chrono::steady_clock::time_point::max();
     }
-    pollfd p{pipeFds[0], POLLIN, 0};
+    pollfd p{output, POLLIN, 0};
     const int ready = ::poll(&p, 1, 200);
     if (ready < 0 && errno == EINTR) continue;
     if (ready <= 0) continue;
-    const ssize_t n = ::read(pipeFds[0], buffer, sizeof buffer);
+    const ssize_t n = ::read(output, buffer, sizeof buffer);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
     result.output.append(buffer, static_cast<size_t>(n));
   }
-  ::close(pipeFds[0]);
+  ::close(output);
   int status = 0;
   while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
