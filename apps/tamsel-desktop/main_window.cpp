@@ -604,24 +604,16 @@ void MainWindow::refreshStatus() {
   stopButton_->setEnabled(vm_->isStreamActive());
 }
 
-void MainWindow::send() {
+void MainWindow::send() { submitComposer(false); }
+
+void MainWindow::inject() { submitComposer(true); }
+
+void MainWindow::submitComposer(bool inject) {
   const auto text = composer_->toPlainText();
   auto files = vm_->composerAttachments();
   if (text.trimmed().isEmpty() && files.empty()) return;
   // Refused (an attached file is gone): the text and the files stay for the user to fix.
-  const auto outcome = vm_->submit(text.toStdString(), false, std::move(files));
-  if (outcome == DaemonChatViewModel::SubmitOutcome::ignored ||
-      outcome == DaemonChatViewModel::SubmitOutcome::refused)
-    return;
-  composer_->clear();
-  attachments_->refresh();
-}
-
-void MainWindow::inject() {
-  const auto text = composer_->toPlainText();
-  auto files = vm_->composerAttachments();
-  if (text.trimmed().isEmpty() && files.empty()) return;
-  const auto outcome = vm_->submit(text.toStdString(), true, std::move(files));
+  const auto outcome = vm_->submit(text.toStdString(), inject, std::move(files));
   if (outcome == DaemonChatViewModel::SubmitOutcome::ignored ||
       outcome == DaemonChatViewModel::SubmitOutcome::refused)
     return;

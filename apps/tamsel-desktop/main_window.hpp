@@ -107,6 +107,7 @@ class MainWindow final : public QMainWindow {
  public Q_SLOTS:
   void send();
   void inject();
+  void submitComposer(bool inject);
   void newSession();
   void cancelReply();
   // Stops the running reply and sends the queue and the typed text as one message.

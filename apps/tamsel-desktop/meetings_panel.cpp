@@ -230,13 +230,13 @@ void MeetingsPanel::onEvent(const MeetingControllerEvent& event) {
   const auto text = QString::fromStdString(event.text);
   switch (event.kind) {
     case Kind::detection:
-      // The event's text is for logs ("none", "ambiguous", an id and PID): say it in words.
+      // The event's text is for logs (an id and PID): say it in words.
       if (!controller_ || !controller_->recording()) {
         if (event.identity) {
           const auto family = meeting::toString(event.identity->family);
           state_->setText(tr("Not recording — %1 is using the microphone")
                               .arg(QString::fromUtf8(family.data(), int(family.size()))));
-        } else if (event.text == "ambiguous") {
+        } else if (event.ambiguous) {
           state_->setText(
               tr("Not recording — more than one meeting application is using the "
                  "microphone"));

@@ -15,6 +15,7 @@
 #include <boost/asio/write.hpp>
 #include <thread>
 
+#include "../unit/message_support.hpp"
 #include "composer.hpp"
 #include "keyed_list_model.hpp"
 #include "qt_main_executor.hpp"
@@ -41,13 +42,7 @@ struct Part {
   desktop::ChatPart<desktop::ChatTranscriptState> part;
 };
 
-kit::Message message(std::string id, std::string author, std::string content) {
-  kit::Message m;
-  m.id = std::move(id);
-  m.author = std::move(author);
-  m.content = std::move(content);
-  return m;
-}
+using test::message;
 
 }  // namespace
 

@@ -12,6 +12,7 @@
 #include <boost/json/serialize.hpp>
 #include <fstream>
 
+#include "../unit/message_support.hpp"
 #include "code_blocks.hpp"
 #include "message_delegate.hpp"
 #include "qt_main_executor.hpp"
@@ -27,13 +28,7 @@ using desktopui::TranscriptView;
 
 namespace {
 
-kit::Message message(std::string id, std::string author, std::string content) {
-  kit::Message m;
-  m.id = std::move(id);
-  m.author = std::move(author);
-  m.content = std::move(content);
-  return m;
-}
+using test::message;
 
 kit::ToolEntrySnapshot tool(std::string id, std::string name, kit::ToolRunStatus status,
                             std::string args, std::string preview = {}) {

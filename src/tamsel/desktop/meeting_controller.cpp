@@ -145,6 +145,7 @@ struct MeetingController::Impl : std::enable_shared_from_this<Impl> {
       lastDetection = detection;
       MeetingControllerEvent event{Kind::detection, describe(detection)};
       if (const auto* identity = detection.identity()) event.identity = *identity;
+      event.ambiguous = detection.isAmbiguous();
       emit(std::move(event));
     }
     std::erase_if(declined, [&](const auto& id) { return !runningInput(id, snapshot); });

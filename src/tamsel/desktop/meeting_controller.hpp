@@ -64,6 +64,7 @@ struct MeetingControllerEvent {
   Kind kind;
   std::string text;
   std::optional<meeting::MeetingApplicationIdentity> identity;
+  bool ambiguous = false;  // a detection: more than one meeting application, none chosen
   std::optional<std::filesystem::path> folder;
   std::optional<meeting::MeetingJobRecord> job;
   std::optional<base::Timestamp> deadline;

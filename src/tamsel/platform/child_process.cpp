@@ -230,6 +230,18 @@ std::pair<pid_t, int> spawnCapturing(const fs::path& executable,
   return {pid, pipeFds[0]};
 }
 
+// One read of what the pipe holds, appended to `into`; false once it is closed.
+bool readSome(int fd, std::string& into) {
+  char buffer[4096];
+  ssize_t n = 0;
+  do {
+    n = ::read(fd, buffer, sizeof buffer);
+  } while (n < 0 && errno == EINTR);
+  if (n <= 0) return false;
+  into.append(buffer, static_cast<std::size_t>(n));
+  return true;
+}
+
 }  // namespace
 
 CommandResult runToCompletion(const fs::path& executable, const std::vector<std::string>& arguments,
@@ -242,7 +254,6 @@ CommandResult runToCompletion(const fs::path& executable, const std::vector<std:
                         std::chrono::milliseconds(static_cast<long long>(timeLimitSeconds * 1000));
   bool killed = false;
   if (collectOutput) {
-    char buffer[4096];
     while (true) {
       const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
           deadline - std::chrono::steady_clock::now());
@@ -254,10 +265,7 @@ CommandResult runToCompletion(const fs::path& executable, const std::vector<std:
         break;
       }
       if (ready < 0 && errno == EINTR) continue;
-      const ssize_t n = ::read(output, buffer, sizeof buffer);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) break;
-      result.output.append(buffer, static_cast<size_t>(n));
+      if (!readSome(output, result.output)) break;
     }
     ::close(output);
   }
@@ -285,7 +293,6 @@ CommandResult runCancellable(const fs::path& executable, const std::vector<std::
 
   CommandResult result;
   std::optional<std::chrono::steady_clock::time_point> killAt;
-  char buffer[4096];
   // Output until the pipe closes, looking at the cancel flag five times a second.
   while (true) {
     if (!killAt && cancel && cancel->load()) {
@@ -301,10 +308,7 @@ CommandResult runCancellable(const fs::path& executable, const std::vector<std::
     const int ready = ::poll(&p, 1, 200);
     if (ready < 0 && errno == EINTR) continue;
     if (ready <= 0) continue;
-    const ssize_t n = ::read(output, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    result.output.append(buffer, static_cast<size_t>(n));
+    if (!readSome(output, result.output)) break;
   }
   ::close(output);
   int status = 0;

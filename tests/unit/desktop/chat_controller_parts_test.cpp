@@ -9,6 +9,7 @@
 #include <deque>
 #include <fstream>
 
+#include "../message_support.hpp"
 #include "../test_support.hpp"
 #include "tamsel/desktop/chat/message_attachments.hpp"
 #include "tamsel/desktop/daemon_chat_view_model.hpp"
@@ -21,13 +22,7 @@ namespace asio = boost::asio;
 
 // ---------------------------------------------------------------- the parts on their own
 
-kit::Message message(std::string id, std::string author, std::string content) {
-  kit::Message m;
-  m.id = std::move(id);
-  m.author = std::move(author);
-  m.content = std::move(content);
-  return m;
-}
+using test::message;
 
 TEST(ChatTranscriptState, JoinsTheFileKeepingIdsAndReplacingWhatWasBuiltWhileStreaming) {
   ChatTranscriptState shown;
