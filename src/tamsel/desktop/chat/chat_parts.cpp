@@ -47,13 +47,9 @@ void ChatSidebarState::finishedUnseen(const std::string& id) {
   partialSessions.erase(id);
 }
 
-bool ChatSidebarState::replyEnded(const std::string& id) {
+void ChatSidebarState::replyEnded(const std::string& id) {
   for (auto& s : sessions)
-    if (s.id == id && s.inProgress.value_or(false)) {
-      s.inProgress = false;
-      return true;
-    }
-  return false;
+    if (s.id == id) s.inProgress = false;
 }
 
 bool ChatSidebarState::opened(const std::string& id, bool stillRunning) {

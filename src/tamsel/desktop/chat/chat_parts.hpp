@@ -113,8 +113,8 @@ struct ChatSidebarState {
   // A reply finished while the user looked elsewhere: unread, and no longer only partly seen.
   void finishedUnseen(const std::string& id);
   // Our reply in `id` ended: the engine's "in progress" from a listing made while it ran is
-  // stale now. True when a listed session changed.
-  bool replyEnded(const std::string& id);
+  // stale now.
+  void replyEnded(const std::string& id);
   // The user opened the session; true when what is kept changed.
   bool opened(const std::string& id, bool stillRunning);
 
